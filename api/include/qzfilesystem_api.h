@@ -1,0 +1,706 @@
+/*
+ * qzfilesystem_api.h - public interface of libqzfs.
+ *
+ * libqzfs keeps the frames of a multi-channel video recorder on raw block
+ * devices.  The application reaches it only through the flat functions
+ * declared here (api_qzfs_...), the records they take and return, and a few
+ * exported globals.
+ *
+ * Conventions of this interface:
+ *  - Functions return 0 (or a count, a descriptor, a handle) for success and
+ *    a negative value for failure; nothing is thrown.
+ *  - Before api_qzfs_init() every function returns its "not initialised"
+ *    result at once: -1, a null handle for the two handle-returning calls,
+ *    and -1 as long long for the two size calls.
+ *  - Years are counted from 2000 (0..99).  Times have one-second resolution.
+ *  - `unsigned long` is 32 bits on the target (32-bit ARM); the records below
+ *    use fixed-width types wherever their width is part of the format.
+ */
+#ifndef QZFILESYSTEM_API_H
+#define QZFILESYSTEM_API_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+/* The library is built with -fvisibility=hidden; this marks what is exported. */
+#define QZFS_API __attribute__((visibility("default")))
+
+/* ------------------------------------------------------------------------ */
+/* Constants                                                                 */
+/* ------------------------------------------------------------------------ */
+
+#define K4T_FS_TRUE  1
+#define K4T_FS_FALSE 0
+#define K4T_FS_NULL  nullptr
+
+/* Bit 0 of the read flag of an open: at the end of a segment the reader goes
+ * on into the next segment of the same channel and day, on the same ossfd. */
+#define QZFS_K4T_OSF_CONTINUE 1
+
+/* Byte order of the running system and of a disk. */
+enum _fs_endian_ {
+    FS_ENDIAN_UNKNOWN = 0,
+    FS_LITTLE_ENDIAN  = 1,
+    FS_BIG_ENDIAN     = 2
+};
+
+/* What a search by time accepts when the moment lies in no segment (or, one
+ * level down, on no I-frame).
+ *
+ *  value | name                     | accepts                     | among several
+ *  ------+--------------------------+-----------------------------+---------------------------
+ *    0   | FS_FIND_NEAR_PREFER_NEXT | inside, earlier or later    | a later one beats an earlier
+ *    1   | FS_FIND_NEAR_PREFER_PREV | inside, earlier or later    | an earlier one beats a later
+ *    2   | FS_FIND_AT_OR_PREV       | inside or earlier           | the nearest earlier
+ *    3   | FS_FIND_AT_OR_NEXT       | inside or later             | the nearest later
+ *    4   | FS_FIND_EXACT            | inside only                 |
+ *    5   | FS_FIND_NEXT             | inside or later, never one  | the nearest later
+ *        |                          | ending exactly at the moment|
+ *    6   | FS_FIND_PREV             | inside or earlier, never one| the nearest earlier
+ *        |                          | starting exactly at it      |
+ */
+enum _fs_find_policy_ {
+    FS_FIND_NEAR_PREFER_NEXT = 0,
+    FS_FIND_NEAR_PREFER_PREV = 1,
+    FS_FIND_AT_OR_PREV       = 2,
+    FS_FIND_AT_OR_NEXT       = 3,
+    FS_FIND_EXACT            = 4,
+    FS_FIND_NEXT             = 5,
+    FS_FIND_PREV             = 6
+};
+
+/* Page commands of api_qzfs_query_stream_segment.  A free (unsorted) query
+ * knows only "first" and "next"; other commands act as "next" there. */
+enum _k4t_stream_query_cmd_ {
+    K4T_QUERY_FIRST = 0,
+    K4T_QUERY_LAST  = 1,
+    K4T_QUERY_NEXT  = 2,
+    K4T_QUERY_PREV  = 3
+};
+
+/* Values of the `sequence` byte of _k4t_stream_query_.
+ *  0       free query, rows in disk / index order, no pages
+ *  1, 2    sorted by start time ascending; 2 wraps from the last page to the first
+ *  3, 4    sorted by start time descending (the two behave alike) */
+enum _k4t_stream_query_sequence_ {
+    _K4T_NO_SEQUECE_          = 0,
+    _K4T_SEQUECE_ASCEND_      = 1,
+    _K4T_SEQUECE_ASCEND_WRAP_ = 2,
+    _K4T_SEQUECE_DESCEND_     = 3,
+    _K4T_SEQUECE_DESCEND_ALT_ = 4
+};
+
+/* Open modes of api_qzfs_open_normal_file. */
+enum _qzfs_normal_file_open_mode_ {
+    QZFS_NORMAL_FILE_CREATE = 0,   /* delete an existing file, then create       */
+    QZFS_NORMAL_FILE_APPEND = 1,   /* open or create, position at the end        */
+    QZFS_NORMAL_FILE_UPDATE = 2,   /* open an existing file, position at start   */
+    QZFS_NORMAL_FILE_READ   = 3    /* open an existing file for reading          */
+};
+
+/* ------------------------------------------------------------------------ */
+/* Date and time                                                             */
+/* ------------------------------------------------------------------------ */
+
+/* Wall-clock time of day.
+ *  field  | meaning
+ *  -------+-----------
+ *  hour   | 0..23
+ *  minute | 0..59
+ *  second | 0..59 */
+struct _k4t_fs_time_ {
+    uint8_t hour;
+    uint8_t minute;
+    uint8_t second;
+};
+static_assert(sizeof(_k4t_fs_time_) == 3, "_k4t_fs_time_ is three bytes");
+
+/* A calendar day, four bytes.
+ *  field   | meaning
+ *  --------+-------------------------
+ *  year    | years since 2000, 0..99
+ *  month   | 1..12
+ *  day     | 1..31
+ *  reserve | spare, 0 */
+struct _k4t_fs_date_ {
+    uint8_t year;
+    uint8_t month;
+    uint8_t day;
+    uint8_t reserve;
+};
+static_assert(sizeof(_k4t_fs_date_) == 4, "_k4t_fs_date_ is four bytes");
+
+/* A moment.  Comparisons and arithmetic ignore dst.
+ *  field  | meaning
+ *  -------+-------------------------
+ *  year   | years since 2000, 0..99
+ *  month  | 1..12
+ *  day    | 1..31
+ *  hour   | 0..23
+ *  minute | 0..59
+ *  second | 0..59
+ *  dst    | daylight saving flag, 0 or 1 */
+struct _k4t_fs_date_time_ {
+    uint8_t year;
+    uint8_t month;
+    uint8_t day;
+    uint8_t hour;
+    uint8_t minute;
+    uint8_t second;
+    uint8_t dst;
+};
+static_assert(sizeof(_k4t_fs_date_time_) == 7, "_k4t_fs_date_time_ is seven bytes");
+
+/* ------------------------------------------------------------------------ */
+/* Global configuration                                                      */
+/* ------------------------------------------------------------------------ */
+
+/* gQzfsConfig, 24 bytes.  Set to its defaults by api_qzfs_init(); the
+ * application may change it afterwards.  The cache sizes take effect for a
+ * node cache built later.
+ *  field                 | default | meaning
+ *  ----------------------+---------+------------------------------------------
+ *  root_index_cache_size | 43690   | maximum entries of the root node cache
+ *  root_index_cache_step | 43690   | growth step of that cache (0 means 255)
+ *  ssi_cache_size        | 157286  | maximum entries of the segment node cache
+ *  ssi_cache_step        | 157286  | growth step of that cache (0 means 255)
+ *  config_byte_16        | 30      | kept for the application, unused here
+ *  simple_index_mode     | 1       | non-zero selects the simple index variants
+ *  config_byte_18        | 2       | kept for the application, unused here
+ *  config_byte_19        | 2       | kept for the application, unused here
+ *  global_lock_enabled   | 1       | the manager lock is used only when this is 1
+ *  reserved[3]           | 0       | spare */
+struct _qzfs_global_config_ {
+    uint32_t root_index_cache_size;
+    uint32_t root_index_cache_step;
+    uint32_t ssi_cache_size;
+    uint32_t ssi_cache_step;
+    uint8_t  config_byte_16;
+    uint8_t  simple_index_mode;
+    uint8_t  config_byte_18;
+    uint8_t  config_byte_19;
+    uint8_t  global_lock_enabled;
+    uint8_t  reserved[3];
+};
+static_assert(sizeof(_qzfs_global_config_) == 24, "gQzfsConfig is 24 bytes");
+
+/* ------------------------------------------------------------------------ */
+/* Disks                                                                     */
+/* ------------------------------------------------------------------------ */
+
+/* Result of api_qzfs_get_hdd_info.
+ *  field      | meaning
+ *  -----------+---------------------------------------------------------
+ *  block_size | bytes per block
+ *  total_num  | blocks of the disk
+ *  free_num   | free blocks, less the recording reserve of the disk's group */
+struct _qzfs_k4t_hdd_info_ {
+    unsigned long block_size;
+    unsigned long total_num;
+    unsigned long free_num;
+};
+#if __SIZEOF_LONG__ == 4
+static_assert(sizeof(_qzfs_k4t_hdd_info_) == 12, "_qzfs_k4t_hdd_info_ is 12 bytes");
+#endif
+
+/* The disk information above followed by the disk's recording date range.
+ *  field             | meaning
+ *  ------------------+----------------------------------------------------
+ *  block_size        | bytes per block
+ *  total_num         | blocks of the disk
+ *  free_num          | free blocks
+ *  first_record_date | first day with a recording, time 00:00:00
+ *  last_record_date  | last day with a recording, time 23:59:59 */
+struct _qzfs_hdd_info_private_ {
+    unsigned long      block_size;
+    unsigned long      total_num;
+    unsigned long      free_num;
+    _k4t_fs_date_time_ first_record_date;
+    _k4t_fs_date_time_ last_record_date;
+};
+
+/* Filter of a full index rebuild (api_qzfs_disk_recovery), 10 bytes.
+ *  field       | meaning
+ *  ------------+----------------------
+ *  channel     | channel to rebuild
+ *  stream_type | stream type to rebuild
+ *  start_date  | first day
+ *  end_date    | last day */
+struct _qzfs_k4t_recovery_para_ {
+    uint8_t       channel;
+    uint8_t       stream_type;
+    _k4t_fs_date_ start_date;
+    _k4t_fs_date_ end_date;
+};
+static_assert(sizeof(_qzfs_k4t_recovery_para_) == 10, "_qzfs_k4t_recovery_para_ is 10 bytes");
+
+/* Space thresholds of a group, four byte counts, 32 bytes.
+ *  field                        | meaning
+ *  -----------------------------+----------------------------------------------
+ *  reserve_free_size_for_record | recording stays on the current disk while its
+ *                               | free size is above this; must exceed 0x31FFFFF
+ *  used_for_recording_free_size | a disk qualifies for selection above this;
+ *                               | free space above it counts as spare
+ *  start_delete_free_size       | overwrite starts when the group's spare falls
+ *                               | below this
+ *  once_delete_size             | bytes wanted from one overwrite pass */
+struct _qzfs_k4t_hdd_overwrite_config_ {
+    uint64_t reserve_free_size_for_record;
+    uint64_t used_for_recording_free_size;
+    uint64_t start_delete_free_size;
+    uint64_t once_delete_size;
+};
+static_assert(sizeof(_qzfs_k4t_hdd_overwrite_config_) == 32, "_qzfs_k4t_hdd_overwrite_config_ is 32 bytes");
+
+/* ------------------------------------------------------------------------ */
+/* Streams                                                                   */
+/* ------------------------------------------------------------------------ */
+
+/* The lasting name of one stream segment (one continuous recording).
+ *  field                | meaning
+ *  ---------------------+------------------------------------------
+ *  hdd_id               | disk id, 255 for none
+ *  root_index           | root index entry (day, channel, stream, name)
+ *  stream_segment_index | segment inside that root index entry */
+struct _k4t_stream_segment_id_ {
+    uint8_t  hdd_id;
+    uint32_t root_index;
+    uint32_t stream_segment_index;
+};
+
+/* Request of api_qzfs_create_stream_segment.
+ *  field          | meaning
+ *  ---------------+---------------------------------------------------------
+ *  year           | 0..99 (2000..2099)
+ *  month, day     | 1..12, 1..31
+ *  hour, minute,  | provisional start of the segment
+ *  second         |
+ *  dst            | 0 or 1
+ *  channel        | 0..254, or any value when a name is given
+ *  name           | NUL-terminated stream name of 1..16 characters, or empty
+ *  stream_type    | stream type; 3 and 4 are synced at every write
+ *  group_id       | disk group to record into
+ *  for_pre_record | 1: pre-record data until confirmed
+ *  lock           | start value of the segment's lock state
+ *  segment_type   | stored and reported unchanged
+ *  record_type    | 0..15
+ *  tv_system      | 0 or 1
+ *  have_audio     | 0..3
+ *  further_flag   | bit 0 is stored and reported unchanged
+ *  lock_type      | lock reasons, stored when lock is not 0
+ *  alarm_type     | alarm bits, stored when record_type is not 0 */
+struct _qzfs_k4t_create_ss_para_ {
+    uint8_t  year;
+    uint8_t  month;
+    uint8_t  day;
+    uint8_t  hour;
+    uint8_t  minute;
+    uint8_t  second;
+    uint8_t  dst;
+    uint8_t  channel;
+    char     name[17];
+    uint8_t  stream_type;
+    int32_t  group_id;
+    uint8_t  for_pre_record;
+    uint8_t  lock;
+    uint8_t  segment_type;
+    uint8_t  record_type;
+    uint8_t  tv_system;
+    uint8_t  have_audio;
+    uint8_t  further_flag;
+    uint32_t lock_type;
+    uint64_t alarm_type;
+};
+
+/* Open by time (api_qzfs_open_stream_segment_by_para).
+ *  field              | meaning
+ *  -------------------+--------------------------------------------------
+ *  channel            | channel, under 255
+ *  stream_type        | stream type
+ *  record_type_bitmap | bit n admits record type n; not 0
+ *  group_bitmap       | bit n admits disk group n
+ *  date_time          | the moment to open at */
+struct _qzfs_k4t_stream_open_para_ {
+    uint8_t            channel;
+    uint8_t            stream_type;
+    uint16_t           record_type_bitmap;
+    uint32_t           group_bitmap;
+    _k4t_fs_date_time_ date_time;
+};
+
+/* One I-frame of a write buffer, 16 bytes; one entry per I-frame, in
+ * ascending offset.
+ *  field                  | meaning
+ *  -----------------------+----------------------------------------------
+ *  hour, minute, second   | wall time of the frame
+ *  iframe_flag            | 0: entry ignored; otherwise an I-frame
+ *  offset                 | offset of the frame in the buffer, below its length
+ *  pts_high, pts_low      | presentation time, high and low word */
+struct _k4t_video_frame_info_ {
+    uint8_t  hour;
+    uint8_t  minute;
+    uint8_t  second;
+    uint8_t  iframe_flag;
+    uint32_t offset;
+    uint32_t pts_high;
+    uint32_t pts_low;
+};
+static_assert(sizeof(_k4t_video_frame_info_) == 16, "_k4t_video_frame_info_ is 16 bytes");
+
+/* ------------------------------------------------------------------------ */
+/* Search                                                                    */
+/* ------------------------------------------------------------------------ */
+
+/* Filter of a stream query; a query covers exactly one date.
+ *  field                      | meaning
+ *  ---------------------------+-------------------------------------------
+ *  group_bitmap               | bit n admits disk group n
+ *  channel_bitmap             | bit n admits channel n (channels 0..31)
+ *  year, month, day           | the date
+ *  start_hour/minute/second   | start of the time range
+ *  end_hour/minute/second     | end of the time range
+ *  sequence                   | _k4t_stream_query_sequence_, 0..4
+ *  lock_bitmap                | bit n admits lock state n
+ *  record_type_bitmap         | bit n admits record type n (types 0..7)
+ *  stream_type_bitmap         | bit n admits stream type n
+ *  item_num_per_page          | page size of a sorted query, at least 1 */
+struct _k4t_stream_query_ {
+    uint32_t group_bitmap;
+    uint32_t channel_bitmap;
+    uint8_t  year;
+    uint8_t  month;
+    uint8_t  day;
+    uint8_t  start_hour;
+    uint8_t  start_minute;
+    uint8_t  start_second;
+    uint8_t  end_hour;
+    uint8_t  end_minute;
+    uint8_t  end_second;
+    uint8_t  sequence;
+    uint8_t  lock_bitmap;
+    uint8_t  record_type_bitmap;
+    uint64_t stream_type_bitmap;
+    uint32_t item_num_per_page;
+};
+
+/* One row of a query result.  Times are cut to the query's time range.
+ *  field                      | meaning
+ *  ---------------------------+----------------------------------------------
+ *  start_hour/minute/second   | start of the hit
+ *  end_hour/minute/second     | end of the hit
+ *  channel, stream_type       | of the root index entry
+ *  record_type, lock          | of the segment
+ *  segment_type               | stored with the segment
+ *  tv_system                  | 0 or 1
+ *  have_audio                 | 0..3
+ *  further_flag               | stored with the segment
+ *  lock_type                  | lock reasons
+ *  alarm_type                 | alarm bits
+ *  len                        | bytes of the hit
+ *  hdd_id, root_index,        | the _k4t_stream_segment_id_ to open
+ *  stream_segment_index       | */
+struct _k4t_stream_query_result_ {
+    uint8_t  start_hour;
+    uint8_t  start_minute;
+    uint8_t  start_second;
+    uint8_t  end_hour;
+    uint8_t  end_minute;
+    uint8_t  end_second;
+    uint8_t  channel;
+    uint8_t  stream_type;
+    uint8_t  record_type;
+    uint8_t  lock;
+    uint8_t  segment_type;
+    uint8_t  tv_system;
+    uint8_t  have_audio;
+    uint8_t  further_flag;
+    uint32_t lock_type;
+    uint64_t alarm_type;
+    uint64_t len;
+    uint8_t  hdd_id;
+    uint32_t root_index;
+    uint32_t stream_segment_index;
+};
+
+/* Description of one segment (api_qzfs_get_stream_segment_info).
+ *  field            | meaning
+ *  -----------------+--------------------------------
+ *  year, month, day | date of the segment
+ *  start_time       | start of the segment
+ *  end_time         | end of the segment
+ *  dst              | 0 or 1
+ *  channel          | channel
+ *  segment_type     | stored with the segment
+ *  record_type      | record type
+ *  have_audio       | 0..3
+ *  tv_system        | 0 or 1
+ *  lock             | lock state
+ *  further_flag     | stored with the segment
+ *  len              | bytes of the segment */
+struct _k4t_stream_segment_info_ {
+    uint8_t       year;
+    uint8_t       month;
+    uint8_t       day;
+    _k4t_fs_time_ start_time;
+    _k4t_fs_time_ end_time;
+    uint8_t       dst;
+    uint8_t       channel;
+    uint8_t       segment_type;
+    uint8_t       record_type;
+    uint8_t       have_audio;
+    uint8_t       tv_system;
+    uint8_t       lock;
+    uint8_t       further_flag;
+    uint64_t      len;
+};
+
+/* One day of one channel in the calendar.
+ *  field       | meaning
+ *  ------------+-----------------------------------------------
+ *  record_type | OR of the record types found, within the filter
+ *  lock        | 1 if a locked recording exists
+ *  reserve     | spare */
+struct _k4t_calendar_day_info_ {
+    uint16_t record_type;
+    uint8_t  lock;
+    uint8_t  reserve;
+};
+static_assert(sizeof(_k4t_calendar_day_info_) == 4, "calendar entry is four bytes");
+
+/* Calendar of one month (api_qzfs_query_calendar); in and out.
+ *  field              | meaning
+ *  -------------------+--------------------------------------------------
+ *  group_bitmap       | bit n admits disk group n
+ *  channel_bitmap     | bit n admits channel n; not 0
+ *  record_type_bitmap | admitted record types; not 0
+ *  stream_type_bitmap | bit n admits stream type n
+ *  year, month        | the month asked for
+ *  day_info           | result: [channel][day - 1], zeroed on entry */
+struct _k4t_calendar_stream_query_ {
+    uint32_t                group_bitmap;
+    uint32_t                channel_bitmap;
+    uint16_t                record_type_bitmap;
+    uint64_t                stream_type_bitmap;
+    uint8_t                 year;
+    uint8_t                 month;
+    _k4t_calendar_day_info_ day_info[32][31];
+};
+static_assert(sizeof(_k4t_calendar_stream_query_::day_info) == 3968, "calendar table is 3968 bytes");
+
+/* A day with recordings and what was recorded on it.
+ *  field       | meaning
+ *  ------------+--------------------------------------------
+ *  date        | the day
+ *  record_type | bitmap of the record types of that day
+ *  lock        | lock state of the first entry found */
+struct _k4t_fs_record_date_info_ {
+    _k4t_fs_date_ date;
+    uint16_t      record_type;
+    uint8_t       lock;
+};
+
+/* ------------------------------------------------------------------------ */
+/* Retention                                                                 */
+/* ------------------------------------------------------------------------ */
+
+/* Lock or unlock every segment in a time range.
+ *  field           | meaning
+ *  ----------------+----------------------------------
+ *  group_mask      | bit g selects group g
+ *  channel_mask    | bit c selects channel c
+ *  stream_mask     | bit t selects stream type t
+ *  record_type     | printed only, selects nothing
+ *  start_date_time | start of the range
+ *  end_date_time   | end of the range */
+struct _qzfs_k4t_stream_lock_para_ {
+    uint32_t           group_mask;
+    uint32_t           channel_mask;
+    uint64_t           stream_mask;
+    uint16_t           record_type;
+    _k4t_fs_date_time_ start_date_time;
+    _k4t_fs_date_time_ end_date_time;
+};
+
+/* Delete every segment of a date range.
+ *  field                       | meaning
+ *  ----------------------------+------------------------------
+ *  group_mask                  | bit g selects group g
+ *  channel_mask                | bit c selects channel c
+ *  stream_mask                 | bit t selects stream type t
+ *  start_year/month/day        | first day included
+ *  end_year/month/day          | last day included */
+struct _qzfs_k4t_delete_para_ {
+    uint32_t group_mask;
+    uint32_t channel_mask;
+    uint64_t stream_mask;
+    uint8_t  start_year;
+    uint8_t  start_month;
+    uint8_t  start_day;
+    uint8_t  end_year;
+    uint8_t  end_month;
+    uint8_t  end_day;
+};
+
+/* Change lock and alarm attributes of every segment in a time range.
+ *  field           | meaning
+ *  ----------------+------------------------------------------------------
+ *  group_mask      | bit g selects group g
+ *  channel_mask    | bit c selects channel c
+ *  stream_mask     | bit t selects stream type t
+ *  start_date_time | start of the range
+ *  end_date_time   | end of the range
+ *  modify_mask     | bit 0: lock and lock_type apply;
+ *                  | bit 1: record_type and alarm_type apply
+ *  lock            | new lock state
+ *  record_type     | new record type
+ *  lock_type       | lock reasons to add
+ *  alarm_type      | alarm bits to add */
+struct _qzfs_k4t_modify_segment_para_ {
+    uint32_t           group_mask;
+    uint32_t           channel_mask;
+    uint64_t           stream_mask;
+    _k4t_fs_date_time_ start_date_time;
+    _k4t_fs_date_time_ end_date_time;
+    uint8_t            modify_mask;
+    uint8_t            lock;
+    uint8_t            record_type;
+    uint32_t           lock_type;
+    uint64_t           alarm_type;
+};
+
+/* ------------------------------------------------------------------------ */
+/* Exported globals                                                          */
+/* ------------------------------------------------------------------------ */
+
+class CQzfsManager;
+class CSystemResourceManager;
+
+extern "C" {
+
+QZFS_API extern _qzfs_global_config_    gQzfsConfig;
+QZFS_API extern uint32_t                g_qzfs_debug_level;
+QZFS_API extern int32_t                 g_error_no;
+QZFS_API extern _fs_endian_             gLocal_endian;
+QZFS_API extern CSystemResourceManager* pgSystemResourceManager;
+QZFS_API extern CQzfsManager            gQzfsManager;
+
+/* ------------------------------------------------------------------------ */
+/* Exported functions                                                        */
+/* ------------------------------------------------------------------------ */
+
+/* Lifecycle */
+QZFS_API int api_qzfs_init(void);
+QZFS_API int api_qzfs_uinit(void);
+QZFS_API int api_qzfs_set_debug_level(unsigned long level);
+QZFS_API int api_qzfs_get_last_error(void);
+
+/* Disks */
+QZFS_API int api_qzfs_rebuild_rely(unsigned char hdd_id, char* dev);
+QZFS_API int api_qzfs_format(unsigned char hdd_id, char* dev, char* label);
+QZFS_API int api_qzfs_fast_format(unsigned char hdd_id, char* dev);
+QZFS_API int api_qzfs_mount(unsigned char hdd_id, char* dev);
+QZFS_API int api_qzfs_mount_for_windows(unsigned char hdd_id, int count, char** devs);
+QZFS_API int api_qzfs_umount(unsigned char hdd_id);
+QZFS_API int api_qzfs_get_hdd_info(unsigned char hdd_id, _qzfs_k4t_hdd_info_* info);
+QZFS_API int api_qzfs_test_hdd(unsigned char hdd_id, unsigned long value);
+QZFS_API int api_qzfs_disk_recovery(unsigned char hdd_id, char* dev, _qzfs_k4t_recovery_para_* para);
+
+/* Groups */
+QZFS_API int api_qzfs_add_disk_to_group(unsigned char hdd_id, unsigned char group);
+QZFS_API int api_qzfs_delete_disk_from_group(unsigned char hdd_id, unsigned char group);
+QZFS_API int api_qzfs_get_disk_num_from_group(unsigned char group);
+QZFS_API int api_qzfs_get_disk_list_from_group(unsigned char group, unsigned char* hdd_ids, int capacity);
+
+/* Work disk, thresholds and overwrite */
+QZFS_API int api_qzfs_find_work_hdd(unsigned char group, unsigned char* hdd_id);
+QZFS_API int api_qzfs_config_overwrite(unsigned char group, _qzfs_k4t_hdd_overwrite_config_* config);
+QZFS_API int api_qzfs_disk_overwrite_big_stream(int group);
+QZFS_API int api_qzfs_disk_overwrite_small_stream(int group, unsigned long reserve_day);
+
+/* Stream create, open, seek, close */
+QZFS_API int api_qzfs_create_stream_segment(_qzfs_k4t_create_ss_para_* para);
+QZFS_API int api_qzfs_open_stream_segment_by_id(_k4t_stream_segment_id_* id, unsigned short record_type_bitmap,
+                                                unsigned char read_flag);
+QZFS_API int api_qzfs_open_stream_segment_by_para(_qzfs_k4t_stream_open_para_* para, unsigned char read_flag);
+QZFS_API int api_qzfs_seek_stream_segment_by_time(int fd, _k4t_fs_date_time_* date_time);
+QZFS_API int api_qzfs_seek_stream_segment_by_offset(int fd, long long offset, int whence);
+QZFS_API int api_qzfs_stream_segment_tell(int fd, long long* position);
+QZFS_API int api_qzfs_close_stream_segment(int fd);
+
+/* Write and read */
+QZFS_API int api_qzfs_write_video_data(int fd, unsigned char* buffer, int len, int frame_num,
+                                       _k4t_video_frame_info_* frame_info);
+QZFS_API int api_qzfs_fsync(int fd);
+QZFS_API int api_qzfs_read_video_data(int fd, unsigned char* buffer, int len, unsigned char* new_segment);
+QZFS_API int api_qzfs_read_next_iframe(int fd, unsigned char skip, unsigned char** buffer, int* len,
+                                       unsigned char* new_segment);
+QZFS_API int api_qzfs_read_pre_iframe(int fd, unsigned char skip, unsigned char** buffer, int* len,
+                                      unsigned char* new_segment);
+
+/* Query */
+QZFS_API int api_qzfs_get_query_stream_segment_handle(_k4t_stream_query_* query);
+QZFS_API int api_qzfs_close_query_stream_segment_handle(int handle);
+QZFS_API int api_qzfs_query_stream_segment(int handle, _k4t_stream_query_cmd_ cmd, int* num,
+                                           _k4t_stream_query_result_* result);
+QZFS_API int api_qzfs_get_total_page_num(int handle);
+QZFS_API int api_qzfs_jump_specific_page(int handle, int page, int* num, _k4t_stream_query_result_* result);
+QZFS_API int api_qzfs_query_calendar(_k4t_calendar_stream_query_* query);
+QZFS_API int api_qzfs_get_stream_date_num(unsigned long group_bitmap, unsigned long long stream_type_bitmap);
+QZFS_API int api_qzfs_get_stream_date_list(unsigned long group_bitmap, unsigned long long stream_type_bitmap,
+                                           _k4t_fs_date_* dates, int capacity);
+QZFS_API int api_qzfs_get_stream_date_info_num(unsigned long group_bitmap, unsigned long long stream_type_bitmap,
+                                               unsigned long long channel_bitmap);
+QZFS_API int api_qzfs_get_stream_date_info(unsigned long group_bitmap, unsigned long long stream_type_bitmap,
+                                           unsigned long long channel_bitmap, _k4t_fs_record_date_info_* infos,
+                                           int capacity);
+
+/* Lock, delete, attributes */
+QZFS_API int api_qzfs_stream_segment_lock_by_id(_k4t_stream_segment_id_* id, unsigned char lock_number);
+QZFS_API int api_qzfs_stream_segment_lock_by_time(_qzfs_k4t_stream_lock_para_* para, unsigned char lock_number);
+QZFS_API int api_qzfs_auto_unlock(_k4t_fs_date_time_* now, int reserve_day);
+QZFS_API int api_qzfs_auto_delete(_k4t_fs_date_time_* now, int reserve_day);
+QZFS_API int api_qzfs_delete_stream_segment(_k4t_stream_segment_id_* id);
+QZFS_API int api_qzfs_delete_stream_segment_by_para(_qzfs_k4t_delete_para_* para);
+QZFS_API int api_qzfs_get_fd_info(int fd, _k4t_stream_segment_id_* id);
+QZFS_API int api_qzfs_get_stream_segment_info(_k4t_stream_segment_id_* id, _k4t_stream_segment_info_* info);
+QZFS_API int api_qzfs_get_stream_segment_data_info(_k4t_stream_segment_id_* id, _k4t_fs_time_* start_time,
+                                                   _k4t_fs_time_* end_time, unsigned long long* offset,
+                                                   unsigned long long* len);
+QZFS_API int api_qzfs_modify_pre_record_info(int fd, unsigned char record_type, unsigned long long alarm_type,
+                                             unsigned char lock, unsigned long lock_type, _k4t_fs_time_ time);
+QZFS_API int api_qzfs_overwrite_pre_record_stream(int fd, _k4t_fs_time_ end_time);
+QZFS_API int api_qzfs_modify_stream_segment_end_time(_k4t_stream_segment_id_ id, _k4t_fs_time_ end_time);
+QZFS_API int api_qzfs_modify_stream_segment_info(_qzfs_k4t_modify_segment_para_* para);
+QZFS_API int api_qzfs_modify_stream_segment_info_by_fd(int fd, unsigned char modify_mask, unsigned char lock,
+                                                       unsigned long lock_type, unsigned char record_type,
+                                                       unsigned long long alarm_type, _k4t_fs_time_* start_time);
+
+/* Normal files */
+QZFS_API void* api_qzfs_open_normal_file(unsigned char group, char* name, int mode);
+QZFS_API int api_qzfs_write_normal_file(void* handle, char* buffer, int length);
+QZFS_API int api_qzfs_read_normal_file(void* handle, char* buffer, int length);
+QZFS_API int api_qzfs_sync_normal_file(void* handle);
+QZFS_API int api_qzfs_close_normal_file(void* handle);
+QZFS_API int api_qzfs_get_normal_file_cur_offset(void* handle, long long& offset);
+QZFS_API int api_qzfs_seek_normal_file(void* handle, int offset, int whence);
+QZFS_API long long api_qzfs_get_normal_file_size_by_handle(void* handle);
+QZFS_API long long api_qzfs_get_normal_file_size(unsigned char group, char* name);
+QZFS_API int api_qzfs_delete_normal_file(unsigned char group, char* name);
+QZFS_API int api_qzfs_rename_normal_file(unsigned char group, char* old_name, char* new_name);
+QZFS_API void* api_qzfs_get_search_normal_file_handle(unsigned char group, char* pattern);
+QZFS_API int api_qzfs_get_normal_file_name(void* handle, unsigned char step, char* name);
+QZFS_API int api_qzfs_release_search_normal_file_handle(void* handle);
+
+/* Device info */
+QZFS_API int api_qzfs_write_device_info(unsigned char hdd_id, char* data, int length);
+QZFS_API int api_qzfs_write_device_info_to_all_disk(char* data, int length);
+QZFS_API int api_qzfs_read_device_info(unsigned char hdd_id, char* buffer, int length);
+QZFS_API int api_qzfs_get_device_info_len(unsigned char hdd_id);
+
+/* Diagnostics: named counters kept by group and item, and their printout. */
+QZFS_API void memory_statistics(char* group, char* item, unsigned char op, unsigned long value);
+QZFS_API void print_memory_statistics(void);
+
+} /* extern "C" */
+
+#endif /* QZFILESYSTEM_API_H */

@@ -1,0 +1,152 @@
+// CQzfsApi disk operations: format, mount, unmount and disk information.
+#include "qzfilesystem.h"
+#include "qzfs_api.h"
+#include "qzfs_log.h"
+#include "qzfs_manager.h"
+#include "system_resource_manager.h"
+
+static const char* shown(const char* dev) { return dev != nullptr ? dev : "(null)"; }
+
+// Format and fast format differ only in the label: both lay a new shell and
+// key info block, and leave the disk unmounted.
+static int format_disk(unsigned char hdd_id, char* dev, char* label)
+{
+    if (dev == nullptr)
+        QZLOG_ABOVE(1, "dev name is null");
+    QZLOG_ABOVE(0, "start format(%s)", shown(dev));
+    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd_id);
+    if (fs == nullptr) {
+        QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
+        return -1;
+    }
+    fs->disk_lock(1);
+    int result = fs->Format(dev, label, 1);
+    if (result == 0) {
+        QZLOG_ABOVE(2, "format %s success!!!!!!!!!!!!!!!!!!!!!", shown(dev));
+    } else {
+        QZLOG("format %s failed!!!!!!!!!!!!!!!!!!!!!", shown(dev));
+        result = -1;
+    }
+    fs->disk_lock(0);
+    gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+    QZLOG("end format %s!", shown(dev));
+    return result;
+}
+
+int CQzfsApi::Qzfs_format(unsigned char hdd_id, char* dev, char* label)
+{
+    return format_disk(hdd_id, dev, label);
+}
+
+int CQzfsApi::Qzfs_fast_format(unsigned char hdd_id, char* dev)
+{
+    return format_disk(hdd_id, dev, nullptr);
+}
+
+// Registration failed: mounting a mounted disk again is a success.
+static int already_mounted_result(unsigned char hdd_id)
+{
+    QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
+    CQzFileSystem* existing = gQzfsManager.get_file_system(hdd_id);
+    return existing != nullptr && existing->Get_hdd_state() == QZFSS_MOUNTED ? 0 : -1;
+}
+
+int CQzfsApi::Qzfs_mount(unsigned char hdd_id, char* dev)
+{
+    QZLOG_ABOVE(0, "START MOUNT(hdd_id:%d)", hdd_id);
+    gQzfsManager.manager_lock();
+    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd_id);
+    gQzfsManager.manager_unlock();
+    int result;
+    if (fs == nullptr) {
+        result = already_mounted_result(hdd_id);
+    } else {
+        fs->disk_lock(1);
+        result = fs->Mount(hdd_id, dev);
+        fs->disk_lock(0);
+        if (result != 0) {
+            QZLOG("pFs->mount failed(HddId:%d)", hdd_id);
+            gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+            result = -1;
+        } else {
+            QZLOG_ABOVE(2, "mount (HddId:%d) OK!!!!!!!!!!!!!!!!!!!!!", hdd_id);
+        }
+    }
+    QZLOG_ABOVE(0, "CQzfsApi::Qzfs_mount END(hdd_id:%d)(ret_val:%d)", hdd_id, result);
+    return result;
+}
+
+int CQzfsApi::Qzfs_mount_by_partition(unsigned char hdd_id, int count, char** devs)
+{
+    QZLOG_ABOVE(2, "START MOUNT(hdd_id:%d)", hdd_id);
+    gQzfsManager.manager_lock();
+    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd_id);
+    gQzfsManager.manager_unlock();
+    int result;
+    if (fs == nullptr) {
+        result = already_mounted_result(hdd_id);
+    } else {
+        fs->disk_lock(1);
+        result = fs->Mount_by_partition(hdd_id, count, devs);
+        fs->disk_lock(0);
+        if (result != 0) {
+            QZLOG("pFs->mount failed(HddId:%d)", hdd_id);
+            gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+            result = -1;
+        }
+    }
+    QZLOG_ABOVE(2, "CQzfsApi::Qzfs_mount END(hdd_id:%d)(ret_val:%d)", hdd_id, result);
+    return result;
+}
+
+int CQzfsApi::Qzfs_umount(unsigned char hdd_id)
+{
+    QZLOG_ABOVE(0, "umount (hdd_id:%d) START", hdd_id);
+    CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
+    if (fs == nullptr) {
+        QZLOG_ABOVE(1, "NOT MOUNT (hdd_id:%d)", hdd_id);
+        return 0;
+    }
+    bool busy = !fs->open_stream_segment_is_empty() || qzfs_judge_hdd_open_normal_file(hdd_id) ||
+                gQzfsManager.Find_group_id(hdd_id) != -1;
+    if (busy) {
+        QZLOG_ABOVE(1, "hdd_id:%d BUSY!!!!", hdd_id);
+        return -1;
+    }
+    gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+    int result = 0;
+    if (pgSystemResourceManager != nullptr)
+        result = pgSystemResourceManager->Free_resource(hdd_id) == 0 ? 0 : -1;
+    QZLOG_ABOVE(0, "umount (hdd_id:%d) END(%s)", hdd_id, result == 0 ? "SUCC" : "FAILED");
+    return result;
+}
+
+// The free count an application sees leaves room for the group's reserve:
+// the record reserve on the group's current disk, the recording reserve on
+// the others.
+int CQzfsApi::Qzfs_get_hdd_info(unsigned char hdd_id, _qzfs_k4t_hdd_info_* info)
+{
+    QZLOG_ABOVE(2, "get hdd info START(%d)", hdd_id);
+    CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
+    if (fs == nullptr || info == nullptr) {
+        QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", hdd_id);
+        return -1;
+    }
+    fs->disk_lock(1);
+    fs->Get_hdd_info(info);
+    fs->disk_lock(0);
+    int group_id = gQzfsManager.Find_group_id(hdd_id);
+    _disk_group_attr_* group = group_id >= 0 ? gQzfsManager.find_group((unsigned char)group_id)
+                                             : nullptr;
+    if (group != nullptr && info->block_size != 0) {
+        unsigned long long reserve = group->m_current_record_hdd_id == hdd_id
+                                         ? group->reserve_free_size_for_record
+                                         : group->used_for_recording_free_size;
+        unsigned long long reserve_blocks = (reserve + info->block_size - 1) / info->block_size;
+        info->free_num = info->free_num > reserve_blocks
+                             ? (unsigned long)(info->free_num - reserve_blocks)
+                             : 0;
+    }
+    QZLOG_ABOVE(2, "get hdd info END(%d)", hdd_id);
+    return 0;
+}

@@ -1,0 +1,77 @@
+// CQzfsApi group operations: disks join and leave groups.
+#include "qzfs_api.h"
+#include "qzfs_device.h"
+#include "qzfs_log.h"
+#include "qzfs_manager.h"
+
+static _disk_group_attr_ new_group_attr()
+{
+    _disk_group_attr_ group;
+    group.max_owner_stamp = 0;
+    group.valid_disk_bitmap = 0;
+    group.m_current_record_hdd_id = QZFS_NO_HDD;
+    group.reserve_free_size_for_record = 524288000ULL;  // 500 MiB
+    group.used_for_recording_free_size = 629145600ULL;  // 600 MiB
+    group.start_delete_free_size = 4294967296ULL;       // 4 GiB
+    group.once_delete_size = 268435456ULL;              // 256 MiB
+    group.group_lock = qzfs_create_lock();
+    return group;
+}
+
+// A disk may stand in several groups; the delete lists of the group no
+// longer cover all its disks, so they are dropped.
+int CQzfsApi::Qzfs_add_disk_to_group(unsigned char hdd_id, unsigned char group)
+{
+    if (gQzfsManager.get_file_system(hdd_id) == nullptr) {
+        QZLOG("hdd %d invlaid", hdd_id);
+        return -1;
+    }
+    gQzfsManager.manager_lock();
+    auto it = gQzfsManager.m_disk_group_map.find(group);
+    if (it == gQzfsManager.m_disk_group_map.end())
+        it = gQzfsManager.m_disk_group_map.emplace(group, new_group_attr()).first;
+    it->second.valid_disk_bitmap |= qzfs_disk_bit(hdd_id);
+    it->second.big_delete_list.clear();
+    it->second.small_delete_list.clear();
+    gQzfsManager.manager_unlock();
+    return 0;
+}
+
+int CQzfsApi::Qzfs_delete_disk_from_group(unsigned char hdd_id, unsigned char group)
+{
+    if (have_open_file(hdd_id)) {
+        QZLOG_ABOVE(1, "hdd %d is busy!", hdd_id);
+        return -1;
+    }
+    gQzfsManager.manager_lock();
+    auto it = gQzfsManager.m_disk_group_map.find(group);
+    if (it == gQzfsManager.m_disk_group_map.end()) {
+        QZLOG_ABOVE(1, "group %d is invalid!", group);
+    } else {
+        _disk_group_attr_& attr = it->second;
+        attr.valid_disk_bitmap &= ~qzfs_disk_bit(hdd_id);
+        attr.big_delete_list.clear();
+        attr.small_delete_list.clear();
+        if (attr.m_current_record_hdd_id < QZFS_NO_HDD &&
+            !(attr.valid_disk_bitmap & qzfs_disk_bit(attr.m_current_record_hdd_id)))
+            attr.m_current_record_hdd_id = QZFS_NO_HDD;
+        if (attr.valid_disk_bitmap == 0) {
+            qzfs_destroy_lock(attr.group_lock);
+            gQzfsManager.m_disk_group_map.erase(it);
+        }
+    }
+    gQzfsManager.manager_unlock();
+    return 0;
+}
+
+int CQzfsApi::Qzfs_get_disk_list_from_group(unsigned char group, std::list<unsigned char>& hdd_ids)
+{
+    hdd_ids.clear();
+    _disk_group_attr_* attr = gQzfsManager.find_group(group);
+    if (attr == nullptr)
+        return 0;
+    for (size_t id = 0; id < gQzfsManager.m_Qzfs_vector.size(); id++)
+        if (attr->valid_disk_bitmap & qzfs_disk_bit((unsigned char)id))
+            hdd_ids.push_back((unsigned char)id);
+    return 0;
+}

@@ -1,0 +1,323 @@
+/* CQzfsApi operations that are not built yet: each returns its failure value and does nothing else. */
+#include <stdint.h>
+
+#include <list>
+
+#include "qzfilesystem_api.h"
+#include "qzfs_api.h"
+
+/* ---- Disks -------------------------------------------------------------- */
+
+int CQzfsApi::qzfs_rebuild_rely(unsigned char, char*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_test_hdd(unsigned char, unsigned long)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_disk_recovery(unsigned char, char*, _qzfs_k4t_recovery_para_*)
+{
+    return -1;
+}
+
+/* ---- Work disk, thresholds and overwrite -------------------------------- */
+
+int CQzfsApi::Qzfs_find_work_hdd(unsigned char, unsigned char*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_config_overwrite(unsigned char, const _qzfs_k4t_hdd_overwrite_config_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_disk_overwrite_big_stream(int)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_disk_overwrite_small_stream(int, unsigned long)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_auto_delete(_k4t_fs_date_time_*, int)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_auto_unlock(_k4t_fs_date_time_*, int)
+{
+    return -1;
+}
+
+/* ---- Stream create, open, seek, close ----------------------------------- */
+
+int CQzfsApi::Qzfs_create_stream_segment(_qzfs_k4t_create_ss_para_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_open_stream_segment(_k4t_stream_segment_id_*, uint16_t, uint32_t)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_open_stream_segment(_qzfs_k4t_stream_open_para_*, uint32_t)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_seek_stream_segment_by_time(int, _k4t_fs_date_time_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_seek_stream_segment_by_offset(int, long long, int)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_stream_segment_tell(int, long long*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_close_stream_segment(int)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_get_fd_info(int, _k4t_stream_segment_id_*)
+{
+    return -1;
+}
+
+/* ---- Write and read ----------------------------------------------------- */
+
+int CQzfsApi::Qzfs_write_video_data(int, unsigned char*, int, int, _k4t_video_frame_info_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_fsync(int)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_read_video_data(int, unsigned char*, int, unsigned char*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_read_next_iframe(int, unsigned char**, int*, unsigned char*, unsigned char)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_read_pre_iframe(int, unsigned char**, int*, unsigned char*, unsigned char)
+{
+    return -1;
+}
+
+/* ---- Query -------------------------------------------------------------- */
+
+int CQzfsApi::Qzfs_get_query_stream_segment_handle(_k4t_stream_query_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_release_query_stream_segment_handle(int)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_query_stream_segment(int, _k4t_stream_query_cmd_, int*, _k4t_stream_query_result_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_get_total_page_num(int)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_jump_specific_page(int, int, int*, _k4t_stream_query_result_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_get_stream_segment_info(const _k4t_stream_segment_id_*, _k4t_stream_segment_info_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_get_stream_segment_data_info(const _k4t_stream_segment_id_*, const _k4t_fs_time_*,
+                                                const _k4t_fs_time_*, unsigned long long*, unsigned long long*)
+{
+    return -1;
+}
+
+/* ---- Calendar and date lists -------------------------------------------- */
+
+int CQzfsApi::Qzfs_query_calendar(_k4t_calendar_stream_query_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_get_stream_date_list(uint32_t, uint64_t, std::list<_k4t_fs_date_>&)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_get_stream_date_info(uint32_t, uint64_t, uint64_t, std::list<_k4t_fs_record_date_info_>&)
+{
+    return -1;
+}
+
+/* ---- Lock, delete, attributes ------------------------------------------- */
+
+int CQzfsApi::Qzfs_stream_segment_lock_by_id(_k4t_stream_segment_id_*, unsigned char)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_stream_segment_lock_by_time(_qzfs_k4t_stream_lock_para_*, unsigned char)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_delete_stream_segment(_k4t_stream_segment_id_*)
+{
+    return -1;
+}
+
+int CQzfsApi::Qzfs_delete_stream_segment_by_para(_qzfs_k4t_delete_para_*)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_modify_stream_segment_end_time(_k4t_stream_segment_id_, _k4t_fs_time_)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_modify_stream_segment_info(_qzfs_k4t_modify_segment_para_*)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_modify_stream_segment_info_by_fd(int, unsigned char, unsigned char, unsigned long, unsigned char,
+                                                    unsigned long long, _k4t_fs_time_*)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_modify_pre_record_info(int, unsigned char, unsigned long long, unsigned char, unsigned long,
+                                          _k4t_fs_time_)
+{
+    return -1;
+}
+
+/* ---- Normal files ------------------------------------------------------- */
+
+void* CQzfsApi::qzfs_open_normal_file(unsigned char, char*, int)
+{
+    return nullptr;
+}
+
+int CQzfsApi::qzfs_close_normal_file(void*)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_write_normal_file(void*, char*, int)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_read_normal_file(void*, char*, int)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_sync_normal_file(void*)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_seek_normal_file(void*, int, int)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_get_normal_file_cur_offset(void*, long long&)
+{
+    return -1;
+}
+
+long long CQzfsApi::qzfs_get_normal_file_size_by_handle(void*)
+{
+    return -1LL;
+}
+
+long long CQzfsApi::qzfs_get_normal_file_size(unsigned char, char*)
+{
+    return -1LL;
+}
+
+int CQzfsApi::qzfs_delete_normal_file(unsigned char, char*)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_rename_normal_file(unsigned char, char*, char*)
+{
+    return -1;
+}
+
+void* CQzfsApi::qzfs_get_search_normal_file_handle(unsigned char, char*)
+{
+    return nullptr;
+}
+
+int CQzfsApi::qzfs_get_normal_file_name(void*, unsigned char, char*)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_release_search_normal_file_handle(void*)
+{
+    return -1;
+}
+
+/* ---- Device info -------------------------------------------------------- */
+
+int CQzfsApi::qzfs_write_device_info(unsigned char, char*, int)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_write_device_info_to_all_disk(char*, int)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_read_device_info(unsigned char, char*, int)
+{
+    return -1;
+}
+
+int CQzfsApi::qzfs_get_device_info_len(unsigned char)
+{
+    return -1;
+}

@@ -1,0 +1,104 @@
+// CQzfsManager: the one registry of the library (gQzfsManager). It owns the
+// disk objects by hdd_id, the groups of disks, the open query handles and
+// the table of stream descriptors.
+#ifndef QZFS_MANAGER_H
+#define QZFS_MANAGER_H
+
+#include "qzfilesystem_api.h"
+
+#include <list>
+#include <map>
+#include <vector>
+
+class CQzFileSystem;
+
+// Highest number of disk objects; hdd_id 255 means "none".
+const unsigned int QZFS_MAX_DISKS = 255;
+// Disk vector growth step.
+const unsigned int QZFS_DISK_VECTOR_STEP = 8;
+// Stream descriptors run from 1 to 511; slot 0 is never used.
+const int QZFS_OSSID_TABLE_SIZE = 512;
+// Query handles run from 1 to this value.
+const int QZFS_MAX_QUERY_HANDLE = 1048574;
+const unsigned char QZFS_NO_HDD = 255;
+
+// One segment queued for deletion by an overwrite pass.
+struct _delete_ss_list_node_ {
+    _k4t_stream_segment_id_ id;
+    uint32_t owner_stamp;
+};
+
+// A group of disks that record together.
+struct _disk_group_attr_ {
+    unsigned long max_owner_stamp;          // highest owner stamp among the group's disks
+    unsigned long valid_disk_bitmap;        // bit n: hdd_id n belongs to the group
+    unsigned char m_current_record_hdd_id;  // disk taking new recordings, 255 for none
+    std::list<_delete_ss_list_node_> big_delete_list;
+    std::list<_delete_ss_list_node_> small_delete_list;
+    unsigned long long reserve_free_size_for_record;
+    unsigned long long used_for_recording_free_size;
+    unsigned long long start_delete_free_size;
+    unsigned long long once_delete_size;
+    std::list<void*> open_normal_file_list;
+    void* group_lock;
+};
+
+// State behind one query handle.
+struct _stream_segment_query_state_ {
+    _k4t_stream_query_ query;
+    unsigned char cur_hdd_id;
+    uint32_t cur_root_index;
+    uint32_t cur_stream_segment_index;
+    unsigned char find_over;
+    uint32_t cur_index;
+};
+
+// Element operator of the disk vector: 0 set null, 1 and 2 destroy and set
+// null, 3 copy the pointer from `from` to `to`, 4 report whether `from` is null.
+int QzfsVectorFunc(CQzFileSystem*& from, CQzFileSystem*& to, unsigned char op);
+
+class CQzfsManager {
+public:
+    CQzfsManager();
+    ~CQzfsManager();
+
+    CQzFileSystem* register_qzfilesystem(unsigned char hdd_id);
+    int unregiseter_qzfilesystem(unsigned char hdd_id);
+    CQzFileSystem* get_file_system(unsigned char hdd_id);
+    // Destroys every disk object (library teardown).
+    void free_all_file_systems();
+
+    int Find_group_id(unsigned char hdd_id);
+    _disk_group_attr_* find_group(unsigned char group);
+    int Get_free_query_stream_segment_handle();
+
+    int apply_and_set_ossid(int disk_fd);
+    int free_ossid(int slot);
+    int get_disk_ossid(int slot);
+    int modify_disk_ossid(int slot, int value);
+
+    // The manager lock is taken only when gQzfsConfig.global_lock_enabled is 1.
+    void manager_lock();
+    void manager_unlock();
+
+    unsigned char m_InitFlag;
+    std::vector<CQzFileSystem*> m_Qzfs_vector;
+    std::map<int, _stream_segment_query_state_> m_query_handle_map;
+    std::map<unsigned char, _disk_group_attr_> m_disk_group_map;
+    void* m_manager_lock;
+    int m_ossid_table[QZFS_OSSID_TABLE_SIZE];
+    void* m_ossid_lock;
+
+private:
+    CQzFileSystem*& slot(unsigned char hdd_id);
+};
+
+// True when a disk has open streams or normal files.
+int have_open_file(unsigned char hdd_id);
+// True when a normal file of the disk is open in any group.
+int qzfs_judge_hdd_open_normal_file(unsigned char hdd_id);
+
+// The bit of a disk in a group mask; disks from 32 up have none.
+unsigned long qzfs_disk_bit(unsigned char hdd_id);
+
+#endif

@@ -1,0 +1,224 @@
+// Life of one disk object: construction, format, mount, teardown, and the
+// block-addressed transfers every other member goes through.
+#include "qzfilesystem.h"
+#include "qzfs_device.h"
+#include "qzfs_log.h"
+
+#include <cstdlib>
+#include <cstring>
+
+CQzFileSystem::CQzFileSystem()
+    : m_pIo_interface(nullptr), m_file_system_io_buffer(nullptr), m_file_system_io_buffer_len(0),
+      m_state(QZFSS_IDEL), m_manage(), m_hdd_id(0), bare_dev(1)
+{
+    m_manage.disk_endian = (_fs_endian_)1;
+    m_manage.disk_lock_handle = qzfs_create_lock();
+    QZLOG_ABOVE(0, "Quo Zeng File System Library Version:%s %s", __DATE__, __TIME__);
+}
+
+CQzFileSystem::~CQzFileSystem() { Qzfilesystem_uninit(); }
+
+void CQzFileSystem::Qzfilesystem_uninit()
+{
+    if (m_pIo_interface != nullptr) {
+        qzfs_destroy_io_interface(m_pIo_interface);
+        m_pIo_interface = nullptr;
+    }
+    free(m_file_system_io_buffer);
+    m_file_system_io_buffer = nullptr;
+    m_file_system_io_buffer_len = 0;
+    free(m_manage.block_bitmap);
+    m_manage.block_bitmap = nullptr;
+    m_manage.block_bitmap_len = 0;
+    m_hdd_id = 0;
+    m_manage.root_index_block_map.clear();
+    m_manage.normal_file_cache.clear();
+    if (m_manage.disk_lock_handle != nullptr) {
+        qzfs_destroy_lock(m_manage.disk_lock_handle);
+        m_manage.disk_lock_handle = nullptr;
+    }
+    m_manage.opened_stream_segment_map.clear();
+    QZLOG_ABOVE(0, "*********uninit qzfs*******");
+    m_state = QZFSS_IDEL;
+}
+
+int CQzFileSystem::disk_lock(unsigned char lock)
+{
+    if (lock == 1)
+        return qzfs_lock(m_manage.disk_lock_handle);
+    return qzfs_unlock(m_manage.disk_lock_handle);
+}
+
+bool CQzFileSystem::open_stream_segment_is_empty() const
+{
+    return m_manage.opened_stream_segment_map.empty();
+}
+
+int CQzFileSystem::Create_file_system_io_channel()
+{
+    m_file_system_io_buffer_len = QZFS_IO_UNIT;
+    free(m_file_system_io_buffer);
+    m_file_system_io_buffer = static_cast<unsigned char*>(malloc(m_file_system_io_buffer_len));
+    if (m_file_system_io_buffer == nullptr)
+        QZFS_FATAL("CQzFileSystem::Create_file_system_io_channel out of "
+                   "memory(m_file_system_io_buffer_len:%ld)",
+                   (long)m_file_system_io_buffer_len);
+    return 0;
+}
+
+int CQzFileSystem::Seek_and_write_in_block(void* io, unsigned long block, unsigned long offset,
+                                           unsigned char* data, int length)
+{
+    if (qzfs_seek(io, block, offset) != 0) {
+        QZLOG("seek failed(BlockNum:%ld)(BlockOffset:%ld)", (long)block, (long)offset);
+        return -2;
+    }
+    // A disk reached through a partition is read-only outside a format.
+    if (bare_dev == 0 && m_state != QZFSS_FORMATING)
+        return length;
+    int written = qzfs_write(io, data, length);
+    if (written != length) {
+        QZLOG("write failed (BlockNum:%ld)(BlockOffset:%ld)(want:%d)(fact:%d)", (long)block,
+              (long)offset, length, written);
+        modify_block_type(block, QZFS_BLOCK_BAD, QZFS_WHERE_ALL);
+    }
+    return written;
+}
+
+// A short read clears the caller's whole buffer and rewrites the unread
+// stretch with zeros, so that a failing spot is either mended or marked bad.
+int CQzFileSystem::Seek_and_read_in_block(void* io, unsigned long block, unsigned long offset,
+                                          unsigned char* data, int length)
+{
+    if (qzfs_seek(io, block, offset) != 0) {
+        QZLOG("seek failed(BlockNum:%ld)(BlockOffset:%ld)", (long)block, (long)offset);
+        return -2;
+    }
+    int got = qzfs_read(io, data, length);
+    if (got < length) {
+        QZLOG("read failed (BlockNum:%ld)(BlockOffset:%ld)(want:%d)(fact:%d)", (long)block,
+              (long)offset, length, got);
+        if (got < 0)
+            got = 0;
+        memset(data, 0, length);
+        Seek_and_write_in_block(io, block, offset + got, data, length - got);
+    }
+    return got;
+}
+
+int CQzFileSystem::Format(char* dev, char* label, unsigned char bare)
+{
+    if (m_state != QZFSS_IDEL) {
+        QZLOG_ABOVE(1, "Format failed(NOT QZFSS_IDEL)");
+        return -1;
+    }
+    m_state = QZFSS_FORMATING;
+    bare_dev = bare;
+    m_dev_path = dev != nullptr ? dev : "";
+
+    m_pIo_interface = qzfs_create_io_interface(dev, bare);
+    if (m_pIo_interface == nullptr) {
+        QZLOG("create %s io interface failed!", dev != nullptr ? dev : "(null)");
+        return -1;
+    }
+    Create_file_system_io_channel();
+
+    // Through a partition the shell stays: only the block table is renewed.
+    if (bare == 0 && get_disk_manage_info_by_key_info_block(0) == 0) {
+        QZLOG_ABOVE(0, "is my fs,so clear key info!");
+        if (clear_key_info_data() != 0) {
+            QZLOG("clear key info data failed!");
+            return -1;
+        }
+        return qzfs_sync(m_pIo_interface);
+    }
+    QZLOG_ABOVE(0, "not my fs or need full format!");
+    if (format_key_info_block(dev, label) != 0) {
+        QZLOG("format_key_info_block failed!");
+        return -1;
+    }
+    if (get_disk_manage_info_by_key_info_block(0) != 0) {
+        QZLOG("get_disk_manage_info_by_key_info_block failed!");
+        return -1;
+    }
+    return qzfs_sync(m_pIo_interface);
+}
+
+// Mount order: device and geometry, key info (with backup repair), root
+// index check, power-down recovery, orphan data blocks.
+int CQzFileSystem::Mount(unsigned char hdd_id, char* dev)
+{
+    m_hdd_id = hdd_id;
+    const char* name = dev != nullptr ? dev : "(null)";
+    if (m_state != QZFSS_IDEL) {
+        QZLOG("Mount failed(NOT QZFSS_IDEL)");
+    } else {
+        m_state = QZFSS_MOUNTING;
+        bare_dev = 1;
+        m_dev_path = dev != nullptr ? dev : "";
+        m_pIo_interface = qzfs_create_io_interface(dev, 1);
+        if (m_pIo_interface == nullptr) {
+            QZLOG("create %s io interface failed!", name);
+        } else {
+            Create_file_system_io_channel();
+            QZLOG_ABOVE(0, "start read disk key info!");
+            if (get_disk_manage_info_by_key_info_block(0) != 0) {
+                QZLOG("get disk manage info failed");
+            } else {
+                QZLOG_ABOVE(0, "start power down recovery!");
+                if (Power_down_recovery() != 0) {
+                    QZLOG("Mount Power_down_recovery failed");
+                } else {
+                    get_disk_invalid_data_block_num();
+                    m_state = QZFSS_MOUNTED;
+                    QZLOG_ABOVE(2, "CQzFileSystem::Mount OK!!!!!!!!!!!!!");
+                    return 0;
+                }
+            }
+        }
+    }
+    QZLOG("mount failed(hdd_id:%d)!!!!!!!!!!!!!", hdd_id);
+    return -1;
+}
+
+int CQzFileSystem::Mount_by_partition(unsigned char hdd_id, int count, char** devs)
+{
+    m_hdd_id = hdd_id;
+    if (count >= 2) {
+        QZLOG("not support multi partition");
+    } else if (count < 1 || devs == nullptr || devs[0] == nullptr) {
+        QZLOG("dev name is null");
+    } else if (m_state != QZFSS_IDEL) {
+        QZLOG("Mount failed(NOT QZFSS_IDEL)");
+    } else {
+        m_state = QZFSS_MOUNTING;
+        bare_dev = 0;
+        m_dev_path = devs[0];
+        m_pIo_interface = qzfs_create_io_interface(devs[0], 0);
+        if (m_pIo_interface == nullptr) {
+            QZLOG("create %s io interface failed!", devs[0]);
+        } else {
+            Create_file_system_io_channel();
+            QZLOG_ABOVE(0, "start read disk key info!");
+            if (get_disk_manage_info_by_key_info_block(0) != 0) {
+                QZLOG("get disk manage info failed");
+            } else if (Power_down_recovery() != 0) {
+                QZLOG("Mount Power_down_recovery failed");
+            } else {
+                m_state = QZFSS_MOUNTED;
+                return 0;
+            }
+        }
+    }
+    QZLOG("mount failed(hdd_id:%d)!!!!!!!!!!!!!", hdd_id);
+    return -1;
+}
+
+int CQzFileSystem::Get_hdd_info(_qzfs_k4t_hdd_info_* info)
+{
+    info->block_size = m_manage.block_size;
+    info->total_num = m_manage.total_block;
+    info->free_num = m_manage.free_block;
+    QZLOG_ABOVE(3, "invalid block num:%d", (int)m_manage.invalid_block_list.size());
+    return 0;
+}

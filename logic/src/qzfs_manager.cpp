@@ -1,0 +1,211 @@
+#include "qzfs_manager.h"
+#include "qzfilesystem.h"
+#include "qzfs_device.h"
+#include "qzfs_log.h"
+
+#include <cstdlib>
+
+extern "C" QZFS_API CQzfsManager gQzfsManager;
+CQzfsManager gQzfsManager;
+
+unsigned long qzfs_disk_bit(unsigned char hdd_id)
+{
+    return hdd_id < 32 ? (1UL << hdd_id) : 0;
+}
+
+int QzfsVectorFunc(CQzFileSystem*& from, CQzFileSystem*& to, unsigned char op)
+{
+    switch (op) {
+    case 0:
+        from = nullptr;
+        return 0;
+    case 1:
+    case 2:
+        delete from;
+        from = nullptr;
+        return 0;
+    case 3:
+        to = from;
+        return 0;
+    case 4:
+        return from == nullptr ? 1 : 0;
+    default:
+        QZFS_FATAL("QzfsVectorFunc NOT support operator(operator:%d)", op);
+    }
+}
+
+CQzfsManager::CQzfsManager() : m_InitFlag(0)
+{
+    m_manager_lock = qzfs_create_lock();
+    m_ossid_lock = qzfs_create_lock();
+    for (int& value : m_ossid_table)
+        value = -1;
+}
+
+CQzfsManager::~CQzfsManager()
+{
+    free_all_file_systems();
+    for (auto& group : m_disk_group_map)
+        if (group.second.group_lock != nullptr)
+            qzfs_destroy_lock(group.second.group_lock);
+    m_disk_group_map.clear();
+    qzfs_destroy_lock(m_manager_lock);
+    qzfs_destroy_lock(m_ossid_lock);
+    m_manager_lock = m_ossid_lock = nullptr;
+}
+
+// The disk vector grows 8 slots at a time up to its maximum; an index at or
+// beyond the maximum ends the process.
+CQzFileSystem*& CQzfsManager::slot(unsigned char hdd_id)
+{
+    if (hdd_id >= QZFS_MAX_DISKS)
+        exit(1);
+    if (hdd_id >= m_Qzfs_vector.size()) {
+        size_t grown = (hdd_id / QZFS_DISK_VECTOR_STEP + 1) * QZFS_DISK_VECTOR_STEP;
+        if (grown > QZFS_MAX_DISKS)
+            grown = QZFS_MAX_DISKS;
+        m_Qzfs_vector.resize(grown, nullptr);
+    }
+    return m_Qzfs_vector[hdd_id];
+}
+
+void CQzfsManager::free_all_file_systems()
+{
+    CQzFileSystem* unused = nullptr;
+    for (CQzFileSystem*& fs : m_Qzfs_vector)
+        QzfsVectorFunc(fs, unused, 1);
+    m_Qzfs_vector.clear();
+}
+
+void CQzfsManager::manager_lock()
+{
+    if (gQzfsConfig.global_lock_enabled == 1)
+        qzfs_lock(m_manager_lock);
+}
+
+void CQzfsManager::manager_unlock()
+{
+    if (gQzfsConfig.global_lock_enabled == 1)
+        qzfs_unlock(m_manager_lock);
+}
+
+CQzFileSystem* CQzfsManager::register_qzfilesystem(unsigned char hdd_id)
+{
+    if (m_InitFlag != K4T_FS_TRUE) {
+        QZLOG("CQzfsManager::register_qzfilesystem (m_InitFlag != K4T_FS_TRUE) (HddId:%d)", hdd_id);
+        return nullptr;
+    }
+    CQzFileSystem*& fs = slot(hdd_id);
+    if (fs != nullptr) {
+        QZLOG("CQzfsManager::register_qzfilesystem The Hdd is regisetered(HddId:%d)", hdd_id);
+        return nullptr;
+    }
+    fs = new (std::nothrow) CQzFileSystem();
+    if (fs == nullptr)
+        QZFS_FATAL("CQzfsManager::register_qzfilesystem out of memory");
+    return fs;
+}
+
+int CQzfsManager::unregiseter_qzfilesystem(unsigned char hdd_id)
+{
+    if (hdd_id < m_Qzfs_vector.size()) {
+        CQzFileSystem* unused = nullptr;
+        QzfsVectorFunc(m_Qzfs_vector[hdd_id], unused, 2);
+    }
+    return 1;
+}
+
+CQzFileSystem* CQzfsManager::get_file_system(unsigned char hdd_id)
+{
+    if (m_InitFlag != K4T_FS_TRUE || hdd_id == QZFS_NO_HDD)
+        return nullptr;
+    return slot(hdd_id);
+}
+
+int CQzfsManager::Find_group_id(unsigned char hdd_id)
+{
+    unsigned long bit = qzfs_disk_bit(hdd_id);
+    for (auto& group : m_disk_group_map)
+        if (group.second.valid_disk_bitmap & bit)
+            return group.first;
+    return -1;
+}
+
+_disk_group_attr_* CQzfsManager::find_group(unsigned char group)
+{
+    auto it = m_disk_group_map.find(group);
+    return it == m_disk_group_map.end() ? nullptr : &it->second;
+}
+
+int CQzfsManager::Get_free_query_stream_segment_handle()
+{
+    int handle = 1;
+    for (auto& entry : m_query_handle_map) {
+        if (entry.first > handle)
+            break;
+        if (entry.first == handle)
+            handle++;
+    }
+    if (handle > QZFS_MAX_QUERY_HANDLE) {
+        QZLOG_ABOVE(1, "failed");
+        return -1;
+    }
+    return handle;
+}
+
+int CQzfsManager::apply_and_set_ossid(int disk_fd)
+{
+    int found = -1;
+    qzfs_lock(m_ossid_lock);
+    for (int i = 1; i < QZFS_OSSID_TABLE_SIZE; i++) {
+        if (m_ossid_table[i] == -1) {
+            m_ossid_table[i] = disk_fd;
+            found = i;
+            break;
+        }
+    }
+    qzfs_unlock(m_ossid_lock);
+    return found;
+}
+
+static bool ossid_slot_valid(int slot) { return slot >= 1 && slot < QZFS_OSSID_TABLE_SIZE; }
+
+int CQzfsManager::free_ossid(int slot)
+{
+    if (!ossid_slot_valid(slot))
+        return -1;
+    m_ossid_table[slot] = -1;
+    return 0;
+}
+
+int CQzfsManager::get_disk_ossid(int slot)
+{
+    if (!ossid_slot_valid(slot))
+        return -1;
+    return m_ossid_table[slot];
+}
+
+int CQzfsManager::modify_disk_ossid(int slot, int value)
+{
+    if (!ossid_slot_valid(slot))
+        return -1;
+    m_ossid_table[slot] = value;
+    return 0;
+}
+
+int qzfs_judge_hdd_open_normal_file(unsigned char hdd_id)
+{
+    for (auto& group : gQzfsManager.m_disk_group_map)
+        for (void* handle : group.second.open_normal_file_list)
+            if (static_cast<_qzfs_normal_file_describe_*>(handle)->hdd_id == hdd_id)
+                return 1;
+    return 0;
+}
+
+int have_open_file(unsigned char hdd_id)
+{
+    CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
+    if (fs != nullptr && !fs->open_stream_segment_is_empty())
+        return 1;
+    return qzfs_judge_hdd_open_normal_file(hdd_id);
+}

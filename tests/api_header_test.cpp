@@ -1,0 +1,194 @@
+// Checks of the public header's record layout and of the memory statistics
+// diagnostics.
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "qzfilesystem_api.h"
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Record layout: these records are shared with the application byte for byte.
+// ---------------------------------------------------------------------------
+
+TEST(ApiRecordLayout, GlobalConfigIs24BytesWithFieldsInOrder)
+{
+    EXPECT_EQ(24u, sizeof(_qzfs_global_config_));
+    EXPECT_EQ(24u, sizeof(gQzfsConfig));
+    EXPECT_EQ(0u, offsetof(_qzfs_global_config_, root_index_cache_size));
+    EXPECT_EQ(4u, offsetof(_qzfs_global_config_, root_index_cache_step));
+    EXPECT_EQ(8u, offsetof(_qzfs_global_config_, ssi_cache_size));
+    EXPECT_EQ(12u, offsetof(_qzfs_global_config_, ssi_cache_step));
+    EXPECT_EQ(16u, offsetof(_qzfs_global_config_, config_byte_16));
+    EXPECT_EQ(17u, offsetof(_qzfs_global_config_, simple_index_mode));
+    EXPECT_EQ(18u, offsetof(_qzfs_global_config_, config_byte_18));
+    EXPECT_EQ(19u, offsetof(_qzfs_global_config_, config_byte_19));
+    EXPECT_EQ(20u, offsetof(_qzfs_global_config_, global_lock_enabled));
+    EXPECT_EQ(21u, offsetof(_qzfs_global_config_, reserved));
+}
+
+TEST(ApiRecordLayout, DateAndTimeRecordsAreBytePacked)
+{
+    EXPECT_EQ(3u, sizeof(_k4t_fs_time_));
+    EXPECT_EQ(4u, sizeof(_k4t_fs_date_));
+    EXPECT_EQ(7u, sizeof(_k4t_fs_date_time_));
+    EXPECT_EQ(6u, offsetof(_k4t_fs_date_time_, dst));
+}
+
+TEST(ApiRecordLayout, VideoFrameInfoIs16Bytes)
+{
+    EXPECT_EQ(16u, sizeof(_k4t_video_frame_info_));
+    EXPECT_EQ(3u, offsetof(_k4t_video_frame_info_, iframe_flag));
+    EXPECT_EQ(4u, offsetof(_k4t_video_frame_info_, offset));
+    EXPECT_EQ(8u, offsetof(_k4t_video_frame_info_, pts_high));
+    EXPECT_EQ(12u, offsetof(_k4t_video_frame_info_, pts_low));
+}
+
+TEST(ApiRecordLayout, RecoveryParaIs10Bytes)
+{
+    EXPECT_EQ(10u, sizeof(_qzfs_k4t_recovery_para_));
+    EXPECT_EQ(2u, offsetof(_qzfs_k4t_recovery_para_, start_date));
+    EXPECT_EQ(6u, offsetof(_qzfs_k4t_recovery_para_, end_date));
+}
+
+TEST(ApiRecordLayout, OverwriteConfigIsFourByteCounts)
+{
+    EXPECT_EQ(32u, sizeof(_qzfs_k4t_hdd_overwrite_config_));
+    EXPECT_EQ(0u, offsetof(_qzfs_k4t_hdd_overwrite_config_, reserve_free_size_for_record));
+    EXPECT_EQ(8u, offsetof(_qzfs_k4t_hdd_overwrite_config_, used_for_recording_free_size));
+    EXPECT_EQ(16u, offsetof(_qzfs_k4t_hdd_overwrite_config_, start_delete_free_size));
+    EXPECT_EQ(24u, offsetof(_qzfs_k4t_hdd_overwrite_config_, once_delete_size));
+}
+
+TEST(ApiRecordLayout, CalendarTableIs32ChannelsBy31Days)
+{
+    _k4t_calendar_stream_query_ q;
+    EXPECT_EQ(4u, sizeof(_k4t_calendar_day_info_));
+    EXPECT_EQ(3968u, sizeof(q.day_info));
+    EXPECT_EQ(32u, sizeof(q.day_info) / sizeof(q.day_info[0]));
+    EXPECT_EQ(31u, sizeof(q.day_info[0]) / sizeof(q.day_info[0][0]));
+}
+
+TEST(ApiRecordLayout, FindPolicyValues)
+{
+    EXPECT_EQ(0, FS_FIND_NEAR_PREFER_NEXT);
+    EXPECT_EQ(1, FS_FIND_NEAR_PREFER_PREV);
+    EXPECT_EQ(2, FS_FIND_AT_OR_PREV);
+    EXPECT_EQ(3, FS_FIND_AT_OR_NEXT);
+    EXPECT_EQ(4, FS_FIND_EXACT);
+    EXPECT_EQ(5, FS_FIND_NEXT);
+    EXPECT_EQ(6, FS_FIND_PREV);
+    EXPECT_EQ(1, FS_LITTLE_ENDIAN);
+    EXPECT_EQ(1, QZFS_K4T_OSF_CONTINUE);
+}
+
+// ---------------------------------------------------------------------------
+// memory_statistics / print_memory_statistics.  The map is process-wide, so
+// every test leaves it empty again.
+// ---------------------------------------------------------------------------
+
+const char kEmpty[] = "########################[MEMORY:0]###################\n";
+const char kEnd[] = "##############################################\n";
+
+std::string printed()
+{
+    testing::internal::CaptureStdout();
+    print_memory_statistics();
+    return testing::internal::GetCapturedStdout();
+}
+
+std::string group_line(const std::string& name)
+{
+    return "[" + name + "]##############################################\n";
+}
+
+void stat(const char* group, const char* item, unsigned char op, unsigned long value)
+{
+    memory_statistics(const_cast<char*>(group), const_cast<char*>(item), op, value);
+}
+
+TEST(MemoryStatistics, EmptyMapPrintsMemoryZero)
+{
+    EXPECT_EQ(kEmpty, printed());
+}
+
+TEST(MemoryStatistics, FirstCallCreatesItemWhateverTheOp)
+{
+    stat("g", "i", 3, 7);  // erase, but the item is new: created with 7
+    EXPECT_EQ(group_line("g") + "    [i]:(7)\n" + kEnd, printed());
+
+    stat("g", "j", 2, 9);  // subtract on a new item in an existing group
+    EXPECT_EQ(group_line("g") + "    [i]:(7)\n    [j]:(9)\n" + kEnd, printed());
+
+    stat("g", "i", 3, 0);
+    stat("g", "j", 3, 0);
+    EXPECT_EQ(kEmpty, printed());
+}
+
+TEST(MemoryStatistics, AssignAddSubtractAndUnknownOp)
+{
+    stat("g", "i", 0, 10);
+    stat("g", "i", 0, 4);  // assign
+    EXPECT_EQ(group_line("g") + "    [i]:(4)\n" + kEnd, printed());
+
+    stat("g", "i", 1, 6);  // add
+    EXPECT_EQ(group_line("g") + "    [i]:(10)\n" + kEnd, printed());
+
+    stat("g", "i", 2, 3);  // subtract, stored value is greater
+    EXPECT_EQ(group_line("g") + "    [i]:(7)\n" + kEnd, printed());
+
+    stat("g", "i", 9, 100);  // unknown op: nothing changes
+    EXPECT_EQ(group_line("g") + "    [i]:(7)\n" + kEnd, printed());
+
+    stat("g", "i", 2, 8);  // not greater: item and its group go
+    EXPECT_EQ(kEmpty, printed());
+}
+
+TEST(MemoryStatistics, SubtractingAnEqualValueErasesItemAndGroup)
+{
+    stat("a", "b", 2, 5);
+    EXPECT_EQ(group_line("a") + "    [b]:(5)\n" + kEnd, printed());
+    stat("a", "b", 2, 5);
+    EXPECT_EQ(kEmpty, printed());
+}
+
+TEST(MemoryStatistics, GroupStaysWhileItHasItems)
+{
+    stat("g", "x", 0, 1);
+    stat("g", "y", 0, 2);
+    stat("g", "x", 3, 0);
+    EXPECT_EQ(group_line("g") + "    [y]:(2)\n" + kEnd, printed());
+    stat("g", "y", 3, 0);
+    EXPECT_EQ(kEmpty, printed());
+}
+
+TEST(MemoryStatistics, EmptyGroupNamePrintsLastAsOther)
+{
+    stat("", "anon", 0, 3);
+    stat("zz", "z", 0, 2);
+    stat("b", "i", 0, 1);
+    EXPECT_EQ(group_line("b") + "    [i]:(1)\n" + group_line("zz") + "    [z]:(2)\n" + group_line("OTHER") +
+                  "    [anon]:(3)\n" + kEnd,
+              printed());
+    stat("", "anon", 3, 0);
+    stat("zz", "z", 3, 0);
+    stat("b", "i", 3, 0);
+    EXPECT_EQ(kEmpty, printed());
+}
+
+TEST(MemoryStatistics, NullNamesCountAsEmpty)
+{
+    memory_statistics(nullptr, nullptr, 0, 4);
+    EXPECT_EQ(group_line("OTHER") + "    []:(4)\n" + kEnd, printed());
+    stat("", "", 1, 1);  // the same item as the null names
+    EXPECT_EQ(group_line("OTHER") + "    []:(5)\n" + kEnd, printed());
+    memory_statistics(nullptr, nullptr, 3, 0);
+    EXPECT_EQ(kEmpty, printed());
+}
+
+} // namespace

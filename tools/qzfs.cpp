@@ -1,0 +1,256 @@
+// qzfs: the host tool. Formats, mounts and inspects disks or disk images
+// through the library, from a shell.
+#include "qzfilesystem.h"
+#include "qzfilesystem_api.h"
+#include "qzfs_manager.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+const unsigned char TOOL_HDD_ID = 0;
+
+const char* USAGE =
+    "usage: qzfs [--debug-level N] VERB ARGS...\n"
+    "\n"
+    "verbs:\n"
+    "  format IMAGE [--size SIZE] [--label TEXT]\n"
+    "      format a disk or image; a missing IMAGE is created as a sparse file\n"
+    "      of SIZE bytes (suffixes K, M, G, T: powers of 1024)\n"
+    "  info IMAGE\n"
+    "      mount and print block size, block counts, key info places, label\n"
+    "      and version\n"
+    "\n"
+    "options:\n"
+    "  --debug-level N   library log level (0 silent, 1 lifecycle, up to 4); default 0\n"
+    "  --help            this text\n";
+
+int fail(const char* fmt, const std::string& detail = "")
+{
+    fprintf(stderr, "qzfs: ");
+    fprintf(stderr, fmt, detail.c_str());
+    fprintf(stderr, "\n");
+    return 1;
+}
+
+bool parse_size(const std::string& text, unsigned long long& out)
+{
+    if (text.empty())
+        return false;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long value = strtoull(text.c_str(), &end, 10);
+    if (errno != 0 || end == text.c_str())
+        return false;
+    std::string suffix(end);
+    unsigned long long scale = 1;
+    if (suffix == "" || suffix == "B")
+        scale = 1;
+    else if (suffix == "K" || suffix == "KiB")
+        scale = 1ULL << 10;
+    else if (suffix == "M" || suffix == "MiB")
+        scale = 1ULL << 20;
+    else if (suffix == "G" || suffix == "GiB")
+        scale = 1ULL << 30;
+    else if (suffix == "T" || suffix == "TiB")
+        scale = 1ULL << 40;
+    else
+        return false;
+    out = value * scale;
+    return true;
+}
+
+// Arguments after the verb: positional ones and --name value pairs.
+struct Args {
+    std::vector<std::string> positional;
+    std::vector<std::pair<std::string, std::string>> options;
+
+    const std::string* option(const char* name) const
+    {
+        for (const auto& o : options)
+            if (o.first == name)
+                return &o.second;
+        return nullptr;
+    }
+};
+
+bool split_args(int argc, char** argv, int first, Args& args, std::string& error)
+{
+    for (int i = first; i < argc; i++) {
+        std::string word = argv[i];
+        if (word.rfind("--", 0) == 0) {
+            if (i + 1 >= argc) {
+                error = word + " needs a value";
+                return false;
+            }
+            args.options.emplace_back(word, argv[++i]);
+        } else {
+            args.positional.push_back(word);
+        }
+    }
+    return true;
+}
+
+bool only_options(const Args& args, std::initializer_list<const char*> allowed, std::string& error)
+{
+    for (const auto& o : args.options) {
+        bool known = false;
+        for (const char* name : allowed)
+            known = known || o.first == name;
+        if (!known) {
+            error = "unknown option " + o.first;
+            return false;
+        }
+    }
+    return true;
+}
+
+// Makes a sparse image of `size` bytes when `path` does not exist yet.
+int prepare_image(const std::string& path, const std::string* size_text)
+{
+    struct stat st;
+    bool exists = stat(path.c_str(), &st) == 0;
+    if (size_text == nullptr)
+        return exists ? 0 : fail("%s does not exist (give --size to create an image)", path);
+    unsigned long long size = 0;
+    if (!parse_size(*size_text, size) || size == 0)
+        return fail("bad size '%s'", *size_text);
+    if (exists) {
+        if (S_ISREG(st.st_mode) && (unsigned long long)st.st_size != size)
+            return fail("%s exists with another size; remove it or leave out --size", path);
+        return 0;
+    }
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
+    if (fd < 0)
+        return fail("cannot create %s", path + ": " + strerror(errno));
+    int rc = ftruncate(fd, (off_t)size);
+    close(fd);
+    if (rc != 0)
+        return fail("cannot size %s", path + ": " + strerror(errno));
+    return 0;
+}
+
+int verb_format(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--size", "--label"}, error))
+        return fail("%s", error);
+    if (args.positional.size() != 1)
+        return fail("format takes one IMAGE");
+    std::string path = args.positional[0];
+    if (prepare_image(path, args.option("--size")) != 0)
+        return 1;
+    const std::string* label = args.option("--label");
+    if (label != nullptr && label->size() > 127)
+        return fail("label is longer than 127 characters");
+    std::string label_copy = label != nullptr ? *label : "";
+    int rc = label != nullptr
+                 ? api_qzfs_format(TOOL_HDD_ID, &path[0], &label_copy[0])
+                 : api_qzfs_fast_format(TOOL_HDD_ID, &path[0]);
+    if (rc != 0)
+        return fail("format of %s failed (too small, unreadable or not a disk?)", path);
+    printf("formatted %s\n", path.c_str());
+    return 0;
+}
+
+// Mounts IMAGE as the tool's disk; the caller unmounts.
+int mount_image(const std::string& path)
+{
+    std::string copy = path;
+    if (api_qzfs_mount(TOOL_HDD_ID, &copy[0]) != 0)
+        return fail("cannot mount %s (not formatted, or its key info is damaged)", path);
+    return 0;
+}
+
+int verb_info(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {}, error))
+        return fail("%s", error);
+    if (args.positional.size() != 1)
+        return fail("info takes one IMAGE");
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+
+    _qzfs_k4t_hdd_info_ info = {};
+    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
+    CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
+    const _qzfs_disk_manage_& manage = fs->manage();
+
+    unsigned char block_start[QZFS_KEY_HEADER_OFFSET + sizeof(_qzfs_key_header_)];
+    _qzfs_key_header_ header = {};
+    fs->disk_lock(1);
+    if (fs->Seek_and_read_in_block(fs->io_interface(), manage.key_block, 0, block_start,
+                                   sizeof(block_start)) == (int)sizeof(block_start))
+        memcpy(&header, block_start + QZFS_KEY_HEADER_OFFSET, sizeof(header));
+    fs->disk_lock(0);
+    header.label[sizeof(header.label) - 1] = '\0';
+    header.version[sizeof(header.version) - 1] = '\0';
+
+    printf("device:           %s\n", path.c_str());
+    printf("block size:       %lu (%lu MiB)\n", (unsigned long)info.block_size,
+           (unsigned long)(info.block_size >> 20));
+    printf("total blocks:     %lu\n", (unsigned long)info.total_num);
+    printf("free blocks:      %lu\n", (unsigned long)info.free_num);
+    printf("key block:        %lu\n", manage.key_block);
+    printf("backup key block: %lu\n", manage.bak_key_block);
+    printf("label:            %s\n", header.label);
+    printf("version:          %s\n", header.version);
+    api_qzfs_umount(TOOL_HDD_ID);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    unsigned long debug_level = 0;
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; i++) {
+        std::string word = argv[i];
+        if (word == "--help" || word == "-h") {
+            fputs(USAGE, stdout);
+            return 0;
+        }
+        if (word == "--debug-level" && i + 1 < argc) {
+            char* end = nullptr;
+            debug_level = strtoul(argv[++i], &end, 10);
+            if (*end != '\0')
+                return fail("bad debug level '%s'", argv[i]);
+            continue;
+        }
+        return fail("unknown option %s (see --help)", word);
+    }
+    if (i >= argc) {
+        fputs(USAGE, stderr);
+        return 2;
+    }
+    std::string verb = argv[i];
+    Args args;
+    std::string error;
+    if (!split_args(argc, argv, i + 1, args, error))
+        return fail("%s", error);
+
+    api_qzfs_init();
+    api_qzfs_set_debug_level(debug_level);
+    int rc;
+    if (verb == "format")
+        rc = verb_format(args);
+    else if (verb == "info")
+        rc = verb_info(args);
+    else if (verb == "help")
+        rc = (fputs(USAGE, stdout), 0);
+    else
+        rc = fail("unknown verb '%s' (see --help)", verb);
+    api_qzfs_uinit();
+    return rc;
+}
