@@ -1,0 +1,151 @@
+#include "test_support.h"
+
+#include "qzfilesystem_api.h"
+#include "qzfs_device.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <ftw.h>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qzfs_test {
+
+ScratchDir::ScratchDir()
+{
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/qzfs-test-XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()) == nullptr)
+        throw std::runtime_error("mkdtemp failed");
+    dir_ = buf.data();
+}
+
+static int remove_entry(const char* path, const struct stat*, int, struct FTW*)
+{
+    return remove(path);
+}
+
+ScratchDir::~ScratchDir() { nftw(dir_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS); }
+
+void make_sparse_image(const std::string& path, unsigned long long size)
+{
+    int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
+    if (fd < 0 || ftruncate(fd, (off_t)size) != 0)
+        throw std::runtime_error("cannot make image " + path);
+    close(fd);
+}
+
+unsigned long long file_size(const std::string& path)
+{
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return 0;
+    return (unsigned long long)st.st_size;
+}
+
+std::vector<unsigned char> read_bytes(const std::string& path, unsigned long long offset,
+                                      size_t length)
+{
+    std::vector<unsigned char> bytes(length);
+    int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0 || pread(fd, bytes.data(), length, (off_t)offset) != (ssize_t)length) {
+        if (fd >= 0)
+            close(fd);
+        throw std::runtime_error("cannot read " + path);
+    }
+    close(fd);
+    return bytes;
+}
+
+void write_bytes(const std::string& path, unsigned long long offset,
+                 const std::vector<unsigned char>& bytes)
+{
+    int fd = open(path.c_str(), O_RDWR);
+    if (fd < 0 || pwrite(fd, bytes.data(), bytes.size(), (off_t)offset) != (ssize_t)bytes.size()) {
+        if (fd >= 0)
+            close(fd);
+        throw std::runtime_error("cannot write " + path);
+    }
+    close(fd);
+}
+
+void damage_byte(const std::string& path, unsigned long long offset)
+{
+    std::vector<unsigned char> byte = read_bytes(path, offset, 1);
+    byte[0] ^= 0xFF;
+    write_bytes(path, offset, byte);
+}
+
+std::string image_fingerprint(const std::string& path)
+{
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return "missing";
+    return std::to_string((long long)st.st_mtim.tv_sec) + "." +
+           std::to_string((long long)st.st_mtim.tv_nsec) + "/" +
+           std::to_string((long long)st.st_blocks) + "/" + std::to_string((long long)st.st_size);
+}
+
+unsigned long long table_record_offset(unsigned long block_size, unsigned long key_block,
+                                       unsigned long block)
+{
+    return (unsigned long long)key_block * block_size +
+           (block + QZFS_KEY_TABLE_FIRST_SLOT) * sizeof(_qzfs_block_info_);
+}
+
+_qzfs_block_info_ read_table_record(const std::string& path, unsigned long block_size,
+                                    unsigned long key_block, unsigned long block)
+{
+    _qzfs_block_info_ info;
+    std::vector<unsigned char> bytes =
+        read_bytes(path, table_record_offset(block_size, key_block, block), sizeof(info));
+    memcpy(&info, bytes.data(), sizeof(info));
+    return info;
+}
+
+_qzfs_block_info_ read_block_head(const std::string& path, unsigned long block_size,
+                                  unsigned long block)
+{
+    _qzfs_block_info_ info;
+    std::vector<unsigned char> bytes =
+        read_bytes(path, (unsigned long long)block * block_size, sizeof(info));
+    memcpy(&info, bytes.data(), sizeof(info));
+    return info;
+}
+
+_qzfs_key_header_ read_key_header(const std::string& path, unsigned long block_size,
+                                  unsigned long key_block)
+{
+    _qzfs_key_header_ header;
+    std::vector<unsigned char> bytes = read_bytes(
+        path, (unsigned long long)key_block * block_size + QZFS_KEY_HEADER_OFFSET, sizeof(header));
+    memcpy(&header, bytes.data(), sizeof(header));
+    return header;
+}
+
+void LibraryTest::SetUp()
+{
+    ASSERT_EQ(0, api_qzfs_init());
+    api_qzfs_set_debug_level(0);
+}
+
+void LibraryTest::TearDown()
+{
+    api_qzfs_uinit();
+    api_qzfs_set_debug_level(0);
+}
+
+int format_image(const std::string& path, unsigned long long size, const char* label)
+{
+    make_sparse_image(path, size);
+    std::string dev = path;
+    std::string text = label != nullptr ? label : "";
+    return label != nullptr ? api_qzfs_format(0, &dev[0], &text[0])
+                            : api_qzfs_fast_format(0, &dev[0]);
+}
+
+} // namespace qzfs_test

@@ -1,0 +1,78 @@
+// Helpers the tests share: scratch images, library setup, and small tools
+// that read or damage one byte or one record of an image.
+#ifndef QZFS_TEST_SUPPORT_H
+#define QZFS_TEST_SUPPORT_H
+
+#include "qzfs_disk_format.h"
+
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace qzfs_test {
+
+const unsigned long long MiB = 1ULL << 20;
+const unsigned long long GiB = 1ULL << 30;
+const unsigned long long TiB = 1ULL << 40;
+
+// A temporary directory, removed with everything in it at destruction.
+class ScratchDir {
+public:
+    ScratchDir();
+    ~ScratchDir();
+    std::string path(const std::string& name) const { return dir_ + "/" + name; }
+
+private:
+    std::string dir_;
+};
+
+// Creates (or resizes) a sparse file of `size` bytes.
+void make_sparse_image(const std::string& path, unsigned long long size);
+unsigned long long file_size(const std::string& path);
+
+std::vector<unsigned char> read_bytes(const std::string& path, unsigned long long offset,
+                                      size_t length);
+void write_bytes(const std::string& path, unsigned long long offset,
+                 const std::vector<unsigned char>& bytes);
+// Flips every bit of the byte at `offset`.
+void damage_byte(const std::string& path, unsigned long long offset);
+// Modification time, allocated blocks and size of a file: any write to an
+// image changes it.
+std::string image_fingerprint(const std::string& path);
+
+// The table record of `block` in the key info block `key_block`.
+_qzfs_block_info_ read_table_record(const std::string& path, unsigned long block_size,
+                                    unsigned long key_block, unsigned long block);
+// The record at offset 0 of `block` itself.
+_qzfs_block_info_ read_block_head(const std::string& path, unsigned long block_size,
+                                  unsigned long block);
+_qzfs_key_header_ read_key_header(const std::string& path, unsigned long block_size,
+                                  unsigned long key_block);
+// Byte offset of the table record of `block` in key block `key_block`.
+unsigned long long table_record_offset(unsigned long block_size, unsigned long key_block,
+                                       unsigned long block);
+
+// Initialises the library quietly (debug level 0) and tears it down after.
+class LibraryTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    ScratchDir scratch_;
+};
+
+// Formats a fresh sparse image of `size` bytes at `path`; returns the
+// library's result.
+int format_image(const std::string& path, unsigned long long size, const char* label = nullptr);
+
+// Runs `fn` and returns what it printed to standard output.
+template <typename Fn> std::string captured_stdout(Fn fn)
+{
+    testing::internal::CaptureStdout();
+    fn();
+    return testing::internal::GetCapturedStdout();
+}
+
+} // namespace qzfs_test
+
+#endif
