@@ -26,8 +26,12 @@ const char* USAGE =
     "      format a disk or image; a missing IMAGE is created as a sparse file\n"
     "      of SIZE bytes (suffixes K, M, G, T: powers of 1024)\n"
     "  info IMAGE\n"
-    "      mount and print block size, block counts, key info places, label\n"
-    "      and version\n"
+    "      mount and print block size, block counts, key info places, label,\n"
+    "      version, owner stamp and the number of blocks of each type\n"
+    "  test IMAGE\n"
+    "      write, read back and free one block of a mounted disk\n"
+    "  rebuild-shell IMAGE\n"
+    "      lay the MBR and FAT32 shell anew; recordings are left alone\n"
     "\n"
     "options:\n"
     "  --debug-level N   library log level (0 silent, 1 lifecycle, up to 4); default 0\n"
@@ -205,7 +209,56 @@ int verb_info(const Args& args)
     printf("backup key block: %lu\n", manage.bak_key_block);
     printf("label:            %s\n", header.label);
     printf("version:          %s\n", header.version);
+    printf("owner stamp:      %lu\n", manage.block_owner_stamp);
+
+    static const char* const type_names[] = {
+        "none", "free", "system", "key info", "root index", "segment index",
+        "i-frame index", "data", "normal file", "bad", "test"};
+    unsigned long counts[11] = {};
+    fs->disk_lock(1);
+    int counted = fs->count_blocks_by_type(counts);
+    fs->disk_lock(0);
+    if (counted == 0) {
+        printf("blocks by type:\n");
+        for (int type = 1; type <= 10; type++)
+            printf("  %-14s %lu\n", type_names[type], counts[type]);
+    }
     api_qzfs_umount(TOOL_HDD_ID);
+    return counted == 0 ? 0 : fail("cannot read the block table of %s", path);
+}
+
+int verb_test(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {}, error))
+        return fail("%s", error);
+    if (args.positional.size() != 1)
+        return fail("test takes one IMAGE");
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    int rc = api_qzfs_test_hdd(TOOL_HDD_ID, 0);
+    api_qzfs_umount(TOOL_HDD_ID);
+    if (rc != 0)
+        return fail("block test of %s failed (disk full or failing)", path);
+    printf("block test of %s passed\n", path.c_str());
+    return 0;
+}
+
+int verb_rebuild_shell(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {}, error))
+        return fail("%s", error);
+    if (args.positional.size() != 1)
+        return fail("rebuild-shell takes one IMAGE");
+    std::string path = args.positional[0];
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return fail("%s does not exist", path);
+    if (api_qzfs_rebuild_rely(TOOL_HDD_ID, &path[0]) != 0)
+        return fail("rebuilding the shell of %s failed", path);
+    printf("shell of %s rebuilt\n", path.c_str());
     return 0;
 }
 
@@ -247,6 +300,10 @@ int main(int argc, char** argv)
         rc = verb_format(args);
     else if (verb == "info")
         rc = verb_info(args);
+    else if (verb == "test")
+        rc = verb_test(args);
+    else if (verb == "rebuild-shell")
+        rc = verb_rebuild_shell(args);
     else if (verb == "help")
         rc = (fputs(USAGE, stdout), 0);
     else

@@ -150,3 +150,32 @@ int CQzfsApi::Qzfs_get_hdd_info(unsigned char hdd_id, _qzfs_k4t_hdd_info_* info)
     QZLOG_ABOVE(2, "get hdd info END(%d)", hdd_id);
     return 0;
 }
+
+// Renews the MBR and FAT32 shell of an unmounted disk without touching its
+// key info block or recorded blocks.
+int CQzfsApi::qzfs_rebuild_rely(unsigned char hdd_id, char* dev)
+{
+    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd_id);
+    if (fs == nullptr) {
+        QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
+        return -1;
+    }
+    int result = fs->rebuild_rely(dev) == 0 ? 0 : -1;
+    gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+    return result;
+}
+
+int CQzfsApi::Qzfs_test_hdd(unsigned char hdd_id, unsigned long value)
+{
+    QZLOG_ABOVE(0, "start test disk(%d)", hdd_id);
+    CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
+    if (fs == nullptr) {
+        QZLOG_ABOVE(0, "disk is umount(%d)", hdd_id);
+        return -1;
+    }
+    fs->disk_lock(1);
+    int result = fs->Test_hdd(value);
+    fs->disk_lock(0);
+    QZLOG_ABOVE(0, "end test disk(%s)", result == 0 ? "success" : "failed");
+    return result;
+}

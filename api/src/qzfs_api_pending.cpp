@@ -8,16 +8,6 @@
 
 /* ---- Disks -------------------------------------------------------------- */
 
-int CQzfsApi::qzfs_rebuild_rely(unsigned char, char*)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_test_hdd(unsigned char, unsigned long)
-{
-    return -1;
-}
-
 int CQzfsApi::Qzfs_disk_recovery(unsigned char, char*, _qzfs_k4t_recovery_para_*)
 {
     return -1;

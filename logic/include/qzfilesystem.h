@@ -98,6 +98,10 @@ public:
     int Mount_by_partition(unsigned char hdd_id, int count, char** devs);
     int Get_hdd_state() const { return m_state; }
     int Get_hdd_info(_qzfs_k4t_hdd_info_* info);
+    int Test_hdd(unsigned long value);
+    int rebuild_rely(char* dev);
+    // Number of table records of each block type (index = type, 0 to 10).
+    int count_blocks_by_type(unsigned long counts[11]);
     int disk_lock(unsigned char lock);
     void Qzfilesystem_uninit();
     bool open_stream_segment_is_empty() const;
@@ -144,6 +148,9 @@ public:
     bool block_bit_is_set(unsigned long block) const;
     void set_block_bit(unsigned long block);
     void clear_block_bit(unsigned long block);
+    int Request_free_block(unsigned long count, unsigned long* out, _qzfs_block_info_* info,
+                           unsigned char unused);
+    int Free_one_block(unsigned long block, unsigned char unused);
 
     // ---- normal file cache (qzfs_normal_file.cpp)
     void Add_block_to_normal_file(const char* name, unsigned short block_index,

@@ -222,3 +222,74 @@ int CQzFileSystem::Get_hdd_info(_qzfs_k4t_hdd_info_* info)
     QZLOG_ABOVE(3, "invalid block num:%d", (int)m_manage.invalid_block_list.size());
     return 0;
 }
+
+// Writes a 0x55/0xAA pattern over one whole block, reads it back and frees
+// the block again.
+int CQzFileSystem::Test_hdd(unsigned long)
+{
+    _qzfs_block_info_ info;
+    memset(&info, 0, sizeof(info));
+    info.block_type = QZFS_BLOCK_TEST;
+    unsigned long block = 0;
+    if (Request_free_block(1, &block, &info, 0) != 0) {
+        QZLOG("request free block FAILED");
+        return -1;
+    }
+    QZLOG_ABOVE(0, "test %s, block:%lu", m_dev_path.c_str(), block);
+
+    unsigned char* pattern = static_cast<unsigned char*>(malloc(QZFS_IO_UNIT));
+    if (pattern == nullptr)
+        QZFS_FATAL("CQzFileSystem::Test_hdd out of memory");
+    for (unsigned long i = 0; i < QZFS_IO_UNIT; i++)
+        pattern[i] = (i & 1) ? 0xAA : 0x55;
+
+    int result = 0;
+    for (unsigned long at = 0; at < m_manage.block_size && result == 0; at += QZFS_IO_UNIT) {
+        if (Seek_and_write_in_block(m_pIo_interface, block, at, pattern, QZFS_IO_UNIT) !=
+            (int)QZFS_IO_UNIT) {
+            QZLOG("Seek_and_write_in_block FAILED");
+            result = -1;
+        }
+    }
+    for (unsigned long at = 0; at < m_manage.block_size && result == 0; at += QZFS_IO_UNIT) {
+        if (Seek_and_read_in_block(m_pIo_interface, block, at, m_file_system_io_buffer,
+                                   QZFS_IO_UNIT) != (int)QZFS_IO_UNIT) {
+            QZLOG("Seek_and_write_in_block FAILED");
+            result = -1;
+        } else if (memcmp(pattern, m_file_system_io_buffer, QZFS_IO_UNIT) != 0) {
+            QZLOG("memcmp FAILED");
+            result = -1;
+        }
+    }
+    free(pattern);
+    if (Free_one_block(block, 0) != 0)
+        result = -1;
+    return result;
+}
+
+// Lays the MBR and FAT32 shell anew. Only system blocks are written: the key
+// info block and every recorded block stay as they are.
+int CQzFileSystem::rebuild_rely(char* dev)
+{
+    QZLOG("start rebuild %s system!", dev != nullptr ? dev : "(null)");
+    unsigned long block_size = 0, total = 0;
+    std::list<unsigned long> system;
+    if (qzfs_format(dev, 0, block_size, total, system) != 0) {
+        QZLOG("qzfs format failed!");
+        return -1;
+    }
+    QZLOG("end rebuild %s system(block size:%lu,total block:%lu,system use block:%d)!", dev,
+          block_size, total, (int)system.size());
+    return 0;
+}
+
+int CQzFileSystem::count_blocks_by_type(unsigned long counts[11])
+{
+    std::list<_block_info_node_> nodes;
+    for (unsigned char type = 0; type <= QZFS_BLOCK_TEST; type++) {
+        if (get_block_list_by_type(type, nodes) != 0)
+            return -1;
+        counts[type] = (unsigned long)nodes.size();
+    }
+    return 0;
+}
