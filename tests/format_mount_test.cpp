@@ -262,7 +262,7 @@ TEST_F(FormatMount, LoopBlockDevice)
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to attach a loop device";
     make_sparse_image(image_, 3 * GiB);
-    std::string command = "losetup -f --show '" + image_ + "' 2>/dev/null";
+    std::string command = "losetup -f -P --show '" + image_ + "' 2>/dev/null";
     FILE* pipe = popen(command.c_str(), "r");
     char line[256] = {};
     bool attached = pipe != nullptr && fgets(line, sizeof(line), pipe) != nullptr;
@@ -272,6 +272,11 @@ TEST_F(FormatMount, LoopBlockDevice)
         GTEST_SKIP() << "losetup could not attach a loop device here";
     std::string loop = line;
     loop.erase(loop.find_last_not_of("\n") + 1);
+    // Detached however the test ends.
+    struct Detach {
+        std::string dev;
+        ~Detach() { (void)!system(("losetup -d " + dev + " 2>/dev/null").c_str()); }
+    } detach{loop};
 
     unsigned long long size = 0;
     EXPECT_EQ(0, qzfs_get_block_dev_size(loop.c_str(), &size));
@@ -283,7 +288,6 @@ TEST_F(FormatMount, LoopBlockDevice)
     EXPECT_EQ(4 * MiB, info.block_size);
     EXPECT_EQ(65u, disk().key_block);
     EXPECT_EQ(0, api_qzfs_umount(0));
-    EXPECT_EQ(0, system(("losetup -d " + loop).c_str()));
     // What went through the device is on the image.
     EXPECT_STREQ("qzfs4.0", read_key_header(image_, 4 * MiB, 65).version);
 }

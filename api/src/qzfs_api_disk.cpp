@@ -43,35 +43,37 @@ int CQzfsApi::Qzfs_fast_format(unsigned char hdd_id, char* dev)
     return format_disk(hdd_id, dev, nullptr);
 }
 
-// Registration failed: mounting a mounted disk again is a success.
-static int already_mounted_result(unsigned char hdd_id)
+// Registers the disk under the manager lock and runs `mount_step` on it
+// under the disk lock. A failed mount takes the object down again; a disk
+// that is already mounted counts as a success.
+template <typename MountStep>
+static int register_and_mount(unsigned char hdd_id, MountStep mount_step)
 {
-    QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
-    CQzFileSystem* existing = gQzfsManager.get_file_system(hdd_id);
-    return existing != nullptr && existing->Get_hdd_state() == QZFSS_MOUNTED ? 0 : -1;
+    gQzfsManager.manager_lock();
+    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd_id);
+    gQzfsManager.manager_unlock();
+    if (fs == nullptr) {
+        QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
+        CQzFileSystem* existing = gQzfsManager.get_file_system(hdd_id);
+        return existing != nullptr && existing->Get_hdd_state() == QZFSS_MOUNTED ? 0 : -1;
+    }
+    fs->disk_lock(1);
+    int result = mount_step(fs);
+    fs->disk_lock(0);
+    if (result != 0) {
+        QZLOG("pFs->mount failed(HddId:%d)", hdd_id);
+        gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+        return -1;
+    }
+    return 0;
 }
 
 int CQzfsApi::Qzfs_mount(unsigned char hdd_id, char* dev)
 {
     QZLOG_ABOVE(0, "START MOUNT(hdd_id:%d)", hdd_id);
-    gQzfsManager.manager_lock();
-    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd_id);
-    gQzfsManager.manager_unlock();
-    int result;
-    if (fs == nullptr) {
-        result = already_mounted_result(hdd_id);
-    } else {
-        fs->disk_lock(1);
-        result = fs->Mount(hdd_id, dev);
-        fs->disk_lock(0);
-        if (result != 0) {
-            QZLOG("pFs->mount failed(HddId:%d)", hdd_id);
-            gQzfsManager.unregiseter_qzfilesystem(hdd_id);
-            result = -1;
-        } else {
-            QZLOG_ABOVE(2, "mount (HddId:%d) OK!!!!!!!!!!!!!!!!!!!!!", hdd_id);
-        }
-    }
+    int result = register_and_mount(hdd_id, [&](CQzFileSystem* fs) { return fs->Mount(hdd_id, dev); });
+    if (result == 0)
+        QZLOG_ABOVE(2, "mount (HddId:%d) OK!!!!!!!!!!!!!!!!!!!!!", hdd_id);
     QZLOG_ABOVE(0, "CQzfsApi::Qzfs_mount END(hdd_id:%d)(ret_val:%d)", hdd_id, result);
     return result;
 }
@@ -79,22 +81,8 @@ int CQzfsApi::Qzfs_mount(unsigned char hdd_id, char* dev)
 int CQzfsApi::Qzfs_mount_by_partition(unsigned char hdd_id, int count, char** devs)
 {
     QZLOG_ABOVE(2, "START MOUNT(hdd_id:%d)", hdd_id);
-    gQzfsManager.manager_lock();
-    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd_id);
-    gQzfsManager.manager_unlock();
-    int result;
-    if (fs == nullptr) {
-        result = already_mounted_result(hdd_id);
-    } else {
-        fs->disk_lock(1);
-        result = fs->Mount_by_partition(hdd_id, count, devs);
-        fs->disk_lock(0);
-        if (result != 0) {
-            QZLOG("pFs->mount failed(HddId:%d)", hdd_id);
-            gQzfsManager.unregiseter_qzfilesystem(hdd_id);
-            result = -1;
-        }
-    }
+    int result = register_and_mount(
+        hdd_id, [&](CQzFileSystem* fs) { return fs->Mount_by_partition(hdd_id, count, devs); });
     QZLOG_ABOVE(2, "CQzfsApi::Qzfs_mount END(hdd_id:%d)(ret_val:%d)", hdd_id, result);
     return result;
 }
