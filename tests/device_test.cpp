@@ -334,12 +334,23 @@ TEST_F(DeviceIo, ShortReadClearsBufferAndZeroesTheUnreadStretch)
 
 // ---------------------------------------------------------------------- locks
 
-TEST(DeviceLock, LockLifecycleAndNullHandle)
+TEST(DeviceLock, SerialisesThreadsAndRefusesNullHandle)
 {
     void* lock = qzfs_create_lock();
     ASSERT_NE(nullptr, lock);
-    EXPECT_EQ(0, qzfs_lock(lock));
-    EXPECT_EQ(0, qzfs_unlock(lock));
+    long counter = 0;
+    auto work = [&] {
+        for (int i = 0; i < 100000; i++) {
+            EXPECT_EQ(0, qzfs_lock(lock));
+            long seen = counter;
+            counter = seen + 1;
+            EXPECT_EQ(0, qzfs_unlock(lock));
+        }
+    };
+    std::thread a(work), b(work);
+    a.join();
+    b.join();
+    EXPECT_EQ(200000, counter);
     EXPECT_EQ(0, qzfs_destroy_lock(lock));
 
     std::string out = captured_stdout([] {
@@ -348,26 +359,6 @@ TEST(DeviceLock, LockLifecycleAndNullHandle)
         EXPECT_EQ(-1, qzfs_destroy_lock(nullptr));
     });
     EXPECT_EQ(3u, count_of(out, "lock_handle is invalid!"));
-}
-
-TEST(DeviceLock, SerialisesTwoThreads)
-{
-    void* lock = qzfs_create_lock();
-    ASSERT_NE(nullptr, lock);
-    long counter = 0;
-    auto work = [&] {
-        for (int i = 0; i < 100000; i++) {
-            qzfs_lock(lock);
-            long seen = counter;
-            counter = seen + 1;
-            qzfs_unlock(lock);
-        }
-    };
-    std::thread a(work), b(work);
-    a.join();
-    b.join();
-    EXPECT_EQ(200000, counter);
-    EXPECT_EQ(0, qzfs_destroy_lock(lock));
 }
 
 // ----------------------------------------------------------------- byte order
