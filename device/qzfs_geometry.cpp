@@ -1,5 +1,6 @@
 // Disk geometry: everything about the layout follows from the device size.
 #include "qzfs_device.h"
+#include "qzfs_fat32.h"
 #include "qzfs_log.h"
 
 static const unsigned long long FIRST_BLOCK_SIZE = 4194304ULL;  // 4 MiB
@@ -135,8 +136,15 @@ int qzfs_fat32_format(const char* dev, int reserve_mib, unsigned long& block_siz
         QZDEVLOG("get %s size failed!", dev);
         return -1;
     }
-    // The MBR and FAT32 volume are not laid yet: the geometry and the system
-    // block list are computed and the shell area is left as it was.
+    // The partition and FAT32 shell writers (qzfs_fat32.cpp).
+    if (qzfs_fdisk_block_align(dev, size, reserve_mib) != 0) {
+        QZDEVLOG("fdisk block align failed!");
+        return -1;
+    }
+    if (qzfs_fat32_format_block_align(dev, size, reserve_mib) != 0) {
+        QZDEVLOG("format block align failed!");
+        return -1;
+    }
     return qzfs_compute_layout(size, reserve_mib, block_size, total, system);
 }
 

@@ -1,0 +1,968 @@
+// The partition and FAT32 shell: the MBR, the boot sector and its backup,
+// FSInfo, both FATs and the root directory of pre-created files, checked byte
+// by byte on sparse images and, where installed, with the PC's own tools.
+#include "test_support.h"
+
+#include "qzfilesystem_api.h"
+#include "qzfs_device.h"
+#include "qzfs_fat32.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <list>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+using namespace qzfs_test;
+
+namespace {
+
+// ------------------------------------------------------------------ helpers
+
+uint16_t le16(const std::vector<unsigned char>& b, size_t at)
+{
+    return (uint16_t)(b[at] | (b[at + 1] << 8));
+}
+
+uint32_t le32(const std::vector<unsigned char>& b, size_t at)
+{
+    return (uint32_t)b[at] | ((uint32_t)b[at + 1] << 8) | ((uint32_t)b[at + 2] << 16) |
+           ((uint32_t)b[at + 3] << 24);
+}
+
+bool all_bytes(const std::vector<unsigned char>& b, size_t from, size_t to, unsigned char value)
+{
+    for (size_t i = from; i < to; i++) {
+        if (b[i] != value)
+            return false;
+    }
+    return true;
+}
+
+std::string text_at(const std::vector<unsigned char>& b, size_t at, size_t length)
+{
+    return std::string(reinterpret_cast<const char*>(b.data() + at), length);
+}
+
+// Partition geometry as the device layer computes it for `size` bytes.
+struct Partitions {
+    unsigned long long start = 0;
+    int count = 0;
+    unsigned long long sectors[QZFS_MAX_PARTITIONS + 1] = {};
+};
+
+Partitions partitions_of(unsigned long long size, int reserve_mib = 0)
+{
+    Partitions p;
+    EXPECT_EQ(0, qzfs_get_sector_num_pre_partition(size, (unsigned long long)reserve_mib * MiB,
+                                                   p.start, p.count, p.sectors));
+    return p;
+}
+
+// What the FAT of a shell volume must hold for cluster `c`, straight from the
+// table of the layout: cluster 0 and 1 marks, the root directory chain of
+// `dc` clusters, end marks over the gap, one chain of `cc` clusters per file
+// ending in an end mark, and end marks behind the last file.
+uint32_t expected_fat_entry(unsigned long long c, unsigned long long dc, unsigned long long first,
+                            unsigned long long cc, unsigned long long files)
+{
+    if (c == 0)
+        return 0x0FFFFFF8;
+    if (c == 1)
+        return 0xFFFFFFFF;
+    if (c >= 2 && c <= dc)
+        return (uint32_t)(c + 1);
+    if (c < first)
+        return 0x0FFFFFFF;
+    if (c < first + cc * files)
+        return (c - first) % cc == cc - 1 ? 0x0FFFFFFF : (uint32_t)(c + 1);
+    return 0x0FFFFFFF;
+}
+
+// The figures of one shell volume, read from its boot sector.
+struct Volume {
+    unsigned long long offset = 0; // partition start in bytes
+    uint32_t reserved = 0;
+    uint32_t fat_size = 0;
+    uint32_t total = 0;
+    unsigned long long meta() const { return reserved + 2ULL * fat_size; }
+};
+
+Volume read_volume(const std::string& image, unsigned long long offset)
+{
+    std::vector<unsigned char> bs = read_bytes(image, offset, 512);
+    Volume v;
+    v.offset = offset;
+    v.reserved = le16(bs, 14);
+    v.fat_size = le32(bs, 36);
+    v.total = le32(bs, 32);
+    return v;
+}
+
+// Compares both FAT copies entry by entry with the expected layout. Returns
+// the number of wrong entries and describes the first few in `report`.
+unsigned long long check_fats(const std::string& image, const Volume& v, unsigned long long dc,
+                              unsigned long long first, unsigned long long cc,
+                              unsigned long long files, std::string& report)
+{
+    const size_t chunk = 4 * MiB;
+    const unsigned long long fat_bytes = (unsigned long long)v.fat_size * 512;
+    unsigned long long wrong = 0;
+    for (int copy = 0; copy < 2; copy++) {
+        unsigned long long base = v.offset + (v.reserved + (unsigned long long)copy * v.fat_size) * 512;
+        for (unsigned long long at = 0; at < fat_bytes; at += chunk) {
+            size_t n = (size_t)std::min<unsigned long long>(chunk, fat_bytes - at);
+            std::vector<unsigned char> bytes = read_bytes(image, base + at, n);
+            for (size_t i = 0; i < n; i += 4) {
+                unsigned long long c = (at + i) / 4;
+                uint32_t want = expected_fat_entry(c, dc, first, cc, files);
+                uint32_t got = le32(bytes, i);
+                if (got != want) {
+                    if (wrong < 5) {
+                        std::ostringstream line;
+                        line << "FAT " << copy + 1 << " cluster " << c << ": got 0x" << std::hex
+                             << got << ", want 0x" << want << "\n";
+                        report += line.str();
+                    }
+                    wrong++;
+                }
+            }
+        }
+    }
+    return wrong;
+}
+
+// DOS date and time of a moment, as one comparable number.
+uint32_t dos_stamp(time_t when)
+{
+    struct tm t;
+    localtime_r(&when, &t);
+    uint32_t date = (uint32_t)((t.tm_year + 1900 - 1980) * 512 + (t.tm_mon + 1) * 32 + t.tm_mday);
+    uint32_t clock = (uint32_t)(t.tm_hour * 2048 + t.tm_min * 32 + t.tm_sec / 2);
+    return date << 16 | clock;
+}
+
+// Checks every entry of the root directory: `files` entries named after
+// their number, hidden and read-only, `file_size` bytes from cluster
+// first + i * cc, dated between `before` and `after`; zeros behind them.
+void check_root_directory(const std::string& image, const Volume& v, unsigned long long dc,
+                          unsigned long long first, unsigned long long cc,
+                          unsigned long long files, uint32_t file_size, time_t before,
+                          time_t after)
+{
+    std::vector<unsigned char> dir =
+        read_bytes(image, v.offset + v.meta() * 512, (size_t)(dc * 65536));
+    uint32_t low = dos_stamp(before), high = dos_stamp(after);
+    unsigned long long wrong = 0;
+    for (unsigned long long i = 0; i < dc * 2048; i++) {
+        size_t at = (size_t)(i * 32);
+        bool ok;
+        if (i < files) {
+            char name[12];
+            snprintf(name, sizeof(name), "%04llu       ", i + 1);
+            unsigned long long cluster = first + i * cc;
+            uint32_t stamp = (uint32_t)le16(dir, at + 16) << 16 | le16(dir, at + 14);
+            ok = text_at(dir, at, 11) == name && dir[at + 11] == 0x23 && dir[at + 12] == 0 &&
+                 dir[at + 13] == 0 && le16(dir, at + 18) == le16(dir, at + 16) &&
+                 le16(dir, at + 22) == le16(dir, at + 14) &&
+                 le16(dir, at + 24) == le16(dir, at + 16) &&
+                 le16(dir, at + 20) == (uint16_t)(cluster >> 16) &&
+                 le16(dir, at + 26) == (uint16_t)(cluster & 0xFFFF) &&
+                 le32(dir, at + 28) == file_size && stamp >= low && stamp <= high;
+        } else {
+            ok = all_bytes(dir, at, at + 32, 0);
+        }
+        if (!ok && wrong++ < 5)
+            ADD_FAILURE() << "directory entry " << i << " is wrong: \"" << text_at(dir, at, 11)
+                          << "\" attr " << (int)dir[at + 11] << " cluster "
+                          << ((uint32_t)le16(dir, at + 20) << 16 | le16(dir, at + 26))
+                          << " size " << le32(dir, at + 28);
+    }
+    EXPECT_EQ(0u, wrong);
+}
+
+bool starts_with(const std::string& text, const std::string& head)
+{
+    return text.compare(0, head.size(), head) == 0;
+}
+
+bool ends_with(const std::string& text, const std::string& tail)
+{
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+bool digits_only(const std::string& word)
+{
+    return !word.empty() && word.find_first_not_of("0123456789") == std::string::npos;
+}
+
+std::vector<std::string> words_of(const std::string& line)
+{
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    std::string word;
+    while (in >> word)
+        words.push_back(word);
+    return words;
+}
+
+// Output and exit status of a shell command, standard error included.
+struct CommandResult {
+    int status = -1;
+    std::string output;
+};
+
+CommandResult run(const std::string& command)
+{
+    CommandResult r;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0)
+        r.output.append(buf, n);
+    int raw = pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
+}
+
+bool tool_installed(const std::string& name)
+{
+    return system(("command -v " + name + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// Copies `length` bytes of `src` from `offset` into a new sparse file `dst`,
+// reading only the stretches that hold data.
+void copy_sparse_range(const std::string& src, unsigned long long offset,
+                       unsigned long long length, const std::string& dst)
+{
+    int in = open(src.c_str(), O_RDONLY);
+    int out = open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(in, 0);
+    ASSERT_GE(out, 0);
+    ASSERT_EQ(0, ftruncate(out, (off_t)length));
+    const unsigned long long end = offset + length;
+    std::vector<char> buf(MiB);
+    unsigned long long pos = offset;
+    while (pos < end) {
+        off_t data = lseek(in, (off_t)pos, SEEK_DATA);
+        if (data < 0 && errno == ENXIO)
+            break;
+        unsigned long long from = data < 0 ? pos : (unsigned long long)data;
+        off_t hole = data < 0 ? (off_t)end : lseek(in, data, SEEK_HOLE);
+        unsigned long long to = std::min<unsigned long long>(end, (unsigned long long)hole);
+        for (unsigned long long at = from; at < to; at += buf.size()) {
+            size_t n = (size_t)std::min<unsigned long long>(buf.size(), to - at);
+            ASSERT_EQ((ssize_t)n, pread(in, buf.data(), n, (off_t)at));
+            ASSERT_EQ((ssize_t)n, pwrite(out, buf.data(), n, (off_t)(at - offset)));
+        }
+        pos = to;
+    }
+    close(in);
+    close(out);
+}
+
+// ------------------------------------------------------------- calculation
+
+TEST(Fat32Calculate, KnownVolumesGiveTheirFigures)
+{
+    struct Case {
+        unsigned long long sectors;
+        unsigned long total, fat, clusters;
+    };
+    const Case cases[] = {
+        {1953103872ULL, 1953103700UL, 119194UL, 15256760UL}, // 1 TB disk
+        {2097152ULL, 2096928UL, 128UL, 16380UL},             // smallest volume, 1 GiB
+        {12181504ULL, 12181360UL, 744UL, 95155UL},           // 6 GiB disk
+        {4294459392ULL, 4294459172UL, 262082UL, 33546367UL}, // 2 TiB disk
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.sectors);
+        unsigned long total = 0, fat = 0, clusters = 0;
+        qzfs_fat32_calculate(c.sectors, 32, 128, &total, &fat, &clusters);
+        EXPECT_EQ(c.total, total);
+        EXPECT_EQ(c.fat, fat);
+        EXPECT_EQ(c.clusters, clusters);
+    }
+}
+
+// For any size the volume fits, its FAT covers every cluster, and one more
+// cluster with its share of FAT would no longer fit once the data area is
+// aligned to a cluster.
+TEST(Fat32Calculate, VolumesFitAndLeaveNoRoomForAnotherCluster)
+{
+    for (unsigned long long sectors = 2097152; sectors < 2097152 + 128 * 300; sectors += 37) {
+        unsigned long total = 0, fat = 0, clusters = 0;
+        qzfs_fat32_calculate(sectors, 32, 128, &total, &fat, &clusters);
+        unsigned long long meta = (2ULL * fat + 32 + 127) / 128 * 128;
+        unsigned long long fat_more = (clusters + 1 + 129) / 128;
+        unsigned long long meta_more = (2 * fat_more + 32 + 127) / 128 * 128;
+        ASSERT_EQ(32ULL + 128ULL * clusters + 2ULL * fat, total) << sectors;
+        ASSERT_LE(total, sectors) << sectors;
+        ASSERT_GE(128ULL * fat, clusters + 2ULL) << sectors;
+        ASSERT_LT(meta + 128ULL * clusters, sectors) << sectors;
+        ASSERT_GE(meta_more + 128ULL * (clusters + 1), sectors) << sectors;
+    }
+}
+
+// --------------------------------------------------------------- partitions
+
+class Fat32Mbr : public ::testing::Test {
+protected:
+    ScratchDir scratch_;
+    std::string image_ = scratch_.path("disk.img");
+};
+
+TEST_F(Fat32Mbr, OnePartitionAndTheFirst64KiBCleared)
+{
+    const unsigned long long size = 6 * GiB;
+    make_sparse_image(image_, size);
+    write_bytes(image_, 0, std::vector<unsigned char>(128 * 1024, 0xA5));
+
+    int result = -1;
+    std::string out = captured_stdout([&] { result = qzfs_fdisk_block_align(image_.c_str(), size, 0); });
+    ASSERT_EQ(0, result) << out;
+    EXPECT_NE(std::string::npos, out.find("START FDISK MBR!"));
+    EXPECT_NE(std::string::npos, out.find("END FDISK MBR!"));
+    // An image has no kernel partition table to refresh.
+    EXPECT_EQ(std::string::npos, out.find("partition table")) << out;
+
+    std::vector<unsigned char> head = read_bytes(image_, 0, 128 * 1024);
+    EXPECT_TRUE(all_bytes(head, 0, 446, 0));
+    EXPECT_EQ(0, head[446]);                       // not bootable
+    EXPECT_TRUE(all_bytes(head, 447, 450, 0));      // CHS
+    EXPECT_EQ(0x0C, head[450]);                    // FAT32 LBA
+    EXPECT_TRUE(all_bytes(head, 451, 454, 0));
+    EXPECT_EQ(33u * 8192, le32(head, 454));        // S = 33 blocks of 4 MiB
+    EXPECT_EQ(1487u * 8192, le32(head, 458));
+    EXPECT_TRUE(all_bytes(head, 462, 510, 0));      // entries 2 to 4 empty
+    EXPECT_EQ(0x55, head[510]);
+    EXPECT_EQ(0xAA, head[511]);
+    EXPECT_TRUE(all_bytes(head, 512, 65536, 0));
+    EXPECT_TRUE(all_bytes(head, 65536, head.size(), 0xA5)); // left as it was
+    EXPECT_EQ(size, file_size(image_));
+
+    int count = 0;
+    unsigned long long sectors[4] = {};
+    ASSERT_EQ(0, qzfs_get_part_info_by_mbr(image_.c_str(), count, sectors));
+    EXPECT_EQ(1, count);
+    EXPECT_EQ(1487ULL * 8192, sectors[0]);
+}
+
+TEST_F(Fat32Mbr, ReservePartitionComesLastAndGetsNoVolume)
+{
+    const unsigned long long size = 6 * GiB;
+    const int reserve = 1024;
+    make_sparse_image(image_, size);
+    Partitions p = partitions_of(size, reserve);
+    ASSERT_EQ(2, p.count);
+    ASSERT_EQ(1024ULL * 2048, p.sectors[1]);
+    const unsigned long long reserve_at = p.start + p.sectors[0] * 512;
+    write_bytes(image_, reserve_at, std::vector<unsigned char>(512, 0x3C));
+
+    ASSERT_EQ(0, qzfs_fdisk_block_align(image_.c_str(), size, reserve));
+    std::vector<unsigned char> mbr = read_bytes(image_, 0, 512);
+    EXPECT_EQ(0x0C, mbr[450]);
+    EXPECT_EQ(p.start / 512, le32(mbr, 454));
+    EXPECT_EQ(p.sectors[0], le32(mbr, 458));
+    EXPECT_EQ(0x0C, mbr[466]);
+    EXPECT_EQ(p.start / 512 + p.sectors[0], le32(mbr, 470));
+    EXPECT_EQ(p.sectors[1], le32(mbr, 474));
+    EXPECT_TRUE(all_bytes(mbr, 478, 510, 0));
+
+    ASSERT_EQ(0, qzfs_fat32_format_block_align(image_.c_str(), size, reserve));
+    std::vector<unsigned char> boot = read_bytes(image_, p.start, 512);
+    EXPECT_EQ("FAT32   ", text_at(boot, 82, 8));
+    EXPECT_EQ(std::vector<unsigned char>(512, 0x3C), read_bytes(image_, reserve_at, 512));
+
+    int count = 0;
+    unsigned long long sectors[4] = {};
+    ASSERT_EQ(0, qzfs_get_part_info_by_mbr(image_.c_str(), count, sectors));
+    EXPECT_EQ(2, count);
+    EXPECT_EQ(p.sectors[0], sectors[0]);
+    EXPECT_EQ(p.sectors[1], sectors[1]);
+}
+
+// Up to 2 TiB a disk gets an MBR; above, the GPT path refuses and nothing is
+// written. A disk too small for a partition fails before writing too.
+TEST_F(Fat32Mbr, SizeDecidesBetweenMbrAndTheMissingGpt)
+{
+    const unsigned long long two_tib = 2199023255552ULL;
+    make_sparse_image(image_, two_tib);
+    ASSERT_EQ(0, qzfs_fdisk_block_align(image_.c_str(), two_tib, 0));
+    std::vector<unsigned char> mbr = read_bytes(image_, 0, 512);
+    EXPECT_EQ(7u * 49152, le32(mbr, 454)); // S = 7 blocks of 24 MiB
+    EXPECT_EQ(4294459392u, le32(mbr, 458));
+
+    std::string larger = scratch_.path("larger.img");
+    make_sparse_image(larger, two_tib + 1);
+    write_bytes(larger, 0, std::vector<unsigned char>(512, 0x11));
+    int result = 0;
+    captured_stdout([&] { result = qzfs_fdisk_block_align(larger.c_str(), two_tib + 1, 0); });
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(std::vector<unsigned char>(512, 0x11), read_bytes(larger, 0, 512));
+    EXPECT_EQ(-1, qzfs_fdisk_gpt_block_align(image_.c_str(), two_tib, 0));
+
+    // 2 GiB less one byte leaves no room above the 2 GiB minimum.
+    std::string small = scratch_.path("small.img");
+    make_sparse_image(small, 2 * GiB - 1);
+    std::string out =
+        captured_stdout([&] { result = qzfs_fdisk_block_align(small.c_str(), 2 * GiB - 1, 0); });
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, out.find("left space is too small")) << out;
+    EXPECT_NE(std::string::npos, out.find("get sector num pre partition failed!")) << out;
+    EXPECT_EQ(0u, read_bytes(small, 510, 2)[0]);
+
+    out = captured_stdout([&] { result = qzfs_fdisk_mbr_block_align(nullptr, two_tib, 0); });
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, out.find("dev name is null or part num is invalid!")) << out;
+}
+
+TEST_F(Fat32Mbr, PartitionRereadIsSkippedForImages)
+{
+    make_sparse_image(image_, 1 * MiB);
+    int fd = open(image_.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    auto begin = std::chrono::steady_clock::now();
+    int result = -1;
+    std::string out = captured_stdout([&] { result = qzfs_read_partition_table(fd); });
+    auto spent = std::chrono::steady_clock::now() - begin;
+    close(fd);
+    EXPECT_EQ(0, result);
+    EXPECT_EQ("", out);
+    EXPECT_LT(spent, std::chrono::seconds(1));
+}
+
+TEST_F(Fat32Mbr, MissingPartitionTableOrDevice)
+{
+    int count = 7;
+    unsigned long long sectors[4] = {};
+    make_sparse_image(image_, 6 * GiB);
+    EXPECT_EQ(0, qzfs_get_part_info_by_mbr(image_.c_str(), count, sectors));
+    EXPECT_EQ(0, count);
+
+    std::string missing = scratch_.path("missing.img");
+    int result = 0;
+    std::string out = captured_stdout(
+        [&] { result = qzfs_get_part_info_by_mbr(missing.c_str(), count, sectors); });
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, out.find("open " + missing + " failed!")) << out;
+
+    std::string tiny = scratch_.path("tiny.img");
+    make_sparse_image(tiny, 100);
+    out = captured_stdout([&] { result = qzfs_get_part_info_by_mbr(tiny.c_str(), count, sectors); });
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, out.find("read " + tiny + " mbr failed!")) << out;
+}
+
+TEST(Fat32Helpers, ProtectiveMbrGptStubsAndDigitStrings)
+{
+    _qzfs_mbr_ mbr;
+    memset(&mbr, 0x77, sizeof(mbr));
+    ASSERT_EQ(0, qzfs_create_gpt_protective_mbr(1 * TiB, &mbr));
+    std::vector<unsigned char> b(sizeof(mbr));
+    memcpy(b.data(), &mbr, sizeof(mbr));
+    EXPECT_TRUE(all_bytes(b, 0, 450, 0));
+    EXPECT_EQ(0xEE, b[450]);
+    EXPECT_EQ(1u, le32(b, 454));
+    EXPECT_EQ((uint32_t)(TiB / 512 - 1), le32(b, 458));
+    EXPECT_TRUE(all_bytes(b, 462, 510, 0));
+    EXPECT_EQ(0x55, b[510]);
+    EXPECT_EQ(0xAA, b[511]);
+    // The 32-bit count field holds all it can for a larger disk.
+    ASSERT_EQ(0, qzfs_create_gpt_protective_mbr(3 * TiB, &mbr));
+    memcpy(b.data(), &mbr, sizeof(mbr));
+    EXPECT_EQ(0xFFFFFFFFu, le32(b, 458));
+    EXPECT_EQ(-1, qzfs_create_gpt_protective_mbr(1 * TiB, nullptr));
+
+    _qzfs_gpt_header_ primary, backup;
+    _qzfs_gpt_part_info_ part;
+    memset(&primary, 0x5A, sizeof(primary));
+    memset(&backup, 0x5A, sizeof(backup));
+    memset(&part, 0x5A, sizeof(part));
+    EXPECT_EQ(0, qzfs_create_gpt_info(-1, 3 * TiB, &primary, &backup, &part));
+    EXPECT_EQ(0x5A, reinterpret_cast<unsigned char*>(&primary)[0]);
+    EXPECT_EQ(0x5A, reinterpret_cast<unsigned char*>(&part)[127]);
+    EXPECT_EQ(-1, qzfs_init_disk("/dev/null", true));
+
+    EXPECT_EQ(1, qzfs_is_digital_string("0123456789"));
+    EXPECT_EQ(1, qzfs_is_digital_string("7"));
+    EXPECT_EQ(0, qzfs_is_digital_string("12a4"));
+    EXPECT_EQ(0, qzfs_is_digital_string(" 12"));
+    EXPECT_EQ(0, qzfs_is_digital_string("-1"));
+    EXPECT_EQ(0, qzfs_is_digital_string("/dev/sda"));
+    EXPECT_EQ(0, qzfs_is_digital_string(nullptr));
+}
+
+// ------------------------------------------------------------------ volume
+
+class Fat32Volume : public ::testing::Test {
+protected:
+    ScratchDir scratch_;
+    std::string image_ = scratch_.path("disk.img");
+    // 6 GiB: blocks of 4 MiB, partition 1 at block 33 with 1487 blocks.
+    const unsigned long long size_ = 6 * GiB;
+    const unsigned long long part_ = 33ULL * 4 * MiB;
+    const unsigned long long sectors_ = 1487ULL * 8192;
+};
+
+TEST_F(Fat32Volume, BootSectorBackupAndFsinfo)
+{
+    make_sparse_image(image_, size_);
+    write_bytes(image_, part_, std::vector<unsigned char>(100 * 512, 0x77));
+
+    unsigned long long data = 0;
+    time_t before = time(nullptr);
+    ASSERT_EQ(0, qzfs_format_fat32_dbr(image_.c_str(), part_, sectors_, &data));
+    time_t after = time(nullptr);
+    EXPECT_EQ(95155ULL * 65536, data);
+
+    std::vector<unsigned char> area = read_bytes(image_, part_, 100 * 512);
+    std::vector<unsigned char> bs(area.begin(), area.begin() + 512);
+    EXPECT_EQ(0xEB, bs[0]);
+    EXPECT_EQ(0x58, bs[1]);
+    EXPECT_EQ(0x90, bs[2]);
+    EXPECT_EQ("MSWIN4.1", text_at(bs, 3, 8));
+    EXPECT_EQ(512, le16(bs, 11));
+    EXPECT_EQ(128, bs[13]);
+    // 2 x 744 FAT sectors + 48 reserved = 1536, a whole number of clusters.
+    EXPECT_EQ(48, le16(bs, 14));
+    EXPECT_EQ(2, bs[16]);
+    EXPECT_EQ(0, le16(bs, 17));
+    EXPECT_EQ(0, le16(bs, 19));
+    EXPECT_EQ(0xF8, bs[21]);
+    EXPECT_EQ(0, le16(bs, 22));
+    EXPECT_EQ(63, le16(bs, 24));
+    EXPECT_EQ(255, le16(bs, 26));
+    EXPECT_EQ(0u, le32(bs, 28));
+    EXPECT_EQ(12181360u, le32(bs, 32));
+    EXPECT_EQ(744u, le32(bs, 36));
+    EXPECT_EQ(0, le16(bs, 40));
+    EXPECT_EQ(0, le16(bs, 42));
+    EXPECT_EQ(2u, le32(bs, 44));
+    EXPECT_EQ(1, le16(bs, 48));
+    EXPECT_EQ(6, le16(bs, 50));
+    EXPECT_TRUE(all_bytes(bs, 52, 64, 0));
+    EXPECT_EQ(0x80, bs[64]);
+    EXPECT_EQ(0, bs[65]);
+    EXPECT_EQ(0x29, bs[66]);
+    EXPECT_GE(le32(bs, 67), (uint32_t)before);
+    EXPECT_LE(le32(bs, 67), (uint32_t)after);
+    EXPECT_EQ("qzfs       ", text_at(bs, 71, 11));
+    EXPECT_EQ("FAT32   ", text_at(bs, 82, 8));
+    EXPECT_TRUE(all_bytes(bs, 90, 510, 0));
+    EXPECT_EQ(0x55, bs[510]);
+    EXPECT_EQ(0xAA, bs[511]);
+
+    // The backup at sector 6, zeros over the rest of the reserved sectors,
+    // and nothing written past them.
+    EXPECT_TRUE(std::equal(bs.begin(), bs.end(), area.begin() + 6 * 512));
+    EXPECT_TRUE(all_bytes(area, 512, 6 * 512, 0));
+    EXPECT_TRUE(all_bytes(area, 7 * 512, 48 * 512, 0));
+    EXPECT_TRUE(all_bytes(area, 48 * 512, area.size(), 0x77));
+
+    qzfs_fat32_dbr_table_t dbr;
+    ASSERT_EQ(0, qzfs_get_fat32_dbr(image_.c_str(), part_, &dbr));
+    EXPECT_EQ(0, memcmp(&dbr, bs.data(), sizeof(dbr)));
+    EXPECT_EQ(48, dbr.BPB_RsvdSecCnt);
+    EXPECT_EQ(744u, dbr.BPB_FATSz32);
+
+    ASSERT_EQ(0, qzfs_write_fat32_fsinfo(image_.c_str(), part_, 0, sectors_ / 128 - 1));
+    std::vector<unsigned char> fsinfo = read_bytes(image_, part_ + 512, 512);
+    EXPECT_EQ(0x41615252u, le32(fsinfo, 0));
+    EXPECT_TRUE(all_bytes(fsinfo, 4, 484, 0));
+    EXPECT_EQ(0x61417272u, le32(fsinfo, 484));
+    EXPECT_EQ(0u, le32(fsinfo, 488));
+    EXPECT_EQ(95167u, le32(fsinfo, 492));
+    EXPECT_TRUE(all_bytes(fsinfo, 496, 508, 0));
+    EXPECT_EQ(0xAA550000u, le32(fsinfo, 508));
+}
+
+TEST_F(Fat32Volume, InvalidRequestsWriteNothing)
+{
+    make_sparse_image(image_, size_);
+    std::string before = image_fingerprint(image_);
+    int result = 0;
+    std::string out = captured_stdout(
+        [&] { result = qzfs_format_fat32_dbr(image_.c_str(), part_, 2097151, nullptr); });
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, out.find("para is invalid!")) << out;
+    out = captured_stdout([&] { result = qzfs_format_fat32_dbr(nullptr, part_, sectors_, nullptr); });
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, out.find("para is invalid!")) << out;
+
+    std::string missing = scratch_.path("missing.img");
+    out = captured_stdout([&] { result = qzfs_pre_create_file(missing.c_str(), 0, 128 * MiB, 44); });
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, out.find("get " + missing + " dbr failed!")) << out;
+    out = captured_stdout([&] { result = qzfs_write_fat32_fsinfo(missing.c_str(), 0, 0, 5); });
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, out.find("get " + missing + " dbr failed!")) << out;
+    EXPECT_EQ(before, image_fingerprint(image_));
+}
+
+// The whole shell of one partition laid by the device layer: both FATs and
+// every directory entry against the layout, file 1 exactly 32 blocks into
+// the partition.
+TEST_F(Fat32Volume, PreCreatedFilesAndTheirChains)
+{
+    make_sparse_image(image_, size_);
+    time_t before = time(nullptr);
+    ASSERT_EQ(0, qzfs_fat32_format_block_align(image_.c_str(), size_, 0));
+    time_t after = time(nullptr);
+
+    Volume v = read_volume(image_, part_);
+    ASSERT_EQ(48u, v.reserved);
+    ASSERT_EQ(744u, v.fat_size);
+    const unsigned long long cc = 2048, files = 44, dc = 1;
+    const unsigned long long first = cc - v.meta() / 128 + 2;
+    EXPECT_EQ(2038u, first);
+    // Data starts at meta; cluster `first` is 32 blocks of 4 MiB in.
+    EXPECT_EQ(32ULL * 4 * MiB, (v.meta() + (first - 2) * 128) * 512);
+
+    std::string report;
+    EXPECT_EQ(0u, check_fats(image_, v, dc, first, cc, files, report)) << report;
+    check_root_directory(image_, v, dc, first, cc, files, 128 * MiB, before, after);
+
+    std::vector<unsigned char> fsinfo = read_bytes(image_, part_ + 512, 512);
+    EXPECT_EQ(0u, le32(fsinfo, 488));
+    EXPECT_EQ(sectors_ / 128 - 1, le32(fsinfo, 492));
+    // Nothing written at file 1, nor behind the end of the disk.
+    EXPECT_TRUE(all_bytes(read_bytes(image_, part_ + 128 * MiB, 65536), 0, 65536, 0));
+    EXPECT_EQ(size_, file_size(image_));
+}
+
+// ------------------------------------------------------------ system info
+
+TEST_F(Fat32Volume, SystemInfoReadsTheLayoutBack)
+{
+    make_sparse_image(image_, size_);
+    unsigned long bs = 0, total = 0;
+    std::list<unsigned long> system;
+    // An image never formatted has no partition to go by.
+    EXPECT_EQ(-1, qzfs_get_system_info(image_.c_str(), bs, total, system));
+
+    unsigned long fbs = 0, ftotal = 0;
+    std::list<unsigned long> fsystem;
+    int result = -1;
+    captured_stdout([&] { result = qzfs_format(image_.c_str(), 0, fbs, ftotal, fsystem); });
+    ASSERT_EQ(0, result);
+    ASSERT_EQ(0, qzfs_get_system_info(image_.c_str(), bs, total, system));
+    EXPECT_EQ(fbs, bs);
+    EXPECT_EQ(ftotal, total);
+    EXPECT_EQ(4 * MiB, bs);
+    EXPECT_EQ(33u + 1487u, total);
+    // Blocks 0..32 before the partition and its first 32 blocks; format's
+    // list has the tail blocks of the partition as well.
+    std::list<unsigned long> head;
+    for (unsigned long b = 0; b < 65; b++)
+        head.push_back(b);
+    EXPECT_EQ(head, system);
+    EXPECT_EQ(65u + (1487u - 1472u + 32u), fsystem.size());
+
+    // With a reserve, the extra partition of the MBR is taken for it and is
+    // system blocks throughout.
+    captured_stdout([&] { result = qzfs_format(image_.c_str(), 1024, fbs, ftotal, fsystem); });
+    ASSERT_EQ(0, result);
+    ASSERT_EQ(0, qzfs_get_system_info(image_.c_str(), bs, total, system));
+    EXPECT_EQ(ftotal, total);
+    Partitions p = partitions_of(size_, 1024);
+    unsigned long data_blocks = (unsigned long)(p.sectors[0] / 8192);
+    std::list<unsigned long> want = head;
+    for (unsigned long b = 33 + data_blocks; b < total; b++)
+        want.push_back(b);
+    EXPECT_EQ(want, system);
+    EXPECT_EQ(256u, total - 33 - data_blocks);
+
+    // Above 2 TiB there is no MBR to read: the size alone tells.
+    std::string large = scratch_.path("large.img");
+    make_sparse_image(large, 3 * TiB);
+    std::string out = captured_stdout(
+        [&] { result = qzfs_get_system_info(large.c_str(), bs, total, system); });
+    EXPECT_EQ(0, result) << out;
+    EXPECT_NE(std::string::npos, out.find("gpt!")) << out;
+    EXPECT_EQ(24 * MiB, bs);
+    unsigned long check_bs = 0, check_total = 0;
+    std::list<unsigned long> check_system;
+    captured_stdout([&] { qzfs_compute_layout(3 * TiB, 0, check_bs, check_total, check_system); });
+    EXPECT_EQ(check_total, total);
+    EXPECT_EQ(7u + 32u * 2u, system.size()); // two data partitions
+}
+
+// ------------------------------------------------------------ whole format
+
+class Fat32Format : public LibraryTest {
+protected:
+    std::string image_ = scratch_.path("disk.img");
+
+    int format(unsigned long long size)
+    {
+        make_sparse_image(image_, size);
+        std::string dev = image_;
+        std::string label = "fat32";
+        return api_qzfs_format(0, &dev[0], &label[0]);
+    }
+};
+
+// A 1 TB disk of 1000204886016 bytes: blocks of 8 MiB, S 17, K 49, one
+// partition, 3723 files of 256 MiB.
+TEST_F(Fat32Format, OneTerabyteDiskGetsItsKnownLayout)
+{
+    const unsigned long long size = 1000204886016ULL;
+    time_t before = time(nullptr);
+    ASSERT_EQ(0, format(size));
+    time_t after = time(nullptr);
+
+    unsigned long bs = 0, key = 0, total = 0;
+    ASSERT_EQ(0, qzfs_get_fat32_block_info(image_.c_str(), bs, key, 1));
+    EXPECT_EQ(8388608u, bs);
+    EXPECT_EQ(49u, key);
+    std::list<unsigned long> system;
+    ASSERT_EQ(0, qzfs_get_system_info(image_.c_str(), bs, total, system));
+    EXPECT_EQ(119225u, total);
+    EXPECT_EQ(49u, system.size());
+
+    const unsigned long long part = 17ULL * 8388608;
+    std::vector<unsigned char> mbr = read_bytes(image_, 0, 512);
+    EXPECT_EQ(0, mbr[446]);
+    EXPECT_EQ(0x0C, mbr[450]);
+    EXPECT_EQ(17u * 16384, le32(mbr, 454));
+    EXPECT_EQ(1953103872u, le32(mbr, 458));
+    EXPECT_TRUE(all_bytes(mbr, 462, 510, 0));
+    EXPECT_EQ(0x55, mbr[510]);
+    EXPECT_EQ(0xAA, mbr[511]);
+
+    std::vector<unsigned char> boot = read_bytes(image_, part, 512);
+    EXPECT_EQ(boot, read_bytes(image_, part + 6 * 512, 512));
+    EXPECT_EQ(512, le16(boot, 11));
+    EXPECT_EQ(128, boot[13]);
+    EXPECT_EQ(76, le16(boot, 14));
+    EXPECT_EQ(2, boot[16]);
+    EXPECT_EQ(0xF8, boot[21]);
+    EXPECT_EQ(1953103700u, le32(boot, 32));
+    EXPECT_EQ(119194u, le32(boot, 36));
+    EXPECT_EQ(2u, le32(boot, 44));
+    EXPECT_EQ(1, le16(boot, 48));
+    EXPECT_EQ(6, le16(boot, 50));
+    EXPECT_GE(le32(boot, 67), (uint32_t)before);
+    EXPECT_LE(le32(boot, 67), (uint32_t)after);
+    EXPECT_EQ("qzfs       FAT32   ", text_at(boot, 71, 19));
+
+    std::vector<unsigned char> fsinfo = read_bytes(image_, part + 512, 512);
+    EXPECT_EQ(0x41615252u, le32(fsinfo, 0));
+    EXPECT_EQ(0x61417272u, le32(fsinfo, 484));
+    EXPECT_EQ(0u, le32(fsinfo, 488));
+    EXPECT_EQ(1953103872u / 128 - 1, le32(fsinfo, 492));
+    EXPECT_EQ(0xAA550000u, le32(fsinfo, 508));
+
+    Volume v = read_volume(image_, part);
+    const unsigned long long cc = 4096, files = 3723, dc = 2, first = 2235;
+    EXPECT_EQ(238464u, v.meta());
+    EXPECT_EQ(first, cc - v.meta() / 128 + 2);
+    // File 1 begins at the first key info block.
+    EXPECT_EQ(49ULL * 8388608, part + (v.meta() + (first - 2) * 128) * 512);
+
+    std::string report;
+    EXPECT_EQ(0u, check_fats(image_, v, dc, first, cc, files, report)) << report;
+    // The figures named one by one, as a reader of the FAT would see them.
+    std::vector<unsigned char> fat = read_bytes(image_, part + 76 * 512, 2240 * 4);
+    EXPECT_EQ(0x0FFFFFF8u, le32(fat, 0));
+    EXPECT_EQ(0xFFFFFFFFu, le32(fat, 4));
+    EXPECT_EQ(3u, le32(fat, 8));
+    EXPECT_EQ(0x0FFFFFFFu, le32(fat, 12));
+    EXPECT_EQ(0x0FFFFFFFu, le32(fat, 2234 * 4));
+    EXPECT_EQ(2236u, le32(fat, 2235 * 4));
+    const unsigned long long last = first + cc * files - 1; // last cluster of file 3723
+    EXPECT_EQ(0x0FFFFFFFu, le32(read_bytes(image_, part + 76 * 512 + last * 4, 4), 0));
+    EXPECT_EQ(0x0FFFFFFFu, le32(read_bytes(image_, part + 76 * 512 + (last + 1) * 4, 4), 0));
+    EXPECT_EQ(last, le32(read_bytes(image_, part + 76 * 512 + (last - 1) * 4, 4), 0));
+
+    check_root_directory(image_, v, dc, first, cc, files, 268435456u, before, after);
+    std::vector<unsigned char> dir = read_bytes(image_, part + v.meta() * 512, 64);
+    EXPECT_EQ("0001       ", text_at(dir, 0, 11));
+    EXPECT_EQ("0002       ", text_at(dir, 32, 11));
+    EXPECT_EQ(2235u + 4096u, (uint32_t)le16(dir, 32 + 20) << 16 | le16(dir, 32 + 26));
+    EXPECT_EQ(size, file_size(image_));
+}
+
+TEST_F(Fat32Format, RepeatedFormatKeepsTheGeometry)
+{
+    const unsigned long long size = 6 * GiB;
+    const unsigned long long part = 33ULL * 4 * MiB;
+    ASSERT_EQ(0, format(size));
+    std::vector<unsigned char> mbr = read_bytes(image_, 0, 65536);
+    std::vector<unsigned char> boot = read_bytes(image_, part, 512);
+    std::vector<unsigned char> fsinfo = read_bytes(image_, part + 512, 512);
+    std::vector<unsigned char> fat = read_bytes(image_, part + 48 * 512, 2 * 744 * 512);
+    sleep(1); // a later volume id
+
+    ASSERT_EQ(0, format(size));
+    EXPECT_EQ(mbr, read_bytes(image_, 0, 65536));
+    std::vector<unsigned char> again = read_bytes(image_, part, 512);
+    EXPECT_NE(le32(boot, 67), le32(again, 67));
+    for (size_t i = 67; i < 71; i++)
+        again[i] = boot[i];
+    EXPECT_EQ(boot, again);
+    EXPECT_EQ(fsinfo, read_bytes(image_, part + 512, 512));
+    EXPECT_EQ(fat, read_bytes(image_, part + 48 * 512, 2 * 744 * 512));
+}
+
+// 2 TiB is the largest disk with an MBR; one byte more has no partition table
+// this system can write, and the format fails without touching the image.
+TEST_F(Fat32Format, TwoTiBFormatsAndOneByteMoreFails)
+{
+    const unsigned long long two_tib = 2199023255552ULL;
+    int result = -1;
+    std::string out = captured_stdout([&] { result = format(two_tib); });
+    ASSERT_EQ(0, result) << out;
+    std::vector<unsigned char> mbr = read_bytes(image_, 0, 512);
+    EXPECT_EQ(0x0C, mbr[450]);
+    EXPECT_EQ(7u * 49152, le32(mbr, 454));
+    EXPECT_EQ(4294459392u, le32(mbr, 458));
+    std::vector<unsigned char> boot = read_bytes(image_, 7ULL * 24 * MiB, 512);
+    EXPECT_EQ(4294459172u, le32(boot, 32));
+    EXPECT_EQ(262082u, le32(boot, 36));
+    EXPECT_EQ(two_tib, file_size(image_));
+
+    std::string larger = scratch_.path("larger.img");
+    make_sparse_image(larger, two_tib + 1);
+    std::string before = image_fingerprint(larger);
+    std::string dev = larger;
+    std::string label = "fat32";
+    out = captured_stdout([&] { result = api_qzfs_format(0, &dev[0], &label[0]); });
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, out.find("fdisk block align failed!")) << out;
+    EXPECT_EQ(before, image_fingerprint(larger));
+}
+
+// ---------------------------------------------------------------- PC tools
+
+// A 6 GiB disk: its partition holds some 95000 clusters, enough for a PC to
+// take the volume for FAT32 (below about 4 GiB it would count as FAT16).
+class Fat32PcTools : public LibraryTest {
+protected:
+    std::string image_ = scratch_.path("disk.img");
+    const unsigned long long size_ = 6 * GiB;
+    const unsigned long long part_ = 33ULL * 4 * MiB;
+    const unsigned long long part_bytes_ = 1487ULL * 4 * MiB;
+
+    void SetUp() override
+    {
+        LibraryTest::SetUp();
+        make_sparse_image(image_, size_);
+        std::string dev = image_;
+        std::string label = "pc";
+        ASSERT_EQ(0, api_qzfs_format(0, &dev[0], &label[0]));
+    }
+    std::string drive() const { return "'" + image_ + "@@" + std::to_string(part_) + "'"; }
+};
+
+TEST_F(Fat32PcTools, MdirListsTheHiddenReadOnlyFiles)
+{
+    if (!tool_installed("mdir") || !tool_installed("mattrib"))
+        GTEST_SKIP() << "mtools (mdir, mattrib) is not installed";
+
+    // A file line reads "0001          134217728 date time": a four-digit
+    // name with no extension, then the size.
+    CommandResult listing = run("mdir -a -i " + drive() + " ::");
+    ASSERT_EQ(0, listing.status) << listing.output;
+    std::istringstream lines(listing.output);
+    std::string line;
+    int seen = 0;
+    while (std::getline(lines, line)) {
+        std::vector<std::string> words = words_of(line);
+        if (words.size() < 2 || !digits_only(words[0]) || !digits_only(words[1]))
+            continue;
+        seen++;
+        char name[12];
+        snprintf(name, sizeof(name), "%04d", seen);
+        EXPECT_EQ(name, words[0]) << listing.output;
+        EXPECT_EQ(0u, line.find(std::string(name) + "   ")) << line;
+        EXPECT_EQ("134217728", words[1]) << line; // 32 blocks of 4 MiB
+    }
+    EXPECT_EQ(44, seen) << listing.output;
+    EXPECT_NE(std::string::npos, listing.output.find("44 files")) << listing.output;
+
+    // Without -a the hidden files do not show.
+    CommandResult plain = run("mdir -i " + drive() + " ::");
+    EXPECT_EQ(std::string::npos, plain.output.find("0001")) << plain.output;
+
+    // "  A   HR     ::/0001": archive, hidden, read-only, and not system.
+    CommandResult attrs = run("mattrib -i " + drive() + " '::/*'");
+    ASSERT_EQ(0, attrs.status) << attrs.output;
+    std::istringstream alines(attrs.output);
+    int attributed = 0;
+    while (std::getline(alines, line)) {
+        std::vector<std::string> words = words_of(line);
+        attributed++;
+        char name[16];
+        snprintf(name, sizeof(name), "::/%04d", attributed);
+        ASSERT_EQ(3u, words.size()) << line << "\n" << attrs.output;
+        EXPECT_EQ("A", words[0]) << line;
+        EXPECT_EQ("HR", words[1]) << line;
+        EXPECT_EQ(name, words[2]) << line;
+    }
+    EXPECT_EQ(44, attributed) << attrs.output;
+}
+
+// fsck may only find what the shell does on purpose: clusters marked used
+// that no file owns (the gap before file 1 and the tail), the free count that
+// follows from them, and the label that has no directory entry.
+TEST_F(Fat32PcTools, FsckFindsOnlyTheUnownedClustersAndTheLabel)
+{
+    if (!tool_installed("fsck.fat"))
+        GTEST_SKIP() << "fsck.fat (dosfstools) is not installed";
+
+    std::string copy = scratch_.path("partition.img");
+    copy_sparse_range(image_, part_, part_bytes_, copy);
+    ASSERT_FALSE(HasFatalFailure());
+
+    // Clusters fsck counts (from the boot sector's total) less the 44 files
+    // of 2048 clusters and the one of the root directory.
+    Volume v = read_volume(image_, part_);
+    const unsigned long long clusters = (v.total - v.meta()) / 128;
+    const unsigned long long owned = 44 * 2048 + 1;
+    const std::string unowned = std::to_string(clusters - owned);
+
+    CommandResult fsck = run("fsck.fat -n '" + copy + "'");
+    EXPECT_TRUE(fsck.status == 0 || fsck.status == 1) << fsck.output;
+    std::istringstream lines(fsck.output);
+    std::string line;
+    bool reclaimed = false, summary = false;
+    while (std::getline(lines, line)) {
+        if (line.empty() || starts_with(line, "fsck.fat ") || line == "  Auto-correcting." ||
+            line == "Leaving filesystem unchanged.")
+            continue;
+        if (starts_with(line, "Label in boot sector is 'qzfs") &&
+            ends_with(line, "', but there is no volume label in root directory."))
+            continue;
+        if (line == "  Auto-removing label from boot sector.")
+            continue;
+        if (line == "Free cluster summary wrong (0 vs. really " + unowned + ")")
+            continue;
+        if (starts_with(line, "Reclaimed " + unowned + " unused clusters (") &&
+            ends_with(line, " bytes).")) {
+            reclaimed = true;
+            continue;
+        }
+        if (ends_with(line, ": 44 files, " + std::to_string(owned) + "/" +
+                                std::to_string(clusters) + " clusters")) {
+            summary = true;
+            continue;
+        }
+        ADD_FAILURE() << "unexpected: " << line << "\n" << fsck.output;
+    }
+    EXPECT_TRUE(reclaimed) << fsck.output;
+    EXPECT_TRUE(summary) << fsck.output;
+}
+
+} // namespace
