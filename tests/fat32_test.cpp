@@ -3,7 +3,9 @@
 // by byte on sparse images and, where installed, with the PC's own tools.
 #include "test_support.h"
 
+#include "qzfilesystem.h"
 #include "qzfilesystem_api.h"
+#include "qzfs_manager.h"
 #include "qzfs_device.h"
 #include "qzfs_fat32.h"
 
@@ -864,6 +866,7 @@ protected:
         ASSERT_EQ(0, api_qzfs_format(0, &dev[0], &label[0]));
     }
     std::string drive() const { return "'" + image_ + "@@" + std::to_string(part_) + "'"; }
+    void expect_only_designed_fsck_findings();
 };
 
 TEST_F(Fat32PcTools, MdirListsTheHiddenReadOnlyFiles)
@@ -917,11 +920,8 @@ TEST_F(Fat32PcTools, MdirListsTheHiddenReadOnlyFiles)
 // fsck may only find what the shell does on purpose: clusters marked used
 // that no file owns (the gap before file 1 and the tail), the free count that
 // follows from them, and the label that has no directory entry.
-TEST_F(Fat32PcTools, FsckFindsOnlyTheUnownedClustersAndTheLabel)
+void Fat32PcTools::expect_only_designed_fsck_findings()
 {
-    if (!tool_installed("fsck.fat"))
-        GTEST_SKIP() << "fsck.fat (dosfstools) is not installed";
-
     std::string copy = scratch_.path("partition.img");
     copy_sparse_range(image_, part_, part_bytes_, copy);
     ASSERT_FALSE(HasFatalFailure());
@@ -963,6 +963,62 @@ TEST_F(Fat32PcTools, FsckFindsOnlyTheUnownedClustersAndTheLabel)
     }
     EXPECT_TRUE(reclaimed) << fsck.output;
     EXPECT_TRUE(summary) << fsck.output;
+}
+
+TEST_F(Fat32PcTools, FsckFindsOnlyTheUnownedClustersAndTheLabel)
+{
+    if (!tool_installed("fsck.fat"))
+        GTEST_SKIP() << "fsck.fat (dosfstools) is not installed";
+    expect_only_designed_fsck_findings();
+}
+
+// Rebuilding the shell of a disk that holds recordings writes only system
+// blocks: the key info pair and every allocated block keep their bytes.
+TEST_F(Fat32PcTools, RebuildRelyRenewsTheShellAndKeepsRecordings)
+{
+    const unsigned long long bs = 4 * MiB;
+    std::string dev = image_;
+    ASSERT_EQ(0, api_qzfs_mount(0, &dev[0]));
+    CQzFileSystem* fs = gQzfsManager.get_file_system(0);
+    std::vector<unsigned long> taken;
+    for (int i = 0; i < 3; i++) {
+        _qzfs_block_info_ info = {};
+        info.owner_stamp = (uint32_t)fs->get_block_owner_stamp();
+        info.block_type = QZFS_BLOCK_DATA;
+        unsigned long block = 0;
+        fs->disk_lock(1);
+        ASSERT_EQ(0, fs->Request_free_block(1, &block, &info, 0));
+        fs->disk_lock(0);
+        taken.push_back(block);
+        write_bytes(image_, block * bs + 4096, std::vector<unsigned char>(65536, (unsigned char)(i + 1)));
+    }
+    const unsigned long key = fs->manage().key_block, bak = fs->manage().bak_key_block;
+    ASSERT_EQ(0, api_qzfs_umount(0));
+
+    std::vector<std::vector<unsigned char>> before;
+    for (unsigned long block : taken)
+        before.push_back(read_bytes(image_, block * bs, 4096 + 65536));
+    std::vector<unsigned char> key_before = read_bytes(image_, key * bs, bs);
+    std::vector<unsigned char> bak_before = read_bytes(image_, bak * bs, bs);
+
+    // Wreck the MBR, the boot sector and the start of the first FAT.
+    write_bytes(image_, 0, std::vector<unsigned char>(512, 0));
+    write_bytes(image_, part_, std::vector<unsigned char>(1 * MiB, 0xEE));
+    ASSERT_EQ(0, api_qzfs_rebuild_rely(0, &dev[0]));
+
+    EXPECT_EQ(0x55, read_bytes(image_, 510, 1)[0]);
+    EXPECT_EQ("MSWIN4.1", text_at(read_bytes(image_, part_, 512), 3, 8));
+    EXPECT_EQ(key_before, read_bytes(image_, key * bs, bs));
+    EXPECT_EQ(bak_before, read_bytes(image_, bak * bs, bs));
+    for (size_t i = 0; i < taken.size(); i++)
+        EXPECT_EQ(before[i], read_bytes(image_, taken[i] * bs, 4096 + 65536)) << "block " << taken[i];
+    ASSERT_EQ(0, api_qzfs_mount(0, &dev[0]));  // the disk still mounts with its blocks
+    EXPECT_EQ(QZFS_BLOCK_DATA, read_table_record(image_, bs, key, taken[0]).block_type);
+    EXPECT_EQ(0, api_qzfs_umount(0));
+
+    if (!tool_installed("fsck.fat"))
+        GTEST_SKIP() << "fsck.fat (dosfstools) is not installed";
+    expect_only_designed_fsck_findings();
 }
 
 } // namespace
