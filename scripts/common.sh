@@ -41,3 +41,17 @@ build_tree() {
     cmake -S "$ROOT" -B "$dir" "$@" >/dev/null
     cmake --build "$dir" -j"$(nproc)" -- --no-print-directory >/dev/null
 }
+
+# want_packages "command:package" ...: like need_packages as root; otherwise
+# only says which tests will be skipped without them.
+want_packages() {
+    if [[ $(id -u) -eq 0 ]] && command -v apt-get >/dev/null 2>&1; then
+        need_packages "$@"
+        return 0
+    fi
+    local item
+    for item in "$@"; do
+        command -v "${item%%:*}" >/dev/null 2>&1 ||
+            echo "note: ${item#*:} is not installed; the tests that use it are skipped"
+    done
+}

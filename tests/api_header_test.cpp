@@ -32,61 +32,6 @@ TEST(ApiRecordLayout, GlobalConfigIs24BytesWithFieldsInOrder)
     EXPECT_EQ(21u, offsetof(_qzfs_global_config_, reserved));
 }
 
-TEST(ApiRecordLayout, DateAndTimeRecordsAreBytePacked)
-{
-    EXPECT_EQ(3u, sizeof(_k4t_fs_time_));
-    EXPECT_EQ(4u, sizeof(_k4t_fs_date_));
-    EXPECT_EQ(7u, sizeof(_k4t_fs_date_time_));
-    EXPECT_EQ(6u, offsetof(_k4t_fs_date_time_, dst));
-}
-
-TEST(ApiRecordLayout, VideoFrameInfoIs16Bytes)
-{
-    EXPECT_EQ(16u, sizeof(_k4t_video_frame_info_));
-    EXPECT_EQ(3u, offsetof(_k4t_video_frame_info_, iframe_flag));
-    EXPECT_EQ(4u, offsetof(_k4t_video_frame_info_, offset));
-    EXPECT_EQ(8u, offsetof(_k4t_video_frame_info_, pts_high));
-    EXPECT_EQ(12u, offsetof(_k4t_video_frame_info_, pts_low));
-}
-
-TEST(ApiRecordLayout, RecoveryParaIs10Bytes)
-{
-    EXPECT_EQ(10u, sizeof(_qzfs_k4t_recovery_para_));
-    EXPECT_EQ(2u, offsetof(_qzfs_k4t_recovery_para_, start_date));
-    EXPECT_EQ(6u, offsetof(_qzfs_k4t_recovery_para_, end_date));
-}
-
-TEST(ApiRecordLayout, OverwriteConfigIsFourByteCounts)
-{
-    EXPECT_EQ(32u, sizeof(_qzfs_k4t_hdd_overwrite_config_));
-    EXPECT_EQ(0u, offsetof(_qzfs_k4t_hdd_overwrite_config_, reserve_free_size_for_record));
-    EXPECT_EQ(8u, offsetof(_qzfs_k4t_hdd_overwrite_config_, used_for_recording_free_size));
-    EXPECT_EQ(16u, offsetof(_qzfs_k4t_hdd_overwrite_config_, start_delete_free_size));
-    EXPECT_EQ(24u, offsetof(_qzfs_k4t_hdd_overwrite_config_, once_delete_size));
-}
-
-TEST(ApiRecordLayout, CalendarTableIs32ChannelsBy31Days)
-{
-    _k4t_calendar_stream_query_ q;
-    EXPECT_EQ(4u, sizeof(_k4t_calendar_day_info_));
-    EXPECT_EQ(3968u, sizeof(q.day_info));
-    EXPECT_EQ(32u, sizeof(q.day_info) / sizeof(q.day_info[0]));
-    EXPECT_EQ(31u, sizeof(q.day_info[0]) / sizeof(q.day_info[0][0]));
-}
-
-TEST(ApiRecordLayout, FindPolicyValues)
-{
-    EXPECT_EQ(0, FS_FIND_NEAR_PREFER_NEXT);
-    EXPECT_EQ(1, FS_FIND_NEAR_PREFER_PREV);
-    EXPECT_EQ(2, FS_FIND_AT_OR_PREV);
-    EXPECT_EQ(3, FS_FIND_AT_OR_NEXT);
-    EXPECT_EQ(4, FS_FIND_EXACT);
-    EXPECT_EQ(5, FS_FIND_NEXT);
-    EXPECT_EQ(6, FS_FIND_PREV);
-    EXPECT_EQ(1, FS_LITTLE_ENDIAN);
-    EXPECT_EQ(1, QZFS_K4T_OSF_CONTINUE);
-}
-
 // ---------------------------------------------------------------------------
 // memory_statistics / print_memory_statistics.  The map is process-wide, so
 // every test leaves it empty again.

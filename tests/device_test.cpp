@@ -363,26 +363,4 @@ TEST(DeviceLock, SerialisesThreadsAndRefusesNullHandle)
 
 // ----------------------------------------------------------------- byte order
 
-TEST(DeviceByteOrder, ReversesInPlace)
-{
-    unsigned char one[1] = {0x11};
-    change_byte_order(one, 1);
-    EXPECT_EQ(0x11, one[0]);
-
-    unsigned char two[2] = {0x12, 0x34};
-    change_byte_order(two, 2);
-    EXPECT_EQ(0x34, two[0]);
-    EXPECT_EQ(0x12, two[1]);
-
-    uint32_t four = 0x11223344u;
-    change_byte_order(&four, 4);
-    EXPECT_EQ(0x44332211u, four);
-
-    uint64_t eight = 0x0102030405060708ULL;
-    change_byte_order(&eight, 8);
-    EXPECT_EQ(0x0807060504030201ULL, eight);
-
-    EXPECT_EQ(1, is_little_endian_system());
-}
-
 } // namespace

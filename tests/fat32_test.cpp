@@ -297,25 +297,6 @@ TEST(Fat32Calculate, KnownVolumesGiveTheirFigures)
     }
 }
 
-// For any size the volume fits, its FAT covers every cluster, and one more
-// cluster with its share of FAT would no longer fit once the data area is
-// aligned to a cluster.
-TEST(Fat32Calculate, VolumesFitAndLeaveNoRoomForAnotherCluster)
-{
-    for (unsigned long long sectors = 2097152; sectors < 2097152 + 128 * 300; sectors += 37) {
-        unsigned long total = 0, fat = 0, clusters = 0;
-        qzfs_fat32_calculate(sectors, 32, 128, &total, &fat, &clusters);
-        unsigned long long meta = (2ULL * fat + 32 + 127) / 128 * 128;
-        unsigned long long fat_more = (clusters + 1 + 129) / 128;
-        unsigned long long meta_more = (2 * fat_more + 32 + 127) / 128 * 128;
-        ASSERT_EQ(32ULL + 128ULL * clusters + 2ULL * fat, total) << sectors;
-        ASSERT_LE(total, sectors) << sectors;
-        ASSERT_GE(128ULL * fat, clusters + 2ULL) << sectors;
-        ASSERT_LT(meta + 128ULL * clusters, sectors) << sectors;
-        ASSERT_GE(meta_more + 128ULL * (clusters + 1), sectors) << sectors;
-    }
-}
-
 // --------------------------------------------------------------- partitions
 
 class Fat32Mbr : public ::testing::Test {
@@ -323,111 +304,6 @@ protected:
     ScratchDir scratch_;
     std::string image_ = scratch_.path("disk.img");
 };
-
-TEST_F(Fat32Mbr, OnePartitionAndTheFirst64KiBCleared)
-{
-    const unsigned long long size = 6 * GiB;
-    make_sparse_image(image_, size);
-    write_bytes(image_, 0, std::vector<unsigned char>(128 * 1024, 0xA5));
-
-    int result = -1;
-    std::string out = captured_stdout([&] { result = qzfs_fdisk_block_align(image_.c_str(), size, 0); });
-    ASSERT_EQ(0, result) << out;
-    EXPECT_NE(std::string::npos, out.find("START FDISK MBR!"));
-    EXPECT_NE(std::string::npos, out.find("END FDISK MBR!"));
-    // An image has no kernel partition table to refresh.
-    EXPECT_EQ(std::string::npos, out.find("partition table")) << out;
-
-    std::vector<unsigned char> head = read_bytes(image_, 0, 128 * 1024);
-    EXPECT_TRUE(all_bytes(head, 0, 446, 0));
-    EXPECT_EQ(0, head[446]);                       // not bootable
-    EXPECT_TRUE(all_bytes(head, 447, 450, 0));      // CHS
-    EXPECT_EQ(0x0C, head[450]);                    // FAT32 LBA
-    EXPECT_TRUE(all_bytes(head, 451, 454, 0));
-    EXPECT_EQ(33u * 8192, le32(head, 454));        // S = 33 blocks of 4 MiB
-    EXPECT_EQ(1487u * 8192, le32(head, 458));
-    EXPECT_TRUE(all_bytes(head, 462, 510, 0));      // entries 2 to 4 empty
-    EXPECT_EQ(0x55, head[510]);
-    EXPECT_EQ(0xAA, head[511]);
-    EXPECT_TRUE(all_bytes(head, 512, 65536, 0));
-    EXPECT_TRUE(all_bytes(head, 65536, head.size(), 0xA5)); // left as it was
-    EXPECT_EQ(size, file_size(image_));
-
-    int count = 0;
-    unsigned long long sectors[4] = {};
-    ASSERT_EQ(0, qzfs_get_part_info_by_mbr(image_.c_str(), count, sectors));
-    EXPECT_EQ(1, count);
-    EXPECT_EQ(1487ULL * 8192, sectors[0]);
-}
-
-TEST_F(Fat32Mbr, ReservePartitionComesLastAndGetsNoVolume)
-{
-    const unsigned long long size = 6 * GiB;
-    const int reserve = 1024;
-    make_sparse_image(image_, size);
-    Partitions p = partitions_of(size, reserve);
-    ASSERT_EQ(2, p.count);
-    ASSERT_EQ(1024ULL * 2048, p.sectors[1]);
-    const unsigned long long reserve_at = p.start + p.sectors[0] * 512;
-    write_bytes(image_, reserve_at, std::vector<unsigned char>(512, 0x3C));
-
-    ASSERT_EQ(0, qzfs_fdisk_block_align(image_.c_str(), size, reserve));
-    std::vector<unsigned char> mbr = read_bytes(image_, 0, 512);
-    EXPECT_EQ(0x0C, mbr[450]);
-    EXPECT_EQ(p.start / 512, le32(mbr, 454));
-    EXPECT_EQ(p.sectors[0], le32(mbr, 458));
-    EXPECT_EQ(0x0C, mbr[466]);
-    EXPECT_EQ(p.start / 512 + p.sectors[0], le32(mbr, 470));
-    EXPECT_EQ(p.sectors[1], le32(mbr, 474));
-    EXPECT_TRUE(all_bytes(mbr, 478, 510, 0));
-
-    ASSERT_EQ(0, qzfs_fat32_format_block_align(image_.c_str(), size, reserve));
-    std::vector<unsigned char> boot = read_bytes(image_, p.start, 512);
-    EXPECT_EQ("FAT32   ", text_at(boot, 82, 8));
-    EXPECT_EQ(std::vector<unsigned char>(512, 0x3C), read_bytes(image_, reserve_at, 512));
-
-    int count = 0;
-    unsigned long long sectors[4] = {};
-    ASSERT_EQ(0, qzfs_get_part_info_by_mbr(image_.c_str(), count, sectors));
-    EXPECT_EQ(2, count);
-    EXPECT_EQ(p.sectors[0], sectors[0]);
-    EXPECT_EQ(p.sectors[1], sectors[1]);
-}
-
-// Up to 2 TiB a disk gets an MBR; above, the GPT path refuses and nothing is
-// written. A disk too small for a partition fails before writing too.
-TEST_F(Fat32Mbr, SizeDecidesBetweenMbrAndTheMissingGpt)
-{
-    const unsigned long long two_tib = 2199023255552ULL;
-    make_sparse_image(image_, two_tib);
-    ASSERT_EQ(0, qzfs_fdisk_block_align(image_.c_str(), two_tib, 0));
-    std::vector<unsigned char> mbr = read_bytes(image_, 0, 512);
-    EXPECT_EQ(7u * 49152, le32(mbr, 454)); // S = 7 blocks of 24 MiB
-    EXPECT_EQ(4294459392u, le32(mbr, 458));
-
-    std::string larger = scratch_.path("larger.img");
-    make_sparse_image(larger, two_tib + 1);
-    write_bytes(larger, 0, std::vector<unsigned char>(512, 0x11));
-    int result = 0;
-    captured_stdout([&] { result = qzfs_fdisk_block_align(larger.c_str(), two_tib + 1, 0); });
-    EXPECT_EQ(-1, result);
-    EXPECT_EQ(std::vector<unsigned char>(512, 0x11), read_bytes(larger, 0, 512));
-    EXPECT_EQ(-1, qzfs_fdisk_gpt_block_align(image_.c_str(), two_tib, 0));
-
-    // 2 GiB less one byte leaves no room above the 2 GiB minimum.
-    std::string small = scratch_.path("small.img");
-    make_sparse_image(small, 2 * GiB - 1);
-    std::string out =
-        captured_stdout([&] { result = qzfs_fdisk_block_align(small.c_str(), 2 * GiB - 1, 0); });
-    EXPECT_EQ(-1, result);
-    EXPECT_NE(std::string::npos, out.find("left space is too small")) << out;
-    EXPECT_NE(std::string::npos, out.find("get sector num pre partition failed!")) << out;
-    EXPECT_EQ(0u, read_bytes(small, 510, 2)[0]);
-
-    out = captured_stdout([&] { result = qzfs_fdisk_mbr_block_align(nullptr, two_tib, 0); });
-    EXPECT_EQ(-1, result);
-    EXPECT_NE(std::string::npos, out.find("dev name is null or part num is invalid!")) << out;
-}
 
 TEST_F(Fat32Mbr, PartitionRereadIsSkippedForImages)
 {
@@ -466,45 +342,6 @@ TEST_F(Fat32Mbr, MissingPartitionTableOrDevice)
     EXPECT_NE(std::string::npos, out.find("read " + tiny + " mbr failed!")) << out;
 }
 
-TEST(Fat32Helpers, ProtectiveMbrGptStubsAndDigitStrings)
-{
-    _qzfs_mbr_ mbr;
-    memset(&mbr, 0x77, sizeof(mbr));
-    ASSERT_EQ(0, qzfs_create_gpt_protective_mbr(1 * TiB, &mbr));
-    std::vector<unsigned char> b(sizeof(mbr));
-    memcpy(b.data(), &mbr, sizeof(mbr));
-    EXPECT_TRUE(all_bytes(b, 0, 450, 0));
-    EXPECT_EQ(0xEE, b[450]);
-    EXPECT_EQ(1u, le32(b, 454));
-    EXPECT_EQ((uint32_t)(TiB / 512 - 1), le32(b, 458));
-    EXPECT_TRUE(all_bytes(b, 462, 510, 0));
-    EXPECT_EQ(0x55, b[510]);
-    EXPECT_EQ(0xAA, b[511]);
-    // The 32-bit count field holds all it can for a larger disk.
-    ASSERT_EQ(0, qzfs_create_gpt_protective_mbr(3 * TiB, &mbr));
-    memcpy(b.data(), &mbr, sizeof(mbr));
-    EXPECT_EQ(0xFFFFFFFFu, le32(b, 458));
-    EXPECT_EQ(-1, qzfs_create_gpt_protective_mbr(1 * TiB, nullptr));
-
-    _qzfs_gpt_header_ primary, backup;
-    _qzfs_gpt_part_info_ part;
-    memset(&primary, 0x5A, sizeof(primary));
-    memset(&backup, 0x5A, sizeof(backup));
-    memset(&part, 0x5A, sizeof(part));
-    EXPECT_EQ(0, qzfs_create_gpt_info(-1, 3 * TiB, &primary, &backup, &part));
-    EXPECT_EQ(0x5A, reinterpret_cast<unsigned char*>(&primary)[0]);
-    EXPECT_EQ(0x5A, reinterpret_cast<unsigned char*>(&part)[127]);
-    EXPECT_EQ(-1, qzfs_init_disk("/dev/null", true));
-
-    EXPECT_EQ(1, qzfs_is_digital_string("0123456789"));
-    EXPECT_EQ(1, qzfs_is_digital_string("7"));
-    EXPECT_EQ(0, qzfs_is_digital_string("12a4"));
-    EXPECT_EQ(0, qzfs_is_digital_string(" 12"));
-    EXPECT_EQ(0, qzfs_is_digital_string("-1"));
-    EXPECT_EQ(0, qzfs_is_digital_string("/dev/sda"));
-    EXPECT_EQ(0, qzfs_is_digital_string(nullptr));
-}
-
 // ------------------------------------------------------------------ volume
 
 class Fat32Volume : public ::testing::Test {
@@ -516,78 +353,6 @@ protected:
     const unsigned long long part_ = 33ULL * 4 * MiB;
     const unsigned long long sectors_ = 1487ULL * 8192;
 };
-
-TEST_F(Fat32Volume, BootSectorBackupAndFsinfo)
-{
-    make_sparse_image(image_, size_);
-    write_bytes(image_, part_, std::vector<unsigned char>(100 * 512, 0x77));
-
-    unsigned long long data = 0;
-    time_t before = time(nullptr);
-    ASSERT_EQ(0, qzfs_format_fat32_dbr(image_.c_str(), part_, sectors_, &data));
-    time_t after = time(nullptr);
-    EXPECT_EQ(95155ULL * 65536, data);
-
-    std::vector<unsigned char> area = read_bytes(image_, part_, 100 * 512);
-    std::vector<unsigned char> bs(area.begin(), area.begin() + 512);
-    EXPECT_EQ(0xEB, bs[0]);
-    EXPECT_EQ(0x58, bs[1]);
-    EXPECT_EQ(0x90, bs[2]);
-    EXPECT_EQ("MSWIN4.1", text_at(bs, 3, 8));
-    EXPECT_EQ(512, le16(bs, 11));
-    EXPECT_EQ(128, bs[13]);
-    // 2 x 744 FAT sectors + 48 reserved = 1536, a whole number of clusters.
-    EXPECT_EQ(48, le16(bs, 14));
-    EXPECT_EQ(2, bs[16]);
-    EXPECT_EQ(0, le16(bs, 17));
-    EXPECT_EQ(0, le16(bs, 19));
-    EXPECT_EQ(0xF8, bs[21]);
-    EXPECT_EQ(0, le16(bs, 22));
-    EXPECT_EQ(63, le16(bs, 24));
-    EXPECT_EQ(255, le16(bs, 26));
-    EXPECT_EQ(0u, le32(bs, 28));
-    EXPECT_EQ(12181360u, le32(bs, 32));
-    EXPECT_EQ(744u, le32(bs, 36));
-    EXPECT_EQ(0, le16(bs, 40));
-    EXPECT_EQ(0, le16(bs, 42));
-    EXPECT_EQ(2u, le32(bs, 44));
-    EXPECT_EQ(1, le16(bs, 48));
-    EXPECT_EQ(6, le16(bs, 50));
-    EXPECT_TRUE(all_bytes(bs, 52, 64, 0));
-    EXPECT_EQ(0x80, bs[64]);
-    EXPECT_EQ(0, bs[65]);
-    EXPECT_EQ(0x29, bs[66]);
-    EXPECT_GE(le32(bs, 67), (uint32_t)before);
-    EXPECT_LE(le32(bs, 67), (uint32_t)after);
-    EXPECT_EQ("qzfs       ", text_at(bs, 71, 11));
-    EXPECT_EQ("FAT32   ", text_at(bs, 82, 8));
-    EXPECT_TRUE(all_bytes(bs, 90, 510, 0));
-    EXPECT_EQ(0x55, bs[510]);
-    EXPECT_EQ(0xAA, bs[511]);
-
-    // The backup at sector 6, zeros over the rest of the reserved sectors,
-    // and nothing written past them.
-    EXPECT_TRUE(std::equal(bs.begin(), bs.end(), area.begin() + 6 * 512));
-    EXPECT_TRUE(all_bytes(area, 512, 6 * 512, 0));
-    EXPECT_TRUE(all_bytes(area, 7 * 512, 48 * 512, 0));
-    EXPECT_TRUE(all_bytes(area, 48 * 512, area.size(), 0x77));
-
-    qzfs_fat32_dbr_table_t dbr;
-    ASSERT_EQ(0, qzfs_get_fat32_dbr(image_.c_str(), part_, &dbr));
-    EXPECT_EQ(0, memcmp(&dbr, bs.data(), sizeof(dbr)));
-    EXPECT_EQ(48, dbr.BPB_RsvdSecCnt);
-    EXPECT_EQ(744u, dbr.BPB_FATSz32);
-
-    ASSERT_EQ(0, qzfs_write_fat32_fsinfo(image_.c_str(), part_, 0, sectors_ / 128 - 1));
-    std::vector<unsigned char> fsinfo = read_bytes(image_, part_ + 512, 512);
-    EXPECT_EQ(0x41615252u, le32(fsinfo, 0));
-    EXPECT_TRUE(all_bytes(fsinfo, 4, 484, 0));
-    EXPECT_EQ(0x61417272u, le32(fsinfo, 484));
-    EXPECT_EQ(0u, le32(fsinfo, 488));
-    EXPECT_EQ(95167u, le32(fsinfo, 492));
-    EXPECT_TRUE(all_bytes(fsinfo, 496, 508, 0));
-    EXPECT_EQ(0xAA550000u, le32(fsinfo, 508));
-}
 
 TEST_F(Fat32Volume, InvalidRequestsWriteNothing)
 {
@@ -610,37 +375,6 @@ TEST_F(Fat32Volume, InvalidRequestsWriteNothing)
     EXPECT_EQ(-1, result);
     EXPECT_NE(std::string::npos, out.find("get " + missing + " dbr failed!")) << out;
     EXPECT_EQ(before, image_fingerprint(image_));
-}
-
-// The whole shell of one partition laid by the device layer: both FATs and
-// every directory entry against the layout, file 1 exactly 32 blocks into
-// the partition.
-TEST_F(Fat32Volume, PreCreatedFilesAndTheirChains)
-{
-    make_sparse_image(image_, size_);
-    time_t before = time(nullptr);
-    ASSERT_EQ(0, qzfs_fat32_format_block_align(image_.c_str(), size_, 0));
-    time_t after = time(nullptr);
-
-    Volume v = read_volume(image_, part_);
-    ASSERT_EQ(48u, v.reserved);
-    ASSERT_EQ(744u, v.fat_size);
-    const unsigned long long cc = 2048, files = 44, dc = 1;
-    const unsigned long long first = cc - v.meta() / 128 + 2;
-    EXPECT_EQ(2038u, first);
-    // Data starts at meta; cluster `first` is 32 blocks of 4 MiB in.
-    EXPECT_EQ(32ULL * 4 * MiB, (v.meta() + (first - 2) * 128) * 512);
-
-    std::string report;
-    EXPECT_EQ(0u, check_fats(image_, v, dc, first, cc, files, report)) << report;
-    check_root_directory(image_, v, dc, first, cc, files, 128 * MiB, before, after);
-
-    std::vector<unsigned char> fsinfo = read_bytes(image_, part_ + 512, 512);
-    EXPECT_EQ(0u, le32(fsinfo, 488));
-    EXPECT_EQ(sectors_ / 128 - 1, le32(fsinfo, 492));
-    // Nothing written at file 1, nor behind the end of the disk.
-    EXPECT_TRUE(all_bytes(read_bytes(image_, part_ + 128 * MiB, 65536), 0, 65536, 0));
-    EXPECT_EQ(size_, file_size(image_));
 }
 
 // ------------------------------------------------------------ system info

@@ -236,27 +236,6 @@ TEST_F(FormatMount, BadPathsAndSizesFail)
     EXPECT_EQ(0, api_qzfs_umount(0));
 }
 
-TEST_F(FormatMount, RegistryStatesAroundMountAndFormat)
-{
-    ASSERT_EQ(0, format_image(image_, 3 * GiB));
-    EXPECT_EQ(nullptr, gQzfsManager.get_file_system(0));  // format leaves it unmounted
-    ASSERT_EQ(0, mount());
-    EXPECT_EQ(QZFSS_MOUNTED, gQzfsManager.get_file_system(0)->Get_hdd_state());
-    EXPECT_EQ(0, mount());                                  // twice is fine
-    EXPECT_EQ(-1, format_image(image_, 3 * GiB));           // not while mounted
-    _qzfs_k4t_hdd_info_ info = {};
-    EXPECT_EQ(0, api_qzfs_get_hdd_info(0, &info));
-    EXPECT_EQ(0, api_qzfs_umount(0));
-    EXPECT_EQ(0, api_qzfs_umount(0));                       // unmounted already
-    EXPECT_EQ(-1, api_qzfs_get_hdd_info(0, &info));
-
-    // The same image under another id, and a remount after unmount.
-    ASSERT_EQ(0, mount(7));
-    EXPECT_EQ(0, api_qzfs_umount(7));
-    ASSERT_EQ(0, mount());
-    EXPECT_EQ(0, api_qzfs_umount(0));
-}
-
 TEST_F(FormatMount, LoopBlockDevice)
 {
     if (geteuid() != 0)
