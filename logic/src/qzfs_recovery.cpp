@@ -5,12 +5,7 @@
 #include "qzfs_log.h"
 
 // Not built yet: a table that fails to load makes the mount fail.
-int CQzFileSystem::fast_recovery_key_info()
-{
-    QZLOG("start recovery key info block!");
-    QZLOG("end recovery key info block(%s)!", "failed");
-    return -1;
-}
+int CQzFileSystem::fast_recovery_key_info() { return -1; }
 
 // Not built yet; nothing enters it (scan recovery is never allowed).
 int CQzFileSystem::scan_recovery_key_info() { return -1; }
