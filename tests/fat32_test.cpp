@@ -216,27 +216,6 @@ std::vector<std::string> words_of(const std::string& line)
     return words;
 }
 
-// Output and exit status of a shell command, standard error included.
-struct CommandResult {
-    int status = -1;
-    std::string output;
-};
-
-CommandResult run(const std::string& command)
-{
-    CommandResult r;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr)
-        return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0)
-        r.output.append(buf, n);
-    int raw = pclose(pipe);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return r;
-}
-
 bool tool_installed(const std::string& name)
 {
     return system(("command -v " + name + " >/dev/null 2>&1").c_str()) == 0;
@@ -610,7 +589,7 @@ TEST_F(Fat32PcTools, MdirListsTheHiddenReadOnlyFiles)
 
     // A file line reads "0001          134217728 date time": a four-digit
     // name with no extension, then the size.
-    CommandResult listing = run("mdir -a -i " + drive() + " ::");
+    CommandResult listing = run_command("mdir -a -i " + drive() + " ::");
     ASSERT_EQ(0, listing.status) << listing.output;
     std::istringstream lines(listing.output);
     std::string line;
@@ -630,11 +609,11 @@ TEST_F(Fat32PcTools, MdirListsTheHiddenReadOnlyFiles)
     EXPECT_NE(std::string::npos, listing.output.find("44 files")) << listing.output;
 
     // Without -a the hidden files do not show.
-    CommandResult plain = run("mdir -i " + drive() + " ::");
+    CommandResult plain = run_command("mdir -i " + drive() + " ::");
     EXPECT_EQ(std::string::npos, plain.output.find("0001")) << plain.output;
 
     // "  A   HR     ::/0001": archive, hidden, read-only, and not system.
-    CommandResult attrs = run("mattrib -i " + drive() + " '::/*'");
+    CommandResult attrs = run_command("mattrib -i " + drive() + " '::/*'");
     ASSERT_EQ(0, attrs.status) << attrs.output;
     std::istringstream alines(attrs.output);
     int attributed = 0;
@@ -667,7 +646,7 @@ void Fat32PcTools::expect_only_designed_fsck_findings()
     const unsigned long long owned = 44 * 2048 + 1;
     const std::string unowned = std::to_string(clusters - owned);
 
-    CommandResult fsck = run("fsck.fat -n '" + copy + "'");
+    CommandResult fsck = run_command("fsck.fat -n '" + copy + "'");
     EXPECT_TRUE(fsck.status == 0 || fsck.status == 1) << fsck.output;
     std::istringstream lines(fsck.output);
     std::string line;

@@ -9,6 +9,7 @@
 #include <ftw.h>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace qzfs_test {
@@ -125,6 +126,21 @@ _qzfs_key_header_ read_key_header(const std::string& path, unsigned long block_s
         path, (unsigned long long)key_block * block_size + QZFS_KEY_HEADER_OFFSET, sizeof(header));
     memcpy(&header, bytes.data(), sizeof(header));
     return header;
+}
+
+CommandResult run_command(const std::string& command)
+{
+    CommandResult r;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0)
+        r.output.append(buf, n);
+    int raw = pclose(pipe);
+    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return r;
 }
 
 void LibraryTest::SetUp()

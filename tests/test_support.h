@@ -65,6 +65,13 @@ protected:
 // library's result.
 int format_image(const std::string& path, unsigned long long size, const char* label = nullptr);
 
+// Output (standard error included) and exit status of a shell command.
+struct CommandResult {
+    int status = -1;
+    std::string output;
+};
+CommandResult run_command(const std::string& command);
+
 // Runs `fn` and returns what it printed to standard output.
 template <typename Fn> std::string captured_stdout(Fn fn)
 {

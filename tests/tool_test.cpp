@@ -4,31 +4,14 @@
 #include <cstdio>
 #include <string>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 using namespace qzfs_test;
 
 namespace {
 
-struct ToolRun {
-    int status;
-    std::string out;  // standard output and standard error together
-};
-
-ToolRun run_tool(const std::string& args)
+CommandResult run_tool(const std::string& args)
 {
-    std::string command = std::string(QZFS_TOOL_PATH) + " " + args + " 2>&1";
-    ToolRun run{-1, ""};
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr)
-        return run;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0)
-        run.out.append(buf, n);
-    int status = pclose(pipe);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
+    return run_command(std::string(QZFS_TOOL_PATH) + " " + args);
 }
 
 bool contains(const std::string& text, const std::string& part)
@@ -40,27 +23,27 @@ TEST(Tool, FormatCreatesASparseImageAndInfoDescribesIt)
 {
     ScratchDir dir;
     std::string image = dir.path("rec.img");
-    ToolRun format = run_tool("format " + image + " --size 3G --label 'lobby cam'");
-    ASSERT_EQ(0, format.status) << format.out;
+    CommandResult format = run_tool("format " + image + " --size 3G --label 'lobby cam'");
+    ASSERT_EQ(0, format.status) << format.output;
     EXPECT_EQ(3 * GiB, file_size(image));
     struct stat st;
     ASSERT_EQ(0, stat(image.c_str(), &st));
     EXPECT_LT((unsigned long long)st.st_blocks * 512, 64 * MiB);  // sparse
 
-    ToolRun info = run_tool("info " + image);
-    ASSERT_EQ(0, info.status) << info.out;
-    EXPECT_TRUE(contains(info.out, "block size:       4194304 (4 MiB)\n")) << info.out;
-    EXPECT_TRUE(contains(info.out, "total blocks:     752\n")) << info.out;
-    EXPECT_TRUE(contains(info.out, "free blocks:      638\n")) << info.out;
-    EXPECT_TRUE(contains(info.out, "key block:        65\n")) << info.out;
-    EXPECT_TRUE(contains(info.out, "backup key block: 465\n")) << info.out;
-    EXPECT_TRUE(contains(info.out, "label:            lobby cam\n")) << info.out;
-    EXPECT_TRUE(contains(info.out, "version:          qzfs4.0\n")) << info.out;
+    CommandResult info = run_tool("info " + image);
+    ASSERT_EQ(0, info.status) << info.output;
+    EXPECT_TRUE(contains(info.output, "block size:       4194304 (4 MiB)\n")) << info.output;
+    EXPECT_TRUE(contains(info.output, "total blocks:     752\n")) << info.output;
+    EXPECT_TRUE(contains(info.output, "free blocks:      638\n")) << info.output;
+    EXPECT_TRUE(contains(info.output, "key block:        65\n")) << info.output;
+    EXPECT_TRUE(contains(info.output, "backup key block: 465\n")) << info.output;
+    EXPECT_TRUE(contains(info.output, "label:            lobby cam\n")) << info.output;
+    EXPECT_TRUE(contains(info.output, "version:          qzfs4.0\n")) << info.output;
 
     // The debug level reaches the library.
-    ToolRun loud = run_tool("--debug-level 1 info " + image);
+    CommandResult loud = run_tool("--debug-level 1 info " + image);
     EXPECT_EQ(0, loud.status);
-    EXPECT_TRUE(contains(loud.out, "START MOUNT(hdd_id:0)")) << loud.out;
+    EXPECT_TRUE(contains(loud.output, "START MOUNT(hdd_id:0)")) << loud.output;
 }
 
 TEST(Tool, FailuresExitNonZeroWithOneLineReason)
@@ -78,16 +61,16 @@ TEST(Tool, FailuresExitNonZeroWithOneLineReason)
     };
     for (const std::string& args : bad_calls) {
         SCOPED_TRACE(args);
-        ToolRun run = run_tool(args);
-        EXPECT_NE(0, run.status) << run.out;
+        CommandResult run = run_tool(args);
+        EXPECT_NE(0, run.status) << run.output;
         // The tool's own reason is one line beginning "qzfs: ".
-        size_t at = run.out.find("qzfs: ");
-        ASSERT_NE(std::string::npos, at) << run.out;
-        EXPECT_EQ(run.out.size() - 1, run.out.find('\n', at)) << run.out;
+        size_t at = run.output.find("qzfs: ");
+        ASSERT_NE(std::string::npos, at) << run.output;
+        EXPECT_EQ(run.output.size() - 1, run.output.find('\n', at)) << run.output;
     }
-    ToolRun help = run_tool("--help");
+    CommandResult help = run_tool("--help");
     EXPECT_EQ(0, help.status);
-    EXPECT_TRUE(contains(help.out, "format IMAGE"));
+    EXPECT_TRUE(contains(help.output, "format IMAGE"));
 }
 
 } // namespace
