@@ -334,7 +334,8 @@ TEST_F(DeviceIo, ShortReadClearsBufferAndZeroesTheUnreadStretch)
 
 // ---------------------------------------------------------------------- locks
 
-TEST(DeviceLock, SerialisesThreadsAndRefusesNullHandle)
+// A suite whose name ends in Threads also runs under ThreadSanitizer.
+TEST(DeviceLockThreads, SerialisesTwoThreadsAndRefusesNullHandle)
 {
     void* lock = qzfs_create_lock();
     ASSERT_NE(nullptr, lock);
