@@ -5,10 +5,10 @@
 #define QZFS_MANAGER_H
 
 #include "qzfilesystem_api.h"
+#include "qzfs_vector.h"
 
 #include <list>
 #include <map>
-#include <vector>
 
 class CQzFileSystem;
 
@@ -54,8 +54,14 @@ struct _stream_segment_query_state_ {
 };
 
 // Element operator of the disk vector: 0 set null, 1 and 2 destroy and set
-// null, 3 copy the pointer from `from` to `to`, 4 report whether `from` is null.
-int QzfsVectorFunc(CQzFileSystem*& from, CQzFileSystem*& to, unsigned char op);
+// null, 3 copy the pointer from `from` to `to`, 4 report whether `from` is
+// null. Any other operator is fatal.
+unsigned char QzfsVectorFunc(CQzFileSystem*& from, CQzFileSystem*& to, unsigned char op);
+typedef unsigned char (*QzfsFunc)(CQzFileSystem*&, CQzFileSystem*&, unsigned char);
+// Disk objects by hdd_id. operator[] grows the table and ends the process
+// at 255 and above. Registration and get_file_system (which keeps 255 out)
+// grow it; unregistration and the listings test the id against size().
+typedef CQzfsVector<unsigned char, CQzFileSystem*, QzfsFunc, 0> QzfsDiskVector;
 
 class CQzfsManager {
 public:
@@ -82,7 +88,7 @@ public:
     void manager_unlock();
 
     unsigned char m_InitFlag;
-    std::vector<CQzFileSystem*> m_Qzfs_vector;
+    QzfsDiskVector m_Qzfs_vector;
     std::map<int, _stream_segment_query_state_> m_query_handle_map;
     std::map<unsigned char, _disk_group_attr_> m_disk_group_map;
     void* m_manager_lock;

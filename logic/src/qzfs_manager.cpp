@@ -13,28 +13,31 @@ unsigned long qzfs_disk_bit(unsigned char hdd_id)
     return hdd_id < 32 ? (1UL << hdd_id) : 0;
 }
 
-int QzfsVectorFunc(CQzFileSystem*& from, CQzFileSystem*& to, unsigned char op)
+unsigned char QzfsVectorFunc(CQzFileSystem*& from, CQzFileSystem*& to, unsigned char op)
 {
     switch (op) {
-    case 0:
+    case RVFSVO_INIT:
         from = nullptr;
-        return 0;
-    case 1:
-    case 2:
-        delete from;
+        return 1;
+    case RVFSVO_UNINIT:
+    case RVFSVO_FREE:
+        delete from;  // the destructor closes the disk
         from = nullptr;
-        return 0;
-    case 3:
+        return 1;
+    case RVFSVO_COPY:
         to = from;
-        return 0;
-    case 4:
+        return 1;
+    case RVFSVO_IS_FREE:
         return from == nullptr ? 1 : 0;
     default:
         QZFS_FATAL("QzfsVectorFunc NOT support operator(operator:%d)", op);
     }
 }
 
-CQzfsManager::CQzfsManager() : m_InitFlag(0)
+CQzfsManager::CQzfsManager()
+    : m_InitFlag(0),
+      m_Qzfs_vector(QzfsVectorFunc, (unsigned char)QZFS_MAX_DISKS,
+                    (unsigned char)QZFS_DISK_VECTOR_STEP, QZFS_NO_HDD, "CQzfsManager::m_Qzfs_vector")
 {
     m_manager_lock = qzfs_create_lock();
     m_ossid_lock = qzfs_create_lock();
@@ -58,22 +61,13 @@ CQzfsManager::~CQzfsManager()
 // beyond the maximum ends the process.
 CQzFileSystem*& CQzfsManager::slot(unsigned char hdd_id)
 {
-    if (hdd_id >= QZFS_MAX_DISKS)
-        exit(1);
-    if (hdd_id >= m_Qzfs_vector.size()) {
-        size_t grown = (hdd_id / QZFS_DISK_VECTOR_STEP + 1) * QZFS_DISK_VECTOR_STEP;
-        if (grown > QZFS_MAX_DISKS)
-            grown = QZFS_MAX_DISKS;
-        m_Qzfs_vector.resize(grown, nullptr);
-    }
     return m_Qzfs_vector[hdd_id];
 }
 
+// Every disk object goes (operator 1) and the vector starts again from
+// nothing.
 void CQzfsManager::free_all_file_systems()
 {
-    CQzFileSystem* unused = nullptr;
-    for (CQzFileSystem*& fs : m_Qzfs_vector)
-        QzfsVectorFunc(fs, unused, 1);
     m_Qzfs_vector.clear();
 }
 
@@ -108,10 +102,8 @@ CQzFileSystem* CQzfsManager::register_qzfilesystem(unsigned char hdd_id)
 
 int CQzfsManager::unregiseter_qzfilesystem(unsigned char hdd_id)
 {
-    if (hdd_id < m_Qzfs_vector.size()) {
-        CQzFileSystem* unused = nullptr;
-        QzfsVectorFunc(m_Qzfs_vector[hdd_id], unused, 2);
-    }
+    if (hdd_id < m_Qzfs_vector.size())
+        m_Qzfs_vector.free_element(hdd_id);
     return 1;
 }
 
