@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <list>
 
+// Bytes of a disk sector.
+const unsigned long QZFS_SECTOR_SIZE = 512;
+
 // ---------------------------------------------------------------- I/O handle
 
 // An open device (a raw block device, or a regular file used as a disk image).

@@ -10,10 +10,11 @@
 #ifndef QZFS_FAT32_H
 #define QZFS_FAT32_H
 
+#include "qzfs_device.h"
+
 #include <cstdint>
 #include <list>
 
-const unsigned long QZFS_SECTOR_SIZE = 512;
 const unsigned long QZFS_FAT32_SECTORS_PER_CLUSTER = 128;      // 64 KiB clusters
 const unsigned long QZFS_FAT32_CLUSTER_SIZE = 65536;
 const unsigned long QZFS_FAT32_MIN_RESERVED_SECTORS = 32;

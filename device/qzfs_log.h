@@ -23,6 +23,10 @@ const char* Qzfs_basename(const char* path);
 // Logic-layer line printed at every level, also at 0.
 #define QZLOG(...) qzfs_log_logic(__FILE__, __LINE__, __func__, __VA_ARGS__)
 
+// Logic-layer line in the name of another function: for routines shared by
+// several members that each log under their own name.
+#define QZLOG_AS(func, ...) qzfs_log_logic(__FILE__, __LINE__, func, __VA_ARGS__)
+
 // Logic-layer line printed only when the debug level is above `level`:
 // QZLOG_ABOVE(0, ...) is "at any non-zero level", QZLOG_ABOVE(2, ...) "above 2".
 #define QZLOG_ABOVE(level, ...)                       \

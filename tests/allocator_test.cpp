@@ -15,6 +15,10 @@ using namespace qzfs_test;
 namespace {
 
 const unsigned long BS = 4 * MiB, KEY = 65, BAK = 465, TOTAL = 752;
+// Format gives block 66, the first behind the key block, to the root index;
+// the free blocks after format are 67 to 704.
+const long FIRST = 67;
+const unsigned long FREE_AFTER_FORMAT = 637;
 
 class Allocator : public LibraryTest {
 protected:
@@ -68,28 +72,28 @@ TEST_F(Allocator, RequestWritesThreePlacesAndFreeOnlyTheTables)
 {
     unsigned long stamp = fs_->get_block_owner_stamp();
     long block = request(QZFS_BLOCK_DATA, 9);
-    ASSERT_EQ(66, block);  // first free block after the key block
+    ASSERT_EQ(FIRST, block);
     EXPECT_EQ(stamp + 1, fs_->get_block_owner_stamp());
-    EXPECT_TRUE(in_use(66));
-    EXPECT_EQ(637u, fs_->manage().free_block);
+    EXPECT_TRUE(in_use(FIRST));
+    EXPECT_EQ(FREE_AFTER_FORMAT - 1, fs_->manage().free_block);
 
-    for (_qzfs_block_info_ r : {read_table_record(image_, BS, KEY, 66),
-                                read_table_record(image_, BS, BAK, 66),
-                                read_block_head(image_, BS, 66)}) {
+    for (_qzfs_block_info_ r : {read_table_record(image_, BS, KEY, FIRST),
+                                read_table_record(image_, BS, BAK, FIRST),
+                                read_block_head(image_, BS, FIRST)}) {
         EXPECT_TRUE(qzfs_block_info_is_sound(&r));
         EXPECT_EQ(QZFS_BLOCK_DATA, r.block_type);
         EXPECT_EQ(stamp, r.owner_stamp);
         EXPECT_EQ(9, r.attr[0]);
     }
 
-    ASSERT_EQ(0, release(66));
-    EXPECT_FALSE(in_use(66));
-    EXPECT_EQ(638u, fs_->manage().free_block);
-    EXPECT_EQ(QZFS_BLOCK_FREE, read_table_record(image_, BS, KEY, 66).block_type);
-    EXPECT_EQ(QZFS_BLOCK_FREE, read_table_record(image_, BS, BAK, 66).block_type);
-    EXPECT_EQ(QZFS_BLOCK_DATA, read_block_head(image_, BS, 66).block_type);  // left for recovery
+    ASSERT_EQ(0, release(FIRST));
+    EXPECT_FALSE(in_use(FIRST));
+    EXPECT_EQ(FREE_AFTER_FORMAT, fs_->manage().free_block);
+    EXPECT_EQ(QZFS_BLOCK_FREE, read_table_record(image_, BS, KEY, FIRST).block_type);
+    EXPECT_EQ(QZFS_BLOCK_FREE, read_table_record(image_, BS, BAK, FIRST).block_type);
+    EXPECT_EQ(QZFS_BLOCK_DATA, read_block_head(image_, BS, FIRST).block_type);  // left for recovery
 
-    EXPECT_EQ(0, release(66));          // a double free is harmless
+    EXPECT_EQ(0, release(FIRST));          // a double free is harmless
     std::string log = captured_stdout([&] { EXPECT_EQ(-1, release(TOTAL)); });
     EXPECT_NE(std::string::npos, log.find("block(752) is error(total:752)"));
     log = captured_stdout([&] { EXPECT_EQ(-1, request(QZFS_BLOCK_KEY_INFO)); });
@@ -100,19 +104,18 @@ TEST_F(Allocator, RequestWritesThreePlacesAndFreeOnlyTheTables)
 
 TEST_F(Allocator, SearchIsCircularByteWise)
 {
-    // 66, 67, 68 taken; the hint now points into the same byte (64..71),
-    // so a block freed below it in that byte is found before 69.
-    EXPECT_EQ(66, request());
+    // 67, 68, 69 taken; the hint now points into the same byte (64..71),
+    // so a block freed below it in that byte is found before 70.
     EXPECT_EQ(67, request());
     EXPECT_EQ(68, request());
-    ASSERT_EQ(0, release(66));
-    EXPECT_EQ(66, request());
     EXPECT_EQ(69, request());
-    // Once the hint has left the byte, a freed block there waits its turn.
+    ASSERT_EQ(0, release(67));
+    EXPECT_EQ(67, request());
     EXPECT_EQ(70, request());
+    // Once the hint has left the byte, a freed block there waits its turn.
     EXPECT_EQ(71, request());
     EXPECT_EQ(72, request());
-    ASSERT_EQ(0, release(67));
+    ASSERT_EQ(0, release(68));
     EXPECT_EQ(73, request());
 }
 
@@ -121,7 +124,7 @@ TEST_F(Allocator, FullDiskFailsAndLeavesBitmapAndHintAlone)
     std::set<long> taken;
     for (long b = request(); b != -1; b = request())
         ASSERT_TRUE(taken.insert(b).second) << "block " << b << " handed out twice";
-    EXPECT_EQ(638u, taken.size());
+    EXPECT_EQ(FREE_AFTER_FORMAT, taken.size());
     EXPECT_EQ(0u, fs_->manage().free_block);
     EXPECT_EQ(705u, fs_->manage().next_free_block);  // behind the last free block, 704
     std::vector<unsigned char> bitmap(fs_->manage().block_bitmap,
@@ -148,21 +151,21 @@ TEST_F(Allocator, OwnerStampResumesAtMountFromTheHighest)
     for (int i = 0; i < 5; i++)
         request();
     unsigned long stamp = fs_->get_block_owner_stamp();
-    EXPECT_EQ(6u, stamp);  // 1 at mount, raised once per request
+    EXPECT_EQ(7u, stamp);  // 1 at format, 2 after the root index block, then once per request
     remount();
-    // Highest stamp written was 5, so the next is 6.
+    // Highest stamp written was 6, so the next is 7.
     EXPECT_EQ(stamp, fs_->get_block_owner_stamp());
 }
 
 TEST_F(Allocator, DiskTestUsesAndReturnsOneBlock)
 {
     ASSERT_EQ(0, api_qzfs_test_hdd(0, 12345));
-    EXPECT_EQ(638u, fs_->manage().free_block);
-    EXPECT_FALSE(in_use(66));
+    EXPECT_EQ(FREE_AFTER_FORMAT, fs_->manage().free_block);
+    EXPECT_FALSE(in_use(FIRST));
     // The pattern covers the whole block, its head included.
-    std::vector<unsigned char> tail = read_bytes(image_, 67ULL * BS - 4, 4);
+    std::vector<unsigned char> tail = read_bytes(image_, (FIRST + 1) * BS - 4, 4);
     EXPECT_EQ((std::vector<unsigned char>{0x55, 0xAA, 0x55, 0xAA}), tail);
-    EXPECT_EQ(0x55, read_bytes(image_, 66ULL * BS, 1)[0]);
+    EXPECT_EQ(0x55, read_bytes(image_, FIRST * BS, 1)[0]);
     EXPECT_EQ(-1, api_qzfs_test_hdd(3, 0));  // not mounted
 }
 
@@ -192,7 +195,8 @@ TEST_F(Allocator, ThousandOperationsKeepBitmapCountAndTablesInAgreement)
     for (int round = 0; round < 2; round++) {
         for (int op = 0; op < 500; op++) {
             if (held.empty() || (rng() % 3 != 0 && held.size() < 600)) {
-                long b = request((unsigned char)(QZFS_BLOCK_ROOT_INDEX + rng() % 5));
+                // Index block types would meet the root index check at mount.
+                long b = request((unsigned char)(QZFS_BLOCK_IFRAME_INDEX + rng() % 3));
                 ASSERT_NE(-1, b);
                 held.push_back(b);
             } else {

@@ -83,7 +83,8 @@ TEST_F(FormatMount, KeyInfoBlockReadsBackAsWritten)
 
     // Every slot of the table carries a sound record; the types follow the
     // layout: system blocks before partition 1, the FAT32 area, the tail
-    // group; key places every 400 blocks from K; free elsewhere; none past
+    // group; key places every 400 blocks from K; the root index behind K;
+    // free elsewhere; none past
     // the end.
     std::vector<unsigned char> table = read_bytes(
         image_, (unsigned long long)key * bs + 4096, (bs - 4096));
@@ -100,6 +101,8 @@ TEST_F(FormatMount, KeyInfoBlockReadsBackAsWritten)
             expected = QZFS_BLOCK_SYSTEM;
         else if (b == key || b == bak)
             expected = QZFS_BLOCK_KEY_INFO;
+        else if (b == key + 1)
+            expected = QZFS_BLOCK_ROOT_INDEX;  // the first free block, taken at format
         ASSERT_EQ(expected, r.block_type) << "block " << b;
         free_count += r.block_type == QZFS_BLOCK_FREE;
     }
@@ -112,9 +115,9 @@ TEST_F(FormatMount, KeyInfoBlockReadsBackAsWritten)
     _qzfs_k4t_hdd_info_ info = {};
     ASSERT_EQ(0, api_qzfs_get_hdd_info(0, &info));
     EXPECT_EQ(free_count, info.free_num);
-    EXPECT_EQ(638u, info.free_num);
-    EXPECT_EQ(1u, disk().block_owner_stamp);  // highest stamp (0) plus one
-    EXPECT_EQ(66u, disk().next_free_block);   // first free block of the table
+    EXPECT_EQ(637u, info.free_num);
+    EXPECT_EQ(2u, disk().block_owner_stamp);  // highest stamp (the root block's 1) plus one
+    EXPECT_EQ(67u, disk().next_free_block);   // first free block of the table
     EXPECT_EQ(0, api_qzfs_umount(0));
 }
 

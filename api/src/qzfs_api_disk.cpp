@@ -7,6 +7,14 @@
 
 static const char* shown(const char* dev) { return dev != nullptr ? dev : "(null)"; }
 
+// Drops what the node caches hold of a disk that is not mounted (any more).
+static int free_cached_index(unsigned char hdd_id)
+{
+    if (pgSystemResourceManager == nullptr)
+        return 0;
+    return pgSystemResourceManager->Free_resource(hdd_id) == 0 ? 0 : -1;
+}
+
 // Format and fast format differ only in the label: both lay a new shell and
 // key info block, and leave the disk unmounted.
 static int format_disk(unsigned char hdd_id, char* dev, char* label)
@@ -19,6 +27,7 @@ static int format_disk(unsigned char hdd_id, char* dev, char* label)
         QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
         return -1;
     }
+    fs->Set_hdd_id(hdd_id);
     fs->disk_lock(1);
     int result = fs->Format(dev, label, 1);
     if (result == 0) {
@@ -29,6 +38,7 @@ static int format_disk(unsigned char hdd_id, char* dev, char* label)
     }
     fs->disk_lock(0);
     gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+    free_cached_index(hdd_id);
     QZLOG("end format %s!", shown(dev));
     return result;
 }
@@ -63,6 +73,7 @@ static int register_and_mount(unsigned char hdd_id, MountStep mount_step)
     if (result != 0) {
         QZLOG("pFs->mount failed(HddId:%d)", hdd_id);
         gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+        free_cached_index(hdd_id);
         return -1;
     }
     return 0;
@@ -102,9 +113,7 @@ int CQzfsApi::Qzfs_umount(unsigned char hdd_id)
         return -1;
     }
     gQzfsManager.unregiseter_qzfilesystem(hdd_id);
-    int result = 0;
-    if (pgSystemResourceManager != nullptr)
-        result = pgSystemResourceManager->Free_resource(hdd_id) == 0 ? 0 : -1;
+    int result = free_cached_index(hdd_id);
     QZLOG_ABOVE(0, "umount (hdd_id:%d) END(%s)", hdd_id, result == 0 ? "SUCC" : "FAILED");
     return result;
 }
@@ -148,8 +157,10 @@ int CQzfsApi::qzfs_rebuild_rely(unsigned char hdd_id, char* dev)
         QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
         return -1;
     }
+    fs->Set_hdd_id(hdd_id);
     int result = fs->rebuild_rely(dev) == 0 ? 0 : -1;
     gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+    free_cached_index(hdd_id);
     return result;
 }
 

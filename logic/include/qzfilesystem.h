@@ -5,8 +5,10 @@
 
 #include "qzfilesystem_api.h"
 #include "qzfs_disk_format.h"
+#include "qzfs_index_format.h"
 
 #include <cstdint>
+#include <deque>
 #include <list>
 #include <map>
 #include <string>
@@ -67,6 +69,10 @@ struct _invalid_block_list_node_ {
 };
 
 struct _opened_stream_segment_;
+struct _root_index_node_mem_;
+struct _ri_ssi_manager_;
+struct _hdd_root_index_manager_;
+struct index_chain_kind;
 
 // In-memory state of a mounted disk.
 struct _qzfs_disk_manage_ {
@@ -106,6 +112,8 @@ public:
     void Qzfilesystem_uninit();
     bool open_stream_segment_is_empty() const;
     unsigned char Get_hdd_id() const { return m_hdd_id; }
+    // The disk number a format works under (mount takes it as an argument).
+    void Set_hdd_id(unsigned char hdd_id) { m_hdd_id = hdd_id; }
     const std::string& Get_dev_path() const { return m_dev_path; }
 
     // ---- device channel (qzfilesystem.cpp)
@@ -114,6 +122,20 @@ public:
                                 unsigned char* data, int length);
     int Seek_and_read_in_block(void* io, unsigned long block, unsigned long offset,
                                unsigned char* data, int length);
+
+    // Whole transfers on the main I/O handle: 0 when every byte moved.
+    int read_in_block(unsigned long block, unsigned long offset, unsigned char* data,
+                      unsigned long length)
+    {
+        return Seek_and_read_in_block(m_pIo_interface, block, offset, data, int(length)) ==
+                       int(length) ? 0 : -1;
+    }
+    int write_in_block(unsigned long block, unsigned long offset, unsigned char* data,
+                       unsigned long length)
+    {
+        return Seek_and_write_in_block(m_pIo_interface, block, offset, data, int(length)) ==
+                       int(length) ? 0 : -1;
+    }
 
     // ---- key info block (qzfs_key_info_block.cpp)
     int format_key_info_block(char* dev, char* label);
@@ -164,6 +186,70 @@ public:
     int Power_down_recovery();
     int get_disk_invalid_data_block_num();
 
+    // ---- index blocks and chains (qzfs_index_chain.cpp)
+    int Init_root_index_block(unsigned long block, unsigned long last, unsigned long next);
+    int Init_stream_segment_block(unsigned long block, unsigned long last, unsigned long next,
+                                  unsigned long iframe_block, unsigned long first_iframe_block);
+    int Init_iframe_index_block(unsigned long block, unsigned long last, unsigned long next);
+    int Read_root_index_block_header(unsigned long block, _root_index_header_dev_* header);
+    int Read_stream_segment_index_block_header(unsigned long block,
+                                               _stream_segment_block_header_dev_* header);
+    int Read_iframe_index_block_header(unsigned long block, _iframe_index_block_header_dev_* header);
+    // The chain readers allocate *list (delete[]) in chain order.
+    int Read_root_index_block_list(unsigned long first_block, uint32_t* num, uint32_t** list,
+                                   _root_index_header_dev_* header);
+    int Read_stream_segment_index_block_list(unsigned long first_block, uint32_t* num,
+                                             uint32_t** list,
+                                             _stream_segment_block_header_dev_* header);
+    int Read_iframe_index_block_list(unsigned long first_block, uint32_t* num, uint32_t** list);
+
+    // ---- root index (qzfs_root_index.cpp)
+    uint8_t Calculate_root_index_dev_node_check_sum(const _root_index_node_dev_* node);
+    int Check_root_index_dev_node(const _root_index_node_dev_* node);
+    void Root_index_endian_trans_dev_mem(_root_index_node_dev_* dev, _fs_endian_ dev_endian,
+                                         _root_index_node_mem_* mem, _fs_endian_ mem_endian,
+                                         int direction);
+    // The root chain of this disk, loaded once; *list stays the manager's.
+    int Get_root_index_block_list(uint32_t* num, uint32_t** list, _root_index_header_dev_* header);
+    int Write_root_index(uint32_t block_num, const uint32_t* list, unsigned long root_index,
+                         const _root_index_node_dev_* node, int new_node, int is_end);
+    int Write_root_index(unsigned long root_index, const _root_index_node_dev_* node, int new_node,
+                         int is_end);
+    int Read_root_index_from_dev(unsigned long root_index, _root_index_node_dev_* node);
+    int Get_root_index_mem_node(unsigned long root_index, _root_index_node_mem_* node);
+    int Get_root_index_dev_node(unsigned long root_index, _root_index_node_dev_* node);
+    int Update_root_index_cache(unsigned long root_index, const _root_index_node_dev_* node);
+    int Modify_root_index(unsigned long root_index, int mode, const _root_index_node_dev_* node);
+    int Get_free_root_index(uint32_t* root_index, int* is_end);
+    int Add_root_index_block();
+    int Add_root_index_block_simple();
+    int Add_root_index_block_standard();
+    int Create_root_index_node(const _qzfs_k4t_create_ss_para_* para, unsigned long ssi_block,
+                               _root_index_node_dev_* node);
+    int Create_root_index_node(const _qzfs_k4t_create_ss_para_* para, uint32_t* root_index,
+                               _root_index_node_dev_* node);
+    int Create_root_index_node_simple(const _qzfs_k4t_create_ss_para_* para, uint32_t* root_index,
+                                      _root_index_node_dev_* node);
+    int Create_root_index_node_standard(const _qzfs_k4t_create_ss_para_* para,
+                                        uint32_t* root_index, _root_index_node_dev_* node);
+    int Delete_root_index(unsigned long root_index, int flag);
+    int Update_hdd_record_date(int all, uint8_t year, uint8_t month, uint8_t day);
+    int Register_qzfs_action(unsigned long block, uint32_t action, const void* data);
+    // This disk's root index manager in the shared caches (made on first use).
+    _hdd_root_index_manager_* root_manager();
+
+    // ---- stream segment index (qzfs_stream_segment_index.cpp)
+    int Read_stream_segment_index_block_list(unsigned long root_index, _ri_ssi_manager_* manager);
+    int Get_stream_segment_index_block_list(unsigned long root_index, uint32_t* num,
+                                            uint32_t** list, uint32_t* iframe_block);
+    int Set_stream_segment_index_block_list(unsigned long root_index, uint32_t num,
+                                            const uint32_t* list, uint32_t iframe_block);
+
+    // ---- root index check at mount (qzfs_root_index_check.cpp)
+    int check_stream_segment_index(unsigned long block);
+    int recovery_root_index();
+    int create_root_index_block(std::list<_block_info_node_>& segments);
+
     // Read-only views for the registry, the host tool and tests.
     const _qzfs_disk_manage_& manage() const { return m_manage; }
     void* io_interface() const { return m_pIo_interface; }
@@ -180,6 +266,27 @@ private:
     int repair_bak_key_block(unsigned long first_key);
     int load_key_table(unsigned long key_block);
 
+    int read_index_header_unit(unsigned long block);
+    int read_index_chain(const index_chain_kind& kind, unsigned long first_block, uint32_t* num,
+                         uint32_t** list, void* first_header);
+    int write_empty_index_block(unsigned long block, unsigned char fill, const void* header,
+                                size_t header_len);
+    uint32_t root_nodes_per_block() const;
+    int scan_root_index(_hdd_root_index_manager_* manager, uint32_t wanted,
+                        _root_index_node_mem_* out);
+    uint32_t release_own_root_slot(_hdd_root_index_manager_* manager, bool below,
+                                   std::deque<_ri_ssi_manager_*>& gathered,
+                                   uint32_t& gathered_low);
+    void merge_root_range(_hdd_root_index_manager_* manager,
+                          std::deque<_ri_ssi_manager_*>& gathered, uint32_t low);
+    int update_root_cache_entry(_hdd_root_index_manager_* manager, uint32_t root_index,
+                                const _root_index_node_dev_* node);
+    _ri_ssi_manager_* cached_root_entry(unsigned long root_index);
+    int walk_root_index_block(unsigned long root_block, std::list<_block_info_node_>& unowned);
+    void note_root_error(std::list<_qzfs_k4t_recovery_para_>& errors,
+                         const _root_index_node_dev_& node);
+    int write_rebuilt_root_block(unsigned long block, const std::list<_block_info_node_>& segments);
+
     void* m_pIo_interface;
     unsigned char* m_file_system_io_buffer;
     unsigned long m_file_system_io_buffer_len;
@@ -189,6 +296,16 @@ private:
     std::string m_dev_path;
     unsigned char bare_dev;
 };
+
+// Byte-order edges of the index records: with equal orders they only copy.
+void Endian_trans_root_index_block_header(const void* src, _fs_endian_ src_endian, void* dst,
+                                          _fs_endian_ dst_endian);
+void Endian_trans_stream_segment_index_block_header(const void* src, _fs_endian_ src_endian,
+                                                    void* dst, _fs_endian_ dst_endian);
+void Endian_trans_iframe_index_block_header(const void* src, _fs_endian_ src_endian, void* dst,
+                                            _fs_endian_ dst_endian);
+void Endian_trans_root_index_node_dev(const _root_index_node_dev_* src, _fs_endian_ src_endian,
+                                      _root_index_node_dev_* dst, _fs_endian_ dst_endian);
 
 // Stamp a block record with its check number.
 void qzfs_block_info_seal(_qzfs_block_info_* info);

@@ -10,9 +10,6 @@ int CQzFileSystem::fast_recovery_key_info() { return -1; }
 // Not built yet; nothing enters it (scan recovery is never allowed).
 int CQzFileSystem::scan_recovery_key_info() { return -1; }
 
-// Nothing to check until root index blocks exist on the disk.
-int CQzFileSystem::check_root_index_block_integrity_and_recovery() { return 0; }
-
 // No journal records exist before delete and split are built.
 int CQzFileSystem::Power_down_recovery() { return 0; }
 

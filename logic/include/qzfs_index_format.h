@@ -1,0 +1,175 @@
+// On-disk records of the three index levels (root index, stream segment
+// index, I-frame index) and the position arithmetic they share.
+//
+// An index block is laid out as:
+//   bytes 0..31       the block's copy of its _qzfs_block_info_
+//   bytes 32..4095    unused
+//   bytes 4096..4607  index block header: the header record, then zeros
+//   bytes 4608..end   node sectors of 512 bytes; a sector holds
+//                     floor(512 / node size) whole nodes from its first byte
+// The blocks of one index form a chain through `last` and `next` (0: none);
+// node i of an index lies in chain position i / nodes_per_block.
+//
+// Multi-byte fields are stored in the order of the processor that wrote
+// them; the Endian_trans_* routines stand at the edge in case that changes.
+// Nodes are handled byte by byte: several fields are not aligned.
+#ifndef QZFS_INDEX_FORMAT_H
+#define QZFS_INDEX_FORMAT_H
+
+#include "qzfs_device.h"
+
+#include <cstddef>
+#include <cstdint>
+
+// Byte offset of the index block header inside a block.
+const unsigned long QZFS_INDEX_HEADER_OFFSET = 4096;
+// Sectors ahead of the first node sector (the block record sector, the
+// unused stretch and the header sector).
+const unsigned long QZFS_INDEX_HEAD_SECTORS = 9;
+
+const uint32_t QZFS_ROOT_INDEX_MAGIC = 0x52494900;       // bytes 00 49 49 52
+const uint32_t QZFS_STREAM_SEGMENT_MAGIC = 0x53474900;   // bytes 00 49 47 53
+const uint32_t QZFS_IFRAME_INDEX_MAGIC = 0x49464900;     // bytes 00 49 46 49
+
+const unsigned long QZFS_ROOT_NODE_SIZE = 64;
+const unsigned long QZFS_SSI_NODE_SIZE = 64;
+const unsigned long QZFS_IFRAME_NODE_SIZE = 29;
+
+// Values of a root node's id.
+const uint8_t FREE_ROOT_INDEX = 0;
+const uint8_t END_ROOT_INDEX = 128;
+#define IS_NORMAL_ROOT_INDEX(id) (((id) & 1) != 0)
+
+// End mark of the stream segment index: all 64 bytes of the slot are 255.
+const uint8_t END_STREAM_SEGMENT_INDEX = 255;
+
+// Root index journal states of the first root block's header.
+const uint32_t QZFS_ACTION_NONE = 0;
+const uint32_t QZFS_ACTION_DELETE = 1;
+const uint32_t QZFS_ACTION_SPLIT = 3;
+const unsigned long QZFS_ACTION_DELETE_LEN = 41;
+const unsigned long QZFS_ACTION_SPLIT_LEN = 16;
+
+#pragma pack(push, 1)
+
+// _root_index_header_dev_: header of a root index block, at byte 4096.
+//
+//  offset size field        meaning
+//   0      4   magic        QZFS_ROOT_INDEX_MAGIC
+//   4      4   last         previous block of the chain, 0 for the first
+//   8      4   next         next block of the chain, 0 for the last
+//  12      4   action       journal state (first block only): 0 none,
+//                           1 delete running, 3 split running
+//  16      4   crc          action + byte sum of action_data, mod 2^32
+//  20     64   action_data  the journal record, zero behind its end
+struct _root_index_header_dev_ {
+    uint32_t magic;
+    uint32_t last;
+    uint32_t next;
+    uint32_t action;
+    uint32_t crc;
+    uint8_t action_data[64];
+};
+static_assert(sizeof(_root_index_header_dev_) == 84, "root index header is 84 bytes");
+
+// _root_index_node_dev_: one root node, one for each day, channel, stream
+// type and name of a disk.
+//
+//  offset size field                       meaning
+//   0      1   id                          0 free, bit 0 normal, 128 end mark
+//   1      1   check_sum                   byte sum of byte 0 and bytes 2..63
+//   2      1   year                        years since 2000
+//   3      1   month
+//   4      1   day
+//   5      1   channel
+//   6      1   stream_type
+//   7      2   record_type                 bit n: a segment of record type n
+//   9      4   stream_segment_index_block  first block of the segment index
+//  13     17   name                        zero-terminated stream name
+//  30      4   owner_stamp                 owner stamp at creation
+//  34      1   lock                        non-zero: a segment is locked
+//  35      1   only_pre_record             1 while only pre-record segments
+//  36     28   reserved                    zero
+struct _root_index_node_dev_ {
+    uint8_t id;
+    uint8_t check_sum;
+    uint8_t year;
+    uint8_t month;
+    uint8_t day;
+    uint8_t channel;
+    uint8_t stream_type;
+    uint16_t record_type;
+    uint32_t stream_segment_index_block;
+    char name[17];
+    uint32_t owner_stamp;
+    uint8_t lock;
+    uint8_t only_pre_record;
+    uint8_t reserved[28];
+};
+static_assert(sizeof(_root_index_node_dev_) == 64, "root node is 64 bytes");
+static_assert(offsetof(_root_index_node_dev_, stream_segment_index_block) == 9, "ssi block at 9");
+static_assert(offsetof(_root_index_node_dev_, owner_stamp) == 30, "owner stamp at 30");
+
+// _stream_segment_block_header_dev_: header of a stream segment index block.
+//
+//  offset size field                     meaning
+//   0      4   magic                     QZFS_STREAM_SEGMENT_MAGIC
+//   4      4   last                      previous block, 0 for the first
+//   8      4   next                      next block, 0 for the last
+//  12      4   iframe_index_block        first block of the root's I-frame index
+//  16      4   first_iframe_index_block  the head given at creation, kept by rebuilds
+struct _stream_segment_block_header_dev_ {
+    uint32_t magic;
+    uint32_t last;
+    uint32_t next;
+    uint32_t iframe_index_block;
+    uint32_t first_iframe_index_block;
+};
+static_assert(sizeof(_stream_segment_block_header_dev_) == 20, "segment block header is 20 bytes");
+
+// _iframe_index_block_header_dev_: header of an I-frame index block.
+//
+//  offset size field  meaning
+//   0      4   magic  QZFS_IFRAME_INDEX_MAGIC
+//   4      4   last   previous block, 0 for the first
+//   8      4   next   next block, 0 for the last
+struct _iframe_index_block_header_dev_ {
+    uint32_t magic;
+    uint32_t last;
+    uint32_t next;
+};
+static_assert(sizeof(_iframe_index_block_header_dev_) == 12, "iframe block header is 12 bytes");
+
+#pragma pack(pop)
+
+// Where a linear index number lies: the answer of Calculate_index_info.
+// `unit` is the I/O unit in which the caller reads the chain.
+struct _qzfs_data_offset_ {
+    uint32_t node_num_per_sector;
+    uint32_t node_num_per_block;
+    uint32_t its_block_num;       // position of the block in the chain
+    uint32_t index_in_block;
+    uint32_t sector_in_block;
+    uint32_t index_in_sector;
+    uint32_t offset_in_sector;
+    uint32_t offset_in_block;
+    uint32_t offset_in_chain;
+    uint32_t unit_in_block;
+    uint32_t unit_offset;         // block offset of the unit: where to seek
+    uint32_t unit_in_chain;
+    uint32_t sector_in_unit;
+    uint32_t offset_in_unit;      // where the node lies in the unit buffer
+    uint32_t index_in_unit;
+    uint32_t unit_first_index;
+    uint32_t unit_last_index;
+    uint32_t sector_first_index;
+    uint32_t sector_last_index;
+};
+static_assert(sizeof(_qzfs_data_offset_) == 19 * 4, "19 u32 fields");
+
+// Turns a linear index into its place in a chain. Pure u32 arithmetic;
+// every division by zero yields 0.
+void Calculate_index_info(unsigned long block_size, unsigned long node_size, unsigned long index,
+                          unsigned long unit_size, _qzfs_data_offset_* out);
+
+#endif

@@ -1,0 +1,934 @@
+// The root index: a flat array of 64-byte nodes, one for each day, channel,
+// stream type and name of a disk, kept in the disk's root index chain and
+// read through the shared node cache.
+//
+// Every change is written to the disk first and then brought into the cache.
+// A node whose check sum fails reads as free, never as an error. A new node
+// is written behind a fresh end mark, so a cut in power between the two
+// writes leaves an array that still reads.
+#include "qzfilesystem.h"
+#include "qzfs_datetime.h"
+#include "qzfs_device.h"
+#include "qzfs_log.h"
+#include "system_resource_manager.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <deque>
+
+static const uint32_t kNoIndex = 0xFFFFFFFF;
+
+// ------------------------------------------------------------ node records
+
+// Byte sum of byte 0 and bytes 2 to 63 of a node in disk order.
+static uint8_t root_node_byte_sum(const unsigned char* node)
+{
+    unsigned sum = node[0];
+    for (unsigned long i = 2; i < QZFS_ROOT_NODE_SIZE; i++)
+        sum += node[i];
+    return uint8_t(sum);
+}
+
+void Endian_trans_root_index_node_dev(const _root_index_node_dev_* src, _fs_endian_ src_endian,
+                                      _root_index_node_dev_* dst, _fs_endian_ dst_endian)
+{
+    if (src != dst)
+        memcpy(dst, src, sizeof(*dst));
+    if (src_endian == dst_endian)
+        return;
+    unsigned char* bytes = reinterpret_cast<unsigned char*>(dst);
+    change_byte_order(bytes + offsetof(_root_index_node_dev_, record_type), 2);
+    change_byte_order(bytes + offsetof(_root_index_node_dev_, stream_segment_index_block), 4);
+}
+
+uint8_t CQzFileSystem::Calculate_root_index_dev_node_check_sum(const _root_index_node_dev_* node)
+{
+    _root_index_node_dev_ disk;
+    Endian_trans_root_index_node_dev(node, gLocal_endian, &disk, m_manage.disk_endian);
+    return root_node_byte_sum(reinterpret_cast<const unsigned char*>(&disk));
+}
+
+int CQzFileSystem::Check_root_index_dev_node(const _root_index_node_dev_* node)
+{
+    if (node->id == END_ROOT_INDEX || !IS_NORMAL_ROOT_INDEX(node->id))
+        return 0;
+    uint8_t sum = Calculate_root_index_dev_node_check_sum(node);
+    if (sum == node->check_sum)
+        return 0;
+    QZLOG("CQzFileSystem::Check_root_index_dev_node Calculate_root_index_dev_node_check_sum "
+          "failed(%02x)(%02x)",
+          unsigned(sum), unsigned(node->check_sum));
+    return -1;
+}
+
+// Direction 1: disk image to cache form, taking a reference on the name.
+// Otherwise cache form to disk image, with the name from the name table and
+// a fresh check sum.
+void CQzFileSystem::Root_index_endian_trans_dev_mem(_root_index_node_dev_* dev,
+                                                    _fs_endian_ dev_endian,
+                                                    _root_index_node_mem_* mem,
+                                                    _fs_endian_ mem_endian, int direction)
+{
+    const bool swap = dev_endian != mem_endian;
+    StringIndexManager<unsigned short>& names = pgSystemResourceManager->m_string_index;
+    if (direction == 1) {
+        memset(mem, 0, sizeof(*mem));
+        mem->id = dev->id;
+        mem->year = dev->year;
+        mem->month = dev->month;
+        mem->day = dev->day;
+        mem->channel = dev->channel;
+        mem->stream_type = dev->stream_type;
+        memcpy(&mem->record_type, &dev->record_type, 2);
+        memcpy(&mem->stream_segment_index_block, &dev->stream_segment_index_block, 4);
+        memcpy(&mem->owner_stamp, &dev->owner_stamp, 4);
+        mem->lock = dev->lock;
+        mem->only_pre_record = dev->only_pre_record;
+        char name[sizeof(dev->name) + 1] = {0};
+        memcpy(name, dev->name, sizeof(dev->name));
+        mem->name_index = names.ref_inc_by_name(name);
+        if (swap) {
+            change_byte_order(&mem->record_type, 2);
+            change_byte_order(&mem->stream_segment_index_block, 4);
+            change_byte_order(&mem->owner_stamp, 4);
+        }
+        return;
+    }
+    if (mem->id == END_ROOT_INDEX) {
+        memset(dev, END_ROOT_INDEX, sizeof(*dev));
+        return;
+    }
+    memset(dev, 0, sizeof(*dev));
+    dev->id = mem->id;
+    dev->year = mem->year;
+    dev->month = mem->month;
+    dev->day = mem->day;
+    dev->channel = mem->channel;
+    dev->stream_type = mem->stream_type;
+    memcpy(&dev->record_type, &mem->record_type, 2);
+    memcpy(&dev->stream_segment_index_block, &mem->stream_segment_index_block, 4);
+    memcpy(&dev->owner_stamp, &mem->owner_stamp, 4);
+    dev->lock = mem->lock;
+    dev->only_pre_record = mem->only_pre_record;
+    const char* name = names.get_name(mem->name_index);
+    if (name != nullptr && strlen(name) < sizeof(dev->name))
+        strcpy(dev->name, name);
+    if (swap) {
+        unsigned char* bytes = reinterpret_cast<unsigned char*>(dev);
+        change_byte_order(bytes + offsetof(_root_index_node_dev_, record_type), 2);
+        change_byte_order(bytes + offsetof(_root_index_node_dev_, stream_segment_index_block), 4);
+        change_byte_order(bytes + offsetof(_root_index_node_dev_, owner_stamp), 4);
+    }
+    dev->check_sum = root_node_byte_sum(reinterpret_cast<unsigned char*>(dev));
+}
+
+// ------------------------------------------------------------------ chain
+
+_hdd_root_index_manager_* CQzFileSystem::root_manager()
+{
+    if (pgSystemResourceManager == nullptr)
+        return nullptr;
+    return *pgSystemResourceManager->Get_hdd(m_hdd_id, 1);
+}
+
+uint32_t CQzFileSystem::root_nodes_per_block() const
+{
+    return uint32_t((m_manage.block_size / QZFS_SECTOR_SIZE - QZFS_INDEX_HEAD_SECTORS) *
+                    (QZFS_SECTOR_SIZE / QZFS_ROOT_NODE_SIZE));
+}
+
+int CQzFileSystem::Get_root_index_block_list(uint32_t* num, uint32_t** list,
+                                             _root_index_header_dev_* header)
+{
+    auto first = m_manage.root_index_block_map.find(0);
+    if (first == m_manage.root_index_block_map.end()) {
+        QZLOG("have not root index!");
+        return -1;
+    }
+    _hdd_root_index_manager_* manager = root_manager();
+    if (manager == nullptr)
+        return -1;
+    if (manager->root_index_block_num == 0 &&
+        Read_root_index_block_list(first->second, &manager->root_index_block_num,
+                                   &manager->pRoot_index_block, nullptr) != 0) {
+        QZLOG("Read_root_index_block_list failed(m_pSuper_block->root_index_address:%ld)",
+              long(first->second));
+        return -1;
+    }
+    if (num != nullptr)
+        *num = manager->root_index_block_num;
+    if (list != nullptr)
+        *list = manager->pRoot_index_block;
+    if (header != nullptr) {
+        memset(header, 0, sizeof(*header));
+        header->magic = QZFS_ROOT_INDEX_MAGIC;
+        header->next = manager->root_index_block_num > 1 ? manager->pRoot_index_block[1] : 0;
+    }
+    return 0;
+}
+
+// -------------------------------------------------------------- writing
+
+// Fills one node slot of a unit buffer with the end mark.
+static void put_end_mark(unsigned char* unit, uint32_t offset_in_unit)
+{
+    memset(unit + offset_in_unit, END_ROOT_INDEX, QZFS_ROOT_NODE_SIZE);
+}
+
+int CQzFileSystem::Write_root_index(uint32_t block_num, const uint32_t* list,
+                                    unsigned long root_index, const _root_index_node_dev_* node,
+                                    int new_node, int is_end)
+{
+    const unsigned long unit = m_file_system_io_buffer_len;
+    _qzfs_data_offset_ cur, next;
+    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, root_index, unit, &cur);
+    if (cur.its_block_num >= block_num) {
+        QZLOG("error(root_index:%ld)(root_index_block_num:%ld)(cur_root_index_info.its_block_num:%ld)",
+              long(root_index), long(block_num), long(cur.its_block_num));
+        return -1;
+    }
+    const bool end_due = new_node == 1 && is_end == 1 &&
+                         cur.index_in_block != cur.node_num_per_block - 1;
+    if (end_due) {
+        Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, root_index + 1, unit, &next);
+        if (next.its_block_num >= block_num) {
+            QZLOG("error(root_index:%ld)(root_index_block_num:%ld)(next_root_index_info.its_block_num:%ld)",
+                  long(root_index), long(block_num), long(next.its_block_num));
+            return -1;
+        }
+        if (next.unit_in_chain != cur.unit_in_chain) {
+            uint32_t block = list[next.its_block_num];
+            if (read_in_block(block, next.unit_offset,
+                                       m_file_system_io_buffer, int(unit)) != 0) {
+                QZLOG("Seek_and_read_in_block END_ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
+                      long(block), long(next.unit_offset));
+                return -1;
+            }
+            put_end_mark(m_file_system_io_buffer, next.offset_in_unit);
+            if (write_in_block(block, next.unit_offset,
+                                        m_file_system_io_buffer, int(unit)) != 0) {
+                QZLOG("Seek_and_write_in_block END_ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
+                      long(block), long(next.unit_offset));
+                return -1;
+            }
+        }
+    }
+    uint32_t block = list[cur.its_block_num];
+    if (read_in_block(block, cur.unit_offset, m_file_system_io_buffer,
+                               int(unit)) != 0) {
+        QZLOG("Seek_and_read_in_block ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
+              long(block), long(cur.unit_offset));
+        return -1;
+    }
+    _root_index_node_dev_* slot =
+        reinterpret_cast<_root_index_node_dev_*>(m_file_system_io_buffer + cur.offset_in_unit);
+    memcpy(slot, node, sizeof(*slot));
+    slot->check_sum = Calculate_root_index_dev_node_check_sum(slot);
+    Endian_trans_root_index_node_dev(slot, gLocal_endian, slot, m_manage.disk_endian);
+    if (end_due && next.unit_in_chain == cur.unit_in_chain)
+        put_end_mark(m_file_system_io_buffer, next.offset_in_unit);
+    if (write_in_block(block, cur.unit_offset, m_file_system_io_buffer,
+                                int(unit)) != 0) {
+        QZLOG("Seek_and_write_in_block ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
+              long(block), long(cur.unit_offset));
+        return -1;
+    }
+    return 0;
+}
+
+int CQzFileSystem::Write_root_index(unsigned long root_index, const _root_index_node_dev_* node,
+                                    int new_node, int is_end)
+{
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    if (Get_root_index_block_list(&num, &list, nullptr) != 0)
+        return -1;
+    return Write_root_index(num, list, root_index, node, new_node, is_end);
+}
+
+// -------------------------------------------------------------- reading
+
+int CQzFileSystem::Read_root_index_from_dev(unsigned long root_index, _root_index_node_dev_* node)
+{
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    if (Get_root_index_block_list(&num, &list, nullptr) != 0)
+        return -1;
+    _qzfs_data_offset_ at;
+    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, root_index,
+                         m_file_system_io_buffer_len, &at);
+    if (at.its_block_num >= num) {
+        memset(node, END_ROOT_INDEX, sizeof(*node));
+        return 0;
+    }
+    if (read_in_block(list[at.its_block_num], at.unit_offset,
+                               m_file_system_io_buffer, int(m_file_system_io_buffer_len)) != 0)
+        return -1;
+    Endian_trans_root_index_node_dev(
+        reinterpret_cast<_root_index_node_dev_*>(m_file_system_io_buffer + at.offset_in_unit),
+        m_manage.disk_endian, node, gLocal_endian);
+    if (Check_root_index_dev_node(node) != 0)
+        node->id = END_ROOT_INDEX;
+    return 0;
+}
+
+int CQzFileSystem::Get_root_index_dev_node(unsigned long root_index, _root_index_node_dev_* node)
+{
+    _root_index_node_mem_ mem;
+    if (Get_root_index_mem_node(root_index, &mem) != 0)
+        return -1;
+    Root_index_endian_trans_dev_mem(node, gLocal_endian, &mem, gLocal_endian, 0);
+    return 0;
+}
+
+int CQzFileSystem::Get_root_index_mem_node(unsigned long root_index, _root_index_node_mem_* out)
+{
+    memset(out, 0, sizeof(*out));
+    _hdd_root_index_manager_* manager = root_manager();
+    if (manager == nullptr)
+        return -1;
+    const uint32_t wanted = uint32_t(root_index);
+    if (wanted >= manager->start_root_index && wanted < manager->end_root_index) {
+        _ri_ssi_manager_* entry = (*manager->pRoot_index_array)[wanted - manager->start_root_index];
+        if (entry != nullptr) {
+            *out = pgSystemResourceManager->m_root_index_node_cache[entry->root_node_slot];
+            entry->access_time = time(nullptr);
+        }
+        return 0;
+    }
+    if (manager->end_mark_index != kNoIndex && wanted >= manager->end_mark_index) {
+        out->id = END_ROOT_INDEX;
+        return 0;
+    }
+    if (Get_root_index_block_list(nullptr, nullptr, nullptr) != 0) {
+        QZLOG("Read_root_index_block_list failed");
+        return -1;
+    }
+    const uint64_t capacity = uint64_t(root_nodes_per_block()) * manager->root_index_block_num;
+    if (wanted >= capacity) {
+        out->id = END_ROOT_INDEX;
+        return 0;
+    }
+    return scan_root_index(manager, wanted, out);
+}
+
+// Drops one cached entry of this disk to reuse its cache slot while a scan
+// gathers nodes: the top of the range when the scan runs below it, the
+// bottom when it runs above, and the oldest gathered entry when the range is
+// empty. Returns the freed slot, or kNoIndex when nothing could be given.
+uint32_t CQzFileSystem::release_own_root_slot(_hdd_root_index_manager_* manager, bool below,
+                                              std::deque<_ri_ssi_manager_*>& gathered,
+                                              uint32_t& gathered_low)
+{
+    RISSIMVector& array = *manager->pRoot_index_array;
+    while (manager->end_root_index > manager->start_root_index) {
+        _ri_ssi_manager_* entry;
+        if (below) {
+            uint32_t top = manager->end_root_index - 1 - manager->start_root_index;
+            entry = array[top];
+            array[top] = nullptr;
+            manager->end_root_index--;
+        } else {
+            entry = array[0];
+            array[0] = nullptr;
+            uint32_t count = manager->end_root_index - manager->start_root_index;
+            if (count > 1)
+                array.move(1, count - 1, 0);
+            manager->start_root_index++;
+        }
+        if (manager->end_root_index == manager->start_root_index)
+            manager->start_root_index = manager->end_root_index = 0;
+        if (entry != nullptr) {
+            uint32_t slot = entry->root_node_slot;
+            RISSIMVectorFunc(entry, entry, RVFSVO_FREE);
+            return slot;
+        }
+    }
+    while (!gathered.empty()) {
+        _ri_ssi_manager_* entry = gathered.front();
+        gathered.pop_front();
+        gathered_low++;
+        if (entry != nullptr) {
+            uint32_t slot = entry->root_node_slot;
+            RISSIMVectorFunc(entry, entry, RVFSVO_FREE);
+            return slot;
+        }
+    }
+    return kNoIndex;
+}
+
+// Joins the entries gathered by a scan, which cover the positions from
+// `low` on, to the cached range; a range they do not touch is dropped so
+// that the cache always holds one contiguous stretch.
+void CQzFileSystem::merge_root_range(_hdd_root_index_manager_* manager,
+                                     std::deque<_ri_ssi_manager_*>& gathered, uint32_t low)
+{
+    if (gathered.empty())
+        return;
+    RISSIMVector& array = *manager->pRoot_index_array;
+    const uint32_t count = uint32_t(gathered.size());
+    uint32_t cached = manager->end_root_index - manager->start_root_index;
+    const bool below = cached != 0 && low + count == manager->start_root_index;
+    const bool above = cached != 0 && low == manager->end_root_index;
+    if (cached != 0 && !below && !above) {
+        for (uint32_t i = 0; i < cached; i++)
+            RISSIMVectorFunc(array[i], array[i], RVFSVO_FREE);
+        cached = 0;
+    }
+    if (cached == 0) {
+        manager->start_root_index = low;
+        manager->end_root_index = low;
+    }
+    uint32_t first = 0;
+    if (below) {
+        array.move(0, cached, count);
+        manager->start_root_index = low;
+    } else {
+        first = cached;
+    }
+    for (uint32_t i = 0; i < count; i++)
+        array[first + i] = gathered[i];
+    if (!below)
+        manager->end_root_index = low + count;
+}
+
+// Reads the units around `wanted` and brings the nodes between the cached
+// range and `wanted` into the cache, so that the range stays contiguous and
+// grows a whole unit at a time.
+int CQzFileSystem::scan_root_index(_hdd_root_index_manager_* manager, uint32_t wanted,
+                                   _root_index_node_mem_* out)
+{
+    const unsigned long unit = m_file_system_io_buffer_len;
+    const unsigned long units_per_block = m_manage.block_size / unit;
+    _qzfs_data_offset_ at;
+    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, wanted, unit, &at);
+
+    const bool empty = manager->end_root_index == 0;
+    const bool below = !empty && wanted < manager->start_root_index;
+    uint32_t low, high;
+    if (below) {
+        low = at.unit_first_index;
+        high = manager->start_root_index;
+    } else {
+        low = empty ? 0 : manager->end_root_index;
+        high = at.unit_last_index + 1;
+    }
+    _qzfs_data_offset_ first;
+    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, low, unit, &first);
+
+    CSystemResourceManager& resources = *pgSystemResourceManager;
+    std::deque<_ri_ssi_manager_*> gathered;
+    uint32_t gathered_low = low;
+    uint32_t position = first.unit_first_index;
+    bool stop = false;
+    for (uint32_t u = first.unit_in_chain; !stop; u++) {
+        uint32_t chain_pos = uint32_t(u / units_per_block);
+        if (chain_pos >= manager->root_index_block_num)
+            break;
+        uint32_t block = manager->pRoot_index_block[chain_pos];
+        uint32_t offset = uint32_t((u % units_per_block) * unit);
+        if (read_in_block(block, offset, m_file_system_io_buffer,
+                                   int(unit)) != 0) {
+            QZLOG("Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)(len:%ld)",
+                  long(block), long(offset), long(unit));
+            for (_ri_ssi_manager_*& entry : gathered)
+                RISSIMVectorFunc(entry, entry, RVFSVO_FREE);
+            return -1;
+        }
+        unsigned long sector = offset == 0 ? QZFS_INDEX_HEAD_SECTORS : 0;
+        for (; sector < unit / QZFS_SECTOR_SIZE && !stop; sector++) {
+            for (unsigned long k = 0; k < QZFS_SECTOR_SIZE / QZFS_ROOT_NODE_SIZE; k++) {
+                uint32_t pos = position++;
+                if (pos < low)
+                    continue;
+                if (pos >= high) {
+                    stop = true;
+                    break;
+                }
+                _root_index_node_dev_ node;
+                Endian_trans_root_index_node_dev(
+                    reinterpret_cast<_root_index_node_dev_*>(
+                        m_file_system_io_buffer + sector * QZFS_SECTOR_SIZE + k * QZFS_ROOT_NODE_SIZE),
+                    m_manage.disk_endian, &node, gLocal_endian);
+                if (Check_root_index_dev_node(&node) != 0) {
+                    QZLOG("Check_root_index_dev_node failed(%lu)(%lu)", (unsigned long)pos,
+                          (unsigned long)wanted);
+                    node.id = FREE_ROOT_INDEX;
+                }
+                if (node.id == END_ROOT_INDEX) {
+                    if (wanted >= pos)
+                        out->id = END_ROOT_INDEX;
+                    manager->end_mark_index = pos;
+                    stop = true;
+                    break;
+                }
+                if (!IS_NORMAL_ROOT_INDEX(node.id)) {
+                    gathered.push_back(nullptr);
+                    continue;
+                }
+                if (pos == wanted)
+                    Root_index_endian_trans_dev_mem(&node, gLocal_endian, out, gLocal_endian, 1);
+                uint32_t slot = resources.GetRootIndexNodeInCache(m_hdd_id);
+                if (slot == kNoIndex) {
+                    bool range_empty = manager->end_root_index == 0;
+                    if (pos >= wanted && (range_empty || !below)) {
+                        stop = true;
+                        break;
+                    }
+                    slot = release_own_root_slot(manager, below, gathered, gathered_low);
+                    if (slot == kNoIndex) {
+                        stop = true;
+                        break;
+                    }
+                }
+                _ri_ssi_manager_* entry = new (std::nothrow) _ri_ssi_manager_;
+                if (entry == nullptr) {
+                    QZFS_FATAL("CQzFileSystem::Get_root_index_mem_node out of memory");
+                }
+                InitRiSsiManager(entry);
+                entry->root_node_slot = slot;
+                _root_index_node_mem_& cached = resources.m_root_index_node_cache[slot];
+                if (pos == wanted)
+                    cached = *out;
+                else
+                    Root_index_endian_trans_dev_mem(&node, gLocal_endian, &cached, gLocal_endian, 1);
+                gathered.push_back(entry);
+            }
+        }
+    }
+    merge_root_range(manager, gathered, gathered_low);
+    return 0;
+}
+
+// ------------------------------------------------------------ cache update
+
+// Brings the cache in line with a node just written at `root_index`.
+int CQzFileSystem::Update_root_index_cache(unsigned long root_index,
+                                           const _root_index_node_dev_* node)
+{
+    if (pgSystemResourceManager == nullptr)
+        return -1;
+    CSystemResourceManager& resources = *pgSystemResourceManager;
+    _hdd_root_index_manager_* manager = *resources.Get_hdd(m_hdd_id, 1);
+    const uint32_t ri = uint32_t(root_index);
+    int result = update_root_cache_entry(manager, ri, node);
+    if (node->id == END_ROOT_INDEX)
+        manager->end_mark_index = ri;
+    return result;
+}
+
+// A new cache entry for a normal node, in a slot taken from the pool.
+static _ri_ssi_manager_* new_root_entry(uint32_t slot, _root_index_node_dev_* node,
+                                        CQzFileSystem* fs, const char* out_of_memory)
+{
+    _ri_ssi_manager_* entry = new (std::nothrow) _ri_ssi_manager_;
+    if (entry == nullptr)
+        QZFS_FATAL("%s", out_of_memory);
+    InitRiSsiManager(entry);
+    entry->root_node_slot = slot;
+    fs->Root_index_endian_trans_dev_mem(node, gLocal_endian,
+                                        &pgSystemResourceManager->m_root_index_node_cache[slot],
+                                        gLocal_endian, 1);
+    return entry;
+}
+
+// Drops the cached entries from position `ri` up: an end mark there means
+// nothing above it is in use.
+static void cut_root_range(_hdd_root_index_manager_* manager, uint32_t ri)
+{
+    RISSIMVector& array = *manager->pRoot_index_array;
+    for (uint32_t p = ri; p < manager->end_root_index; p++)
+        RISSIMVectorFunc(array[p - manager->start_root_index],
+                         array[p - manager->start_root_index], RVFSVO_FREE);
+    manager->end_root_index = ri;
+    if (manager->end_root_index <= manager->start_root_index)
+        manager->start_root_index = manager->end_root_index = 0;
+}
+
+int CQzFileSystem::update_root_cache_entry(_hdd_root_index_manager_* manager, uint32_t ri,
+                                           const _root_index_node_dev_* written)
+{
+    CSystemResourceManager& resources = *pgSystemResourceManager;
+    _root_index_node_dev_ node = *written;
+    auto in_range = [&]() {
+        return ri >= manager->start_root_index && ri < manager->end_root_index;
+    };
+    if (in_range()) {
+        _ri_ssi_manager_*& entry = (*manager->pRoot_index_array)[ri - manager->start_root_index];
+        if (node.id == END_ROOT_INDEX) {
+            cut_root_range(manager, ri);
+            return 0;
+        }
+        if (entry != nullptr) {
+            if (IS_NORMAL_ROOT_INDEX(node.id)) {
+                _root_index_node_mem_& cached = resources.m_root_index_node_cache[entry->root_node_slot];
+                resources.m_string_index.ref_dec_by_index(cached.name_index);
+                memset(&cached, 0, sizeof(cached));
+                Root_index_endian_trans_dev_mem(&node, gLocal_endian, &cached, gLocal_endian, 1);
+            } else {
+                RISSIMVectorFunc(entry, entry, RVFSVO_FREE);
+            }
+            return 0;
+        }
+        if (!IS_NORMAL_ROOT_INDEX(node.id))
+            return 0;
+        uint32_t slot = resources.GetRootIndexNodeInCache(255);
+        if (slot == kNoIndex) {
+            // Nowhere to keep the node: drop the range rather than let the
+            // empty entry read as a free node.
+            QZLOG("GetRootIndexNodeInCache failed");
+            cut_root_range(manager, manager->start_root_index);
+            return 0;
+        }
+        if (!in_range()) {
+            resources.m_root_index_node_cache[slot].id = FREE_ROOT_INDEX;
+            return 0;
+        }
+        (*manager->pRoot_index_array)[ri - manager->start_root_index] =
+            new_root_entry(slot, &node, this, "CQzFileSystem::Update_root_index_cache out of memory");
+        return 0;
+    }
+    auto adjacent = [&]() {
+        return manager->end_root_index != 0 &&
+               (ri == manager->end_root_index || ri + 1 == manager->start_root_index);
+    };
+    if (node.id == END_ROOT_INDEX || !adjacent())
+        return 0;
+    uint32_t slot = kNoIndex;
+    if (IS_NORMAL_ROOT_INDEX(node.id)) {
+        slot = resources.GetRootIndexNodeInCache(255);
+        if (slot == kNoIndex) {
+            QZLOG("CQzFileSystem::Create_root_index_node_simple GetRootIndexNodeInCache failed");
+            return 0;
+        }
+        if (!adjacent()) {
+            resources.m_root_index_node_cache[slot].id = FREE_ROOT_INDEX;
+            return 0;
+        }
+    }
+    RISSIMVector& array = *manager->pRoot_index_array;
+    uint32_t at = manager->end_root_index - manager->start_root_index;
+    if (ri + 1 == manager->start_root_index) {
+        if (array.move(0, at, 1) != 0)
+            return -1;
+        manager->start_root_index--;
+        at = 0;
+    }
+    array[at] = slot == kNoIndex ? nullptr
+                                 : new_root_entry(slot, &node, this,
+                                                  "CQzFileSystem::Create_root_index_node_simple out of memory");
+    manager->end_root_index++;
+    return 0;
+}
+
+// ------------------------------------------------------------- changing
+
+// Attribute bytes that an index block's record carries for its root node.
+static void root_block_attr(uint8_t attr[14], uint8_t channel, uint8_t stream_type,
+                            uint16_t record_type, uint8_t lock)
+{
+    memset(attr, 0, 14);
+    attr[0] = channel;
+    attr[1] = stream_type;
+    memcpy(attr + 2, &record_type, 2);
+    attr[4] = lock;
+}
+
+int CQzFileSystem::Modify_root_index(unsigned long root_index, int mode,
+                                     const _root_index_node_dev_* node)
+{
+    if (mode != 0)
+        return 0;
+    if (Write_root_index(root_index, node, 0, 0) != 0) {
+        QZLOG("Write_root_index failed");
+        return -1;
+    }
+    if (Update_root_index_cache(root_index, node) != 0) {
+        QZLOG("Update_root_index_cache failed");
+        return -1;
+    }
+    uint8_t attr[14];
+    uint16_t record_type;
+    memcpy(&record_type, &node->record_type, 2);
+    root_block_attr(attr, node->channel, node->stream_type, record_type, node->lock);
+    uint32_t ssi_block;
+    memcpy(&ssi_block, &node->stream_segment_index_block, 4);
+    modify_block_attr(ssi_block, attr, QZFS_WHERE_ALL);
+    return 0;
+}
+
+int CQzFileSystem::Get_free_root_index(uint32_t* root_index, int* is_end)
+{
+    if (m_manage.root_index_block_map.find(0) == m_manage.root_index_block_map.end()) {
+        QZLOG("have not root index!");
+        return -1;
+    }
+    _hdd_root_index_manager_* manager = root_manager();
+    if (manager == nullptr)
+        return -1;
+    if (Get_root_index_block_list(nullptr, nullptr, nullptr) != 0) {
+        QZLOG("failed(m_pSuper_block->root_index_address:%ld)",
+              long(m_manage.root_index_block_map[0]));
+        return -1;
+    }
+    const uint32_t total = uint32_t(((m_manage.block_size - 4096) / 512 - 1) * 8 *
+                                    manager->root_index_block_num);
+    uint32_t position = manager->free_root_index;
+    *is_end = 0;
+    for (; position < total; position++) {
+        _root_index_node_mem_ node;
+        if (Get_root_index_mem_node(position, &node) != 0) {
+            QZLOG("failed(root_index:%ld)", long(position));
+            return -1;
+        }
+        if (node.id == END_ROOT_INDEX) {
+            *is_end = 1;
+            break;
+        }
+        if (!IS_NORMAL_ROOT_INDEX(node.id))
+            break;
+    }
+    if (total == 0 || position >= total - 1) {
+        *is_end = 1;
+        if (Add_root_index_block() != 0) {
+            QZLOG("Add_root_index_block failed");
+            return -1;
+        }
+    }
+    *root_index = position;
+    manager->free_root_index = position + 1;
+    return 0;
+}
+
+int CQzFileSystem::Add_root_index_block()
+{
+    return gQzfsConfig.simple_index_mode != 0 ? Add_root_index_block_simple()
+                                              : Add_root_index_block_standard();
+}
+
+// The root chain does not grow at run time: a disk works with the root
+// index block it has.
+int CQzFileSystem::Add_root_index_block_simple() { return 0; }
+int CQzFileSystem::Add_root_index_block_standard() { return 0; }
+
+int CQzFileSystem::Create_root_index_node(const _qzfs_k4t_create_ss_para_* para,
+                                          unsigned long ssi_block, _root_index_node_dev_* node)
+{
+    memset(node, 0, sizeof(*node));
+    node->id = 1;
+    node->year = para->year;
+    node->month = para->month;
+    node->day = para->day;
+    node->channel = para->channel;
+    node->stream_type = para->stream_type;
+    memcpy(node->name, para->name, sizeof(node->name));
+    node->name[sizeof(node->name) - 1] = '\0';
+    node->lock = para->lock;
+    uint32_t block = uint32_t(ssi_block), stamp = uint32_t(get_block_owner_stamp());
+    memcpy(&node->stream_segment_index_block, &block, 4);
+    memcpy(&node->owner_stamp, &stamp, 4);
+    node->only_pre_record = para->for_pre_record ? 1 : 0;
+    if (para->record_type > 15) {
+        QZFS_FATAL("CQzFileSystem::Create_root_index_node invalid record type:%d",
+                   int(para->record_type));
+    }
+    uint16_t record_type = uint16_t(1u << para->record_type);
+    memcpy(&node->record_type, &record_type, 2);
+    return 0;
+}
+
+int CQzFileSystem::Create_root_index_node(const _qzfs_k4t_create_ss_para_* para,
+                                          uint32_t* root_index, _root_index_node_dev_* node)
+{
+    return gQzfsConfig.simple_index_mode != 0
+               ? Create_root_index_node_simple(para, root_index, node)
+               : Create_root_index_node_standard(para, root_index, node);
+}
+
+int CQzFileSystem::Create_root_index_node_standard(const _qzfs_k4t_create_ss_para_*, uint32_t*,
+                                                   _root_index_node_dev_*)
+{
+    return -1;
+}
+
+int CQzFileSystem::Create_root_index_node_simple(const _qzfs_k4t_create_ss_para_* para,
+                                                 uint32_t* root_index, _root_index_node_dev_* out)
+{
+    if (para->record_type > 15) {
+        QZFS_FATAL("CQzFileSystem::Create_root_index_node invalid record type:%d",
+                   int(para->record_type));
+    }
+    _qzfs_block_info_ info;
+    memset(&info, 0, sizeof(info));
+    info.owner_stamp = uint32_t(get_block_owner_stamp());
+    info.block_type = QZFS_BLOCK_SEGMENT_INDEX;
+    info.year = para->year;
+    info.month = para->month;
+    info.day = para->day;
+    info.hour = para->hour;
+    info.minute = para->minute;
+    info.second = para->second;
+    root_block_attr(info.attr, para->channel, para->stream_type,
+                    uint16_t(1u << para->record_type), para->lock);
+    unsigned long ssi_block = 0, iframe_block = 0;
+    if (Request_free_block(1, &ssi_block, &info, 0) != 0) {
+        QZLOG("request stream segment index block failed");
+        return -1;
+    }
+    info.block_type = QZFS_BLOCK_IFRAME_INDEX;
+    if (Request_free_block(1, &iframe_block, &info, 0) != 0) {
+        QZLOG("request iframe index block failed");
+        return -1;
+    }
+    _root_index_node_dev_ node;
+    if (Create_root_index_node(para, ssi_block, &node) != 0) {
+        QZLOG("Create_root_index_node failed");
+        return -1;
+    }
+    if (Init_stream_segment_block(ssi_block, 0, 0, iframe_block, 0) != 0) {
+        QZLOG("Init_stream_segment_block failed");
+        return -1;
+    }
+    if (Init_iframe_index_block(iframe_block, 0, 0) != 0) {
+        QZLOG("Init_iframe_index_block failed");
+        return -1;
+    }
+    uint32_t position = 0;
+    int is_end = 0;
+    if (Get_free_root_index(&position, &is_end) != 0) {
+        QZLOG("Get_free_root_index failed");
+        return -1;
+    }
+    if (Write_root_index(position, &node, 1, is_end) != 0) {
+        QZLOG("Write_root_index failed");
+        return -1;
+    }
+    if (Update_root_index_cache(position, &node) != 0) {
+        QZLOG("Update_root_index_cache failed");
+        return -1;
+    }
+    Update_hdd_record_date(0, node.year, node.month, node.day);
+    uint32_t chain[1] = {uint32_t(ssi_block)};
+    if (Set_stream_segment_index_block_list(position, 1, chain, uint32_t(iframe_block)) != 0) {
+        QZLOG("Set_stream_segment_index_block_list failed");
+        return -1;
+    }
+    if (out != nullptr)
+        *out = node;
+    if (root_index != nullptr)
+        *root_index = position;
+    return 0;
+}
+
+int CQzFileSystem::Delete_root_index(unsigned long root_index, int)
+{
+    _root_index_node_dev_ node;
+    if (Get_root_index_dev_node(root_index, &node) != 0) {
+        QZLOG("root_index:%ld", long(root_index));
+        return -1;
+    }
+    if (!IS_NORMAL_ROOT_INDEX(node.id))
+        return 0;
+    uint32_t ssi_num = 0, iframe_num = 0, iframe_head = 0;
+    uint32_t *ssi_list = nullptr, *iframe_list = nullptr;
+    if (Get_stream_segment_index_block_list(root_index, &ssi_num, &ssi_list, &iframe_head) == 0) {
+        for (uint32_t i = 0; i < ssi_num; i++)
+            Free_one_block(ssi_list[i], 0);
+        if (Read_iframe_index_block_list(iframe_head, &iframe_num, &iframe_list) == 0) {
+            for (uint32_t i = 0; i < iframe_num; i++)
+                Free_one_block(iframe_list[i], 0);
+        }
+    }
+    QZLOG_ABOVE(0, "delete root index(chn:%d,stream:%d,%d-%d-%d)", int(node.channel),
+                int(node.stream_type), int(node.year) + 2000, int(node.month), int(node.day));
+    node.id = FREE_ROOT_INDEX;
+    Modify_root_index(root_index, 0, &node);
+    delete[] ssi_list;
+    delete[] iframe_list;
+    return 0;
+}
+
+// ---------------------------------------------------------- record dates
+
+int CQzFileSystem::Update_hdd_record_date(int all, uint8_t year, uint8_t month, uint8_t day)
+{
+    _hdd_root_index_manager_* manager = root_manager();
+    if (manager == nullptr)
+        return -1;
+    if (all != 0) {
+        manager->start_year = manager->end_year = 255;
+        manager->start_month = manager->end_month = 255;
+        manager->start_day = manager->end_day = 255;
+        for (uint32_t ri = 0;; ri++) {
+            _root_index_node_mem_ node;
+            if (Get_root_index_mem_node(ri, &node) != 0)
+                return -1;
+            if (node.id == END_ROOT_INDEX)
+                return 0;
+            if (IS_NORMAL_ROOT_INDEX(node.id))
+                Update_hdd_record_date(0, node.year, node.month, node.day);
+        }
+    }
+    if (year > 99 || month < 1 || month > 12 || day < 1 || day > 31)
+        return -1;
+    if (manager->start_year == 255) {
+        manager->start_year = manager->end_year = year;
+        manager->start_month = manager->end_month = month;
+        manager->start_day = manager->end_day = day;
+        return 0;
+    }
+    if (Compare_date(year, month, day, manager->start_year, manager->start_month,
+                     manager->start_day) == 2) {
+        manager->start_year = year;
+        manager->start_month = month;
+        manager->start_day = day;
+    }
+    if (Compare_date(year, month, day, manager->end_year, manager->end_month, manager->end_day) ==
+        1) {
+        manager->end_year = year;
+        manager->end_month = month;
+        manager->end_day = day;
+    }
+    return 0;
+}
+
+// ------------------------------------------------------------ journal
+
+int CQzFileSystem::Register_qzfs_action(unsigned long block, uint32_t action, const void* data)
+{
+    if (read_in_block(block, QZFS_INDEX_HEADER_OFFSET,
+                               m_file_system_io_buffer, int(m_file_system_io_buffer_len)) != 0) {
+        QZLOG("Seek_and_read_in_block failed(block_index:%ld)", long(block));
+        return -1;
+    }
+    _root_index_header_dev_ header;
+    Endian_trans_root_index_block_header(m_file_system_io_buffer, m_manage.disk_endian, &header,
+                                         gLocal_endian);
+    if (header.magic != QZFS_ROOT_INDEX_MAGIC) {
+        QZLOG("invalid magic(%08lx)", (unsigned long)header.magic);
+        return -1;
+    }
+    header.action = action;
+    header.crc = 0;
+    memset(header.action_data, 0, sizeof(header.action_data));
+    if (action == QZFS_ACTION_DELETE)
+        memcpy(header.action_data, data, QZFS_ACTION_DELETE_LEN);
+    else if (action == QZFS_ACTION_SPLIT)
+        memcpy(header.action_data, data, QZFS_ACTION_SPLIT_LEN);
+    else if (action != QZFS_ACTION_NONE)
+        QZLOG("invalid action");
+    uint32_t crc = header.action;
+    for (uint8_t byte : header.action_data)
+        crc += byte;
+    header.crc = crc;
+    Endian_trans_root_index_block_header(&header, gLocal_endian, m_file_system_io_buffer,
+                                         m_manage.disk_endian);
+    if (write_in_block(block, QZFS_INDEX_HEADER_OFFSET,
+                                m_file_system_io_buffer, int(m_file_system_io_buffer_len)) != 0) {
+        QZLOG("Seek_and_write_in_block failed(block_index:%ld)", long(block));
+        return -1;
+    }
+    qzfs_fsync(m_pIo_interface, block, QZFS_INDEX_HEADER_OFFSET, m_file_system_io_buffer_len);
+    return 0;
+}
