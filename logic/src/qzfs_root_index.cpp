@@ -515,6 +515,8 @@ int CQzFileSystem::Update_root_index_cache(unsigned long root_index,
     int result = update_root_cache_entry(manager, ri, node);
     if (node->id == END_ROOT_INDEX)
         manager->end_mark_index = ri;
+    else if (manager->end_mark_index != kNoIndex && ri >= manager->end_mark_index)
+        manager->end_mark_index = ri + 1;  // a node written over the end mark moves it up
     return result;
 }
 
@@ -590,8 +592,7 @@ int CQzFileSystem::update_root_cache_entry(_hdd_root_index_manager_* manager, ui
         return 0;
     }
     auto adjacent = [&]() {
-        return manager->end_root_index != 0 &&
-               (ri == manager->end_root_index || ri + 1 == manager->start_root_index);
+        return ri == manager->end_root_index || ri + 1 == manager->start_root_index;
     };
     if (node.id == END_ROOT_INDEX || !adjacent())
         return 0;
