@@ -46,6 +46,32 @@ TEST(Tool, FormatCreatesASparseImageAndInfoDescribesIt)
     EXPECT_TRUE(contains(loud.output, "START MOUNT(hdd_id:0)")) << loud.output;
 }
 
+TEST(Tool, IndexAddEntriesAreListedByInfoIndex)
+{
+    ScratchDir dir;
+    std::string image = dir.path("rec.img");
+    ASSERT_EQ(0, run_tool("format " + image + " --size 3G").status);
+    CommandResult add = run_tool("index-add " + image + " --date 2026-11-20 --channel 4 --name gate");
+    ASSERT_EQ(0, add.status) << add.output;
+    EXPECT_TRUE(contains(add.output, "root index entry 0 added")) << add.output;
+    add = run_tool("index-add " + image + " --date 2026-11-21 --channel 5 --stream 1 --record-type 2");
+    ASSERT_EQ(0, add.status) << add.output;
+    EXPECT_NE(0, run_tool("index-add " + image + " --date 2026-02-29 --channel 1").status);
+    EXPECT_NE(0, run_tool("index-add " + image + " --date 2026-11-21").status);
+    EXPECT_NE(0, run_tool("index-add " + image + " --date 2026-11-21 --channel 1 --name "
+                          "seventeen-letters").status);
+
+    CommandResult info = run_tool("info " + image + " --index");
+    ASSERT_EQ(0, info.status) << info.output;
+    // The first node's blocks follow the root index block (66): 67 and 68.
+    EXPECT_TRUE(contains(info.output, "  0      2026-11-20    4      0  gate             0x0001       67\n"))
+        << info.output;
+    EXPECT_TRUE(contains(info.output, "  1      2026-11-21    5      1                   0x0004       69\n"))
+        << info.output;
+    EXPECT_TRUE(contains(info.output, "  2 used\n")) << info.output;
+    EXPECT_TRUE(contains(info.output, "  segment index  2\n")) << info.output;
+}
+
 TEST(Tool, FailuresExitNonZeroWithOneLineReason)
 {
     ScratchDir dir;

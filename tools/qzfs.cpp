@@ -2,7 +2,9 @@
 // through the library, from a shell.
 #include "qzfilesystem.h"
 #include "qzfilesystem_api.h"
+#include "qzfs_datetime.h"
 #include "qzfs_manager.h"
+#include "system_resource_manager.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -25,9 +27,15 @@ const char* USAGE =
     "  format IMAGE [--size SIZE] [--label TEXT]\n"
     "      format a disk or image; a missing IMAGE is created as a sparse file\n"
     "      of SIZE bytes (suffixes K, M, G, T: powers of 1024)\n"
-    "  info IMAGE\n"
+    "  info IMAGE [--index]\n"
     "      mount and print block size, block counts, key info places, label,\n"
-    "      version, owner stamp and the number of blocks of each type\n"
+    "      version, owner stamp and the number of blocks of each type;\n"
+    "      --index lists the root index: one line for each day, channel,\n"
+    "      stream type and name that has recordings\n"
+    "  index-add IMAGE --date YYYY-MM-DD --channel N [--stream T] [--name S]\n"
+    "            [--record-type R]\n"
+    "      add an empty root index entry (with its segment and I-frame index\n"
+    "      blocks), as the first recording of that day and channel would\n"
     "  test IMAGE\n"
     "      write, read back and free one block of a mounted disk\n"
     "  rebuild-shell IMAGE\n"
@@ -72,7 +80,19 @@ bool parse_size(const std::string& text, unsigned long long& out)
     return true;
 }
 
-// Arguments after the verb: positional ones and --name value pairs.
+// Options that stand alone, without a value.
+const char* const FLAG_OPTIONS[] = {"--index"};
+
+bool is_flag(const std::string& word)
+{
+    for (const char* flag : FLAG_OPTIONS)
+        if (word == flag)
+            return true;
+    return false;
+}
+
+// Arguments after the verb: positional ones, --name value pairs and flags
+// (kept with an empty value).
 struct Args {
     std::vector<std::string> positional;
     std::vector<std::pair<std::string, std::string>> options;
@@ -90,7 +110,9 @@ bool split_args(int argc, char** argv, int first, Args& args, std::string& error
 {
     for (int i = first; i < argc; i++) {
         std::string word = argv[i];
-        if (word.rfind("--", 0) == 0) {
+        if (is_flag(word)) {
+            args.options.emplace_back(word, "");
+        } else if (word.rfind("--", 0) == 0) {
             if (i + 1 >= argc) {
                 error = word + " needs a value";
                 return false;
@@ -174,10 +196,43 @@ int mount_image(const std::string& path)
     return 0;
 }
 
+// Lists the used root index nodes of the mounted tool disk.
+int print_root_index(CQzFileSystem* fs)
+{
+    auto root = fs->manage().root_index_block_map.find(0);
+    if (root == fs->manage().root_index_block_map.end())
+        return fail("the disk has no root index");
+    printf("root index (block %lu):\n", root->second);
+    printf("  %-6s %-10s %4s %6s  %-16s %-12s %s\n", "pos", "date", "chn", "stream", "name",
+           "record types", "segment index block");
+    unsigned long used = 0;
+    for (uint32_t ri = 0;; ri++) {
+        _root_index_node_dev_ node;
+        fs->disk_lock(1);
+        int rc = fs->Get_root_index_dev_node(ri, &node);
+        fs->disk_lock(0);
+        if (rc != 0)
+            return fail("cannot read root index position %s", std::to_string(ri));
+        if (node.id == END_ROOT_INDEX)
+            break;
+        if (!IS_NORMAL_ROOT_INDEX(node.id))
+            continue;
+        uint16_t record_types;
+        uint32_t ssi_block;
+        memcpy(&record_types, &node.record_type, 2);
+        memcpy(&ssi_block, &node.stream_segment_index_block, 4);
+        printf("  %-6u 20%02u-%02u-%02u %4u %6u  %-16s 0x%04x       %u\n", ri, node.year, node.month,
+               node.day, node.channel, node.stream_type, node.name, record_types, ssi_block);
+        used++;
+    }
+    printf("  %lu used\n", used);
+    return 0;
+}
+
 int verb_info(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {}, error))
+    if (!only_options(args, {"--index"}, error))
         return fail("%s", error);
     if (args.positional.size() != 1)
         return fail("info takes one IMAGE");
@@ -223,8 +278,90 @@ int verb_info(const Args& args)
         for (int type = 1; type <= 10; type++)
             printf("  %-14s %lu\n", type_names[type], counts[type]);
     }
+    int listed = 0;
+    if (counted == 0 && args.option("--index") != nullptr)
+        listed = print_root_index(fs);
     api_qzfs_umount(TOOL_HDD_ID);
-    return counted == 0 ? 0 : fail("cannot read the block table of %s", path);
+    if (counted != 0)
+        return fail("cannot read the block table of %s", path);
+    return listed;
+}
+
+// Reads "YYYY-MM-DD" with a year from 2000 to 2099.
+bool parse_date(const std::string& text, _qzfs_k4t_create_ss_para_& para)
+{
+    unsigned year, month, day;
+    char tail;
+    if (sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail) != 3)
+        return false;
+    unsigned char days = 0;
+    if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
+        Get_max_day((unsigned char)(year - 2000), (unsigned char)month, &days) != 1 || day > days)
+        return false;
+    para.year = (uint8_t)(year - 2000);
+    para.month = (uint8_t)month;
+    para.day = (uint8_t)day;
+    return true;
+}
+
+// A small unsigned option within [0, limit]; `fallback` when absent.
+bool number_option(const Args& args, const char* name, unsigned limit, unsigned fallback,
+                   unsigned& out)
+{
+    const std::string* text = args.option(name);
+    if (text == nullptr) {
+        out = fallback;
+        return true;
+    }
+    char* end = nullptr;
+    unsigned long value = strtoul(text->c_str(), &end, 10);
+    if (text->empty() || *end != '\0' || value > limit)
+        return false;
+    out = (unsigned)value;
+    return true;
+}
+
+int verb_index_add(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--date", "--channel", "--stream", "--name", "--record-type"}, error))
+        return fail("%s", error);
+    if (args.positional.size() != 1)
+        return fail("index-add takes one IMAGE");
+    _qzfs_k4t_create_ss_para_ para;
+    memset(&para, 0, sizeof(para));
+    const std::string* date = args.option("--date");
+    if (date == nullptr || !parse_date(*date, para))
+        return fail("index-add needs --date YYYY-MM-DD (2000 to 2099)");
+    unsigned channel, stream, record_type;
+    if (args.option("--channel") == nullptr || !number_option(args, "--channel", 254, 0, channel))
+        return fail("index-add needs --channel N (0 to 254)");
+    if (!number_option(args, "--stream", 255, 0, stream))
+        return fail("--stream takes 0 to 255");
+    if (!number_option(args, "--record-type", 15, 0, record_type))
+        return fail("--record-type takes 0 to 15");
+    const std::string* name = args.option("--name");
+    if (name != nullptr && name->size() >= sizeof(para.name))
+        return fail("--name takes at most 16 characters");
+    para.channel = (uint8_t)channel;
+    para.stream_type = (uint8_t)stream;
+    para.record_type = (uint8_t)record_type;
+    if (name != nullptr)
+        memcpy(para.name, name->c_str(), name->size());
+
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
+    uint32_t position = 0;
+    fs->disk_lock(1);
+    int rc = fs->Create_root_index_node(&para, &position, nullptr);
+    fs->disk_lock(0);
+    api_qzfs_umount(TOOL_HDD_ID);
+    if (rc != 0)
+        return fail("cannot add a root index entry to %s (disk full?)", path);
+    printf("root index entry %u added\n", position);
+    return 0;
 }
 
 int verb_test(const Args& args)
@@ -300,6 +437,8 @@ int main(int argc, char** argv)
         rc = verb_format(args);
     else if (verb == "info")
         rc = verb_info(args);
+    else if (verb == "index-add")
+        rc = verb_index_add(args);
     else if (verb == "test")
         rc = verb_test(args);
     else if (verb == "rebuild-shell")
