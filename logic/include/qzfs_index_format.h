@@ -167,6 +167,10 @@ struct _qzfs_data_offset_ {
 };
 static_assert(sizeof(_qzfs_data_offset_) == 19 * 4, "19 u32 fields");
 
+// Check sum of a 64-byte root node in disk order: the byte sum, mod 256, of
+// byte 0 and bytes 2 to 63.
+uint8_t qzfs_root_node_byte_sum(const unsigned char* node);
+
 // Turns a linear index into its place in a chain. Pure u32 arithmetic;
 // every division by zero yields 0.
 void Calculate_index_info(unsigned long block_size, unsigned long node_size, unsigned long index,

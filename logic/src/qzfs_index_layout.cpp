@@ -44,3 +44,11 @@ void Calculate_index_info(unsigned long block_size, unsigned long node_size, uns
     o.sector_first_index = o.node_num_per_sector * div0(I, o.node_num_per_sector);
     o.sector_last_index = o.sector_first_index + o.node_num_per_sector - 1;
 }
+
+uint8_t qzfs_root_node_byte_sum(const unsigned char* node)
+{
+    unsigned sum = node[0];
+    for (unsigned long i = 2; i < QZFS_ROOT_NODE_SIZE; i++)
+        sum += node[i];
+    return uint8_t(sum);
+}

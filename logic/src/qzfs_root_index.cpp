@@ -21,15 +21,6 @@ static const uint32_t kNoIndex = 0xFFFFFFFF;
 
 // ------------------------------------------------------------ node records
 
-// Byte sum of byte 0 and bytes 2 to 63 of a node in disk order.
-static uint8_t root_node_byte_sum(const unsigned char* node)
-{
-    unsigned sum = node[0];
-    for (unsigned long i = 2; i < QZFS_ROOT_NODE_SIZE; i++)
-        sum += node[i];
-    return uint8_t(sum);
-}
-
 void Endian_trans_root_index_node_dev(const _root_index_node_dev_* src, _fs_endian_ src_endian,
                                       _root_index_node_dev_* dst, _fs_endian_ dst_endian)
 {
@@ -46,7 +37,7 @@ uint8_t CQzFileSystem::Calculate_root_index_dev_node_check_sum(const _root_index
 {
     _root_index_node_dev_ disk;
     Endian_trans_root_index_node_dev(node, gLocal_endian, &disk, m_manage.disk_endian);
-    return root_node_byte_sum(reinterpret_cast<const unsigned char*>(&disk));
+    return qzfs_root_node_byte_sum(reinterpret_cast<const unsigned char*>(&disk));
 }
 
 int CQzFileSystem::Check_root_index_dev_node(const _root_index_node_dev_* node)
@@ -120,7 +111,7 @@ void CQzFileSystem::Root_index_endian_trans_dev_mem(_root_index_node_dev_* dev,
         change_byte_order(bytes + offsetof(_root_index_node_dev_, stream_segment_index_block), 4);
         change_byte_order(bytes + offsetof(_root_index_node_dev_, owner_stamp), 4);
     }
-    dev->check_sum = root_node_byte_sum(reinterpret_cast<unsigned char*>(dev));
+    dev->check_sum = qzfs_root_node_byte_sum(reinterpret_cast<unsigned char*>(dev));
 }
 
 // ------------------------------------------------------------------ chain

@@ -12,15 +12,6 @@
 #include <cstring>
 #include <vector>
 
-// Byte sum of byte 0 and bytes 2 to 63 of a node in disk order.
-static uint8_t node_byte_sum(const unsigned char* node)
-{
-    unsigned sum = node[0];
-    for (unsigned long i = 2; i < QZFS_ROOT_NODE_SIZE; i++)
-        sum += node[i];
-    return uint8_t(sum);
-}
-
 int CQzFileSystem::check_stream_segment_index(unsigned long block)
 {
     std::vector<unsigned char> head(QZFS_IO_UNIT);
@@ -81,7 +72,7 @@ int CQzFileSystem::walk_root_index_block(unsigned long root_block,
             nodes++;
             if (!IS_NORMAL_ROOT_INDEX(node.id))
                 continue;
-            if (node_byte_sum(bytes) != bytes[1]) {
+            if (qzfs_root_node_byte_sum(bytes) != bytes[1]) {
                 QZLOG("root index check num is error(%d)(%lu)!", int(bytes[1]), nodes - 1);
                 return ROOT_INDEX_REBUILD;
             }
@@ -174,7 +165,7 @@ static void rebuilt_root_node(const _block_info_node_& source, unsigned char* sl
     memcpy(&node.stream_segment_index_block, &source.block, 4);
     memcpy(&node.owner_stamp, &source.info.owner_stamp, 4);
     memcpy(slot, &node, sizeof(node));
-    slot[1] = node_byte_sum(slot);
+    slot[1] = qzfs_root_node_byte_sum(slot);
 }
 
 // Writes a new root index block with one node for each block of `segments`.
