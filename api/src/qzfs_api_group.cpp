@@ -39,11 +39,14 @@ int CQzfsApi::Qzfs_add_disk_to_group(unsigned char hdd_id, unsigned char group)
 
 int CQzfsApi::Qzfs_delete_disk_from_group(unsigned char hdd_id, unsigned char group)
 {
+    // The open-file check walks the groups, which another thread may be
+    // adding or removing: it runs under the manager lock too.
+    gQzfsManager.manager_lock();
     if (have_open_file(hdd_id)) {
+        gQzfsManager.manager_unlock();
         QZLOG_ABOVE(1, "hdd %d is busy!", hdd_id);
         return -1;
     }
-    gQzfsManager.manager_lock();
     auto it = gQzfsManager.m_disk_group_map.find(group);
     if (it == gQzfsManager.m_disk_group_map.end()) {
         QZLOG_ABOVE(1, "group %d is invalid!", group);
@@ -67,11 +70,13 @@ int CQzfsApi::Qzfs_delete_disk_from_group(unsigned char hdd_id, unsigned char gr
 int CQzfsApi::Qzfs_get_disk_list_from_group(unsigned char group, std::list<unsigned char>& hdd_ids)
 {
     hdd_ids.clear();
+    gQzfsManager.manager_lock();
     _disk_group_attr_* attr = gQzfsManager.find_group(group);
-    if (attr == nullptr)
-        return 0;
-    for (size_t id = 0; id < gQzfsManager.m_Qzfs_vector.size(); id++)
-        if (attr->valid_disk_bitmap & qzfs_disk_bit((unsigned char)id))
-            hdd_ids.push_back((unsigned char)id);
+    if (attr != nullptr) {
+        for (size_t id = 0; id < gQzfsManager.m_Qzfs_vector.size(); id++)
+            if (attr->valid_disk_bitmap & qzfs_disk_bit((unsigned char)id))
+                hdd_ids.push_back((unsigned char)id);
+    }
+    gQzfsManager.manager_unlock();
     return 0;
 }
