@@ -17,6 +17,9 @@ using namespace qzfs_test;
 
 namespace {
 
+// A 3 GiB disk: blocks of 4 MiB, the key info block at 65, its backup at 465.
+const unsigned long BS = 4 * MiB, KEY = 65, BAK = 465;
+
 class FormatMount : public LibraryTest {
 protected:
     std::string image_ = scratch_.path("disk.img");
@@ -66,29 +69,27 @@ TEST_F(FormatMount, SizesGiveTheirBlockSizeAndKeyPlaces)
 
 TEST_F(FormatMount, KeyInfoBlockReadsBackAsWritten)
 {
-    const unsigned long bs = 4 * MiB, key = 65, bak = 465, total = 752;
+    const unsigned long total = 752;
     ASSERT_EQ(0, format_image(image_, 3 * GiB, "front door"));
 
-    _qzfs_block_info_ own = read_block_head(image_, bs, key);
+    _qzfs_block_info_ own = read_block_head(image_, BS, KEY);
     EXPECT_EQ(QZFS_BLOCK_KEY_INFO, own.block_type);
     EXPECT_EQ(0u, own.owner_stamp);
     EXPECT_TRUE(qzfs_block_info_is_sound(&own));
 
-    _qzfs_key_header_ header = read_key_header(image_, bs, key);
+    _qzfs_key_header_ header = read_key_header(image_, BS, KEY);
     EXPECT_STREQ("front door", header.label);
     EXPECT_STREQ("qzfs4.0", header.version);
-    EXPECT_EQ(bs, header.block_size);
+    EXPECT_EQ(BS, header.block_size);
     EXPECT_EQ(total, header.total_block);
     EXPECT_EQ(header.check_num, (uint32_t)qzfs_chksum_crc32(&header, 508));
 
     // Every slot of the table carries a sound record; the types follow the
     // layout: system blocks before partition 1, the FAT32 area, the tail
     // group; key places every 400 blocks from K; the root index behind K;
-    // free elsewhere; none past
-    // the end.
-    std::vector<unsigned char> table = read_bytes(
-        image_, (unsigned long long)key * bs + 4096, (bs - 4096));
-    const unsigned long slots = (bs - 4096) / 32;
+    // free elsewhere; none past the end.
+    std::vector<unsigned char> table = read_bytes(image_, (unsigned long long)KEY * BS + 4096, BS - 4096);
+    const unsigned long slots = (BS - 4096) / 32;
     unsigned long free_count = 0;
     for (unsigned long b = 0; b < slots; b++) {
         _qzfs_block_info_ r;
@@ -99,17 +100,17 @@ TEST_F(FormatMount, KeyInfoBlockReadsBackAsWritten)
             expected = QZFS_BLOCK_NONE;
         else if (b < 65 || b >= 705)
             expected = QZFS_BLOCK_SYSTEM;
-        else if (b == key || b == bak)
+        else if (b == KEY || b == BAK)
             expected = QZFS_BLOCK_KEY_INFO;
-        else if (b == key + 1)
+        else if (b == KEY + 1)
             expected = QZFS_BLOCK_ROOT_INDEX;  // the first free block, taken at format
         ASSERT_EQ(expected, r.block_type) << "block " << b;
         free_count += r.block_type == QZFS_BLOCK_FREE;
     }
 
     // The backup is the same block, byte for byte.
-    EXPECT_EQ(read_bytes(image_, (unsigned long long)key * bs, bs),
-              read_bytes(image_, (unsigned long long)bak * bs, bs));
+    EXPECT_EQ(read_bytes(image_, (unsigned long long)KEY * BS, BS),
+              read_bytes(image_, (unsigned long long)BAK * BS, BS));
 
     ASSERT_EQ(0, mount());
     _qzfs_k4t_hdd_info_ info = {};
@@ -123,9 +124,8 @@ TEST_F(FormatMount, KeyInfoBlockReadsBackAsWritten)
 
 TEST_F(FormatMount, DamagedPrimaryIsRepairedFromTheBackup)
 {
-    const unsigned long bs = 4 * MiB, key = 65, bak = 465;
-    const unsigned long long primary = (unsigned long long)key * bs;
-    const unsigned long long backup = (unsigned long long)bak * bs;
+    const unsigned long long primary = (unsigned long long)KEY * BS;
+    const unsigned long long backup = (unsigned long long)BAK * BS;
     const unsigned long long places[] = {
         primary + 4,        // type of the key block's own record
         primary + 32 + 3,   // a label byte: header CRC no longer holds
@@ -136,45 +136,40 @@ TEST_F(FormatMount, DamagedPrimaryIsRepairedFromTheBackup)
         ASSERT_EQ(0, format_image(image_, 3 * GiB, "repair me"));
         damage_byte(image_, where);
         ASSERT_EQ(0, mount());
-        EXPECT_EQ(key, disk().key_block);
-        EXPECT_EQ(bak, disk().bak_key_block);
+        EXPECT_EQ(KEY, disk().key_block);
+        EXPECT_EQ(BAK, disk().bak_key_block);
         EXPECT_EQ(0, api_qzfs_umount(0));
-        EXPECT_EQ(read_bytes(image_, backup, bs), read_bytes(image_, primary, bs));
-        EXPECT_STREQ("repair me", read_key_header(image_, bs, key).label);
+        EXPECT_EQ(read_bytes(image_, backup, BS), read_bytes(image_, primary, BS));
+        EXPECT_STREQ("repair me", read_key_header(image_, BS, KEY).label);
         unlink(image_.c_str());
     }
 }
 
 TEST_F(FormatMount, DamagedOrStaleBackupIsRewritten)
 {
-    const unsigned long bs = 4 * MiB, key = 65, bak = 465;
     ASSERT_EQ(0, format_image(image_, 3 * GiB));
-    damage_byte(image_, (unsigned long long)bak * bs + 32 + 200);
+    damage_byte(image_, (unsigned long long)BAK * BS + 32 + 200);
     ASSERT_EQ(0, mount());
-    EXPECT_EQ(bak, disk().bak_key_block);
+    EXPECT_EQ(BAK, disk().bak_key_block);
     EXPECT_EQ(0, api_qzfs_umount(0));
-    EXPECT_EQ(read_bytes(image_, (unsigned long long)key * bs, bs),
-              read_bytes(image_, (unsigned long long)bak * bs, bs));
+    EXPECT_EQ(read_bytes(image_, (unsigned long long)KEY * BS, BS),
+              read_bytes(image_, (unsigned long long)BAK * BS, BS));
 
     // A backup whose header is sound but whose table differs is stale.
-    damage_byte(image_, table_record_offset(bs, bak, 300));
+    damage_byte(image_, table_record_offset(BS, BAK, 300));
     ASSERT_EQ(0, mount());
     EXPECT_EQ(0, api_qzfs_umount(0));
-    _qzfs_block_info_ mended = read_table_record(image_, bs, bak, 300);
+    _qzfs_block_info_ mended = read_table_record(image_, BS, BAK, 300);
     EXPECT_TRUE(qzfs_block_info_is_sound(&mended));
 }
 
 TEST_F(FormatMount, DamagedTableRecordFailsTheMountWithoutWriting)
 {
-    const unsigned long bs = 4 * MiB, key = 65;
     ASSERT_EQ(0, format_image(image_, 3 * GiB));
-    damage_byte(image_, table_record_offset(bs, key, 100) + 4);
-    damage_byte(image_, table_record_offset(bs, key + 400, 100) + 4);
+    damage_byte(image_, table_record_offset(BS, KEY, 100) + 4);
+    damage_byte(image_, table_record_offset(BS, BAK, 100) + 4);
     std::string before = image_fingerprint(image_);
-    api_qzfs_set_debug_level(2);
-    std::string log = captured_stdout([&] { EXPECT_EQ(-1, mount()); });
-    api_qzfs_set_debug_level(0);
-    EXPECT_NE(std::string::npos, log.find("block 100 check num is error"));
+    std::string log = expect_result_and_log(-1, "block 100 check num is error", [&] { return mount(); }, 2);
     EXPECT_NE(std::string::npos, log.find("get disk manage info failed"));
     EXPECT_NE(std::string::npos, log.find("mount failed(hdd_id:0)!!!!!!!!!!!!!"));
     EXPECT_EQ(before, image_fingerprint(image_));
@@ -189,28 +184,25 @@ TEST_F(FormatMount, ImagesThatAreNotOursAreRefusedUntouched)
     std::vector<unsigned char> noise(QZFS_IO_UNIT);
     for (unsigned char& b : noise)
         b = (unsigned char)rng();
-    write_bytes(image_, 65 * 4 * MiB, noise);
-    write_bytes(image_, 465 * 4 * MiB, noise);
+    write_bytes(image_, KEY * BS, noise);
+    write_bytes(image_, BAK * BS, noise);
     std::string before = image_fingerprint(image_);
     EXPECT_EQ(-1, mount());
     EXPECT_EQ(before, image_fingerprint(image_));
 
     // A header whose check number holds but whose version is another's.
     ASSERT_EQ(0, format_image(image_, 3 * GiB));
-    for (unsigned long key : {65ul, 465ul}) {
-        unsigned long long header_at = key * 4 * MiB + 32;
+    for (unsigned long key : {KEY, BAK}) {
+        unsigned long long header_at = (unsigned long long)key * BS + 32;
         write_bytes(image_, header_at + 128, {'x', 'f', 's', '!'});
-        std::vector<unsigned char> header = read_bytes(image_, header_at, 508);
+        std::vector<unsigned char> header = read_bytes(image_, header_at, 512);
         uint32_t crc = (uint32_t)qzfs_chksum_crc32(header.data(), 508);
-        write_bytes(image_, header_at + 508,
-                    {(unsigned char)crc, (unsigned char)(crc >> 8), (unsigned char)(crc >> 16),
-                     (unsigned char)(crc >> 24)});
+        for (int i = 0; i < 4; i++)  // the check number, little endian
+            header[508 + i] = (unsigned char)(crc >> (8 * i));
+        write_bytes(image_, header_at, header);
     }
     before = image_fingerprint(image_);
-    api_qzfs_set_debug_level(2);
-    std::string log = captured_stdout([&] { EXPECT_EQ(-1, mount()); });
-    api_qzfs_set_debug_level(0);
-    EXPECT_NE(std::string::npos, log.find("qzfs version is invalid(xfs!"));
+    expect_result_and_log(-1, "qzfs version is invalid(xfs!", [&] { return mount(); }, 2);
     EXPECT_EQ(before, image_fingerprint(image_));
 }
 
@@ -226,8 +218,8 @@ TEST_F(FormatMount, BadPathsAndSizesFail)
 
     // Too little space for the partition arithmetic: the device must hold
     // more than 2147483647 bytes.
-    std::string log = captured_stdout([&] { EXPECT_EQ(-1, format_image(image_, 2 * GiB - MiB)); });
-    EXPECT_NE(std::string::npos, log.find("left space is too small(block dev size:2146435072"));
+    expect_result_and_log(-1, "left space is too small(block dev size:2146435072",
+                          [&] { return format_image(image_, 2 * GiB - MiB); });
     EXPECT_EQ(-1, mount());  // nothing was written that a mount could find
     EXPECT_EQ(nullptr, gQzfsManager.get_file_system(0));
 
@@ -244,16 +236,10 @@ TEST_F(FormatMount, LoopBlockDevice)
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to attach a loop device";
     make_sparse_image(image_, 3 * GiB);
-    std::string command = "losetup -f -P --show '" + image_ + "' 2>/dev/null";
-    FILE* pipe = popen(command.c_str(), "r");
-    char line[256] = {};
-    bool attached = pipe != nullptr && fgets(line, sizeof(line), pipe) != nullptr;
-    if (pipe != nullptr)
-        pclose(pipe);
-    if (!attached)
-        GTEST_SKIP() << "losetup could not attach a loop device here";
-    std::string loop = line;
-    loop.erase(loop.find_last_not_of("\n") + 1);
+    CommandResult attach = run_command("losetup -f -P --show '" + image_ + "'");
+    if (attach.status != 0 || attach.output.compare(0, 5, "/dev/") != 0)
+        GTEST_SKIP() << "losetup could not attach a loop device here: " << attach.output;
+    std::string loop = attach.output.substr(0, attach.output.find('\n'));
     // Detached however the test ends.
     struct Detach {
         std::string dev;
@@ -267,11 +253,11 @@ TEST_F(FormatMount, LoopBlockDevice)
     EXPECT_EQ(0, mount(0, loop));
     _qzfs_k4t_hdd_info_ info = {};
     EXPECT_EQ(0, api_qzfs_get_hdd_info(0, &info));
-    EXPECT_EQ(4 * MiB, info.block_size);
-    EXPECT_EQ(65u, disk().key_block);
+    EXPECT_EQ(BS, info.block_size);
+    EXPECT_EQ(KEY, disk().key_block);
     EXPECT_EQ(0, api_qzfs_umount(0));
     // What went through the device is on the image.
-    EXPECT_STREQ("qzfs4.0", read_key_header(image_, 4 * MiB, 65).version);
+    EXPECT_STREQ("qzfs4.0", read_key_header(image_, BS, KEY).version);
 }
 
 } // namespace

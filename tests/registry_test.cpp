@@ -75,8 +75,7 @@ TEST_F(Registry, GroupsListTheirDisksAndBlockUnmount)
 
     EXPECT_EQ(0, api_qzfs_get_disk_num_from_group(6));
     EXPECT_EQ(0, api_qzfs_get_disk_list_from_group(6, list, 4));
-    std::string out = captured_stdout([] { EXPECT_EQ(-1, api_qzfs_add_disk_to_group(3, 5)); });
-    EXPECT_NE(std::string::npos, out.find("hdd 3 invlaid"));
+    expect_result_and_log(-1, "hdd 3 invlaid", [] { return api_qzfs_add_disk_to_group(3, 5); });
     EXPECT_EQ(2, api_qzfs_get_disk_num_from_group(5));
     EXPECT_EQ(0, api_qzfs_delete_disk_from_group(0, 6));  // unknown group
 
@@ -159,8 +158,7 @@ TEST_F(Registry, RegistrationKeepsTheFirstObject)
     mount_new({0});
     CQzFileSystem* fs = gQzfsManager.get_file_system(0);
     ASSERT_NE(nullptr, fs);
-    std::string out = captured_stdout([] { EXPECT_EQ(nullptr, gQzfsManager.register_qzfilesystem(0)); });
-    EXPECT_NE(std::string::npos, out.find("The Hdd is regisetered(HddId:0)"));
+    expect_result_and_log(0, "The Hdd is regisetered(HddId:0)", [] { return gQzfsManager.register_qzfilesystem(0); });
     EXPECT_EQ(fs, gQzfsManager.get_file_system(0));
     EXPECT_EQ(QZFSS_MOUNTED, fs->Get_hdd_state());
     EXPECT_EQ(nullptr, gQzfsManager.get_file_system(255));
@@ -168,8 +166,8 @@ TEST_F(Registry, RegistrationKeepsTheFirstObject)
 
     // Not initialised: nothing registers.
     ASSERT_EQ(0, api_qzfs_uinit());
-    out = captured_stdout([] { EXPECT_EQ(nullptr, gQzfsManager.register_qzfilesystem(3)); });
-    EXPECT_NE(std::string::npos, out.find("(m_InitFlag != K4T_FS_TRUE) (HddId:3)"));
+    expect_result_and_log(0, "(m_InitFlag != K4T_FS_TRUE) (HddId:3)",
+                          [] { return gQzfsManager.register_qzfilesystem(3); });
 }
 
 TEST_F(Registry, HddInfoLeavesRoomForTheGroupReserve)
@@ -283,11 +281,9 @@ TEST_F(Registry, MountFormatAndUnmountOfBusyOrAbsentIds)
 
     // Through a partition: one device only, and it must be bare on Linux.
     char* devs[2] = {&other[0], &other[0]};
-    std::string out = captured_stdout([&] { EXPECT_EQ(-1, api_qzfs_mount_for_windows(2, 2, devs)); });
-    EXPECT_NE(std::string::npos, out.find("not support multi partition"));
+    expect_result_and_log(-1, "not support multi partition", [&] { return api_qzfs_mount_for_windows(2, 2, devs); });
     EXPECT_EQ(nullptr, gQzfsManager.get_file_system(2));
-    out = captured_stdout([&] { EXPECT_EQ(-1, api_qzfs_mount_for_windows(2, 1, devs)); });
-    EXPECT_NE(std::string::npos, out.find("linux must bare dev!"));
+    expect_result_and_log(-1, "linux must bare dev!", [&] { return api_qzfs_mount_for_windows(2, 1, devs); });
     EXPECT_EQ(nullptr, gQzfsManager.get_file_system(2));
     EXPECT_EQ(untouched, image_fingerprint(other));
 

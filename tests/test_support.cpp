@@ -98,34 +98,32 @@ unsigned long long table_record_offset(unsigned long block_size, unsigned long k
            (block + QZFS_KEY_TABLE_FIRST_SLOT) * sizeof(_qzfs_block_info_);
 }
 
+// The record of type T at `offset` of the image.
+template <typename T> static T read_record(const std::string& path, unsigned long long offset)
+{
+    T record;
+    std::vector<unsigned char> bytes = read_bytes(path, offset, sizeof(record));
+    memcpy(&record, bytes.data(), sizeof(record));
+    return record;
+}
+
 _qzfs_block_info_ read_table_record(const std::string& path, unsigned long block_size,
                                     unsigned long key_block, unsigned long block)
 {
-    _qzfs_block_info_ info;
-    std::vector<unsigned char> bytes =
-        read_bytes(path, table_record_offset(block_size, key_block, block), sizeof(info));
-    memcpy(&info, bytes.data(), sizeof(info));
-    return info;
+    return read_record<_qzfs_block_info_>(path, table_record_offset(block_size, key_block, block));
 }
 
 _qzfs_block_info_ read_block_head(const std::string& path, unsigned long block_size,
                                   unsigned long block)
 {
-    _qzfs_block_info_ info;
-    std::vector<unsigned char> bytes =
-        read_bytes(path, (unsigned long long)block * block_size, sizeof(info));
-    memcpy(&info, bytes.data(), sizeof(info));
-    return info;
+    return read_record<_qzfs_block_info_>(path, (unsigned long long)block * block_size);
 }
 
 _qzfs_key_header_ read_key_header(const std::string& path, unsigned long block_size,
                                   unsigned long key_block)
 {
-    _qzfs_key_header_ header;
-    std::vector<unsigned char> bytes = read_bytes(
-        path, (unsigned long long)key_block * block_size + QZFS_KEY_HEADER_OFFSET, sizeof(header));
-    memcpy(&header, bytes.data(), sizeof(header));
-    return header;
+    return read_record<_qzfs_key_header_>(
+        path, (unsigned long long)key_block * block_size + QZFS_KEY_HEADER_OFFSET);
 }
 
 CommandResult run_command(const std::string& command)

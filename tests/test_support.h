@@ -4,6 +4,7 @@
 #define QZFS_TEST_SUPPORT_H
 
 #include "qzfs_disk_format.h"
+#include "qzfs_log.h"
 
 #include <cstdint>
 #include <gtest/gtest.h>
@@ -78,6 +79,23 @@ template <typename Fn> std::string captured_stdout(Fn fn)
     testing::internal::CaptureStdout();
     fn();
     return testing::internal::GetCapturedStdout();
+}
+
+// Runs `fn` (at debug level `level`, unless it is negative), expecting it to
+// return `want` (a pointer counts as its address) and to print `message` on
+// the way. Returns everything it printed.
+template <typename Fn>
+std::string expect_result_and_log(long long want, const std::string& message, Fn fn, int level = -1)
+{
+    const uint32_t saved = g_qzfs_debug_level;
+    if (level >= 0)
+        g_qzfs_debug_level = (uint32_t)level;
+    long long got = 0;
+    std::string out = captured_stdout([&] { got = (long long)fn(); });
+    g_qzfs_debug_level = saved;
+    EXPECT_EQ(want, got) << "the call that should print \"" << message << "\"";
+    EXPECT_NE(std::string::npos, out.find(message)) << "no \"" << message << "\" in:\n" << out;
+    return out;
 }
 
 } // namespace qzfs_test
