@@ -279,6 +279,7 @@ private:
                                    uint32_t& gathered_low);
     void merge_root_range(_hdd_root_index_manager_* manager,
                           std::deque<_ri_ssi_manager_*>& gathered, uint32_t low);
+    void cache_root_node(uint32_t slot, _root_index_node_dev_* node);
     int update_root_cache_entry(_hdd_root_index_manager_* manager, uint32_t root_index,
                                 const _root_index_node_dev_* node);
     _ri_ssi_manager_* cached_root_entry(unsigned long root_index);

@@ -304,6 +304,17 @@ int CQzFileSystem::Get_root_index_mem_node(unsigned long root_index, _root_index
     return scan_root_index(manager, wanted, out);
 }
 
+// A new cache entry for a normal node whose cached form goes in `slot`.
+static _ri_ssi_manager_* new_root_entry(uint32_t slot, const char* out_of_memory)
+{
+    _ri_ssi_manager_* entry = new (std::nothrow) _ri_ssi_manager_;
+    if (entry == nullptr)
+        QZFS_FATAL("%s", out_of_memory);
+    InitRiSsiManager(entry);
+    entry->root_node_slot = slot;
+    return entry;
+}
+
 // Drops one cached entry of this disk to reuse its cache slot while a scan
 // gathers nodes: the top of the range when the scan runs below it, the
 // bottom when it runs above, and the oldest gathered entry when the range is
@@ -473,17 +484,12 @@ int CQzFileSystem::scan_root_index(_hdd_root_index_manager_* manager, uint32_t w
                         break;
                     }
                 }
-                _ri_ssi_manager_* entry = new (std::nothrow) _ri_ssi_manager_;
-                if (entry == nullptr) {
-                    QZFS_FATAL("CQzFileSystem::Get_root_index_mem_node out of memory");
-                }
-                InitRiSsiManager(entry);
-                entry->root_node_slot = slot;
-                _root_index_node_mem_& cached = resources.m_root_index_node_cache[slot];
+                _ri_ssi_manager_* entry =
+                    new_root_entry(slot, "CQzFileSystem::Get_root_index_mem_node out of memory");
                 if (pos == wanted)
-                    cached = *out;
+                    resources.m_root_index_node_cache[slot] = *out;
                 else
-                    Root_index_endian_trans_dev_mem(&node, gLocal_endian, &cached, gLocal_endian, 1);
+                    cache_root_node(slot, &node);
                 gathered.push_back(entry);
             }
         }
@@ -493,6 +499,14 @@ int CQzFileSystem::scan_root_index(_hdd_root_index_manager_* manager, uint32_t w
 }
 
 // ------------------------------------------------------------ cache update
+
+// Puts a node (local order) into a root cache slot, taking a name reference.
+void CQzFileSystem::cache_root_node(uint32_t slot, _root_index_node_dev_* node)
+{
+    Root_index_endian_trans_dev_mem(node, gLocal_endian,
+                                    &pgSystemResourceManager->m_root_index_node_cache[slot],
+                                    gLocal_endian, 1);
+}
 
 // Brings the cache in line with a node just written at `root_index`.
 int CQzFileSystem::Update_root_index_cache(unsigned long root_index,
@@ -509,21 +523,6 @@ int CQzFileSystem::Update_root_index_cache(unsigned long root_index,
     else if (manager->end_mark_index != kNoIndex && ri >= manager->end_mark_index)
         manager->end_mark_index = ri + 1;  // a node written over the end mark moves it up
     return result;
-}
-
-// A new cache entry for a normal node, in a slot taken from the pool.
-static _ri_ssi_manager_* new_root_entry(uint32_t slot, _root_index_node_dev_* node,
-                                        CQzFileSystem* fs, const char* out_of_memory)
-{
-    _ri_ssi_manager_* entry = new (std::nothrow) _ri_ssi_manager_;
-    if (entry == nullptr)
-        QZFS_FATAL("%s", out_of_memory);
-    InitRiSsiManager(entry);
-    entry->root_node_slot = slot;
-    fs->Root_index_endian_trans_dev_mem(node, gLocal_endian,
-                                        &pgSystemResourceManager->m_root_index_node_cache[slot],
-                                        gLocal_endian, 1);
-    return entry;
 }
 
 // Drops the cached entries from position `ri` up: an end mark there means
@@ -555,10 +554,8 @@ int CQzFileSystem::update_root_cache_entry(_hdd_root_index_manager_* manager, ui
         }
         if (entry != nullptr) {
             if (IS_NORMAL_ROOT_INDEX(node.id)) {
-                _root_index_node_mem_& cached = resources.m_root_index_node_cache[entry->root_node_slot];
-                resources.m_string_index.ref_dec_by_index(cached.name_index);
-                memset(&cached, 0, sizeof(cached));
-                Root_index_endian_trans_dev_mem(&node, gLocal_endian, &cached, gLocal_endian, 1);
+                resources.m_root_index_node_cache.free_element(entry->root_node_slot);
+                cache_root_node(entry->root_node_slot, &node);
             } else {
                 RISSIMVectorFunc(entry, entry, RVFSVO_FREE);
             }
@@ -579,7 +576,8 @@ int CQzFileSystem::update_root_cache_entry(_hdd_root_index_manager_* manager, ui
             return 0;
         }
         (*manager->pRoot_index_array)[ri - manager->start_root_index] =
-            new_root_entry(slot, &node, this, "CQzFileSystem::Update_root_index_cache out of memory");
+            new_root_entry(slot, "CQzFileSystem::Update_root_index_cache out of memory");
+        cache_root_node(slot, &node);
         return 0;
     }
     auto adjacent = [&]() {
@@ -607,9 +605,11 @@ int CQzFileSystem::update_root_cache_entry(_hdd_root_index_manager_* manager, ui
         manager->start_root_index--;
         at = 0;
     }
-    array[at] = slot == kNoIndex ? nullptr
-                                 : new_root_entry(slot, &node, this,
-                                                  "CQzFileSystem::Create_root_index_node_simple out of memory");
+    array[at] = nullptr;
+    if (slot != kNoIndex) {
+        array[at] = new_root_entry(slot, "CQzFileSystem::Create_root_index_node_simple out of memory");
+        cache_root_node(slot, &node);
+    }
     manager->end_root_index++;
     return 0;
 }
@@ -664,8 +664,7 @@ int CQzFileSystem::Get_free_root_index(uint32_t* root_index, int* is_end)
               long(m_manage.root_index_block_map[0]));
         return -1;
     }
-    const uint32_t total = uint32_t(((m_manage.block_size - 4096) / 512 - 1) * 8 *
-                                    manager->root_index_block_num);
+    const uint32_t total = root_nodes_per_block() * manager->root_index_block_num;
     uint32_t position = manager->free_root_index;
     *is_end = 0;
     for (; position < total; position++) {

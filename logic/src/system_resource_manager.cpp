@@ -138,11 +138,8 @@ unsigned char RISSIMVectorFunc(_ri_ssi_manager_*& a, _ri_ssi_manager_*& b, unsig
         a->pStream_segment_index_block = nullptr;
         if (a->root_node_slot != QZFS_CACHE_INVALID_SLOT && pgSystemResourceManager != nullptr) {
             RootNodeCache& cache = pgSystemResourceManager->m_root_index_node_cache;
-            if (a->root_node_slot < cache.m_size) {
-                _root_index_node_mem_& node = cache.m_data[a->root_node_slot];
-                pgSystemResourceManager->m_string_index.ref_dec_by_index(node.name_index);
-                memset(&node, 0, sizeof(node));
-            }
+            if (a->root_node_slot < cache.m_size)
+                cache.free_element(a->root_node_slot);
         }
         // The array's destructor releases every segment slot it holds.
         delete a->pStream_segment_array;
@@ -218,6 +215,34 @@ void InitRiSsiManager(_ri_ssi_manager_*& manager)
 
 // ------------------------------------------------------------------ name table
 
+// A free element of `table` (a node cache or the name table), searched from
+// its cursor to the end and then from the start; the table grows while it is
+// below its limit. The cursor moves on by one whichever element was found.
+template <typename Cache> static uint32_t find_free_slot(Cache& cache)
+{
+    if (cache.m_size == 0 && cache.vector_increment() == 0)
+        return QZFS_CACHE_INVALID_SLOT;
+    for (;;) {
+        if (cache.m_next_free >= cache.m_size)
+            cache.m_next_free = 0;
+        uint32_t cursor = cache.m_next_free;
+        for (uint32_t pass = 0; pass < 2; pass++) {
+            uint32_t from = pass == 0 ? cursor : 0;
+            uint32_t to = pass == 0 ? cache.m_size : cursor;
+            for (uint32_t i = from; i < to; i++) {
+                if (cache.is_free(i)) {
+                    cache.m_next_free = cursor + 1 >= cache.m_size ? 0 : cursor + 1;
+                    return i;
+                }
+            }
+        }
+        cache.m_next_free = cache.m_invalid_index;
+        if (cache.vector_increment() == 0)
+            return QZFS_CACHE_INVALID_SLOT;
+    }
+}
+
+
 // Indexes handed out are the vector position + 8; 0 to 7 are reserved.
 template <typename IndexType>
 StringIndexManager<IndexType>::StringIndexManager()
@@ -259,37 +284,18 @@ IndexType StringIndexManager<IndexType>::ref_inc_by_name(const char* name)
             return IndexType(i + QZFS_FIRST_NAME_INDEX);
         }
     }
-    // A free entry from the cursor to the end, then from the start up to it;
-    // the table grows when there is none.
-    for (;;) {
-        if (table.m_size != 0) {
-            if (table.m_next_free >= table.m_size)
-                table.m_next_free = 0;
-            IndexType cursor = table.m_next_free;
-            IndexType found = table.m_invalid_index;
-            for (IndexType i = cursor; i < table.m_size && found == table.m_invalid_index; i++)
-                if (table.is_free(i))
-                    found = i;
-            for (IndexType i = 0; i < cursor && found == table.m_invalid_index; i++)
-                if (table.is_free(i))
-                    found = i;
-            if (found != table.m_invalid_index) {
-                table.m_next_free = IndexType(cursor + 1 >= table.m_size ? 0 : cursor + 1);
-                char* copy = strdup(name);
-                if (copy == nullptr)
-                    QZFS_FATAL("StringIndexManager::ref_inc_by_name out of memory");
-                table.m_data[found].ref_count = 1;
-                table.m_data[found].name = copy;
-                return IndexType(found + QZFS_FIRST_NAME_INDEX);
-            }
-        }
-        table.m_next_free = table.m_invalid_index;
-        if (table.vector_increment() == 0) {
-            QZLOG_ABOVE(1, "not enough(MaxSize:%ld)(index:%ld)", (long)table.m_max_size,
-                        (long)table.m_size);
-            return QZFS_NAME_TABLE_FULL;
-        }
+    uint32_t found = find_free_slot(table);
+    if (found == QZFS_CACHE_INVALID_SLOT) {
+        QZLOG_ABOVE(1, "not enough(MaxSize:%ld)(index:%ld)", (long)table.m_max_size,
+                    (long)table.m_size);
+        return QZFS_NAME_TABLE_FULL;
     }
+    char* copy = strdup(name);
+    if (copy == nullptr)
+        QZFS_FATAL("StringIndexManager::ref_inc_by_name out of memory");
+    table.m_data[found].ref_count = 1;
+    table.m_data[found].name = copy;
+    return IndexType(found + QZFS_FIRST_NAME_INDEX);
 }
 
 template <typename IndexType>
@@ -374,33 +380,6 @@ _hdd_root_index_manager_** CSystemResourceManager::Get_hdd(unsigned char hdd_id,
             QZFS_FATAL("CSystemResourceManager::Get_hdd out of memory");
     }
     return &manager;
-}
-
-// A free slot of `cache`, searched from its cursor to the end and then from
-// the start; the cache grows while it is below its limit. The cursor moves on
-// by one whichever slot was found.
-template <typename Cache> static uint32_t find_free_slot(Cache& cache)
-{
-    if (cache.m_size == 0 && cache.vector_increment() == 0)
-        return QZFS_CACHE_INVALID_SLOT;
-    for (;;) {
-        if (cache.m_next_free >= cache.m_size)
-            cache.m_next_free = 0;
-        uint32_t cursor = cache.m_next_free;
-        for (uint32_t pass = 0; pass < 2; pass++) {
-            uint32_t from = pass == 0 ? cursor : 0;
-            uint32_t to = pass == 0 ? cache.m_size : cursor;
-            for (uint32_t i = from; i < to; i++) {
-                if (cache.is_free(i)) {
-                    cache.m_next_free = cursor + 1 >= cache.m_size ? 0 : cursor + 1;
-                    return i;
-                }
-            }
-        }
-        cache.m_next_free = cache.m_invalid_index;
-        if (cache.vector_increment() == 0)
-            return QZFS_CACHE_INVALID_SLOT;
-    }
 }
 
 uint32_t CSystemResourceManager::GetRootIndexNodeInCache(unsigned char hdd_id)
