@@ -244,6 +244,113 @@ public:
                                             uint32_t** list, uint32_t* iframe_block);
     int Set_stream_segment_index_block_list(unsigned long root_index, uint32_t num,
                                             const uint32_t* list, uint32_t iframe_block);
+    uint8_t Calculate_stream_segment_index_dev_node_check_sum(
+        const _stream_segment_index_node_dev_* node);
+    int Check_stream_segment_index_dev_node(const _stream_segment_index_node_dev_* node);
+    // Direction 1: disk image to cache form; otherwise cache form to disk image.
+    void Stream_segment_index_endian_trans_dev_mem(_stream_segment_index_node_dev_* dev,
+                                                   _fs_endian_ dev_endian,
+                                                   _stream_segment_index_node_men_* mem,
+                                                   _fs_endian_ mem_endian, int direction);
+    int Write_stream_segment_index(uint32_t block_num, const uint32_t* list, unsigned long index,
+                                   const _stream_segment_index_node_dev_* node, int new_node,
+                                   int is_end);
+    int Write_stream_segment_index(unsigned long root_index, unsigned long index,
+                                   const _stream_segment_index_node_dev_* node, int new_node,
+                                   int is_end);
+    int Get_stream_segment_index_mem_node(unsigned long root_index, _ri_ssi_manager_* manager,
+                                          unsigned long index,
+                                          _stream_segment_index_node_men_* node);
+    int Get_stream_segment_index_mem_node(unsigned long root_index, unsigned long index,
+                                          _stream_segment_index_node_men_* node);
+    int Get_stream_segment_index_dev_node(unsigned long root_index, unsigned long index,
+                                          _stream_segment_index_node_dev_* node);
+    int Get_stream_segment_index_dev_node(unsigned long root_index, uint32_t block_num,
+                                          const uint32_t* list, unsigned long index,
+                                          _stream_segment_index_node_dev_* node);
+    int Update_stream_segment_index_cache(unsigned long root_index, unsigned long index,
+                                          const _stream_segment_index_node_dev_* node);
+    int Modify_stream_segment(unsigned long root_index, uint32_t block_num, const uint32_t* list,
+                              unsigned long index, int mode,
+                              const _stream_segment_index_node_dev_* node);
+    int Modify_stream_segment(unsigned long root_index, unsigned long index, int mode,
+                              const _stream_segment_index_node_dev_* node);
+    int Get_free_stream_segment_index(unsigned long root_index, uint32_t* block_num,
+                                      uint32_t** list, uint32_t* index, int* is_end);
+    int Add_stream_segment_index_block(uint32_t* block_num, uint32_t** list);
+    int Create_stream_segment_index_node(const _qzfs_k4t_create_ss_para_* para,
+                                         uint32_t start_iframe,
+                                         _stream_segment_index_node_dev_* node);
+    int Create_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
+                                         uint32_t** list, const _qzfs_k4t_create_ss_para_* para,
+                                         uint32_t start_iframe, uint32_t* index,
+                                         _stream_segment_index_node_dev_* node);
+    int Create_stream_segment_index_node(unsigned long root_index,
+                                         const _qzfs_k4t_create_ss_para_* para,
+                                         uint32_t start_iframe, uint32_t* index,
+                                         _stream_segment_index_node_dev_* node);
+    int Create_stream_segment_index_node_simple(unsigned long root_index, uint32_t* block_num,
+                                                uint32_t** list,
+                                                const _qzfs_k4t_create_ss_para_* para,
+                                                uint32_t start_iframe, uint32_t* index,
+                                                _stream_segment_index_node_dev_* node);
+    int Create_stream_segment_index_node_standard(unsigned long root_index, uint32_t* block_num,
+                                                  uint32_t** list,
+                                                  const _qzfs_k4t_create_ss_para_* para,
+                                                  uint32_t start_iframe, uint32_t* index,
+                                                  _stream_segment_index_node_dev_* node);
+    int add_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
+                                      uint32_t** list, _stream_segment_index_node_dev_* node);
+    int check_stream_segment_index_block(unsigned long block, uint32_t* iframe_block);
+    int write_stream_segment_index(unsigned long block,
+                                   std::list<_stream_segment_index_node_dev_>& nodes);
+    int check_and_modify_root_info(unsigned long root_index, int* delete_root_flag);
+    int get_ssid_from_cache(unsigned long root_index, unsigned long index,
+                            _stream_segment_index_node_dev_* node);
+    int Read_stream_segment_index_from_dev(unsigned long root_index, unsigned long index,
+                                           _stream_segment_index_node_dev_* node);
+    int Read_stream_segment_index_from_dev(uint32_t block_num, const uint32_t* list,
+                                           unsigned long index,
+                                           _stream_segment_index_node_dev_* node);
+    // A node repaired in memory on a read-only disk (see get_ssid_from_cache).
+    void add_ssid_to_cache(unsigned long root_index, unsigned long index,
+                           const _stream_segment_index_node_dev_* node);
+    // The live root node of a writer recording into this root, or null. No
+    // stream is written yet at this level, so there is none.
+    _root_index_node_dev_* root_being_written(unsigned long root_index);
+
+    // ---- I-frame index (qzfs_iframe_index.cpp)
+    int Check_iframe_index_dev_node(const _iframe_index_node_dev_* node);
+    int Modify_iframe_index_block_header(unsigned long block,
+                                         const _iframe_index_block_header_dev_* header);
+    int Get_iframe_block_info(unsigned long start_block, _iframe_block_info_* info);
+    int Get_iframe_block_info(const _root_index_node_dev_* root_node, unsigned long start_block,
+                              _iframe_block_info_* info);
+    int Add_iframe_index_block(uint32_t* num, uint32_t** list, const uint8_t date_time[6]);
+    int Add_iframe_index_block(uint32_t* num, uint32_t** list, unsigned long count,
+                               const uint8_t date_time[6]);
+    int Add_iframe_index(uint32_t* num, uint32_t** list, unsigned long index,
+                         const _iframe_index_node_dev_* nodes, unsigned long count,
+                         const uint8_t date_time[6]);
+    int Add_iframe_index(uint32_t* num, uint32_t** list, unsigned long index,
+                         std::list<_iframe_index_node_dev_>& nodes, const uint8_t date_time[6]);
+    int Write_iframe_index(uint32_t block_num, const uint32_t* list, unsigned long index,
+                           _iframe_index_node_dev_* node);
+    int Read_iframe_index(uint32_t block_num, const uint32_t* list, unsigned long index,
+                          unsigned long* count, _iframe_index_node_dev_* nodes, int mask);
+    int Find_iframe_block_index(uint32_t block_num, const uint32_t* list, unsigned long index,
+                                uint32_t* block_entry_index, _iframe_index_node_dev_* block_entry,
+                                _iframe_index_node_dev_* iframe, int private_buffer);
+    int get_stream_segment_time_area_iframe_info(uint32_t block_num, const uint32_t* list,
+                                                 uint32_t start_iframe, uint64_t len,
+                                                 const _k4t_fs_time_* start_time,
+                                                 const _k4t_fs_time_* end_time,
+                                                 _time_area_iframe_info_& info);
+    int check_iframe_index_block(unsigned long block);
+    int Output_iframe_index_info(uint32_t block_num, const uint32_t* list, unsigned long index);
+    int Update_iframe_block_info(void* oss);
+    // Seconds of the day of the last I-frame that made Add_iframe_index sync.
+    uint32_t last_sync_second() const { return m_last_sync_second; }
 
     // ---- root index check at mount (qzfs_root_index_check.cpp)
     int check_stream_segment_index(unsigned long block);
@@ -296,6 +403,8 @@ private:
     unsigned char m_hdd_id;
     std::string m_dev_path;
     unsigned char bare_dev;
+    std::list<stream_segment_index_cache_t> m_stream_segment_index_cache;
+    uint32_t m_last_sync_second;  // see last_sync_second()
 };
 
 // Byte-order edges of the index records: with equal orders they only copy.

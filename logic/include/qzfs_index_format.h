@@ -140,7 +140,126 @@ struct _iframe_index_block_header_dev_ {
 };
 static_assert(sizeof(_iframe_index_block_header_dev_) == 12, "iframe block header is 12 bytes");
 
+// _stream_segment_index_node_dev_: one stream segment of a root node.
+//
+//  offset size field          meaning
+//   0      1   id             0 free, 1 normal, 2 pre-record, 255 end mark
+//   1      1   check_sum      byte sum of byte 0 and bytes 2..63
+//   2      3   start_hour, start_minute, start_second
+//   5      3   end_hour, end_minute, end_second   255 while the end is unknown
+//   8      1   segment_type   type byte of the creation parameters
+//   9      1   record_type    0..15
+//  10      1   lock           0 free, 1 locked
+//  11      1   flags          bit 0 dst, bit 1 tv_system, bit 2 have_audio
+//                             bit 0, bit 3 further flag bit 0, bit 4
+//                             have_audio bit 1
+//  12      4   start_iframe   I-frame number of the first I-frame, 0 none
+//  16      4   owner_stamp    block owner stamp at creation
+//  20      4   lock_type      bitmap of lock reasons
+//  24      8   alarm_type     alarm type value
+//  32      8   len_in_bytes   bytes of frames in the segment
+//  40     24   reserved       zero
+struct _stream_segment_index_node_dev_ {
+    uint8_t id;
+    uint8_t check_sum;
+    uint8_t start_hour;
+    uint8_t start_minute;
+    uint8_t start_second;
+    uint8_t end_hour;
+    uint8_t end_minute;
+    uint8_t end_second;
+    uint8_t segment_type;
+    uint8_t record_type;
+    uint8_t lock;
+    uint8_t flags;
+    uint32_t start_iframe;
+    uint32_t owner_stamp;
+    uint32_t lock_type;
+    uint64_t alarm_type;
+    uint64_t len_in_bytes;
+    uint8_t reserved[24];
+};
+static_assert(sizeof(_stream_segment_index_node_dev_) == 64, "segment node is 64 bytes");
+static_assert(offsetof(_stream_segment_index_node_dev_, start_iframe) == 12, "start_iframe at 12");
+static_assert(offsetof(_stream_segment_index_node_dev_, len_in_bytes) == 32, "length at 32");
+
+// _iframe_index_node_dev_: one entry of a root node's I-frame log.
+//
+//  offset size field                  I-frame (id 1)          block entry (id 2)
+//   0      1   id                     1                       2
+//   1      1   check_sum              byte sum of byte 0 and bytes 2..28
+//   2      3   hour, minute, second   wall time of the frame  0
+//   5      4   block_num              data block of frame     data block it opens
+//   9      4   block_offset           frame offset in block   ordinal of the block
+//  13      4   pts_high               pts, high word          share_count
+//  17      4   pts_low                pts, low word           0
+//  21      8   stream_segment_offset  frame offset in stream  0
+struct _iframe_index_node_dev_ {
+    uint8_t id;
+    uint8_t check_sum;
+    uint8_t hour;
+    uint8_t minute;
+    uint8_t second;
+    uint32_t block_num;
+    uint32_t block_offset;
+    uint32_t pts_high;
+    uint32_t pts_low;
+    uint64_t stream_segment_offset;
+};
+static_assert(sizeof(_iframe_index_node_dev_) == 29, "I-frame node is 29 bytes");
+static_assert(offsetof(_iframe_index_node_dev_, stream_segment_offset) == 21, "offset at 21");
+
 #pragma pack(pop)
+
+// Values of a segment node's id.
+const uint8_t FREE_STREAM_SEGMENT_INDEX = 0;
+const uint8_t NORMAL_STREAM_SEGMENT_INDEX = 1;
+const uint8_t PRE_RECORD_STREAM_SEGMENT_INDEX = 2;
+#define IS_NORMAL_SSIN(id) ((id) == 1)
+const uint8_t QZFS_INVALID_END_HOUR = 255;
+
+// Values of an I-frame node's id.
+const uint8_t IFRAME_INDEX_ID_FREE_AND_END = 0;
+const uint8_t IFRAME_INDEX_ID_IFRAME = 1;
+const uint8_t IFRAME_INDEX_ID_BLOCK = 2;
+
+// I-frame nodes in a 512-byte sector; bytes 493..511 of a sector are unused.
+const unsigned long QZFS_IFRAME_NODES_PER_SECTOR = QZFS_SECTOR_SIZE / QZFS_IFRAME_NODE_SIZE;
+// Nodes the writer gathers before it appends them to the log.
+const unsigned long FS_IFI_BUFFER_NUM = 70;
+
+// The I-frame chain of a root node as a writer holds it.
+struct _iframe_block_info_ {
+    uint32_t block_num;            // chain length
+    uint32_t* pBlock_list;         // chain, owned (delete[])
+    uint32_t iframe_index_num;     // nodes of id 1 on disk
+    uint32_t block_index_num;      // nodes of id 2 on disk
+    uint32_t iframe_buffered_num;  // id 1 nodes in the writer's buffer; 0 here
+};
+
+// An I-frame log node with its position in the log.
+struct _iframe_index_place_ {
+    _iframe_index_node_dev_ node;
+    uint32_t index;
+};
+
+// Where a time area of a segment lies in the I-frame log.
+struct _time_area_iframe_info_ {
+    _iframe_index_place_ first_block;  // block entry of `first`
+    _iframe_index_place_ first;        // the segment's first I-frame
+    _iframe_index_place_ start_block;  // block entry of `start`
+    _iframe_index_place_ start;        // last I-frame at or before the start time
+    _iframe_index_place_ end_block;    // block entry of `end`
+    _iframe_index_place_ end;          // first I-frame at or after the end time
+};
+
+// A segment node repaired in memory on a read-only disk; it stands over the
+// node on the disk.
+struct stream_segment_index_cache_t {
+    uint32_t root_index;
+    uint32_t stream_segment_index;
+    uint8_t node[64];
+};
 
 // Where a linear index number lies: the answer of Calculate_index_info.
 // `unit` is the I/O unit in which the caller reads the chain.
@@ -167,9 +286,17 @@ struct _qzfs_data_offset_ {
 };
 static_assert(sizeof(_qzfs_data_offset_) == 19 * 4, "19 u32 fields");
 
-// Check sum of a 64-byte root node in disk order: the byte sum, mod 256, of
+// Check sum of a 64-byte root or segment node: the byte sum, mod 256, of
 // byte 0 and bytes 2 to 63.
 uint8_t qzfs_root_node_byte_sum(const unsigned char* node);
+// Check sum of a 29-byte I-frame node: byte 0 and bytes 2 to 28.
+uint8_t qzfs_iframe_node_byte_sum(const unsigned char* node);
+
+// Byte offset of I-frame node `index` in a unit buffer read at `at` (an
+// answer of Calculate_index_info for a position of the same unit): nodes
+// run 17 to a sector, behind the header sectors in a block's first unit.
+uint32_t qzfs_iframe_offset_in_unit(const _qzfs_data_offset_& at, uint32_t index,
+                                    unsigned long unit_size);
 
 // Turns a linear index into its place in a chain. Pure u32 arithmetic;
 // every division by zero yields 0.

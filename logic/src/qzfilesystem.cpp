@@ -9,7 +9,7 @@
 
 CQzFileSystem::CQzFileSystem()
     : m_pIo_interface(nullptr), m_file_system_io_buffer(nullptr), m_file_system_io_buffer_len(0),
-      m_state(QZFSS_IDEL), m_manage(), m_hdd_id(0), bare_dev(1)
+      m_state(QZFSS_IDEL), m_manage(), m_hdd_id(0), bare_dev(1), m_last_sync_second(0)
 {
     m_manage.disk_endian = (_fs_endian_)1;
     m_manage.disk_lock_handle = qzfs_create_lock();

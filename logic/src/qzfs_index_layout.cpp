@@ -52,3 +52,26 @@ uint8_t qzfs_root_node_byte_sum(const unsigned char* node)
         sum += node[i];
     return uint8_t(sum);
 }
+
+uint8_t qzfs_iframe_node_byte_sum(const unsigned char* node)
+{
+    unsigned sum = node[0];
+    for (unsigned long i = 2; i < QZFS_IFRAME_NODE_SIZE; i++)
+        sum += node[i];
+    return uint8_t(sum);
+}
+
+// A unit that starts a block holds the header sectors ahead of its nodes; a
+// 4 KiB unit never starts at a block's first node (its unit_first_index lies
+// 17 ahead of it), so the header shows up there as one sector of nodes more.
+uint32_t qzfs_iframe_offset_in_unit(const _qzfs_data_offset_& at, uint32_t index,
+                                    unsigned long unit_size)
+{
+    const uint32_t per_sector = uint32_t(QZFS_IFRAME_NODES_PER_SECTOR);
+    const uint32_t rel = index - at.unit_first_index;
+    uint32_t sector = rel / per_sector;
+    if (at.node_num_per_block != 0 && at.unit_first_index % at.node_num_per_block == 0 &&
+        unit_size != QZFS_SECTOR_SIZE)
+        sector += uint32_t(QZFS_INDEX_HEAD_SECTORS);
+    return sector * uint32_t(QZFS_SECTOR_SIZE) + uint32_t(QZFS_IFRAME_NODE_SIZE) * (rel % per_sector);
+}

@@ -1,0 +1,2 @@
+// The I-frame index: the append-only log of each root node.
+#include "qzfilesystem.h"
