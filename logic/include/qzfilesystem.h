@@ -70,9 +70,13 @@ struct _invalid_block_list_node_ {
 
 struct _opened_stream_segment_;
 struct _root_index_node_mem_;
+struct _stream_segment_index_node_men_;
 struct _ri_ssi_manager_;
 struct _hdd_root_index_manager_;
 struct index_chain_kind;
+struct index_node_kind;
+extern const index_node_kind kRootNodeWrite;
+extern const index_node_kind kSegmentNodeWrite;
 
 // In-memory state of a mounted disk.
 struct _qzfs_disk_manage_ {
@@ -376,6 +380,11 @@ private:
     int read_index_header_unit(unsigned long block);
     int read_index_chain(const index_chain_kind& kind, unsigned long first_block, uint32_t* num,
                          uint32_t** list, void* first_header);
+    int write_end_mark_unit(const index_node_kind& kind, const uint32_t* list,
+                            const _qzfs_data_offset_& at);
+    int write_index_node(const index_node_kind& kind, uint32_t block_num, const uint32_t* list,
+                         unsigned long index, const unsigned char* disk_node, int new_node,
+                         int is_end);
     int write_empty_index_block(unsigned long block, unsigned char fill, const void* header,
                                 size_t header_len);
     uint32_t root_nodes_per_block() const;
@@ -390,6 +399,20 @@ private:
     int update_root_cache_entry(_hdd_root_index_manager_* manager, uint32_t root_index,
                                 const _root_index_node_dev_* node);
     _ri_ssi_manager_* cached_root_entry(unsigned long root_index);
+    uint32_t segment_nodes_per_block() const;
+    int read_segment_node_uncached(unsigned long root_index, unsigned long index,
+                                   _stream_segment_index_node_men_* out);
+    int scan_stream_segment_index(unsigned long root_index, _ri_ssi_manager_* manager,
+                                  uint32_t wanted, _stream_segment_index_node_men_* out);
+    uint32_t release_own_segment_slot(_ri_ssi_manager_* manager, bool below,
+                                      std::deque<uint32_t>& gathered, uint32_t& gathered_low);
+    void cache_segment_node(uint32_t slot, const _stream_segment_index_node_dev_* node);
+    int update_segment_cache_entry(_ri_ssi_manager_* manager, uint32_t root_index, uint32_t index,
+                                   const _stream_segment_index_node_dev_* node);
+    int relock_stream_segment(unsigned long root_index, uint32_t num, const uint32_t* list,
+                              unsigned long index, const _stream_segment_index_node_dev_* node);
+    int place_stream_segment_node(unsigned long root_index, uint32_t* block_num, uint32_t** list,
+                                  const _stream_segment_index_node_dev_* node, uint32_t* position);
     int walk_root_index_block(unsigned long root_block, std::list<_block_info_node_>& unowned);
     void note_root_error(std::list<_qzfs_k4t_recovery_para_>& errors,
                          const _root_index_node_dev_& node);
@@ -414,6 +437,12 @@ void Endian_trans_stream_segment_index_block_header(const void* src, _fs_endian_
                                                     void* dst, _fs_endian_ dst_endian);
 void Endian_trans_iframe_index_block_header(const void* src, _fs_endian_ src_endian, void* dst,
                                             _fs_endian_ dst_endian);
+void Endian_trans_stream_segment_index(const _stream_segment_index_node_dev_* src,
+                                       _fs_endian_ src_endian,
+                                       _stream_segment_index_node_dev_* dst,
+                                       _fs_endian_ dst_endian);
+void Endian_trans_iframe_index(const _iframe_index_node_dev_* src, _fs_endian_ src_endian,
+                               _iframe_index_node_dev_* dst, _fs_endian_ dst_endian);
 void Endian_trans_root_index_node_dev(const _root_index_node_dev_* src, _fs_endian_ src_endian,
                                       _root_index_node_dev_* dst, _fs_endian_ dst_endian);
 

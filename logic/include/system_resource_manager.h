@@ -12,6 +12,7 @@
 
 #include "qzfs_vector.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 
@@ -54,6 +55,7 @@ struct _stream_segment_index_node_men_ {
     uint64_t len_in_bytes;
 };
 static_assert(sizeof(_stream_segment_index_node_men_) == 40, "a cached segment node is 40 bytes");
+static_assert(offsetof(_stream_segment_index_node_men_, flags) == 10, "times to flags in a row");
 
 // An entry of the name table; ref_count -1 when the entry is free.
 struct _string_index_info_ {

@@ -276,3 +276,102 @@ int CQzFileSystem::Init_iframe_index_block(unsigned long block, unsigned long la
     }
     return 0;
 }
+
+// ------------------------------------------------------------ node writes
+
+// What differs between the root and the segment node writes: the end mark
+// byte and the messages, which name the level.
+struct index_node_kind {
+    const char* function;
+    uint8_t end_mark;
+    const char* cur_error;   // (index)(chain length)(chain position)
+    const char* next_error;
+    const char* end_read;    // (block)(block offset)
+    const char* end_write;
+    const char* read;
+    const char* write;
+};
+
+const index_node_kind kRootNodeWrite = {
+    "Write_root_index", END_ROOT_INDEX,
+    "error(root_index:%ld)(root_index_block_num:%ld)(cur_root_index_info.its_block_num:%ld)",
+    "error(root_index:%ld)(root_index_block_num:%ld)(next_root_index_info.its_block_num:%ld)",
+    "Seek_and_read_in_block END_ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
+    "Seek_and_write_in_block END_ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
+    "Seek_and_read_in_block ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
+    "Seek_and_write_in_block ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
+};
+
+const index_node_kind kSegmentNodeWrite = {
+    "Write_stream_segment_index", END_STREAM_SEGMENT_INDEX,
+    "error(stream_segment_index:%ld)(stream_segment_index_block_num:%ld)"
+    "(cur_stream_segment_index_info.its_block_num:%ld)",
+    "error(stream_segment_index:%ld)(stream_segment_index_block_num:%ld)"
+    "(next_stream_segment_index_info.its_block_num:%ld)",
+    "Seek_and_read_in_block failed(block_num:%ld)(block_offset:%ld)",
+    "Seek_and_write_in_block failed(block_num:%ld)(block_offset:%ld)",
+    "Seek_and_read_in_block failed(block_num:%ld)(block_offset:%ld)",
+    "Seek_and_write_in_block failed(block_num:%ld)(block_offset:%ld)",
+};
+
+// Puts the end mark into the unit at `at` on its own: read, mark, write.
+int CQzFileSystem::write_end_mark_unit(const index_node_kind& kind, const uint32_t* list,
+                                       const _qzfs_data_offset_& at)
+{
+    const unsigned long unit = m_file_system_io_buffer_len;
+    uint32_t block = list[at.its_block_num];
+    if (read_in_block(block, at.unit_offset, m_file_system_io_buffer, unit) != 0) {
+        QZLOG_AS(kind.function, kind.end_read, long(block), long(at.unit_offset));
+        return -1;
+    }
+    memset(m_file_system_io_buffer + at.offset_in_unit, kind.end_mark, QZFS_ROOT_NODE_SIZE);
+    if (write_in_block(block, at.unit_offset, m_file_system_io_buffer, unit) != 0) {
+        QZLOG_AS(kind.function, kind.end_write, long(block), long(at.unit_offset));
+        return -1;
+    }
+    return 0;
+}
+
+// Writes a 64-byte node (already in disk order, its check sum set) at
+// `index` of a chain. A new node at the end of the array is preceded by an
+// end mark in the slot behind it, written first when it lies in another
+// unit, so a cut in power between the two writes leaves a readable array.
+// A block's last slot gets no end mark behind it.
+int CQzFileSystem::write_index_node(const index_node_kind& kind, uint32_t block_num,
+                                    const uint32_t* list, unsigned long index,
+                                    const unsigned char* disk_node, int new_node, int is_end)
+{
+    const unsigned long unit = m_file_system_io_buffer_len;
+    _qzfs_data_offset_ cur, next;
+    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, index, unit, &cur);
+    if (cur.its_block_num >= block_num) {
+        QZLOG_AS(kind.function, kind.cur_error, long(index), long(block_num),
+                 long(cur.its_block_num));
+        return -1;
+    }
+    const bool end_due = new_node == 1 && is_end == 1 &&
+                         cur.index_in_block != cur.node_num_per_block - 1;
+    if (end_due) {
+        Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, index + 1, unit, &next);
+        if (next.its_block_num >= block_num) {
+            QZLOG_AS(kind.function, kind.next_error, long(index), long(block_num),
+                     long(next.its_block_num));
+            return -1;
+        }
+        if (next.unit_in_chain != cur.unit_in_chain && write_end_mark_unit(kind, list, next) != 0)
+            return -1;
+    }
+    uint32_t block = list[cur.its_block_num];
+    if (read_in_block(block, cur.unit_offset, m_file_system_io_buffer, unit) != 0) {
+        QZLOG_AS(kind.function, kind.read, long(block), long(cur.unit_offset));
+        return -1;
+    }
+    memcpy(m_file_system_io_buffer + cur.offset_in_unit, disk_node, QZFS_ROOT_NODE_SIZE);
+    if (end_due && next.unit_in_chain == cur.unit_in_chain)
+        memset(m_file_system_io_buffer + next.offset_in_unit, kind.end_mark, QZFS_ROOT_NODE_SIZE);
+    if (write_in_block(block, cur.unit_offset, m_file_system_io_buffer, unit) != 0) {
+        QZLOG_AS(kind.function, kind.write, long(block), long(cur.unit_offset));
+        return -1;
+    }
+    return 0;
+}

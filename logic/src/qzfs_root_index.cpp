@@ -7,6 +7,7 @@
 // is written behind a fresh end mark, so a cut in power between the two
 // writes leaves an array that still reads.
 #include "qzfilesystem.h"
+#include "qzfs_cached_range.h"
 #include "qzfs_datetime.h"
 #include "qzfs_device.h"
 #include "qzfs_log.h"
@@ -161,71 +162,15 @@ int CQzFileSystem::Get_root_index_block_list(uint32_t* num, uint32_t** list,
 
 // -------------------------------------------------------------- writing
 
-// Fills one node slot of a unit buffer with the end mark.
-static void put_end_mark(unsigned char* unit, uint32_t offset_in_unit)
-{
-    memset(unit + offset_in_unit, END_ROOT_INDEX, QZFS_ROOT_NODE_SIZE);
-}
-
 int CQzFileSystem::Write_root_index(uint32_t block_num, const uint32_t* list,
                                     unsigned long root_index, const _root_index_node_dev_* node,
                                     int new_node, int is_end)
 {
-    const unsigned long unit = m_file_system_io_buffer_len;
-    _qzfs_data_offset_ cur, next;
-    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, root_index, unit, &cur);
-    if (cur.its_block_num >= block_num) {
-        QZLOG("error(root_index:%ld)(root_index_block_num:%ld)(cur_root_index_info.its_block_num:%ld)",
-              long(root_index), long(block_num), long(cur.its_block_num));
-        return -1;
-    }
-    const bool end_due = new_node == 1 && is_end == 1 &&
-                         cur.index_in_block != cur.node_num_per_block - 1;
-    if (end_due) {
-        Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, root_index + 1, unit, &next);
-        if (next.its_block_num >= block_num) {
-            QZLOG("error(root_index:%ld)(root_index_block_num:%ld)(next_root_index_info.its_block_num:%ld)",
-                  long(root_index), long(block_num), long(next.its_block_num));
-            return -1;
-        }
-        if (next.unit_in_chain != cur.unit_in_chain) {
-            uint32_t block = list[next.its_block_num];
-            if (read_in_block(block, next.unit_offset,
-                                       m_file_system_io_buffer, int(unit)) != 0) {
-                QZLOG("Seek_and_read_in_block END_ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
-                      long(block), long(next.unit_offset));
-                return -1;
-            }
-            put_end_mark(m_file_system_io_buffer, next.offset_in_unit);
-            if (write_in_block(block, next.unit_offset,
-                                        m_file_system_io_buffer, int(unit)) != 0) {
-                QZLOG("Seek_and_write_in_block END_ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
-                      long(block), long(next.unit_offset));
-                return -1;
-            }
-        }
-    }
-    uint32_t block = list[cur.its_block_num];
-    if (read_in_block(block, cur.unit_offset, m_file_system_io_buffer,
-                               int(unit)) != 0) {
-        QZLOG("Seek_and_read_in_block ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
-              long(block), long(cur.unit_offset));
-        return -1;
-    }
-    _root_index_node_dev_* slot =
-        reinterpret_cast<_root_index_node_dev_*>(m_file_system_io_buffer + cur.offset_in_unit);
-    memcpy(slot, node, sizeof(*slot));
-    slot->check_sum = Calculate_root_index_dev_node_check_sum(slot);
-    Endian_trans_root_index_node_dev(slot, gLocal_endian, slot, m_manage.disk_endian);
-    if (end_due && next.unit_in_chain == cur.unit_in_chain)
-        put_end_mark(m_file_system_io_buffer, next.offset_in_unit);
-    if (write_in_block(block, cur.unit_offset, m_file_system_io_buffer,
-                                int(unit)) != 0) {
-        QZLOG("Seek_and_write_in_block ROOT_INDEX failed(block_num:%ld)(block_offset:%ld)",
-              long(block), long(cur.unit_offset));
-        return -1;
-    }
-    return 0;
+    _root_index_node_dev_ disk = *node;
+    disk.check_sum = Calculate_root_index_dev_node_check_sum(&disk);
+    Endian_trans_root_index_node_dev(&disk, gLocal_endian, &disk, m_manage.disk_endian);
+    return write_index_node(kRootNodeWrite, block_num, list, root_index,
+                            reinterpret_cast<const unsigned char*>(&disk), new_node, is_end);
 }
 
 int CQzFileSystem::Write_root_index(unsigned long root_index, const _root_index_node_dev_* node,
@@ -360,39 +305,13 @@ uint32_t CQzFileSystem::release_own_root_slot(_hdd_root_index_manager_* manager,
     return kNoIndex;
 }
 
-// Joins the entries gathered by a scan, which cover the positions from
-// `low` on, to the cached range; a range they do not touch is dropped so
-// that the cache always holds one contiguous stretch.
+// Joins the entries gathered by a scan to the cached range.
 void CQzFileSystem::merge_root_range(_hdd_root_index_manager_* manager,
                                      std::deque<_ri_ssi_manager_*>& gathered, uint32_t low)
 {
-    if (gathered.empty())
-        return;
-    RISSIMVector& array = *manager->pRoot_index_array;
-    const uint32_t count = uint32_t(gathered.size());
-    uint32_t cached = manager->end_root_index - manager->start_root_index;
-    const bool below = cached != 0 && low + count == manager->start_root_index;
-    const bool above = cached != 0 && low == manager->end_root_index;
-    if (cached != 0 && !below && !above) {
-        for (uint32_t i = 0; i < cached; i++)
-            RISSIMVectorFunc(array[i], array[i], RVFSVO_FREE);
-        cached = 0;
-    }
-    if (cached == 0) {
-        manager->start_root_index = low;
-        manager->end_root_index = low;
-    }
-    uint32_t first = 0;
-    if (below) {
-        array.move(0, cached, count);
-        manager->start_root_index = low;
-    } else {
-        first = cached;
-    }
-    for (uint32_t i = 0; i < count; i++)
-        array[first + i] = gathered[i];
-    if (!below)
-        manager->end_root_index = low + count;
+    merge_cached_range(*manager->pRoot_index_array, manager->start_root_index,
+                       manager->end_root_index, gathered, low,
+                       [](_ri_ssi_manager_*& entry) { RISSIMVectorFunc(entry, entry, RVFSVO_FREE); });
 }
 
 // Reads the units around `wanted` and brings the nodes between the cached
@@ -604,13 +523,14 @@ int CQzFileSystem::update_root_cache_entry(_hdd_root_index_manager_* manager, ui
             return -1;
         manager->start_root_index--;
         at = 0;
+    } else {
+        manager->end_root_index++;
     }
     array[at] = nullptr;
     if (slot != kNoIndex) {
         array[at] = new_root_entry(slot, "CQzFileSystem::Create_root_index_node_simple out of memory");
         cache_root_node(slot, &node);
     }
-    manager->end_root_index++;
     return 0;
 }
 

@@ -1,11 +1,24 @@
-// The stream segment index: the chain of each root node and its copy in
-// the root's cache entry.
+// The stream segment index: below each root node a flat array of 64-byte
+// nodes, one for each stream segment, kept in the root's own chain of
+// segment index blocks and read through the shared segment node cache.
+//
+// As at the root level, every change goes to the disk first and then into
+// the cache, a damaged node reads as free, and a new node is written behind
+// a fresh end mark. A segment being recorded shows an unknown end (hour 255)
+// and length 0 until it is closed.
 #include "qzfilesystem.h"
+#include "qzfs_cached_range.h"
+#include "qzfs_device.h"
 #include "qzfs_log.h"
 #include "system_resource_manager.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <deque>
+
+static const uint32_t kNoIndex = 0xFFFFFFFF;
 
 // The cache entry of a normal root node inside the cached range, or null.
 _ri_ssi_manager_* CQzFileSystem::cached_root_entry(unsigned long root_index)
@@ -100,5 +113,994 @@ int CQzFileSystem::Set_stream_segment_index_block_list(unsigned long root_index,
     entry->pStream_segment_index_block = copy;
     entry->stream_segment_index_block_num = num;
     entry->iframe_index_block = iframe_block;
+    return 0;
+}
+
+// ------------------------------------------------------------ node records
+
+void Endian_trans_stream_segment_index(const _stream_segment_index_node_dev_* src,
+                                       _fs_endian_ src_endian,
+                                       _stream_segment_index_node_dev_* dst,
+                                       _fs_endian_ dst_endian)
+{
+    if (src != dst)
+        memcpy(dst, src, sizeof(*dst));
+    if (src_endian == dst_endian)
+        return;
+    unsigned char* bytes = reinterpret_cast<unsigned char*>(dst);
+    change_byte_order(bytes + offsetof(_stream_segment_index_node_dev_, len_in_bytes), 8);
+    change_byte_order(bytes + offsetof(_stream_segment_index_node_dev_, start_iframe), 4);
+}
+
+uint8_t CQzFileSystem::Calculate_stream_segment_index_dev_node_check_sum(
+    const _stream_segment_index_node_dev_* node)
+{
+    return qzfs_root_node_byte_sum(reinterpret_cast<const unsigned char*>(node));
+}
+
+// Free slots and end marks carry no check sum. A mismatch shows the node's
+// bytes at every level, and its fields from level 3 on.
+int CQzFileSystem::Check_stream_segment_index_dev_node(const _stream_segment_index_node_dev_* node)
+{
+    if (node->id == FREE_STREAM_SEGMENT_INDEX || node->id == END_STREAM_SEGMENT_INDEX)
+        return 0;
+    uint8_t sum = Calculate_stream_segment_index_dev_node_check_sum(node);
+    if (sum == node->check_sum)
+        return 0;
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(node);
+    for (unsigned long i = 0; i < QZFS_SSI_NODE_SIZE; i++)
+        printf(i % 16 == 15 ? "%02x \n" : "%02x ", unsigned(bytes[i]));
+    fflush(stdout);
+    if (g_qzfs_debug_level > 2) {
+        uint32_t start_iframe;
+        uint64_t len;
+        memcpy(&start_iframe, &node->start_iframe, 4);
+        memcpy(&len, &node->len_in_bytes, 8);
+        QZLOG("Calculate_stream_segment_index_dev_node_check_sum failed(%02x)(%02x)", unsigned(sum),
+              unsigned(node->check_sum));
+        QZLOG("################################################################");
+        QZLOG("id:%02x", unsigned(node->id));
+        QZLOG("start:%02d:%02d:%02d", node->start_hour, node->start_minute, node->start_second);
+        QZLOG("end:%02d:%02d:%02d", node->end_hour, node->end_minute, node->end_second);
+        QZLOG("start i frame:%ld", long(start_iframe));
+        QZLOG("len:%lld", (long long)len);
+        QZLOG("################################################################");
+    }
+    return -1;
+}
+
+// Direction 1: disk image to cache form. Otherwise cache form to disk image
+// with a fresh check sum; an end mark becomes 64 bytes of 255.
+void CQzFileSystem::Stream_segment_index_endian_trans_dev_mem(_stream_segment_index_node_dev_* dev,
+                                                              _fs_endian_ dev_endian,
+                                                              _stream_segment_index_node_men_* mem,
+                                                              _fs_endian_ mem_endian, int direction)
+{
+    const bool swap = dev_endian != mem_endian;
+    if (direction == 1) {
+        memset(mem, 0, sizeof(*mem));
+        mem->id = dev->id;
+        memcpy(&mem->start_hour, &dev->start_hour, 10);  // start_hour .. flags
+        memcpy(&mem->start_iframe, &dev->start_iframe, 4);
+        memcpy(&mem->owner_stamp, &dev->owner_stamp, 4);
+        memcpy(&mem->lock_type, &dev->lock_type, 4);
+        memcpy(&mem->alarm_type, &dev->alarm_type, 8);
+        memcpy(&mem->len_in_bytes, &dev->len_in_bytes, 8);
+        if (swap) {
+            change_byte_order(&mem->start_iframe, 4);
+            change_byte_order(&mem->owner_stamp, 4);
+            change_byte_order(&mem->lock_type, 4);
+            change_byte_order(&mem->alarm_type, 8);
+            change_byte_order(&mem->len_in_bytes, 8);
+        }
+        return;
+    }
+    if (mem->id == END_STREAM_SEGMENT_INDEX) {
+        memset(dev, END_STREAM_SEGMENT_INDEX, sizeof(*dev));
+        return;
+    }
+    memset(dev, 0, sizeof(*dev));
+    dev->id = mem->id;
+    memcpy(&dev->start_hour, &mem->start_hour, 10);
+    memcpy(&dev->start_iframe, &mem->start_iframe, 4);
+    memcpy(&dev->owner_stamp, &mem->owner_stamp, 4);
+    memcpy(&dev->lock_type, &mem->lock_type, 4);
+    memcpy(&dev->alarm_type, &mem->alarm_type, 8);
+    memcpy(&dev->len_in_bytes, &mem->len_in_bytes, 8);
+    if (swap) {
+        unsigned char* bytes = reinterpret_cast<unsigned char*>(dev);
+        change_byte_order(bytes + offsetof(_stream_segment_index_node_dev_, start_iframe), 4);
+        change_byte_order(bytes + offsetof(_stream_segment_index_node_dev_, owner_stamp), 4);
+        change_byte_order(bytes + offsetof(_stream_segment_index_node_dev_, lock_type), 4);
+        change_byte_order(bytes + offsetof(_stream_segment_index_node_dev_, alarm_type), 8);
+        change_byte_order(bytes + offsetof(_stream_segment_index_node_dev_, len_in_bytes), 8);
+    }
+    dev->check_sum = Calculate_stream_segment_index_dev_node_check_sum(dev);
+}
+
+// -------------------------------------------------------------- writing
+
+int CQzFileSystem::Write_stream_segment_index(uint32_t block_num, const uint32_t* list,
+                                              unsigned long index,
+                                              const _stream_segment_index_node_dev_* node,
+                                              int new_node, int is_end)
+{
+    _stream_segment_index_node_dev_ disk = *node;
+    disk.check_sum = Calculate_stream_segment_index_dev_node_check_sum(&disk);
+    Endian_trans_stream_segment_index(&disk, gLocal_endian, &disk, m_manage.disk_endian);
+    return write_index_node(kSegmentNodeWrite, block_num, list, index,
+                            reinterpret_cast<const unsigned char*>(&disk), new_node, is_end);
+}
+
+int CQzFileSystem::Write_stream_segment_index(unsigned long root_index, unsigned long index,
+                                              const _stream_segment_index_node_dev_* node,
+                                              int new_node, int is_end)
+{
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    if (Get_stream_segment_index_block_list(root_index, &num, &list, nullptr) != 0)
+        return -1;
+    int result = Write_stream_segment_index(num, list, index, node, new_node, is_end);
+    delete[] list;
+    return result;
+}
+
+// ---------------------------------------------------- repaired node list
+
+int CQzFileSystem::get_ssid_from_cache(unsigned long root_index, unsigned long index,
+                                       _stream_segment_index_node_dev_* node)
+{
+    if (node == nullptr)
+        return -1;
+    for (const stream_segment_index_cache_t& entry : m_stream_segment_index_cache) {
+        if (entry.root_index == root_index && entry.stream_segment_index == index) {
+            memcpy(node, entry.node, sizeof(entry.node));
+            return 0;
+        }
+    }
+    return -1;
+}
+
+void CQzFileSystem::add_ssid_to_cache(unsigned long root_index, unsigned long index,
+                                      const _stream_segment_index_node_dev_* node)
+{
+    for (stream_segment_index_cache_t& entry : m_stream_segment_index_cache) {
+        if (entry.root_index == root_index && entry.stream_segment_index == index) {
+            memcpy(entry.node, node, sizeof(entry.node));
+            return;
+        }
+    }
+    stream_segment_index_cache_t entry;
+    entry.root_index = uint32_t(root_index);
+    entry.stream_segment_index = uint32_t(index);
+    memcpy(entry.node, node, sizeof(entry.node));
+    m_stream_segment_index_cache.push_back(entry);
+}
+
+// ------------------------------------------------------ reading past cache
+
+int CQzFileSystem::Read_stream_segment_index_from_dev(uint32_t block_num, const uint32_t* list,
+                                                      unsigned long index,
+                                                      _stream_segment_index_node_dev_* node)
+{
+    _qzfs_data_offset_ at;
+    Calculate_index_info(m_manage.block_size, QZFS_SSI_NODE_SIZE, index,
+                         m_file_system_io_buffer_len, &at);
+    if (at.its_block_num >= block_num) {
+        memset(node, END_STREAM_SEGMENT_INDEX, sizeof(*node));
+        return 0;
+    }
+    if (read_in_block(list[at.its_block_num], at.unit_offset, m_file_system_io_buffer,
+                      m_file_system_io_buffer_len) != 0)
+        return -1;
+    auto* raw = reinterpret_cast<_stream_segment_index_node_dev_*>(m_file_system_io_buffer +
+                                                                    at.offset_in_unit);
+    if (Check_stream_segment_index_dev_node(raw) != 0)
+        return 0;
+    Endian_trans_stream_segment_index(raw, m_manage.disk_endian, node, gLocal_endian);
+    return 0;
+}
+
+int CQzFileSystem::Read_stream_segment_index_from_dev(unsigned long root_index, unsigned long index,
+                                                      _stream_segment_index_node_dev_* node)
+{
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    if (Get_stream_segment_index_block_list(root_index, &num, &list, nullptr) != 0)
+        return -1;
+    int result = Read_stream_segment_index_from_dev(num, list, index, node);
+    delete[] list;
+    return result;
+}
+
+// ------------------------------------------------------------- lookups
+
+int CQzFileSystem::Get_stream_segment_index_mem_node(unsigned long root_index, unsigned long index,
+                                                     _stream_segment_index_node_men_* out)
+{
+    memset(out, 0, sizeof(*out));
+    _root_index_node_mem_ root;
+    if (Get_root_index_mem_node(root_index, &root) != 0) {
+        QZLOG("Get_root_index_mem_node failed");
+        return -1;
+    }
+    if (!IS_NORMAL_ROOT_INDEX(root.id)) {
+        out->id = END_STREAM_SEGMENT_INDEX;
+        return 0;
+    }
+    _ri_ssi_manager_* entry = cached_root_entry(root_index);
+    if (entry != nullptr)
+        return Get_stream_segment_index_mem_node(root_index, entry, index, out);
+    return read_segment_node_uncached(root_index, index, out);
+}
+
+// A root node that did not get a place in the root cache: its segment node
+// is read straight from the disk, a damaged one reading as free.
+int CQzFileSystem::read_segment_node_uncached(unsigned long root_index, unsigned long index,
+                                              _stream_segment_index_node_men_* out)
+{
+    _stream_segment_index_node_dev_ node;
+    memset(&node, 0, sizeof(node));
+    if (Read_stream_segment_index_from_dev(root_index, index, &node) != 0)
+        return -1;
+    if (bare_dev == 0)
+        get_ssid_from_cache(root_index, index, &node);
+    Stream_segment_index_endian_trans_dev_mem(&node, gLocal_endian, out, gLocal_endian, 1);
+    return 0;
+}
+
+int CQzFileSystem::Get_stream_segment_index_mem_node(unsigned long root_index,
+                                                     _ri_ssi_manager_* manager, unsigned long index,
+                                                     _stream_segment_index_node_men_* out)
+{
+    memset(out, 0, sizeof(*out));
+    const uint32_t wanted = uint32_t(index);
+    if (wanted >= manager->start_stream_segment_index &&
+        wanted < manager->end_stream_segment_index) {
+        uint32_t slot =
+            (*manager->pStream_segment_array)[wanted - manager->start_stream_segment_index];
+        if (slot == QZFS_SSA_RESERVED)
+            QZFS_FATAL("CQzFileSystem::Get_stream_segment_index_mem_node FATAL");
+        if (slot != QZFS_SSA_FREE_NODE)
+            *out = pgSystemResourceManager->m_stream_segment_index_node_cache[slot];
+        manager->ssi_access_time = time(nullptr);
+        return 0;
+    }
+    if (manager->end_mark_index != kNoIndex && wanted >= manager->end_mark_index) {
+        out->id = END_STREAM_SEGMENT_INDEX;
+        return 0;
+    }
+    if (Read_stream_segment_index_block_list(root_index, manager) != 0) {
+        QZLOG("Read_stream_segment_index_block_list failed");
+        return -1;
+    }
+    const uint64_t capacity =
+        uint64_t(segment_nodes_per_block()) * manager->stream_segment_index_block_num;
+    if (wanted >= capacity) {
+        out->id = END_STREAM_SEGMENT_INDEX;
+        return 0;
+    }
+    return scan_stream_segment_index(root_index, manager, wanted, out);
+}
+
+int CQzFileSystem::Get_stream_segment_index_dev_node(unsigned long root_index, unsigned long index,
+                                                     _stream_segment_index_node_dev_* node)
+{
+    _stream_segment_index_node_men_ mem;
+    if (Get_stream_segment_index_mem_node(root_index, index, &mem) != 0)
+        return -1;
+    Stream_segment_index_endian_trans_dev_mem(node, gLocal_endian, &mem, gLocal_endian, 0);
+    return 0;
+}
+
+int CQzFileSystem::Get_stream_segment_index_dev_node(unsigned long root_index, uint32_t,
+                                                     const uint32_t*, unsigned long index,
+                                                     _stream_segment_index_node_dev_* node)
+{
+    return Get_stream_segment_index_dev_node(root_index, index, node);
+}
+
+uint32_t CQzFileSystem::segment_nodes_per_block() const
+{
+    return uint32_t((m_manage.block_size / QZFS_SECTOR_SIZE - QZFS_INDEX_HEAD_SECTORS) *
+                    (QZFS_SECTOR_SIZE / QZFS_SSI_NODE_SIZE));
+}
+
+// Takes one cache slot back from this root's own cached range while a scan
+// gathers nodes: the top of the range when the scan runs below it, the
+// bottom when it runs above, and the oldest gathered node when the range is
+// empty. The slot is handed over as it is, to be overwritten.
+uint32_t CQzFileSystem::release_own_segment_slot(_ri_ssi_manager_* manager, bool below,
+                                                 std::deque<uint32_t>& gathered,
+                                                 uint32_t& gathered_low)
+{
+    SSAVector& array = *manager->pStream_segment_array;
+    uint32_t& start = manager->start_stream_segment_index;
+    uint32_t& end = manager->end_stream_segment_index;
+    while (end > start) {
+        uint32_t value;
+        if (below) {
+            uint32_t top = end - 1 - start;
+            value = array[top];
+            array[top] = QZFS_SSA_FREE_NODE;
+            end--;
+        } else {
+            value = array[0];
+            array[0] = QZFS_SSA_FREE_NODE;
+            if (end - start > 1)
+                array.move(1, end - start - 1, 0);
+            start++;
+        }
+        if (end == start)
+            start = end = 0;
+        if (value != QZFS_SSA_FREE_NODE && value != QZFS_SSA_RESERVED)
+            return value;
+    }
+    while (!gathered.empty()) {
+        uint32_t value = gathered.front();
+        gathered.pop_front();
+        gathered_low++;
+        if (value != QZFS_SSA_FREE_NODE)
+            return value;
+    }
+    return kNoIndex;
+}
+
+static void release_segment_entry(uint32_t& entry) { SSAVectorFunc(entry, entry, RVFSVO_FREE); }
+
+// Reads the units around `wanted` and brings the nodes between the cached
+// range and `wanted` into the cache, a whole unit at a time. Up to nine
+// damaged nodes read as free; the tenth ends the array where it stands.
+int CQzFileSystem::scan_stream_segment_index(unsigned long root_index, _ri_ssi_manager_* manager,
+                                             uint32_t wanted, _stream_segment_index_node_men_* out)
+{
+    const unsigned long unit = m_file_system_io_buffer_len;
+    const unsigned long units_per_block = m_manage.block_size / unit;
+    _qzfs_data_offset_ at;
+    Calculate_index_info(m_manage.block_size, QZFS_SSI_NODE_SIZE, wanted, unit, &at);
+    const bool empty = manager->end_stream_segment_index == manager->start_stream_segment_index;
+    const bool below = !empty && wanted < manager->start_stream_segment_index;
+    const uint32_t low = below ? at.unit_first_index
+                               : (empty ? 0 : manager->end_stream_segment_index);
+    const uint32_t high = below ? manager->start_stream_segment_index : at.unit_last_index + 1;
+    _qzfs_data_offset_ first;
+    Calculate_index_info(m_manage.block_size, QZFS_SSI_NODE_SIZE, low, unit, &first);
+
+    CSystemResourceManager& resources = *pgSystemResourceManager;
+    std::deque<uint32_t> gathered;
+    uint32_t gathered_low = low, position = first.unit_first_index;
+    int damaged = 0;
+    bool stop = false;
+    for (uint32_t u = first.unit_in_chain; !stop; u++) {
+        uint32_t chain_pos = uint32_t(u / units_per_block);
+        if (chain_pos >= manager->stream_segment_index_block_num)
+            break;
+        uint32_t block = manager->pStream_segment_index_block[chain_pos];
+        uint32_t offset = uint32_t((u % units_per_block) * unit);
+        if (read_in_block(block, offset, m_file_system_io_buffer, unit) != 0) {
+            QZLOG("Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)(len:%ld)",
+                  long(block), long(offset), long(unit));
+            for (uint32_t& entry : gathered)
+                release_segment_entry(entry);
+            return -1;
+        }
+        unsigned long sector = offset == 0 ? QZFS_INDEX_HEAD_SECTORS : 0;
+        for (; sector < unit / QZFS_SECTOR_SIZE && !stop; sector++) {
+            for (unsigned long k = 0; k < QZFS_SECTOR_SIZE / QZFS_SSI_NODE_SIZE; k++) {
+                uint32_t pos = position++;
+                if (pos < low)
+                    continue;
+                if (pos >= high) {
+                    stop = true;
+                    break;
+                }
+                auto* raw = reinterpret_cast<_stream_segment_index_node_dev_*>(
+                    m_file_system_io_buffer + sector * QZFS_SECTOR_SIZE + k * QZFS_SSI_NODE_SIZE);
+                if (bare_dev == 0)
+                    get_ssid_from_cache(root_index, pos, raw);
+                _stream_segment_index_node_dev_ node;
+                Endian_trans_stream_segment_index(raw, m_manage.disk_endian, &node, gLocal_endian);
+                if (Check_stream_segment_index_dev_node(&node) != 0) {
+                    damaged++;
+                    QZLOG("Check_stream_segment_index_dev_node failed(root_index:%lu)"
+                          "(stream_segment_index:%lu)(%lu)(%d)",
+                          root_index, (unsigned long)pos, (unsigned long)wanted, damaged);
+                    node.id = damaged < 10 ? FREE_STREAM_SEGMENT_INDEX : END_STREAM_SEGMENT_INDEX;
+                }
+                if (node.id == END_STREAM_SEGMENT_INDEX) {
+                    if (wanted >= pos)
+                        out->id = END_STREAM_SEGMENT_INDEX;
+                    manager->end_mark_index = pos;
+                    stop = true;
+                    break;
+                }
+                if (pos == wanted)
+                    Stream_segment_index_endian_trans_dev_mem(&node, gLocal_endian, out,
+                                                              gLocal_endian, 1);
+                if (node.id == FREE_STREAM_SEGMENT_INDEX) {
+                    gathered.push_back(QZFS_SSA_FREE_NODE);
+                    continue;
+                }
+                uint32_t slot = resources.GetStreamSegmentIndexNodeInCache(m_hdd_id,
+                                                                           uint32_t(root_index));
+                if (slot == kNoIndex) {
+                    bool range_empty = manager->end_stream_segment_index ==
+                                       manager->start_stream_segment_index;
+                    if (pos >= wanted && (range_empty || !below)) {
+                        stop = true;
+                        break;
+                    }
+                    slot = release_own_segment_slot(manager, below, gathered, gathered_low);
+                    if (slot == kNoIndex) {
+                        stop = true;
+                        break;
+                    }
+                }
+                Stream_segment_index_endian_trans_dev_mem(
+                    &node, gLocal_endian, &resources.m_stream_segment_index_node_cache[slot],
+                    gLocal_endian, 1);
+                gathered.push_back(slot);
+            }
+        }
+    }
+    merge_cached_range(*manager->pStream_segment_array, manager->start_stream_segment_index,
+                       manager->end_stream_segment_index, gathered, gathered_low,
+                       release_segment_entry);
+    manager->ssi_access_time = time(nullptr);
+    return 0;
+}
+
+// ------------------------------------------------------------ cache update
+
+// Drops the cached positions from `index` up, giving their slots back.
+static void cut_segment_range(_ri_ssi_manager_* manager, uint32_t index)
+{
+    SSAVector& array = *manager->pStream_segment_array;
+    for (uint32_t p = index; p < manager->end_stream_segment_index; p++)
+        release_segment_entry(array[p - manager->start_stream_segment_index]);
+    manager->end_stream_segment_index = index;
+    if (manager->end_stream_segment_index <= manager->start_stream_segment_index)
+        manager->start_stream_segment_index = manager->end_stream_segment_index = 0;
+}
+
+// A cache slot for a node of this root, or kNoIndex. Every disk may give
+// one, this root included, so the caller checks its position again.
+static uint32_t take_segment_slot(uint32_t root_index)
+{
+    uint32_t slot = pgSystemResourceManager->GetStreamSegmentIndexNodeInCache(255, root_index);
+    if (slot == kNoIndex)
+        QZLOG("GetStreamSegmentIndexNodeInCache failed");
+    return slot;
+}
+
+void CQzFileSystem::cache_segment_node(uint32_t slot, const _stream_segment_index_node_dev_* node)
+{
+    _stream_segment_index_node_dev_ copy = *node;
+    Stream_segment_index_endian_trans_dev_mem(
+        &copy, gLocal_endian, &pgSystemResourceManager->m_stream_segment_index_node_cache[slot],
+        gLocal_endian, 1);
+}
+
+int CQzFileSystem::update_segment_cache_entry(_ri_ssi_manager_* manager, uint32_t root_index,
+                                              uint32_t index,
+                                              const _stream_segment_index_node_dev_* node)
+{
+    SSAVector& array = *manager->pStream_segment_array;
+    uint32_t& start = manager->start_stream_segment_index;
+    uint32_t& end = manager->end_stream_segment_index;
+    auto in_range = [&]() { return index >= start && index < end; };
+    const bool used = node->id != FREE_STREAM_SEGMENT_INDEX && node->id != END_STREAM_SEGMENT_INDEX;
+    if (in_range()) {
+        if (node->id == END_STREAM_SEGMENT_INDEX) {
+            cut_segment_range(manager, index);
+            return 0;
+        }
+        uint32_t entry = array[index - start];
+        if (entry != QZFS_SSA_FREE_NODE) {
+            if (used)
+                cache_segment_node(entry, node);
+            else
+                release_segment_entry(array[index - start]);
+            return 0;
+        }
+        if (!used)
+            return 0;
+        uint32_t slot = take_segment_slot(root_index);
+        if (slot == kNoIndex) {
+            // Nowhere to keep the node: drop the range rather than let the
+            // empty entry read as a free node.
+            cut_segment_range(manager, start);
+            return 0;
+        }
+        if (!in_range()) {
+            pgSystemResourceManager->m_stream_segment_index_node_cache[slot].id = 0;
+            return 0;
+        }
+        cache_segment_node(slot, node);
+        array[index - start] = slot;
+        return 0;
+    }
+    auto adjacent = [&]() { return index == end || index + 1 == start; };
+    if (node->id == END_STREAM_SEGMENT_INDEX || !adjacent())
+        return 0;
+    uint32_t slot = QZFS_SSA_FREE_NODE;
+    if (used) {
+        slot = take_segment_slot(root_index);
+        if (slot == kNoIndex)
+            return 0;
+        if (!adjacent()) {
+            pgSystemResourceManager->m_stream_segment_index_node_cache[slot].id = 0;
+            return 0;
+        }
+        cache_segment_node(slot, node);
+    }
+    uint32_t at = end - start;
+    if (index + 1 == start) {
+        if (array.move(0, at, 1) != 0) {
+            release_segment_entry(slot);
+            return -1;
+        }
+        start--;
+        at = 0;
+    } else {
+        end++;
+    }
+    array[at] = slot;
+    return 0;
+}
+
+int CQzFileSystem::Update_stream_segment_index_cache(unsigned long root_index, unsigned long index,
+                                                     const _stream_segment_index_node_dev_* node)
+{
+    _hdd_root_index_manager_* hdd = root_manager();
+    if (hdd == nullptr)
+        return -1;
+    if (root_index < hdd->start_root_index || root_index >= hdd->end_root_index)
+        return 0;
+    _ri_ssi_manager_* manager = (*hdd->pRoot_index_array)[uint32_t(root_index - hdd->start_root_index)];
+    if (manager == nullptr) {
+        QZFS_FATAL("CQzFileSystem::Update_stream_segment_index_cache BLANK ROOT "
+                   "INDEX(root_index:%ld)(stream_segment_index:%ld)",
+                   long(root_index), long(index));
+    }
+    manager->ssi_access_time = time(nullptr);
+    const uint32_t position = uint32_t(index);
+    int result = update_segment_cache_entry(manager, uint32_t(root_index), position, node);
+    if (node->id == END_STREAM_SEGMENT_INDEX)
+        manager->end_mark_index = position;
+    else if (manager->end_mark_index != kNoIndex && position >= manager->end_mark_index)
+        manager->end_mark_index = position + 1;  // a node written over the end mark moves it up
+    return result;
+}
+
+// ------------------------------------------------------------- changing
+
+int CQzFileSystem::Modify_stream_segment(unsigned long root_index, uint32_t block_num,
+                                         const uint32_t* list, unsigned long index, int mode,
+                                         const _stream_segment_index_node_dev_* node)
+{
+    if (mode != 0 && mode != 1)
+        return 0;
+    _stream_segment_index_node_dev_ written = *node;
+    if (mode == 1) {
+        // A segment being recorded: its end and length stay in the writer.
+        written.end_hour = written.end_minute = written.end_second = QZFS_INVALID_END_HOUR;
+        memset(&written.len_in_bytes, 0, sizeof(written.len_in_bytes));
+    }
+    if (Write_stream_segment_index(block_num, list, index, &written, 0, 0) != 0) {
+        QZLOG("Write_stream_segment_index failed");
+        return -1;
+    }
+    if (Update_stream_segment_index_cache(root_index, index, &written) != 0) {
+        QZLOG("Update_stream_segment_index_cache failed");
+        return -1;
+    }
+    return 0;
+}
+
+// Mode 0 writes `node`; mode 1 takes only its lock and lock_type into the
+// stored node, writing nothing when both are unchanged.
+int CQzFileSystem::Modify_stream_segment(unsigned long root_index, unsigned long index, int mode,
+                                         const _stream_segment_index_node_dev_* node)
+{
+    if (mode == 0) {
+        if (Write_stream_segment_index(root_index, index, node, 0, 0) != 0) {
+            QZLOG("Write_stream_segment_index failed");
+            return -1;
+        }
+        if (Update_stream_segment_index_cache(root_index, index, node) != 0) {
+            QZLOG("Update_stream_segment_index_cache failed");
+            return -1;
+        }
+        return 0;
+    }
+    if (mode != 1)
+        return -1;
+    _stream_segment_index_node_men_ cached;
+    if (Get_stream_segment_index_mem_node(root_index, index, &cached) != 0 ||
+        !IS_NORMAL_SSIN(cached.id)) {
+        QZLOG("NOT IS_NORMAL_SSIN(root_index:%ld)(stream_segment_index:%ld)(id:%02x)",
+              long(root_index), long(index), unsigned(cached.id));
+        return -1;
+    }
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    if (Get_stream_segment_index_block_list(root_index, &num, &list, nullptr) != 0) {
+        QZLOG("Get_stream_segment_index_block_list failed");
+        return -1;
+    }
+    int result = relock_stream_segment(root_index, num, list, index, node);
+    delete[] list;
+    return result;
+}
+
+int CQzFileSystem::relock_stream_segment(unsigned long root_index, uint32_t num,
+                                         const uint32_t* list, unsigned long index,
+                                         const _stream_segment_index_node_dev_* node)
+{
+    _stream_segment_index_node_dev_ stored;
+    if (Get_stream_segment_index_dev_node(root_index, num, list, index, &stored) != 0) {
+        QZLOG("Get_stream_segment_index_dev_node failed");
+        return -1;
+    }
+    if (!IS_NORMAL_SSIN(stored.id)) {
+        QZLOG("NOT IS_NORMAL_SSIN(root_index:%ld)(stream_segment_index:%ld)(id:%02x)",
+              long(root_index), long(index), unsigned(stored.id));
+        return -1;
+    }
+    if (stored.lock == node->lock && memcmp(&stored.lock_type, &node->lock_type, 4) == 0)
+        return 0;
+    stored.lock = node->lock;
+    memcpy(&stored.lock_type, &node->lock_type, 4);
+    if (Modify_stream_segment(root_index, num, list, index, 0, &stored) != 0) {
+        QZLOG("Modify stream segment failed");
+        return -1;
+    }
+    return 0;
+}
+
+// ------------------------------------------------------------- creating
+
+// The slot for a new node: the first free slot or the end mark from the
+// root's search cursor on. A block's last slot is never handed out, and the
+// chain does not grow, so a full block fails.
+int CQzFileSystem::Get_free_stream_segment_index(unsigned long root_index, uint32_t* block_num,
+                                                 uint32_t** list, uint32_t* index, int* is_end)
+{
+    const uint32_t per_block =
+        uint32_t(((m_manage.block_size - QZFS_INDEX_HEADER_OFFSET) / QZFS_SECTOR_SIZE - 1) *
+                 (QZFS_SECTOR_SIZE / QZFS_SSI_NODE_SIZE));
+    const uint64_t total = uint64_t(*block_num) * per_block;
+    _ri_ssi_manager_* entry = cached_root_entry(root_index);
+    uint32_t position = entry != nullptr ? entry->free_stream_segment_index : 0;
+    *is_end = 0;
+    for (; position < total; position++) {
+        _stream_segment_index_node_men_ node;
+        if (Get_stream_segment_index_mem_node(root_index, position, &node) != 0) {
+            QZLOG("Get_stream_segment_index_mem_node failed(root_index:%ld)(stream_segment_index:%ld)",
+                  long(root_index), long(position));
+            return -1;
+        }
+        if (node.id == FREE_STREAM_SEGMENT_INDEX)
+            break;
+        if (node.id == END_STREAM_SEGMENT_INDEX) {
+            *is_end = 1;
+            break;
+        }
+    }
+    if (total == 0 || position >= total - 1) {
+        *is_end = 1;
+        if (Add_stream_segment_index_block(block_num, list) != 0) {
+            QZLOG("Add_stream_segment_index_block failed(root_index:%ld)", long(root_index));
+            return -1;
+        }
+    }
+    *index = position;
+    entry = cached_root_entry(root_index);  // the lookups may have moved the root cache
+    if (entry != nullptr)
+        entry->free_stream_segment_index = position + 1;
+    return 0;
+}
+
+// A segment index chain keeps the one block it was created with.
+int CQzFileSystem::Add_stream_segment_index_block(uint32_t*, uint32_t**) { return -1; }
+
+int CQzFileSystem::Create_stream_segment_index_node(const _qzfs_k4t_create_ss_para_* para,
+                                                    uint32_t start_iframe,
+                                                    _stream_segment_index_node_dev_* node)
+{
+    memset(node, 0, sizeof(*node));
+    node->id = para->for_pre_record ? PRE_RECORD_STREAM_SEGMENT_INDEX : NORMAL_STREAM_SEGMENT_INDEX;
+    node->start_hour = para->hour;
+    node->start_minute = para->minute;
+    node->start_second = para->second;
+    node->end_hour = node->end_minute = node->end_second = QZFS_INVALID_END_HOUR;
+    node->segment_type = para->segment_type;
+    node->record_type = para->record_type;
+    if (para->record_type != 0)
+        memcpy(&node->alarm_type, &para->alarm_type, 8);
+    node->lock = para->lock;
+    if (para->lock != 0)
+        memcpy(&node->lock_type, &para->lock_type, 4);
+    node->flags = uint8_t((para->dst & 1) | (para->tv_system & 1) << 1 |
+                          (para->have_audio & 1) << 2 | (para->further_flag & 1) << 3 |
+                          ((para->have_audio >> 1) & 1) << 4);
+    uint32_t stamp = uint32_t(get_block_owner_stamp());
+    memcpy(&node->start_iframe, &start_iframe, 4);
+    memcpy(&node->owner_stamp, &stamp, 4);
+    return 0;
+}
+
+int CQzFileSystem::Create_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
+                                                    uint32_t** list,
+                                                    const _qzfs_k4t_create_ss_para_* para,
+                                                    uint32_t start_iframe, uint32_t* index,
+                                                    _stream_segment_index_node_dev_* node)
+{
+    return gQzfsConfig.simple_index_mode != 0
+               ? Create_stream_segment_index_node_simple(root_index, block_num, list, para,
+                                                         start_iframe, index, node)
+               : Create_stream_segment_index_node_standard(root_index, block_num, list, para,
+                                                           start_iframe, index, node);
+}
+
+int CQzFileSystem::Create_stream_segment_index_node(unsigned long root_index,
+                                                    const _qzfs_k4t_create_ss_para_* para,
+                                                    uint32_t start_iframe, uint32_t* index,
+                                                    _stream_segment_index_node_dev_* node)
+{
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    if (Get_stream_segment_index_block_list(root_index, &num, &list, nullptr) != 0) {
+        QZLOG("Get_stream_segment_index_block_list failed");
+        return -1;
+    }
+    int result =
+        Create_stream_segment_index_node(root_index, &num, &list, para, start_iframe, index, node);
+    delete[] list;
+    return result;
+}
+
+int CQzFileSystem::Create_stream_segment_index_node_standard(unsigned long, uint32_t*, uint32_t**,
+                                                             const _qzfs_k4t_create_ss_para_*,
+                                                             uint32_t, uint32_t*,
+                                                             _stream_segment_index_node_dev_*)
+{
+    return 0;
+}
+
+int CQzFileSystem::Create_stream_segment_index_node_simple(unsigned long root_index,
+                                                           uint32_t* block_num, uint32_t** list,
+                                                           const _qzfs_k4t_create_ss_para_* para,
+                                                           uint32_t start_iframe, uint32_t* index,
+                                                           _stream_segment_index_node_dev_* out)
+{
+    _stream_segment_index_node_dev_ node;
+    if (Create_stream_segment_index_node(para, start_iframe, &node) != 0) {
+        QZLOG("Create_stream_segment_index_node failed");
+        return -1;
+    }
+    uint32_t position = 0;
+    if (place_stream_segment_node(root_index, block_num, list, &node, &position) != 0)
+        return -1;
+    if (index != nullptr)
+        *index = position;
+    if (out != nullptr)
+        *out = node;
+    return 0;
+}
+
+int CQzFileSystem::add_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
+                                                 uint32_t** list,
+                                                 _stream_segment_index_node_dev_* node)
+{
+    uint32_t position = 0;
+    return place_stream_segment_node(root_index, block_num, list, node, &position);
+}
+
+// Finds the slot for a finished node, writes it (behind a fresh end mark
+// when it goes at the end) and brings the cache in line.
+int CQzFileSystem::place_stream_segment_node(unsigned long root_index, uint32_t* block_num,
+                                             uint32_t** list,
+                                             const _stream_segment_index_node_dev_* node,
+                                             uint32_t* position)
+{
+    int is_end = 0;
+    if (Get_free_stream_segment_index(root_index, block_num, list, position, &is_end) != 0) {
+        QZLOG("Get_free_stream_segment_index failed");
+        return -1;
+    }
+    QZLOG_ABOVE(2, "free_stream_segment_index:%lu", (unsigned long)*position);
+    if (Write_stream_segment_index(*block_num, *list, *position, node, 1, is_end) != 0) {
+        QZLOG("Write_stream_segment_index failed");
+        return -1;
+    }
+    Update_stream_segment_index_cache(root_index, *position, node);
+    return 0;
+}
+
+// ------------------------------------------------------ rebuild support
+
+// Walks a segment chain for the rebuild: every block must be a segment
+// index block with the right magic, and every node must check or be an end
+// mark. Each sector is tested for 17 slots at the 64-byte stride, so a test
+// runs on into the following sectors; slots past the unit are not tested.
+int CQzFileSystem::check_stream_segment_index_block(unsigned long block, uint32_t* iframe_block)
+{
+    const unsigned long unit = m_file_system_io_buffer_len;
+    unsigned long current = block;
+    for (unsigned long walked = 0; walked <= m_manage.total_block; walked++) {
+        _qzfs_block_info_ info;
+        memset(&info, 0, sizeof(info));
+        if (read_block_info_from_key_block(m_manage.key_block, current, &info) != 0 ||
+            info.block_type != QZFS_BLOCK_SEGMENT_INDEX) {
+            QZLOG("this is not stream segment index block(block:%lu,type:%d)", current,
+                  int(info.block_type));
+            return -1;
+        }
+        uint32_t next = 0;
+        for (unsigned long offset = 0; offset < m_manage.block_size; offset += unit) {
+            if (read_in_block(current, offset, m_file_system_io_buffer, unit) != 0) {
+                QZLOG("Seek_and_read_in_block failed");
+                return -1;
+            }
+            unsigned long sector = 0;
+            if (offset == 0) {
+                _stream_segment_block_header_dev_ header;
+                Endian_trans_stream_segment_index_block_header(
+                    m_file_system_io_buffer + QZFS_INDEX_HEADER_OFFSET, m_manage.disk_endian,
+                    &header, gLocal_endian);
+                if (header.magic != QZFS_STREAM_SEGMENT_MAGIC) {
+                    QZLOG("invalid maigc:(read:%08lx)(fact:%08lx)(start_block_index:%ld)",
+                          (unsigned long)header.magic, (unsigned long)QZFS_STREAM_SEGMENT_MAGIC,
+                          long(block));
+                    return -1;
+                }
+                if (iframe_block != nullptr)
+                    *iframe_block = header.iframe_index_block;
+                next = header.next;
+                sector = QZFS_INDEX_HEAD_SECTORS;
+            }
+            for (; sector < unit / QZFS_SECTOR_SIZE; sector++) {
+                for (unsigned long k = 0; k < QZFS_IFRAME_NODES_PER_SECTOR; k++) {
+                    unsigned long at = sector * QZFS_SECTOR_SIZE + k * QZFS_SSI_NODE_SIZE;
+                    if (at + QZFS_SSI_NODE_SIZE > unit)
+                        break;
+                    auto* node =
+                        reinterpret_cast<_stream_segment_index_node_dev_*>(m_file_system_io_buffer + at);
+                    if (Check_stream_segment_index_dev_node(node) != 0) {
+                        QZLOG_ABOVE(1, "Check_iframe_index_dev_node FAILED");
+                        node->id = END_STREAM_SEGMENT_INDEX;
+                    }
+                    if (node->id <= PRE_RECORD_STREAM_SEGMENT_INDEX)
+                        continue;
+                    if (node->id == END_STREAM_SEGMENT_INDEX)
+                        return 0;
+                    QZLOG("invalid segment index id(%02x)(start_block_index:%ld)(offset:%ld)",
+                          unsigned(node->id), long(block), long(offset + at));
+                    return -1;
+                }
+            }
+        }
+        if (next == 0) {
+            QZLOG("ERROR[block_index == 0]");
+            return 0;
+        }
+        current = next;
+    }
+    QZLOG("invalid block list(start_block_index:%ld)", long(block));
+    return -1;
+}
+
+// Writes a rebuilt node list into a block, from its first node slot on.
+// Each sector takes 17 nodes at the 64-byte stride and the next sector
+// begins 512 bytes on, so only the first eight of each sector's nodes
+// survive (all that fit, in a unit's last sector).
+int CQzFileSystem::write_stream_segment_index(unsigned long block,
+                                              std::list<_stream_segment_index_node_dev_>& nodes)
+{
+    if (nodes.empty())
+        return 0;
+    const unsigned long unit = m_file_system_io_buffer_len;
+    auto it = nodes.begin();
+    for (unsigned long offset = 0; offset < m_manage.block_size; offset += unit) {
+        unsigned long sector = 0;
+        if (offset == 0) {
+            if (read_in_block(block, 0, m_file_system_io_buffer, unit) != 0) {
+                QZLOG("Seek_and_read_in_block failed");
+                return -1;
+            }
+            sector = QZFS_INDEX_HEAD_SECTORS;
+        } else {
+            memset(m_file_system_io_buffer, END_STREAM_SEGMENT_INDEX, unit);
+        }
+        for (; sector < unit / QZFS_SECTOR_SIZE && it != nodes.end(); sector++) {
+            for (unsigned long k = 0; k < QZFS_IFRAME_NODES_PER_SECTOR && it != nodes.end(); k++, ++it) {
+                _stream_segment_index_node_dev_ node = *it;
+                node.check_sum = Calculate_stream_segment_index_dev_node_check_sum(&node);
+                uint64_t len;
+                memcpy(&len, &node.len_in_bytes, 8);
+                QZLOG_ABOVE(0, "recovery stream segment(id:%d,%d:%d:%d-%d:%d:%d,len:%llu)",
+                            node.id, node.start_hour, node.start_minute, node.start_second,
+                            node.end_hour, node.end_minute, node.end_second,
+                            (unsigned long long)len);
+                unsigned long at = sector * QZFS_SECTOR_SIZE + k * QZFS_SSI_NODE_SIZE;
+                if (at + QZFS_SSI_NODE_SIZE <= unit)
+                    Endian_trans_stream_segment_index(
+                        &node, gLocal_endian,
+                        reinterpret_cast<_stream_segment_index_node_dev_*>(m_file_system_io_buffer + at),
+                        m_manage.disk_endian);
+            }
+        }
+        if (write_in_block(block, offset, m_file_system_io_buffer, unit) != 0) {
+            QZLOG("write segment index failed");
+            return -1;
+        }
+        if (it == nodes.end())
+            return 0;
+    }
+    return 0;
+}
+
+// ------------------------------------------------------- root summary
+
+_root_index_node_dev_* CQzFileSystem::root_being_written(unsigned long) { return nullptr; }
+
+// Recomputes the record type bits, lock and pre-record flag of a root node
+// from its normal segments; a root with none left is deleted unless a
+// stream is being written into it.
+int CQzFileSystem::check_and_modify_root_info(unsigned long root_index, int* delete_root_flag)
+{
+    _root_index_node_dev_ root;
+    if (Get_root_index_dev_node(root_index, &root) != 0)
+        return -1;
+    uint16_t mask = 0;
+    uint8_t lock = 0, only_pre_record = 1;
+    for (uint32_t i = 0;; i++) {
+        _stream_segment_index_node_men_ node;
+        if (Get_stream_segment_index_mem_node(root_index, i, &node) != 0) {
+            QZLOG("Get_stream_segment_index_mem_node FAILED(root_index:%ld)(stream_segment_index:%ld)",
+                  long(root_index), long(i));
+            return -1;
+        }
+        if (node.id > 254)
+            break;
+        if (!IS_NORMAL_SSIN(node.id))
+            continue;
+        if (node.record_type < 16)
+            mask = uint16_t(mask | (1u << node.record_type));
+        if (node.lock != 0)
+            lock = node.lock;
+        only_pre_record = 0;
+    }
+    _root_index_node_dev_* live = root_being_written(root_index);
+    if (mask == 0) {
+        if (live != nullptr)
+            return 0;
+        QZLOG("root is empty,so delete %lu", root_index);
+        int result = Delete_root_index(root_index, 0);
+        if (result == 0 && delete_root_flag != nullptr)
+            *delete_root_flag = 1;
+        return result;
+    }
+    uint16_t stored_mask;
+    memcpy(&stored_mask, &root.record_type, 2);
+    if (mask == stored_mask && lock == root.lock && only_pre_record == root.only_pre_record)
+        return 0;
+    QZLOG("modify root index(lock:%d->%d,record type:0x%x->0x%x,only pre record:%d->%d)",
+          root.lock, lock, unsigned(stored_mask), unsigned(mask), root.only_pre_record,
+          only_pre_record);
+    root.lock = lock;
+    memcpy(&root.record_type, &mask, 2);
+    root.only_pre_record = only_pre_record;
+    if (Modify_root_index(root_index, 0, &root) != 0)
+        return -1;
+    if (live != nullptr) {
+        // The writer's copy takes the lock value in all three places.
+        uint16_t live_mask = lock;
+        live->lock = lock;
+        memcpy(&live->record_type, &live_mask, 2);
+        live->only_pre_record = lock;
+    }
     return 0;
 }
