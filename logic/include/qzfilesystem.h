@@ -119,6 +119,8 @@ public:
     // The disk number a format works under (mount takes it as an argument).
     void Set_hdd_id(unsigned char hdd_id) { m_hdd_id = hdd_id; }
     const std::string& Get_dev_path() const { return m_dev_path; }
+    // 0 makes the disk read-only, as a disk reached through a partition is.
+    void Set_bare_dev(unsigned char value) { bare_dev = value; }
 
     // ---- device channel (qzfilesystem.cpp)
     int Create_file_system_io_channel();
