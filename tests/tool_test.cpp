@@ -70,6 +70,24 @@ TEST(Tool, IndexAddEntriesAreListedByInfoIndex)
         << info.output;
     EXPECT_TRUE(contains(info.output, "  2 used\n")) << info.output;
     EXPECT_TRUE(contains(info.output, "  segment index  2\n")) << info.output;
+
+    // Segments with their I-frame entries; the root's summary follows them.
+    CommandResult seg = run_tool("segment-add " + image + " --root 0 --start 23:59:50 --seconds 10");
+    ASSERT_EQ(0, seg.status) << seg.output;
+    EXPECT_TRUE(contains(seg.output, "segment 0 of root index entry 0 added")) << seg.output;
+    seg = run_tool("segment-add " + image + " --root 0 --start 07:00:00 --seconds 9 --record-type 3 --lock");
+    ASSERT_EQ(0, seg.status) << seg.output;
+    EXPECT_NE(0, run_tool("segment-add " + image + " --root 2 --start 07:00:00 --seconds 9").status);
+    EXPECT_NE(0, run_tool("segment-add " + image + " --root 0 --start 24:00:00 --seconds 9").status);
+    info = run_tool("info " + image + " --index --segments 0 --iframes");
+    ASSERT_EQ(0, info.status) << info.output;
+    EXPECT_TRUE(contains(info.output, "0x0009")) << info.output;
+    EXPECT_TRUE(contains(info.output, "  0      23:59:50 23:59:59 ")) << info.output;
+    EXPECT_TRUE(contains(info.output, "  1      07:00:00 07:00:08 ")) << info.output;
+    EXPECT_TRUE(contains(info.output, "      3 yes  13\n")) << info.output;  // behind 2 block entries
+    EXPECT_TRUE(contains(info.output, "19 i-frames, 4 data block entries")) << info.output;
+    EXPECT_TRUE(contains(info.output, "  1        i-frame  23:59:50 ")) << info.output;
+    EXPECT_NE(0, run_tool("info " + image + " --segments 7").status);  // no such entry
 }
 
 TEST(Tool, FailuresExitNonZeroWithOneLineReason)

@@ -6,6 +6,7 @@
 #include "qzfs_manager.h"
 #include "system_resource_manager.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -27,15 +28,23 @@ const char* USAGE =
     "  format IMAGE [--size SIZE] [--label TEXT]\n"
     "      format a disk or image; a missing IMAGE is created as a sparse file\n"
     "      of SIZE bytes (suffixes K, M, G, T: powers of 1024)\n"
-    "  info IMAGE [--index]\n"
+    "  info IMAGE [--index] [--segments ROOT_INDEX [--iframes]]\n"
     "      mount and print block size, block counts, key info places, label,\n"
     "      version, owner stamp and the number of blocks of each type;\n"
     "      --index lists the root index: one line for each day, channel,\n"
-    "      stream type and name that has recordings\n"
+    "      stream type and name that has recordings;\n"
+    "      --segments lists the stream segments of one root index entry\n"
+    "      (index, start, end, length, record type, lock, first I-frame) and\n"
+    "      --iframes the first entries of its I-frame index\n"
     "  index-add IMAGE --date YYYY-MM-DD --channel N [--stream T] [--name S]\n"
     "            [--record-type R]\n"
     "      add an empty root index entry (with its segment and I-frame index\n"
     "      blocks), as the first recording of that day and channel would\n"
+    "  segment-add IMAGE --root ROOT_INDEX --start HH:MM:SS --seconds S\n"
+    "              [--record-type R] [--lock]\n"
+    "      add a closed stream segment of S seconds to a root index entry, with\n"
+    "      one I-frame a second in its I-frame index and a data block taken for\n"
+    "      every eight (index entries only: no frames are written)\n"
     "  test IMAGE\n"
     "      write, read back and free one block of a mounted disk\n"
     "  rebuild-shell IMAGE\n"
@@ -81,7 +90,7 @@ bool parse_size(const std::string& text, unsigned long long& out)
 }
 
 // Options that stand alone, without a value.
-const char* const FLAG_OPTIONS[] = {"--index"};
+const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock"};
 
 bool is_flag(const std::string& word)
 {
@@ -229,13 +238,130 @@ int print_root_index(CQzFileSystem* fs)
     return 0;
 }
 
+// A small unsigned option within [0, limit]; `fallback` when absent.
+bool number_option(const Args& args, const char* name, unsigned limit, unsigned fallback,
+                   unsigned& out)
+{
+    const std::string* text = args.option(name);
+    if (text == nullptr) {
+        out = fallback;
+        return true;
+    }
+    char* end = nullptr;
+    unsigned long value = strtoul(text->c_str(), &end, 10);
+    if (text->empty() || *end != '\0' || value > limit)
+        return false;
+    out = (unsigned)value;
+    return true;
+}
+
+// The root node at `ri` when it holds recordings.
+bool normal_root(CQzFileSystem* fs, uint32_t ri, _root_index_node_dev_& root)
+{
+    fs->disk_lock(1);
+    int rc = fs->Get_root_index_dev_node(ri, &root);
+    fs->disk_lock(0);
+    return rc == 0 && IS_NORMAL_ROOT_INDEX(root.id);
+}
+
+// The first entries of a root's I-frame index.
+int print_iframes(CQzFileSystem* fs, uint32_t ri)
+{
+    const unsigned long shown = 24;
+    uint32_t ssi_num = 0, iframe_head = 0, num = 0;
+    uint32_t *ssi_list = nullptr, *list = nullptr;
+    std::vector<_iframe_index_node_dev_> nodes(shown);
+    unsigned long count = shown;
+    _iframe_block_info_ info = {};
+    fs->disk_lock(1);
+    int rc = fs->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &iframe_head);
+    if (rc == 0)
+        rc = fs->Read_iframe_index_block_list(iframe_head, &num, &list);
+    if (rc == 0)
+        rc = fs->Get_iframe_block_info(iframe_head, &info);
+    if (rc == 0)
+        rc = fs->Read_iframe_index(num, list, 0, &count, nodes.data(), 3);
+    fs->disk_lock(0);
+    delete[] ssi_list;
+    delete[] list;
+    delete[] info.pBlock_list;
+    if (rc != 0)
+        return fail("cannot read the I-frame index of root index entry %s", std::to_string(ri));
+    printf("i-frame index (first block %u, %u blocks): %u i-frames, %u data block entries\n",
+           iframe_head, num, info.iframe_index_num, info.block_index_num);
+    printf("  %-8s %-6s %-8s %-8s %-10s %s\n", "number", "kind", "time", "block", "offset",
+           "stream offset / share count");
+    for (unsigned long i = 0; i < count; i++) {
+        const _iframe_index_node_dev_& n = nodes[i];
+        uint32_t block, offset, pts_high;
+        uint64_t stream_offset;
+        memcpy(&block, &n.block_num, 4);
+        memcpy(&offset, &n.block_offset, 4);
+        memcpy(&pts_high, &n.pts_high, 4);
+        memcpy(&stream_offset, &n.stream_segment_offset, 8);
+        if (n.id == IFRAME_INDEX_ID_IFRAME)
+            printf("  %-8lu i-frame  %02u:%02u:%02u %-8u %-10u %llu\n", i, n.hour, n.minute,
+                   n.second, block, offset, (unsigned long long)stream_offset);
+        else
+            printf("  %-8lu block    %-8s %-8u #%-9u shared by %u\n", i, "", block, offset, pts_high);
+    }
+    if (count == shown && info.iframe_index_num + info.block_index_num > shown)
+        printf("  ...\n");
+    return 0;
+}
+
+// The stream segments of one root node.
+int print_segments(CQzFileSystem* fs, uint32_t ri, bool iframes)
+{
+    _root_index_node_dev_ root;
+    if (!normal_root(fs, ri, root))
+        return fail("root index entry %s holds no recordings", std::to_string(ri));
+    printf("segments of root index entry %u (20%02u-%02u-%02u, channel %u, stream %u):\n", ri,
+           root.year, root.month, root.day, root.channel, root.stream_type);
+    printf("  %-6s %-8s %-8s %14s %6s %-4s %s\n", "index", "start", "end", "length", "record",
+           "lock", "first i-frame");
+    unsigned long listed = 0;
+    for (uint32_t index = 0;; index++) {
+        _stream_segment_index_node_dev_ n;
+        fs->disk_lock(1);
+        int rc = fs->Get_stream_segment_index_dev_node(ri, index, &n);
+        fs->disk_lock(0);
+        if (rc != 0)
+            return fail("cannot read segment %s", std::to_string(index));
+        if (n.id == END_STREAM_SEGMENT_INDEX)
+            break;
+        if (n.id == FREE_STREAM_SEGMENT_INDEX)
+            continue;
+        char end[16] = "recording";
+        if (n.end_hour != QZFS_INVALID_END_HOUR)
+            snprintf(end, sizeof(end), "%02u:%02u:%02u", n.end_hour, n.end_minute, n.end_second);
+        uint64_t len;
+        uint32_t start_iframe;
+        memcpy(&len, &n.len_in_bytes, 8);
+        memcpy(&start_iframe, &n.start_iframe, 4);
+        printf("  %-6u %02u:%02u:%02u %-8s %14llu %6u %-4s %u%s\n", index, n.start_hour,
+               n.start_minute, n.start_second, end, (unsigned long long)len, n.record_type,
+               n.lock != 0 ? "yes" : "no", start_iframe,
+               n.id == PRE_RECORD_STREAM_SEGMENT_INDEX ? " (pre-record)" : "");
+        listed++;
+    }
+    printf("  %lu segments\n", listed);
+    return iframes ? print_iframes(fs, ri) : 0;
+}
+
 int verb_info(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {"--index"}, error))
+    if (!only_options(args, {"--index", "--segments", "--iframes"}, error))
         return fail("%s", error);
     if (args.positional.size() != 1)
         return fail("info takes one IMAGE");
+    unsigned segments_of = 0;
+    const bool segments = args.option("--segments") != nullptr;
+    if (segments && !number_option(args, "--segments", 0xFFFFFFFEu, 0, segments_of))
+        return fail("--segments takes a root index position");
+    if (args.option("--iframes") != nullptr && !segments)
+        return fail("--iframes goes with --segments ROOT_INDEX");
     const std::string& path = args.positional[0];
     if (mount_image(path) != 0)
         return 1;
@@ -281,6 +407,8 @@ int verb_info(const Args& args)
     int listed = 0;
     if (counted == 0 && args.option("--index") != nullptr)
         listed = print_root_index(fs);
+    if (counted == 0 && listed == 0 && segments)
+        listed = print_segments(fs, segments_of, args.option("--iframes") != nullptr);
     api_qzfs_umount(TOOL_HDD_ID);
     if (counted != 0)
         return fail("cannot read the block table of %s", path);
@@ -301,23 +429,6 @@ bool parse_date(const std::string& text, _qzfs_k4t_create_ss_para_& para)
     para.year = (uint8_t)(year - 2000);
     para.month = (uint8_t)month;
     para.day = (uint8_t)day;
-    return true;
-}
-
-// A small unsigned option within [0, limit]; `fallback` when absent.
-bool number_option(const Args& args, const char* name, unsigned limit, unsigned fallback,
-                   unsigned& out)
-{
-    const std::string* text = args.option(name);
-    if (text == nullptr) {
-        out = fallback;
-        return true;
-    }
-    char* end = nullptr;
-    unsigned long value = strtoul(text->c_str(), &end, 10);
-    if (text->empty() || *end != '\0' || value > limit)
-        return false;
-    out = (unsigned)value;
     return true;
 }
 
@@ -361,6 +472,161 @@ int verb_index_add(const Args& args)
     if (rc != 0)
         return fail("cannot add a root index entry to %s (disk full?)", path);
     printf("root index entry %u added\n", position);
+    return 0;
+}
+
+// Reads "HH:MM:SS".
+bool parse_time(const std::string& text, _qzfs_k4t_create_ss_para_& para)
+{
+    unsigned hour, minute, second;
+    char tail;
+    if (sscanf(text.c_str(), "%2u:%2u:%2u%c", &hour, &minute, &second, &tail) != 3 || hour > 23 ||
+        minute > 59 || second > 59)
+        return false;
+    para.hour = (uint8_t)hour;
+    para.minute = (uint8_t)minute;
+    para.second = (uint8_t)second;
+    return true;
+}
+
+// The I-frame entries of `seconds` seconds from the start time of `para`:
+// a block entry for every eighth second's data block, one I-frame a second
+// spread over it. `next_ordinal` counts the data blocks of the root.
+int synthetic_iframes(CQzFileSystem* fs, const _qzfs_k4t_create_ss_para_& para, unsigned seconds,
+                      uint32_t next_ordinal, std::vector<_iframe_index_node_dev_>& nodes,
+                      uint64_t& len)
+{
+    const uint32_t step = uint32_t((fs->manage().block_size - 4096) / 8);
+    uint32_t block = 0;
+    for (unsigned s = 0; s < seconds; s++) {
+        unsigned at = para.hour * 3600u + para.minute * 60u + para.second + s;
+        _iframe_index_node_dev_ n = {};
+        if (s % 8 == 0) {
+            _qzfs_block_info_ info = {};
+            info.block_type = QZFS_BLOCK_DATA;
+            info.owner_stamp = uint32_t(fs->get_block_owner_stamp());
+            info.year = para.year;
+            info.month = para.month;
+            info.day = para.day;
+            unsigned long taken = 0;
+            if (fs->Request_free_block(1, &taken, &info, 0) != 0)
+                return -1;
+            block = uint32_t(taken);
+            uint32_t ordinal = next_ordinal++, shared = 1;
+            n.id = IFRAME_INDEX_ID_BLOCK;
+            memcpy(&n.block_num, &block, 4);
+            memcpy(&n.block_offset, &ordinal, 4);
+            memcpy(&n.pts_high, &shared, 4);
+            nodes.push_back(n);
+            n = {};
+        }
+        uint32_t offset = 4096 + (s % 8) * step, pts = s * 90000u;
+        uint64_t stream_offset = uint64_t(s) * step;
+        n.id = IFRAME_INDEX_ID_IFRAME;
+        n.hour = uint8_t(at / 3600 % 24);
+        n.minute = uint8_t(at / 60 % 60);
+        n.second = uint8_t(at % 60);
+        memcpy(&n.block_num, &block, 4);
+        memcpy(&n.block_offset, &offset, 4);
+        memcpy(&n.pts_low, &pts, 4);
+        memcpy(&n.stream_segment_offset, &stream_offset, 8);
+        nodes.push_back(n);
+    }
+    len = uint64_t(seconds) * step;
+    return 0;
+}
+
+// Creates the segment node, appends its I-frame entries as a writer would
+// (at most 70 at a time) and closes the segment.
+int add_synthetic_segment(CQzFileSystem* fs, uint32_t ri, _qzfs_k4t_create_ss_para_& para,
+                          unsigned seconds, uint32_t& index)
+{
+    uint32_t ssi_num = 0, iframe_head = 0, num = 0;
+    uint32_t *ssi_list = nullptr, *list = nullptr;
+    _iframe_block_info_ info = {};
+    if (fs->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &iframe_head) != 0 ||
+        fs->Get_iframe_block_info(iframe_head, &info) != 0 ||
+        fs->Read_iframe_index_block_list(iframe_head, &num, &list) != 0) {
+        delete[] ssi_list;
+        delete[] info.pBlock_list;
+        return -1;
+    }
+    delete[] ssi_list;
+    delete[] info.pBlock_list;
+    uint32_t next = info.iframe_index_num + info.block_index_num;
+    std::vector<_iframe_index_node_dev_> nodes;
+    uint64_t len = 0;
+    _stream_segment_index_node_dev_ node;
+    int rc = fs->Create_stream_segment_index_node(ri, &para, next + 1, &index, &node);
+    if (rc == 0)
+        rc = synthetic_iframes(fs, para, seconds, info.block_index_num, nodes, len);
+    const uint8_t date_time[6] = {para.year, para.month, para.day, para.hour, para.minute, para.second};
+    for (size_t done = 0; rc == 0 && done < nodes.size();) {
+        size_t count = std::min<size_t>(FS_IFI_BUFFER_NUM, nodes.size() - done);
+        rc = fs->Add_iframe_index(&num, &list, next + done, &nodes[done], count, date_time);
+        done += count;
+    }
+    delete[] list;
+    if (rc != 0)
+        return -1;
+    unsigned end = para.hour * 3600u + para.minute * 60u + para.second + seconds - 1;
+    if (end > 86399)
+        end = 86399;
+    node.end_hour = uint8_t(end / 3600);
+    node.end_minute = uint8_t(end / 60 % 60);
+    node.end_second = uint8_t(end % 60);
+    memcpy(&node.len_in_bytes, &len, 8);
+    if (fs->Modify_stream_segment(ri, index, 0, &node) != 0)
+        return -1;
+    return fs->check_and_modify_root_info(ri, nullptr);
+}
+
+int verb_segment_add(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--root", "--start", "--seconds", "--record-type", "--lock"}, error))
+        return fail("%s", error);
+    if (args.positional.size() != 1)
+        return fail("segment-add takes one IMAGE");
+    unsigned ri, seconds, record_type;
+    if (args.option("--root") == nullptr || !number_option(args, "--root", 0xFFFFFFFEu, 0, ri))
+        return fail("segment-add needs --root ROOT_INDEX");
+    _qzfs_k4t_create_ss_para_ para;
+    memset(&para, 0, sizeof(para));
+    const std::string* start = args.option("--start");
+    if (start == nullptr || !parse_time(*start, para))
+        return fail("segment-add needs --start HH:MM:SS");
+    if (args.option("--seconds") == nullptr ||
+        !number_option(args, "--seconds", 86400, 0, seconds) || seconds == 0)
+        return fail("segment-add needs --seconds S (1 to 86400)");
+    if (!number_option(args, "--record-type", 15, 0, record_type))
+        return fail("--record-type takes 0 to 15");
+    para.record_type = (uint8_t)record_type;
+    para.lock = args.option("--lock") != nullptr ? 1 : 0;
+
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
+    _root_index_node_dev_ root;
+    if (!normal_root(fs, ri, root)) {
+        api_qzfs_umount(TOOL_HDD_ID);
+        return fail("root index entry %s holds no recordings (see info --index)", std::to_string(ri));
+    }
+    para.year = root.year;
+    para.month = root.month;
+    para.day = root.day;
+    para.channel = root.channel;
+    para.stream_type = root.stream_type;
+    uint32_t index = 0;
+    fs->disk_lock(1);
+    int rc = add_synthetic_segment(fs, ri, para, seconds, index);
+    fs->disk_lock(0);
+    api_qzfs_umount(TOOL_HDD_ID);
+    if (rc != 0)
+        return fail("cannot add a segment to %s (segment index or disk full?)", path);
+    printf("segment %u of root index entry %u added: %u seconds from %s\n", index, ri, seconds,
+           start->c_str());
     return 0;
 }
 
@@ -439,6 +705,8 @@ int main(int argc, char** argv)
         rc = verb_info(args);
     else if (verb == "index-add")
         rc = verb_index_add(args);
+    else if (verb == "segment-add")
+        rc = verb_segment_add(args);
     else if (verb == "test")
         rc = verb_test(args);
     else if (verb == "rebuild-shell")
