@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -298,14 +299,8 @@ TEST_F(RootIndex, SegmentBlockClaimedTwiceRebuildsTheRootIndex)
 // the answers match a fresh run with the default cache.
 TEST_F(RootIndex, SmallCacheGivesTheSameAnswersAsALargeOne)
 {
-    struct RestoreConfig {
-        _qzfs_global_config_ saved = gQzfsConfig;
-        ~RestoreConfig() { gQzfsConfig = saved; }
-    } restore;
-    gQzfsConfig.root_index_cache_size = 100;
-    gQzfsConfig.root_index_cache_step = 100;
-    delete pgSystemResourceManager;
-    pgSystemResourceManager = new CSystemResourceManager();
+    std::unique_ptr<ScopedCacheConfig> small(new ScopedCacheConfig(
+        100, 100, gQzfsConfig.ssi_cache_size, gQzfsConfig.ssi_cache_step));
 
     format(20 * GiB);
     std::vector<_qzfs_k4t_create_ss_para_> written;
@@ -346,9 +341,7 @@ TEST_F(RootIndex, SmallCacheGivesTheSameAnswersAsALargeOne)
     for (uint32_t ri = 0; ri < 2000; ri++)
         expect_node(small[ri], written[ri]);
 
-    gQzfsConfig = restore.saved;
-    delete pgSystemResourceManager;
-    pgSystemResourceManager = new CSystemResourceManager();
+    small.reset();  // the default cache again
     std::vector<_root_index_node_dev_> large = read_all();
     for (uint32_t ri = 0; ri < 2000; ri++)
         EXPECT_EQ(0, memcmp(&small[ri], &large[ri], 64)) << ri;

@@ -453,14 +453,8 @@ TEST_F(SegmentIndex, RebuiltNodesAreWrittenAndTheChainChecked)
 
 TEST_F(SegmentIndex, SmallCacheSharedByRootsGivesTheDisksAnswers)
 {
-    struct RestoreConfig {
-        _qzfs_global_config_ saved = gQzfsConfig;
-        ~RestoreConfig() { gQzfsConfig = saved; }
-    } restore;
-    gQzfsConfig.ssi_cache_size = 200;
-    gQzfsConfig.ssi_cache_step = 100;
-    delete pgSystemResourceManager;
-    pgSystemResourceManager = new CSystemResourceManager();
+    ScopedCacheConfig small(gQzfsConfig.root_index_cache_size, gQzfsConfig.root_index_cache_step,
+                            200, 100);
 
     format();
     mount();

@@ -1,5 +1,7 @@
 #include "test_support.h"
 
+#include "system_resource_manager.h"
+
 #include "qzfilesystem_api.h"
 #include "qzfs_device.h"
 
@@ -151,6 +153,29 @@ void LibraryTest::TearDown()
 {
     api_qzfs_uinit();
     api_qzfs_set_debug_level(0);
+}
+
+static void renew_caches()
+{
+    delete pgSystemResourceManager;
+    pgSystemResourceManager = new CSystemResourceManager();
+}
+
+ScopedCacheConfig::ScopedCacheConfig(uint32_t root_cache, uint32_t root_step, uint32_t ssi_cache,
+                                     uint32_t ssi_step)
+    : saved_(gQzfsConfig)
+{
+    gQzfsConfig.root_index_cache_size = root_cache;
+    gQzfsConfig.root_index_cache_step = root_step;
+    gQzfsConfig.ssi_cache_size = ssi_cache;
+    gQzfsConfig.ssi_cache_step = ssi_step;
+    renew_caches();
+}
+
+ScopedCacheConfig::~ScopedCacheConfig()
+{
+    gQzfsConfig = saved_;
+    renew_caches();
 }
 
 int format_image(const std::string& path, unsigned long long size, const char* label)

@@ -3,6 +3,7 @@
 #ifndef QZFS_TEST_SUPPORT_H
 #define QZFS_TEST_SUPPORT_H
 
+#include "qzfilesystem_api.h"
 #include "qzfs_disk_format.h"
 #include "qzfs_log.h"
 
@@ -60,6 +61,18 @@ protected:
     void SetUp() override;
     void TearDown() override;
     ScratchDir scratch_;
+};
+
+// Changes gQzfsConfig for one test and makes the node caches anew with it;
+// the old settings and fresh caches come back at destruction.
+class ScopedCacheConfig {
+public:
+    ScopedCacheConfig(uint32_t root_cache, uint32_t root_step, uint32_t ssi_cache,
+                      uint32_t ssi_step);
+    ~ScopedCacheConfig();
+
+private:
+    _qzfs_global_config_ saved_;
 };
 
 // Formats a fresh sparse image of `size` bytes at `path`; returns the
