@@ -120,6 +120,39 @@ struct chain_walk {
 
 } // namespace
 
+// Counts the nodes of one unit of a chain block, read at `unit_offset`, from
+// node sector `sector` on. Returns 1 at the end mark (or a node whose check
+// sum fails), 0 when the unit is full, -1 on an invalid id.
+static int walk_iframe_unit(CQzFileSystem& fs, const char* func, const unsigned char* buffer,
+                            unsigned long len, unsigned long sector, unsigned long block,
+                            unsigned long unit_offset, chain_walk& out)
+{
+    for (; sector < len / QZFS_SECTOR_SIZE; sector++) {
+        for (unsigned long k = 0; k < QZFS_IFRAME_NODES_PER_SECTOR; k++) {
+            const unsigned long at = sector * QZFS_SECTOR_SIZE + k * QZFS_IFRAME_NODE_SIZE;
+            const auto* node = reinterpret_cast<const _iframe_index_node_dev_*>(buffer + at);
+            uint8_t id = node->id;
+            if (fs.Check_iframe_index_dev_node(node) != 0) {
+                if (g_qzfs_debug_level > 1)
+                    QZLOG_AS(func, "Check_iframe_index_dev_node FAILED");
+                id = IFRAME_INDEX_ID_FREE_AND_END;
+            }
+            if (id == IFRAME_INDEX_ID_FREE_AND_END)
+                return 1;
+            if (id == IFRAME_INDEX_ID_IFRAME) {
+                out.iframes++;
+            } else if (id == IFRAME_INDEX_ID_BLOCK) {
+                out.entries++;
+            } else {
+                QZLOG_AS(func, "invalid IFrame id(%02x)(start_block_index:%ld)(offset:%ld)",
+                         unsigned(id), long(block), long(unit_offset + at));
+                return -1;
+            }
+        }
+    }
+    return 0;
+}
+
 // Walks the chain from `start_block` over every node slot, block by block and
 // unit by unit, up to the end mark or the end of the chain. With `check_type`
 // each block's table record must name an I-frame index block. Messages go
@@ -130,28 +163,24 @@ static int walk_iframe_chain(CQzFileSystem& fs, const char* func, unsigned char*
                              chain_walk& out)
 {
     const _qzfs_disk_manage_& manage = fs.manage();
-    unsigned long block = start_block;
-    for (;;) {
-        if (check_type) {
-            _qzfs_block_info_ info;
-            memset(&info, 0, sizeof(info));
-            if (fs.read_block_info_from_key_block(manage.key_block, block, &info) != 0 ||
-                info.block_type != QZFS_BLOCK_IFRAME_INDEX) {
-                QZLOG_AS(func, "this is not iframe index block(block:%lu,type:%d)", block,
-                         int(info.block_type));
-                return -1;
-            }
+    for (unsigned long block = start_block;;) {
+        _qzfs_block_info_ info;
+        memset(&info, 0, sizeof(info));
+        if (check_type &&
+            (fs.read_block_info_from_key_block(manage.key_block, block, &info) != 0 ||
+             info.block_type != QZFS_BLOCK_IFRAME_INDEX)) {
+            QZLOG_AS(func, "this is not iframe index block(block:%lu,type:%d)", block,
+                     int(info.block_type));
+            return -1;
         }
         out.blocks.push_back(uint32_t(block));
-        uint32_t next = 0;
+        _iframe_index_block_header_dev_ header = {0, 0, 0};
         for (unsigned long offset = 0; offset < manage.block_size; offset += len) {
             if (fs.read_in_block(block, offset, buffer, len) != 0) {
                 QZLOG_AS(func, "Seek_and_read_in_block failed");
                 return -1;
             }
-            unsigned long sector = 0;
             if (offset == 0) {
-                _iframe_index_block_header_dev_ header;
                 Endian_trans_iframe_index_block_header(buffer + QZFS_INDEX_HEADER_OFFSET,
                                                        manage.disk_endian, &header,
                                                        gLocal_endian);
@@ -161,43 +190,22 @@ static int walk_iframe_chain(CQzFileSystem& fs, const char* func, unsigned char*
                              long(block));
                     return -1;
                 }
-                next = header.next;
-                sector = QZFS_INDEX_HEAD_SECTORS;
             }
-            for (; sector < len / QZFS_SECTOR_SIZE; sector++) {
-                for (unsigned long k = 0; k < QZFS_IFRAME_NODES_PER_SECTOR; k++) {
-                    const unsigned long at = sector * QZFS_SECTOR_SIZE + k * QZFS_IFRAME_NODE_SIZE;
-                    const auto* node = reinterpret_cast<const _iframe_index_node_dev_*>(buffer + at);
-                    uint8_t id = node->id;
-                    if (fs.Check_iframe_index_dev_node(node) != 0) {
-                        if (g_qzfs_debug_level > 1)
-                            QZLOG_AS(func, "Check_iframe_index_dev_node FAILED");
-                        id = IFRAME_INDEX_ID_FREE_AND_END;
-                    }
-                    if (id == IFRAME_INDEX_ID_FREE_AND_END)
-                        return 0;
-                    if (id == IFRAME_INDEX_ID_IFRAME) {
-                        out.iframes++;
-                    } else if (id == IFRAME_INDEX_ID_BLOCK) {
-                        out.entries++;
-                    } else {
-                        QZLOG_AS(func, "invalid IFrame id(%02x)(start_block_index:%ld)(offset:%ld)",
-                                 unsigned(id), long(block), long(offset + at));
-                        return -1;
-                    }
-                }
-            }
+            const unsigned long sector = offset == 0 ? QZFS_INDEX_HEAD_SECTORS : 0;
+            const int found = walk_iframe_unit(fs, func, buffer, len, sector, block, offset, out);
+            if (found != 0)
+                return found < 0 ? -1 : 0;
         }
-        if (next == 0) {
+        if (header.next == 0) {
             QZLOG_AS(func, "ERROR[block_index == 0]");
             return 0;
         }
         // A link out of the disk, or a chain longer than the disk, is broken.
-        if (next >= manage.total_block || out.blocks.size() >= manage.total_block) {
-            QZLOG_AS(func, "INVALID START BLOCK INDEX:%ld", long(next));
+        if (header.next >= manage.total_block || out.blocks.size() >= manage.total_block) {
+            QZLOG_AS(func, "INVALID START BLOCK INDEX:%ld", long(header.next));
             return -1;
         }
-        block = next;
+        block = header.next;
     }
 }
 
@@ -594,7 +602,7 @@ int CQzFileSystem::get_stream_segment_time_area_iframe_info(
             break;
         }
         if (Check_iframe_index_dev_node(&node) != 0) {
-            QZLOG("Check_iframe_index_dev_node failed(%ld)", long(i));
+            QZLOG_ABOVE(1, "Check_iframe_index_dev_node failed(index:%ld)", long(i));
             node.id = IFRAME_INDEX_ID_FREE_AND_END;
         }
         if (last_block != 0 && node.block_num != last_block)
