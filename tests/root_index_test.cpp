@@ -299,7 +299,7 @@ TEST_F(RootIndex, SegmentBlockClaimedTwiceRebuildsTheRootIndex)
 // the answers match a fresh run with the default cache.
 TEST_F(RootIndex, SmallCacheGivesTheSameAnswersAsALargeOne)
 {
-    std::unique_ptr<ScopedCacheConfig> small(new ScopedCacheConfig(
+    std::unique_ptr<ScopedCacheConfig> small_cache(new ScopedCacheConfig(
         100, 100, gQzfsConfig.ssi_cache_size, gQzfsConfig.ssi_cache_step));
 
     format(20 * GiB);
@@ -341,7 +341,7 @@ TEST_F(RootIndex, SmallCacheGivesTheSameAnswersAsALargeOne)
     for (uint32_t ri = 0; ri < 2000; ri++)
         expect_node(small[ri], written[ri]);
 
-    small.reset();  // the default cache again
+    small_cache.reset();  // the default cache again
     std::vector<_root_index_node_dev_> large = read_all();
     for (uint32_t ri = 0; ri < 2000; ri++)
         EXPECT_EQ(0, memcmp(&small[ri], &large[ri], 64)) << ri;
