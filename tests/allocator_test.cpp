@@ -20,25 +20,12 @@ const unsigned long BS = 4 * MiB, KEY = 65, BAK = 465, TOTAL = 752;
 const long FIRST = 67;
 const unsigned long FREE_AFTER_FORMAT = 637;
 
-class Allocator : public LibraryTest {
+class Allocator : public MountedImageTest {
 protected:
-    std::string image_ = scratch_.path("disk.img");
-
     void SetUp() override
     {
-        LibraryTest::SetUp();
-        ASSERT_EQ(0, format_image(image_, 3 * GiB));
-        mount();
-    }
-    void mount()
-    {
-        std::string dev = image_;
-        ASSERT_EQ(0, api_qzfs_mount(0, &dev[0]));
-        fs_ = gQzfsManager.get_file_system(0);
-    }
-    void remount()
-    {
-        ASSERT_EQ(0, api_qzfs_umount(0));
+        MountedImageTest::SetUp();
+        format();
         mount();
     }
 
@@ -64,8 +51,6 @@ protected:
         return rc;
     }
     bool in_use(unsigned long block) { return fs_->block_bit_is_set(block); }
-
-    CQzFileSystem* fs_ = nullptr;
 };
 
 TEST_F(Allocator, RequestWritesThreePlacesAndFreeOnlyTheTables)

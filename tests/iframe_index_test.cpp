@@ -92,11 +92,8 @@ FakeLog make_log(size_t total)
     return log;
 }
 
-class IframeIndex : public LibraryTest {
+class IframeIndex : public MountedImageTest {
 protected:
-    std::string image_ = scratch_.path("disk.img");
-    CQzFileSystem* fs_ = nullptr;
-
     // The chain of a root node: its blocks in order.
     struct Chain {
         uint32_t num = 0;
@@ -106,19 +103,8 @@ protected:
 
     void SetUp() override
     {
-        LibraryTest::SetUp();
-        ASSERT_EQ(0, format_image(image_, 3 * GiB));
-        mount();
-    }
-    void mount()
-    {
-        std::string dev = image_;
-        ASSERT_EQ(0, api_qzfs_mount(0, &dev[0]));
-        fs_ = gQzfsManager.get_file_system(0);
-    }
-    void remount()
-    {
-        ASSERT_EQ(0, api_qzfs_umount(0));
+        MountedImageTest::SetUp();
+        format();
         mount();
     }
     // A new root node; returns the first block of its I-frame chain.

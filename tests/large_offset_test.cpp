@@ -20,19 +20,8 @@ namespace {
 const unsigned long long kImageSize = 6 * GiB;
 const int kPiece = 4096;  // bytes written at each place
 
-class LargeOffset : public LibraryTest {
+class LargeOffset : public MountedImageTest {
 protected:
-    std::string image_ = scratch_.path("disk.img");
-    CQzFileSystem* fs_ = nullptr;
-
-    void mount()
-    {
-        std::string dev = image_;
-        ASSERT_EQ(0, api_qzfs_mount(0, &dev[0]));
-        fs_ = gQzfsManager.get_file_system(0);
-        ASSERT_NE(nullptr, fs_);
-    }
-
     // The places written in each block: just past the block's own record,
     // and the last bytes of the block.
     std::vector<unsigned long> offsets_in(unsigned long block_size) const

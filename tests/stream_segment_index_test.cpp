@@ -53,25 +53,9 @@ uint32_t start_iframe_of(const _stream_segment_index_node_dev_& n)
     return v;
 }
 
-class SegmentIndex : public LibraryTest {
+class SegmentIndex : public MountedImageTest {
 protected:
-    std::string image_ = scratch_.path("disk.img");
     const unsigned long BS = 4 * MiB;
-    CQzFileSystem* fs_ = nullptr;
-
-    void format() { ASSERT_EQ(0, format_image(image_, 3 * GiB)); }
-    void mount()
-    {
-        std::string dev = image_;
-        ASSERT_EQ(0, api_qzfs_mount(0, &dev[0]));
-        fs_ = gQzfsManager.get_file_system(0);
-    }
-    void umount() { ASSERT_EQ(0, api_qzfs_umount(0)); }
-    void remount()
-    {
-        umount();
-        mount();
-    }
 
     uint32_t create_root(int day = 21)
     {

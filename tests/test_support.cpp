@@ -4,6 +4,7 @@
 
 #include "qzfilesystem_api.h"
 #include "qzfs_device.h"
+#include "qzfs_manager.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -153,6 +154,27 @@ void LibraryTest::TearDown()
 {
     api_qzfs_uinit();
     api_qzfs_set_debug_level(0);
+}
+
+void MountedImageTest::format(unsigned long long size)
+{
+    ASSERT_EQ(0, format_image(image_, size));
+}
+
+void MountedImageTest::mount()
+{
+    std::string dev = image_;
+    ASSERT_EQ(0, api_qzfs_mount(0, &dev[0]));
+    fs_ = gQzfsManager.get_file_system(0);
+    ASSERT_NE(nullptr, fs_);
+}
+
+void MountedImageTest::umount() { ASSERT_EQ(0, api_qzfs_umount(0)); }
+
+void MountedImageTest::remount()
+{
+    umount();
+    mount();
 }
 
 static void renew_caches()

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+class CQzFileSystem;
+
 namespace qzfs_test {
 
 const unsigned long long MiB = 1ULL << 20;
@@ -73,6 +75,18 @@ public:
 
 private:
     _qzfs_global_config_ saved_;
+};
+
+// A test on one disk image, mounted as disk 0 with fs_ its file system.
+class MountedImageTest : public LibraryTest {
+protected:
+    void format(unsigned long long size = 3 * GiB);
+    void mount();
+    void umount();
+    void remount();
+
+    std::string image_ = scratch_.path("disk.img");
+    CQzFileSystem* fs_ = nullptr;
 };
 
 // Formats a fresh sparse image of `size` bytes at `path`; returns the

@@ -389,7 +389,8 @@ private:
                          int is_end);
     int write_empty_index_block(unsigned long block, unsigned char fill, const void* header,
                                 size_t header_len);
-    uint32_t root_nodes_per_block() const;
+    // Nodes of `node_size` bytes in one index block.
+    uint32_t nodes_per_index_block(unsigned long node_size) const;
     int scan_root_index(_hdd_root_index_manager_* manager, uint32_t wanted,
                         _root_index_node_mem_* out);
     uint32_t release_own_root_slot(_hdd_root_index_manager_* manager, bool below,
@@ -401,7 +402,6 @@ private:
     int update_root_cache_entry(_hdd_root_index_manager_* manager, uint32_t root_index,
                                 const _root_index_node_dev_* node);
     _ri_ssi_manager_* cached_root_entry(unsigned long root_index);
-    uint32_t segment_nodes_per_block() const;
     int read_segment_node_uncached(unsigned long root_index, unsigned long index,
                                    _stream_segment_index_node_men_* out);
     int scan_stream_segment_index(unsigned long root_index, _ri_ssi_manager_* manager,

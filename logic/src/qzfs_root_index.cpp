@@ -124,10 +124,10 @@ _hdd_root_index_manager_* CQzFileSystem::root_manager()
     return *pgSystemResourceManager->Get_hdd(m_hdd_id, 1);
 }
 
-uint32_t CQzFileSystem::root_nodes_per_block() const
+uint32_t CQzFileSystem::nodes_per_index_block(unsigned long node_size) const
 {
     return uint32_t((m_manage.block_size / QZFS_SECTOR_SIZE - QZFS_INDEX_HEAD_SECTORS) *
-                    (QZFS_SECTOR_SIZE / QZFS_ROOT_NODE_SIZE));
+                    (QZFS_SECTOR_SIZE / node_size));
 }
 
 int CQzFileSystem::Get_root_index_block_list(uint32_t* num, uint32_t** list,
@@ -241,7 +241,7 @@ int CQzFileSystem::Get_root_index_mem_node(unsigned long root_index, _root_index
         QZLOG("Read_root_index_block_list failed");
         return -1;
     }
-    const uint64_t capacity = uint64_t(root_nodes_per_block()) * manager->root_index_block_num;
+    const uint64_t capacity = uint64_t(nodes_per_index_block(QZFS_ROOT_NODE_SIZE)) * manager->root_index_block_num;
     if (wanted >= capacity) {
         out->id = END_ROOT_INDEX;
         return 0;
@@ -584,7 +584,7 @@ int CQzFileSystem::Get_free_root_index(uint32_t* root_index, int* is_end)
               long(m_manage.root_index_block_map[0]));
         return -1;
     }
-    const uint32_t total = root_nodes_per_block() * manager->root_index_block_num;
+    const uint32_t total = nodes_per_index_block(QZFS_ROOT_NODE_SIZE) * manager->root_index_block_num;
     uint32_t position = manager->free_root_index;
     *is_end = 0;
     for (; position < total; position++) {

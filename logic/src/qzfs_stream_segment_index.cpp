@@ -375,7 +375,7 @@ int CQzFileSystem::Get_stream_segment_index_mem_node(unsigned long root_index,
         return -1;
     }
     const uint64_t capacity =
-        uint64_t(segment_nodes_per_block()) * manager->stream_segment_index_block_num;
+        uint64_t(nodes_per_index_block(QZFS_SSI_NODE_SIZE)) * manager->stream_segment_index_block_num;
     if (wanted >= capacity) {
         out->id = END_STREAM_SEGMENT_INDEX;
         return 0;
@@ -398,12 +398,6 @@ int CQzFileSystem::Get_stream_segment_index_dev_node(unsigned long root_index, u
                                                      _stream_segment_index_node_dev_* node)
 {
     return Get_stream_segment_index_dev_node(root_index, index, node);
-}
-
-uint32_t CQzFileSystem::segment_nodes_per_block() const
-{
-    return uint32_t((m_manage.block_size / QZFS_SECTOR_SIZE - QZFS_INDEX_HEAD_SECTORS) *
-                    (QZFS_SECTOR_SIZE / QZFS_SSI_NODE_SIZE));
 }
 
 // Takes one cache slot back from this root's own cached range while a scan
@@ -767,10 +761,7 @@ int CQzFileSystem::relock_stream_segment(unsigned long root_index, uint32_t num,
 int CQzFileSystem::Get_free_stream_segment_index(unsigned long root_index, uint32_t* block_num,
                                                  uint32_t** list, uint32_t* index, int* is_end)
 {
-    const uint32_t per_block =
-        uint32_t(((m_manage.block_size - QZFS_INDEX_HEADER_OFFSET) / QZFS_SECTOR_SIZE - 1) *
-                 (QZFS_SECTOR_SIZE / QZFS_SSI_NODE_SIZE));
-    const uint64_t total = uint64_t(*block_num) * per_block;
+    const uint64_t total = uint64_t(*block_num) * nodes_per_index_block(QZFS_SSI_NODE_SIZE);
     _ri_ssi_manager_* entry = cached_root_entry(root_index);
     uint32_t position = entry != nullptr ? entry->free_stream_segment_index : 0;
     *is_end = 0;
