@@ -15,16 +15,6 @@ int CQzfsApi::Qzfs_disk_recovery(unsigned char, char*, _qzfs_k4t_recovery_para_*
 
 /* ---- Work disk, thresholds and overwrite -------------------------------- */
 
-int CQzfsApi::Qzfs_find_work_hdd(unsigned char, unsigned char*)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_config_overwrite(unsigned char, const _qzfs_k4t_hdd_overwrite_config_*)
-{
-    return -1;
-}
-
 int CQzfsApi::Qzfs_disk_overwrite_big_stream(int)
 {
     return -1;
@@ -46,11 +36,6 @@ int CQzfsApi::Qzfs_auto_unlock(_k4t_fs_date_time_*, int)
 }
 
 /* ---- Stream create, open, seek, close ----------------------------------- */
-
-int CQzfsApi::Qzfs_create_stream_segment(_qzfs_k4t_create_ss_para_*)
-{
-    return -1;
-}
 
 int CQzfsApi::Qzfs_open_stream_segment(_k4t_stream_segment_id_*, uint16_t, uint32_t)
 {
@@ -82,27 +67,7 @@ int CQzfsApi::Qzfs_stream_segment_tell(int, long long*)
     return -1;
 }
 
-int CQzfsApi::Qzfs_close_stream_segment(int)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_get_fd_info(int, _k4t_stream_segment_id_*)
-{
-    return -1;
-}
-
 /* ---- Write and read ----------------------------------------------------- */
-
-int CQzfsApi::Qzfs_write_video_data(int, unsigned char*, int, int, _k4t_video_frame_info_*)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_fsync(int)
-{
-    return -1;
-}
 
 int CQzfsApi::Qzfs_read_video_data(int, unsigned char*, int, unsigned char*)
 {

@@ -4,6 +4,8 @@
 #define QZFILESYSTEM_H
 
 #include "qzfilesystem_api.h"
+#include "opened_stream_segment.h"
+#include "qzfs_av_frame.h"
 #include "qzfs_disk_format.h"
 #include "qzfs_index_format.h"
 
@@ -68,7 +70,6 @@ struct _invalid_block_list_node_ {
     uint8_t day;
 };
 
-struct _opened_stream_segment_;
 struct _root_index_node_mem_;
 struct _stream_segment_index_node_men_;
 struct _ri_ssi_manager_;
@@ -114,7 +115,6 @@ public:
     int count_blocks_by_type(unsigned long counts[11]);
     int disk_lock(unsigned char lock);
     void Qzfilesystem_uninit();
-    bool open_stream_segment_is_empty() const;
     unsigned char Get_hdd_id() const { return m_hdd_id; }
     // The disk number a format works under (mount takes it as an argument).
     void Set_hdd_id(unsigned char hdd_id) { m_hdd_id = hdd_id; }
@@ -357,6 +357,55 @@ public:
     int Update_iframe_block_info(void* oss);
     // Seconds of the day of the last I-frame that made Add_iframe_index sync.
     uint32_t last_sync_second() const { return m_last_sync_second; }
+
+    // ---- frames (av_frame.cpp)
+    int Get_frame_info(const _av_frame_header_* header, uint8_t* channel, _qzfs_frame_type_* type);
+    int Check_av_frame_check_sum(const uint8_t* frame, uint32_t len);
+    int Check_av_frame(const uint8_t* frame, uint32_t len, uint8_t channel);
+    int Get_av_frame_extend_info(const uint8_t* frame, uint32_t len, uint8_t type, void* out);
+    int Print_av_frame_info(const char* tag, const uint8_t* frame, int len);
+
+    // ---- open segments and descriptors (opened_stream_segment.cpp)
+    // The caller holds the disk lock, except where the owner of a descriptor
+    // looks up its own record on the write and read paths.
+    int get_free_oss_fd();
+    int set_oss_info(int disk_ossid, _opened_stream_segment_* oss);
+    _opened_stream_segment_* find_oss_info_by_fd(int disk_ossid);
+    int release_oss_fd(int disk_ossid);
+    // Mask bit 0 admits readers, bit 1 writers. Disk ossid or -1.
+    int find_opening_stream_segment_by_id(const _k4t_stream_segment_id_* id,
+                                          _opened_stream_segment_** out, uint8_t mask);
+    int find_opening_stream_segment_by_root_index(uint32_t root_index,
+                                                  _opened_stream_segment_** out, uint8_t mask);
+    int open_stream_segment_is_empty();
+    int get_cur_record_date(_k4t_fs_date_& date);
+    int Close_reading_stream_segment(_opened_stream_segment_* oss);
+    int clear_read_stream_segment_writing_flag(_opened_stream_segment_* writer);
+
+    // ---- stream creation (qzfs_stream_create.cpp)
+    int Create_stream_segment(_qzfs_k4t_create_ss_para_* para, _opened_stream_segment_* oss,
+                              _qzfs_stream_importance_ importance);
+
+    // ---- write path (qzfs_stream_write.cpp)
+    int Write_video_data(_opened_stream_segment_* oss, uint8_t* buffer, int len, int frame_num,
+                         _k4t_video_frame_info_* frame_info);
+    int Write_video_data_free(_opened_stream_segment_* oss, uint8_t* buffer, int len,
+                              int frame_num, _k4t_video_frame_info_* frame_info,
+                              uint8_t take_disk_lock);
+    int Write_video_data_unit(_opened_stream_segment_* oss, uint8_t* buffer, int len,
+                              int frame_num, _k4t_video_frame_info_* frame_info);
+    int Write_iframe_index(_write_stream_segment_* wss, bool take_lock);
+    int fsync_segment_data(_opened_stream_segment_* oss);
+    int fsync_stream_segment(_opened_stream_segment_* oss);
+    int Close_writing_stream_segment(_opened_stream_segment_* oss);
+    // Overwrite at a companion reader's position (write-side seek).
+    int seek_write_video_data(_opened_stream_segment_* writer, _opened_stream_segment_* reader,
+                              uint8_t* buffer, int len, int frame_num,
+                              _k4t_video_frame_info_* frame_info);
+
+    // ---- deletion by time (qzfs_segment_delete.cpp)
+    int delete_stream_segment_by_time(unsigned long root_index, unsigned long stream_segment_index,
+                                      _k4t_fs_time_ time, unsigned char delete_backwards);
 
     // ---- root index check at mount (qzfs_root_index_check.cpp)
     int check_stream_segment_index(unsigned long block);

@@ -11,6 +11,7 @@
 #include <map>
 
 class CQzFileSystem;
+struct _opened_stream_segment_;
 
 // Highest number of disk objects; hdd_id 255 means "none".
 const unsigned int QZFS_MAX_DISKS = 255;
@@ -82,6 +83,8 @@ public:
     int free_ossid(int slot);
     int get_disk_ossid(int slot);
     int modify_disk_ossid(int slot, int value);
+    // The open record behind a disk ossid, or null.
+    _opened_stream_segment_* get_opening_stream_segment_info(int disk_ossid);
 
     // The manager lock is taken only when gQzfsConfig.global_lock_enabled is 1.
     void manager_lock();

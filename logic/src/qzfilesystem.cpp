@@ -49,11 +49,6 @@ int CQzFileSystem::disk_lock(unsigned char lock)
     return qzfs_unlock(m_manage.disk_lock_handle);
 }
 
-bool CQzFileSystem::open_stream_segment_is_empty() const
-{
-    return m_manage.opened_stream_segment_map.empty();
-}
-
 int CQzFileSystem::Create_file_system_io_channel()
 {
     m_file_system_io_buffer_len = QZFS_IO_UNIT;

@@ -1,0 +1,2 @@
+// Frame readers: not built yet.
+#include "qzfilesystem.h"
