@@ -1,0 +1,64 @@
+// Synthetic recorder frames for the host tool, the tests and the benchmarks:
+// one channel's stream of I- and P-frames in the recorder's frame format,
+// each with its date-time and presentation-time records, and the frame
+// description the write call wants for every I-frame.
+#ifndef QZFS_FRAME_SOURCE_H
+#define QZFS_FRAME_SOURCE_H
+
+#include "qzfilesystem_api.h"
+
+#include <cstdint>
+#include <vector>
+
+struct FrameSourceConfig {
+    uint8_t channel = 0;
+    unsigned fps = 25;            // frames a second
+    unsigned gop = 25;            // an I-frame every gop frames
+    uint32_t iframe_bytes = 60 * 1024;  // payload of an I-frame
+    uint32_t pframe_bytes = 15 * 1024;  // payload of a P-frame
+    _k4t_fs_date_time_ start = {26, 11, 21, 8, 0, 0, 0};
+};
+
+// Bytes and I-frame descriptions of one write call.
+struct FrameBatch {
+    std::vector<uint8_t> bytes;
+    std::vector<_k4t_video_frame_info_> infos;
+    void clear()
+    {
+        bytes.clear();
+        infos.clear();
+    }
+};
+
+class FrameSource {
+public:
+    explicit FrameSource(const FrameSourceConfig& config) : config_(config) {}
+
+    // Appends the next frame to `batch`; an I-frame also gets its description,
+    // with its offset inside the batch.
+    void append_frame(FrameBatch& batch);
+    // Appends the frames of `frames` frame periods.
+    void append_frames(FrameBatch& batch, unsigned frames);
+
+    uint64_t frame_number() const { return frame_; }
+    // Wall time of the next frame, in seconds from the start of the day
+    // (it runs on past midnight; callers stop at the day's end).
+    unsigned next_second_of_day() const;
+    const FrameSourceConfig& config() const { return config_; }
+
+    // Payload byte `i` of frame `frame` of `channel`: tests compare what they
+    // read back with it.
+    static uint8_t payload_byte(uint8_t channel, uint64_t frame, uint32_t i);
+    // Size of one frame of each kind, header and records included.
+    static const uint32_t kRecordBytes = 24;
+    uint32_t frame_bytes(bool iframe) const
+    {
+        return 12 + kRecordBytes + (iframe ? config_.iframe_bytes : config_.pframe_bytes);
+    }
+
+private:
+    FrameSourceConfig config_;
+    uint64_t frame_ = 0;
+};
+
+#endif
