@@ -13,6 +13,7 @@
 #include <deque>
 #include <list>
 #include <map>
+#include <mutex>
 #include <string>
 
 // Size of the per-disk metadata I/O buffer, and the unit of all index I/O.
@@ -380,6 +381,8 @@ public:
     int open_stream_segment_is_empty();
     int get_cur_record_date(_k4t_fs_date_& date);
     int Close_reading_stream_segment(_opened_stream_segment_* oss);
+    // Frees every open record with its state and channel (teardown).
+    void release_open_segments();
     int clear_read_stream_segment_writing_flag(_opened_stream_segment_* writer);
 
     // ---- stream creation (qzfs_stream_create.cpp)
@@ -479,6 +482,9 @@ private:
     unsigned char bare_dev;
     std::list<stream_segment_index_cache_t> m_stream_segment_index_cache;
     uint32_t m_last_sync_second;  // see last_sync_second()
+    // Guards the open map's structure: writers and readers look up their own
+    // record without the disk lock while other descriptors come and go.
+    std::mutex m_open_map_lock;
 };
 
 // Byte-order edges of the index records: with equal orders they only copy.

@@ -108,6 +108,7 @@ void Destory_read_stream_segment(_read_stream_segment_** rss)
 
 int CQzFileSystem::get_free_oss_fd()
 {
+    std::lock_guard<std::mutex> guard(m_open_map_lock);
     std::map<int, _opened_stream_segment_*>& open = m_manage.opened_stream_segment_map;
     int fd = 1;
     for (auto it = open.begin(); it != open.end() && it->first == fd; ++it)
@@ -135,6 +136,7 @@ int CQzFileSystem::set_oss_info(int disk_ossid, _opened_stream_segment_* oss)
 {
     if (!ossid_on_disk(disk_ossid, m_hdd_id, __func__))
         return -1;
+    std::lock_guard<std::mutex> guard(m_open_map_lock);
     m_manage.opened_stream_segment_map[qzfs_ossid_inner_fd(disk_ossid)] = oss;
     return 0;
 }
@@ -143,12 +145,14 @@ _opened_stream_segment_* CQzFileSystem::find_oss_info_by_fd(int disk_ossid)
 {
     if (!ossid_on_disk(disk_ossid, m_hdd_id, __func__))
         return nullptr;
+    std::lock_guard<std::mutex> guard(m_open_map_lock);
     auto it = m_manage.opened_stream_segment_map.find(qzfs_ossid_inner_fd(disk_ossid));
     return it == m_manage.opened_stream_segment_map.end() ? nullptr : it->second;
 }
 
 int CQzFileSystem::release_oss_fd(int disk_ossid)
 {
+    std::lock_guard<std::mutex> guard(m_open_map_lock);
     m_manage.opened_stream_segment_map.erase(qzfs_ossid_inner_fd(disk_ossid));
     return 0;
 }
@@ -269,6 +273,27 @@ int CQzFileSystem::clear_read_stream_segment_writing_flag(_opened_stream_segment
         memcpy(oss->ssi_node, writer->ssi_node, sizeof(_stream_segment_index_node_dev_));
     }
     return 0;
+}
+
+void CQzFileSystem::release_open_segments()
+{
+    std::lock_guard<std::mutex> guard(m_open_map_lock);
+    for (auto& entry : m_manage.opened_stream_segment_map) {
+        _opened_stream_segment_* oss = entry.second;
+        if (oss == nullptr)
+            continue;
+        if (oss->io_channel != nullptr)
+            qzfs_destroy_io_interface(oss->io_channel);
+        if (oss->read_or_write == K4T_FS_TRUE) {
+            _read_stream_segment_* rss = oss->reader();
+            Destory_read_stream_segment(&rss);
+        } else {
+            _write_stream_segment_* wss = oss->writer();
+            Destory_write_stream_segment(&wss);
+        }
+        Destory_opened_stream_segment(&oss);
+    }
+    m_manage.opened_stream_segment_map.clear();
 }
 
 // ------------------------------------------------------------ manager

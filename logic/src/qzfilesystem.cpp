@@ -37,7 +37,7 @@ void CQzFileSystem::Qzfilesystem_uninit()
         qzfs_destroy_lock(m_manage.disk_lock_handle);
         m_manage.disk_lock_handle = nullptr;
     }
-    m_manage.opened_stream_segment_map.clear();
+    release_open_segments();
     QZLOG_ABOVE(0, "*********uninit qzfs*******");
     m_state = QZFSS_IDEL;
 }

@@ -166,7 +166,10 @@ int CQzfsManager::free_ossid(int slot)
 {
     if (!ossid_slot_valid(slot))
         return -1;
+    // Under the table lock: a concurrent allocation scans every slot.
+    qzfs_lock(m_ossid_lock);
     m_ossid_table[slot] = -1;
+    qzfs_unlock(m_ossid_lock);
     return 0;
 }
 

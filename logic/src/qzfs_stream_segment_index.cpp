@@ -1035,7 +1035,13 @@ int CQzFileSystem::write_stream_segment_index(unsigned long block,
 
 // ------------------------------------------------------- root summary
 
-_root_index_node_dev_* CQzFileSystem::root_being_written(unsigned long) { return nullptr; }
+_root_index_node_dev_* CQzFileSystem::root_being_written(unsigned long root_index)
+{
+    _opened_stream_segment_* writer = nullptr;
+    if (find_opening_stream_segment_by_root_index(uint32_t(root_index), &writer, 2) < 0)
+        return nullptr;
+    return writer->root();
+}
 
 // Recomputes the record type bits, lock and pre-record flag of a root node
 // from its normal segments; a root with none left is deleted unless a

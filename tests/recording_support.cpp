@@ -1,0 +1,206 @@
+#include "recording_support.h"
+
+#include "qzfilesystem.h"
+#include "qzfs_manager.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace qzfs_test {
+
+void WrittenStream::add(const FrameBatch& batch)
+{
+    for (_k4t_video_frame_info_ info : batch.infos) {
+        info.offset += uint32_t(bytes.size());
+        iframes.push_back(info);
+    }
+    bytes.insert(bytes.end(), batch.bytes.begin(), batch.bytes.end());
+}
+
+// The whole I-frame log of a root, up to its end.
+static std::vector<_iframe_index_node_dev_> read_log(CQzFileSystem* fs, uint32_t root,
+                                                     std::vector<uint32_t>& chain)
+{
+    uint32_t ssi_num = 0, iframe_head = 0, num = 0;
+    uint32_t *ssi_list = nullptr, *list = nullptr;
+    std::vector<_iframe_index_node_dev_> log;
+    EXPECT_EQ(0, fs->Get_stream_segment_index_block_list(root, &ssi_num, &ssi_list, &iframe_head));
+    delete[] ssi_list;
+    EXPECT_EQ(0, fs->Read_iframe_index_block_list(iframe_head, &num, &list));
+    chain.assign(list, list + num);
+    delete[] list;
+    if (chain.empty())
+        return log;
+    const unsigned long capacity = (unsigned long)(fs->manage().block_size / 29) * chain.size();
+    log.resize(capacity);
+    unsigned long count = capacity;
+    EXPECT_EQ(0, fs->Read_iframe_index(uint32_t(chain.size()), chain.data(), 0, &count, log.data(), 3));
+    for (size_t i = 0; i < log.size(); i++) {
+        if (log[i].id != IFRAME_INDEX_ID_IFRAME && log[i].id != IFRAME_INDEX_ID_BLOCK) {
+            log.resize(i);
+            break;
+        }
+    }
+    return log;
+}
+
+void read_segment(CQzFileSystem* fs, const std::string& image, uint32_t root, uint32_t index,
+                  SegmentOnDisk& out)
+{
+    out = SegmentOnDisk();
+    ASSERT_EQ(0, fs->Get_stream_segment_index_dev_node(root, index, &out.node));
+    if (out.node.id != NORMAL_STREAM_SEGMENT_INDEX && out.node.id != PRE_RECORD_STREAM_SEGMENT_INDEX)
+        return;
+    std::vector<uint32_t> chain;
+    std::vector<_iframe_index_node_dev_> log = read_log(fs, root, chain);
+    const uint32_t start = out.node.start_iframe;
+    ASSERT_GE(start, 1u);
+    ASSERT_LT(start, log.size());
+    ASSERT_EQ(IFRAME_INDEX_ID_BLOCK, log[start - 1].id) << "no block entry before the first I-frame";
+    ASSERT_EQ(IFRAME_INDEX_ID_IFRAME, log[start].id);
+
+    const uint64_t block_size = fs->manage().block_size;
+    const uint64_t len = out.node.len_in_bytes;
+    out.entries.push_back(log[start - 1]);
+    out.blocks.push_back(log[start].block_num);
+    // Bytes of the stream up to the end of the blocks listed so far.
+    uint64_t covered = block_size - log[start].block_offset;
+    for (size_t i = start; i < log.size(); i++) {
+        if (log[i].id == IFRAME_INDEX_ID_BLOCK) {
+            if (covered >= len)
+                break;
+            out.blocks.push_back(log[i].block_num);
+            covered += block_size - 4096;
+        } else if (log[i].stream_segment_offset >= len) {
+            break;
+        }
+        out.entries.push_back(log[i]);
+    }
+    uint64_t offset = log[start].block_offset;
+    for (uint32_t block : out.blocks) {
+        const uint64_t take = std::min<uint64_t>(block_size - offset, len - out.payload.size());
+        std::vector<unsigned char> piece = read_bytes(image, block * block_size + offset, take);
+        out.payload.insert(out.payload.end(), piece.begin(), piece.end());
+        offset = 4096;
+        if (out.payload.size() == len)
+            break;
+    }
+}
+
+static unsigned second_of(const _k4t_video_frame_info_& f)
+{
+    return f.hour * 3600u + f.minute * 60u + f.second;
+}
+
+void expect_segment_matches(CQzFileSystem* fs, const std::string& image,
+                            const SegmentOnDisk& disk, const WrittenStream& written)
+{
+    ASSERT_FALSE(written.iframes.empty());
+    const _k4t_video_frame_info_& first = written.iframes.front();
+    const uint64_t block_size = fs->manage().block_size;
+    const _stream_segment_index_node_dev_& node = disk.node;
+    EXPECT_EQ(written.bytes.size() - first.offset, node.len_in_bytes);
+    EXPECT_EQ(first.hour, node.start_hour);
+    EXPECT_EQ(first.minute, node.start_minute);
+    EXPECT_EQ(first.second, node.start_second);
+    unsigned latest = 0;
+    for (const auto& f : written.iframes)
+        latest = std::max(latest, second_of(f));
+    EXPECT_EQ(latest, node.end_hour * 3600u + node.end_minute * 60u + node.end_second);
+
+    size_t next_iframe = 0;
+    uint32_t ordinal = disk.entries.front().block_offset;
+    for (const _iframe_index_node_dev_& e : disk.entries) {
+        if (e.id == IFRAME_INDEX_ID_BLOCK) {
+            EXPECT_EQ(ordinal++, e.block_offset) << "block entries count the blocks";
+            EXPECT_EQ(1u, e.pts_high) << "share count";
+            _qzfs_block_info_ head = read_block_head(image, block_size, e.block_num);
+            EXPECT_EQ(QZFS_BLOCK_DATA, head.block_type);
+            EXPECT_EQ(uint16_t(e.block_offset), head.block_index);
+            continue;
+        }
+        ASSERT_LT(next_iframe, written.iframes.size()) << "more I-frames on disk than written";
+        const _k4t_video_frame_info_& f = written.iframes[next_iframe++];
+        EXPECT_EQ(f.hour, e.hour);
+        EXPECT_EQ(f.minute, e.minute);
+        EXPECT_EQ(f.second, e.second);
+        EXPECT_EQ(f.pts_high, e.pts_high);
+        EXPECT_EQ(f.pts_low, e.pts_low);
+        EXPECT_EQ(uint64_t(f.offset - first.offset), e.stream_segment_offset);
+        std::vector<unsigned char> at = read_bytes(image, e.block_num * block_size + e.block_offset, 4);
+        EXPECT_TRUE(std::equal(at.begin(), at.end(), written.bytes.begin() + f.offset))
+            << "I-frame " << next_iframe - 1 << " not where its entry says";
+    }
+    EXPECT_EQ(written.iframes.size(), next_iframe) << "I-frames missing from the log";
+    ASSERT_EQ(node.len_in_bytes, disk.payload.size());
+    EXPECT_TRUE(std::equal(disk.payload.begin(), disk.payload.end(), written.bytes.begin() + first.offset))
+        << "the data blocks do not hold the bytes written";
+}
+
+void RecordingTest::SetUp()
+{
+    MountedImageTest::SetUp();
+    format();
+    mount();
+    choose_work_disk();
+}
+
+void RecordingTest::choose_work_disk()
+{
+    ASSERT_EQ(0, api_qzfs_add_disk_to_group(0, 0));
+    _qzfs_k4t_hdd_overwrite_config_ config = {0x3200000, 0x3200000, 0x3200000, 0x3200000};
+    ASSERT_EQ(0, api_qzfs_config_overwrite(0, &config));
+    unsigned char hdd = 255;
+    ASSERT_EQ(0, api_qzfs_find_work_hdd(0, &hdd));
+    ASSERT_EQ(0, hdd);
+}
+
+_qzfs_k4t_create_ss_para_ RecordingTest::request(uint8_t channel, uint8_t stream_type,
+                                                 const _k4t_fs_date_time_& start)
+{
+    _qzfs_k4t_create_ss_para_ p;
+    memset(&p, 0, sizeof(p));
+    p.year = start.year;
+    p.month = start.month;
+    p.day = start.day;
+    p.hour = start.hour;
+    p.minute = start.minute;
+    p.second = start.second;
+    p.channel = channel;
+    p.stream_type = stream_type;
+    p.group_id = 0;
+    return p;
+}
+
+int RecordingTest::create(_qzfs_k4t_create_ss_para_ para, _k4t_stream_segment_id_* id)
+{
+    int fd = api_qzfs_create_stream_segment(&para);
+    if (fd > 0 && id != nullptr) {
+        EXPECT_EQ(0, api_qzfs_get_fd_info(fd, id));
+    }
+    return fd;
+}
+
+int RecordingTest::write(int fd, const FrameBatch& batch, WrittenStream& stream)
+{
+    std::vector<_k4t_video_frame_info_> infos = batch.infos;
+    int result = api_qzfs_write_video_data(fd, const_cast<unsigned char*>(batch.bytes.data()),
+                                           int(batch.bytes.size()), int(infos.size()),
+                                           infos.empty() ? nullptr : infos.data());
+    if (result > 0)
+        stream.add(batch);
+    return result;
+}
+
+void RecordingTest::record_seconds(int fd, FrameSource& source, unsigned seconds,
+                                   WrittenStream& stream)
+{
+    FrameBatch batch;
+    for (unsigned i = 0; i < seconds * source.config().fps; i++) {
+        batch.clear();
+        source.append_frame(batch);
+        ASSERT_EQ(int(batch.bytes.size()), write(fd, batch, stream));
+    }
+}
+
+}  // namespace qzfs_test

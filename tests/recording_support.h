@@ -1,0 +1,66 @@
+// Recording for tests: a mounted disk chosen for recording, writers fed by
+// the synthetic frame source, and a reader of what the disk then holds
+// (segment node, I-frame log, data blocks), to compare with what was written.
+#ifndef QZFS_RECORDING_SUPPORT_H
+#define QZFS_RECORDING_SUPPORT_H
+
+#include "frame_source.h"
+#include "qzfs_index_format.h"
+#include "test_support.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qzfs_test {
+
+// Everything a test passed to the write calls of one segment, with the
+// I-frame descriptions at their offsets in that whole byte run.
+struct WrittenStream {
+    std::vector<uint8_t> bytes;
+    std::vector<_k4t_video_frame_info_> iframes;
+    // Appends one write call's batch.
+    void add(const FrameBatch& batch);
+};
+
+// One segment as the disk holds it.
+struct SegmentOnDisk {
+    _stream_segment_index_node_dev_ node;
+    // The block entry in front of the first I-frame, then the segment's
+    // entries up to its length.
+    std::vector<_iframe_index_node_dev_> entries;
+    std::vector<uint32_t> blocks;   // data blocks, in stream order
+    std::vector<uint8_t> payload;   // len_in_bytes bytes from the first I-frame on
+};
+
+// Reads segment `index` of root `root`: its node through the index, the
+// log and the data straight from the image file.
+void read_segment(CQzFileSystem* fs, const std::string& image, uint32_t root, uint32_t index,
+                  SegmentOnDisk& out);
+
+// Node times and length, every I-frame entry (time, pts, stream offset,
+// block and offset holding the frame), the block entries with their block
+// records, and the payload itself, all against what was written.
+void expect_segment_matches(CQzFileSystem* fs, const std::string& image,
+                            const SegmentOnDisk& disk, const WrittenStream& written);
+
+// A formatted, mounted 3 GiB image (disk 0) in group 0, chosen for recording.
+class RecordingTest : public MountedImageTest {
+protected:
+    void SetUp() override;
+    // Group 0 with the smallest thresholds, and its work disk chosen.
+    void choose_work_disk();
+    static _qzfs_k4t_create_ss_para_ request(uint8_t channel, uint8_t stream_type,
+                                            const _k4t_fs_date_time_& start);
+    // Creates a segment; the id of the new descriptor is kept in `id`.
+    int create(_qzfs_k4t_create_ss_para_ para, _k4t_stream_segment_id_* id = nullptr);
+    // Writes `batch` to `fd` and adds it to `stream`; the write's result.
+    static int write(int fd, const FrameBatch& batch, WrittenStream& stream);
+    // Records `seconds` of `source` to `fd`, one write call per frame.
+    static void record_seconds(int fd, FrameSource& source, unsigned seconds,
+                               WrittenStream& stream);
+};
+
+}  // namespace qzfs_test
+
+#endif
