@@ -155,6 +155,13 @@ void RecordingTest::choose_work_disk()
     ASSERT_EQ(0, hdd);
 }
 
+void RecordingTest::remount()
+{
+    ASSERT_EQ(0, api_qzfs_delete_disk_from_group(0, 0));
+    MountedImageTest::remount();
+    choose_work_disk();
+}
+
 _qzfs_k4t_create_ss_para_ RecordingTest::request(uint8_t channel, uint8_t stream_type,
                                                  const _k4t_fs_date_time_& start)
 {

@@ -50,6 +50,8 @@ protected:
     void SetUp() override;
     // Group 0 with the smallest thresholds, and its work disk chosen.
     void choose_work_disk();
+    // Leaves the group, unmounts, mounts and chooses the disk again.
+    void remount();
     static _qzfs_k4t_create_ss_para_ request(uint8_t channel, uint8_t stream_type,
                                             const _k4t_fs_date_time_& start);
     // Creates a segment; the id of the new descriptor is kept in `id`.
