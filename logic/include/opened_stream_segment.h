@@ -39,7 +39,8 @@ struct _write_stream_segment_ {
     uint32_t* stream_segment_index_block_list;
     uint32_t iframe_list_ptr;                  // nodes waiting in iframe_list
     uint32_t iframe_left_num;                  // I-frame nodes since the last flush
-    _iframe_index_node_dev_* iframe_list;      // FS_IFI_BUFFER_NUM nodes, disk form
+    _iframe_index_node_dev_* iframe_list;      // FS_IFI_BUFFER_NUM nodes, in local byte
+                                               // order until the flush writes them
     void* lock;                                // guards iframe_list and its counters
     _k4t_video_frame_info_* frame_info_list;   // infos of the unit buffer
     uint32_t frame_info_capacity;

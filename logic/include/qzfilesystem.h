@@ -322,8 +322,7 @@ public:
     // A node repaired in memory on a read-only disk (see get_ssid_from_cache).
     void add_ssid_to_cache(unsigned long root_index, unsigned long index,
                            const _stream_segment_index_node_dev_* node);
-    // The live root node of a writer recording into this root, or null. No
-    // stream is written yet at this level, so there is none.
+    // The live root node of a writer recording into this root, or null.
     _root_index_node_dev_* root_being_written(unsigned long root_index);
 
     // ---- I-frame index (qzfs_iframe_index.cpp)
