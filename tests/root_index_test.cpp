@@ -220,8 +220,9 @@ TEST_F(RootIndex, DamagedNodeReadsAsFree)
     unsigned long block = root_block(fs);
     umount();
 
-    fs = mount();  // the cache of this disk starts empty
+    fs = mount();
     damage_byte(image_, node_offset(block, 1) + 1);
+    pgSystemResourceManager->Free_resource(0);  // the next read goes to the disk
     std::string log = captured_stdout([&] { EXPECT_EQ(FREE_ROOT_INDEX, node_at(fs, 1).id); });
     EXPECT_NE(std::string::npos, log.find("Check_root_index_dev_node failed(1)(1)")) << log;
     EXPECT_EQ(1, node_at(fs, 0).id);

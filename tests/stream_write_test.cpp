@@ -271,9 +271,9 @@ TEST_F(StreamWriteTest, UnconfirmedPreRecordingIsDeletedAtClose)
     expect_result_and_log(0, "delete pre record stream segment!",
                           [&] { return api_qzfs_close_stream_segment(fd); }, 1);
     remount();
-    _stream_segment_index_node_dev_ node;
-    ASSERT_EQ(0, fs_->Get_stream_segment_index_dev_node(id.root_index, id.stream_segment_index, &node));
-    EXPECT_EQ(FREE_STREAM_SEGMENT_INDEX, node.id);
+    _root_index_node_dev_ root;
+    ASSERT_EQ(0, fs_->Get_root_index_dev_node(id.root_index, &root));
+    EXPECT_EQ(0, root.id) << "its root held nothing else";
     EXPECT_EQ(free_before, fs_->manage().free_block) << "its data blocks and its root are free again";
 }
 
