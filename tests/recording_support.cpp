@@ -188,6 +188,18 @@ int RecordingTest::create(_qzfs_k4t_create_ss_para_ para, _k4t_stream_segment_id
     return fd;
 }
 
+void RecordingTest::take_every_free_block()
+{
+    fs_->disk_lock(1);
+    _qzfs_block_info_ info = {};
+    info.block_type = QZFS_BLOCK_DATA;
+    unsigned long block = 0;
+    while (fs_->manage().free_block > 0 && fs_->Request_free_block(1, &block, &info, 0) == 0) {
+    }
+    fs_->disk_lock(0);
+    ASSERT_EQ(0u, fs_->manage().free_block);
+}
+
 int RecordingTest::write(int fd, const FrameBatch& batch, WrittenStream& stream)
 {
     std::vector<_k4t_video_frame_info_> infos = batch.infos;

@@ -58,6 +58,8 @@ protected:
     int create(_qzfs_k4t_create_ss_para_ para, _k4t_stream_segment_id_* id = nullptr);
     // Writes `batch` to `fd` and adds it to `stream`; the write's result.
     static int write(int fd, const FrameBatch& batch, WrittenStream& stream);
+    // Someone else takes every free block of the disk.
+    void take_every_free_block();
     // Records `seconds` of `source` to `fd`, one write call per frame.
     static void record_seconds(int fd, FrameSource& source, unsigned seconds,
                                WrittenStream& stream);

@@ -158,13 +158,7 @@ TEST_F(StreamCreateTest, TheDiskMustHaveBeenChosen)
 
 TEST_F(StreamCreateTest, FailureOnAFullDiskTakesItsTimeAndLeavesNoDescriptor)
 {
-    fs_->disk_lock(1);
-    _qzfs_block_info_ info = {};
-    info.block_type = QZFS_BLOCK_DATA;
-    unsigned long block = 0;
-    while (fs_->manage().free_block > 0)
-        ASSERT_EQ(0, fs_->Request_free_block(1, &block, &info, 0));
-    fs_->disk_lock(0);
+    take_every_free_block();
     _qzfs_k4t_create_ss_para_ p = request(1, 0, kDay);
     auto started = std::chrono::steady_clock::now();
     expect_result_and_log(-1, "pFs->Create_stream_segment failed",

@@ -56,17 +56,22 @@ protected:
                                                               id.stream_segment_index, &node));
         return node;
     }
-    // Writes frames until the writer's block has less than `room` bytes left.
-    void fill_block_to(int fd, FrameSource& source, uint32_t room, WrittenStream& written)
+    // Writes frames until the writer's block has less than 100 KiB left,
+    // then one frame that fills it to its last byte.
+    void fill_block_exactly(int fd, FrameSource& source, WrittenStream& written)
     {
         const uint32_t block_size = uint32_t(fs_->manage().block_size);
         FrameBatch batch;
         while (writer_of(fd)->block_offset > block_size ||
-               block_size - writer_of(fd)->block_offset >= room) {
+               block_size - writer_of(fd)->block_offset >= 100 * 1024) {
             batch.clear();
             source.append_frame(batch);
             ASSERT_EQ(int(batch.bytes.size()), write(fd, batch, written));
         }
+        FrameBatch exact = pframe_of_size(source.config().channel,
+                                          block_size - writer_of(fd)->block_offset);
+        ASSERT_EQ(int(exact.bytes.size()), write(fd, exact, written));
+        EXPECT_EQ(block_size, writer_of(fd)->block_offset);
     }
 };
 
@@ -101,14 +106,8 @@ TEST_F(StreamWriteTest, CallEndingAtBlockEndAndFramesSplitOverBlocks)
     FrameSource source(config);
     WrittenStream written;
     record_seconds(fd, source, 2, written);
-    fill_block_to(fd, source, 100 * 1024, written);
-
-    const uint32_t block_size = uint32_t(fs_->manage().block_size);
+    fill_block_exactly(fd, source, written);
     const uint32_t full_block = writer_of(fd)->block_index;
-    FrameBatch exact = pframe_of_size(1, block_size - writer_of(fd)->block_offset);
-    ASSERT_EQ(int(exact.bytes.size()), write(fd, exact, written));
-    EXPECT_EQ(block_size, writer_of(fd)->block_offset);
-    EXPECT_EQ(full_block, writer_of(fd)->block_index) << "no block is taken before it is needed";
 
     FrameBatch next;
     source.append_frame(next);
@@ -365,19 +364,9 @@ TEST_F(StreamWriteTest, FullDiskEndsTheRecordingAndKeepsWhatWasWritten)
     FrameSource source(config);
     WrittenStream written;
     record_seconds(fd, source, 3, written);
-    fill_block_to(fd, source, 100 * 1024, written);
-    const uint32_t block_size = uint32_t(fs_->manage().block_size);
-    FrameBatch exact = pframe_of_size(10, block_size - writer_of(fd)->block_offset);
-    ASSERT_EQ(int(exact.bytes.size()), write(fd, exact, written));
+    fill_block_exactly(fd, source, written);
 
-    // Someone else takes every free block.
-    fs_->disk_lock(1);
-    _qzfs_block_info_ info = {};
-    info.block_type = QZFS_BLOCK_DATA;
-    unsigned long block = 0;
-    while (fs_->manage().free_block > 0)
-        ASSERT_EQ(0, fs_->Request_free_block(1, &block, &info, 0));
-    fs_->disk_lock(0);
+    take_every_free_block();
 
     FrameBatch more;
     source.append_frame(more);

@@ -36,6 +36,17 @@ bool resolve_fd(int ossfd, const char* func, resolved_fd& out)
     return true;
 }
 
+// The same for a call that only a writer may make.
+bool resolve_writer_fd(int ossfd, const char* func, resolved_fd& out)
+{
+    if (!resolve_fd(ossfd, func, out))
+        return false;
+    if (out.oss->read_or_write == K4T_FS_FALSE)
+        return true;
+    QZLOG_AS(func, "(pOss->read_or_write != K4T_FS_FALSE)");
+    return false;
+}
+
 bool frame_infos_valid(int ossfd, int len, int frame_num, const _k4t_video_frame_info_* infos)
 {
     for (int i = 0; i < frame_num; i++) {
@@ -120,12 +131,8 @@ int CQzfsApi::Qzfs_write_video_data(int ossfd, unsigned char* buffer, int len, i
     if (!frame_infos_valid(ossfd, len, frame_num, frame_info))
         return -1;
     resolved_fd fd;
-    if (!resolve_fd(ossfd, __func__, fd))
+    if (!resolve_writer_fd(ossfd, __func__, fd))
         return -1;
-    if (fd.oss->read_or_write != K4T_FS_FALSE) {
-        QZLOG("(pOss->read_or_write != K4T_FS_FALSE)");
-        return -1;
-    }
     if (fd.oss->exist_error == K4T_FS_TRUE) {
         QZLOG("(pOss->exist_error == K4T_FS_TRUE)");
         return -1;
@@ -159,12 +166,8 @@ int CQzfsApi::Qzfs_write_video_data(int ossfd, unsigned char* buffer, int len, i
 int CQzfsApi::Qzfs_fsync(int ossfd)
 {
     resolved_fd fd;
-    if (!resolve_fd(ossfd, __func__, fd))
+    if (!resolve_writer_fd(ossfd, __func__, fd))
         return -1;
-    if (fd.oss->read_or_write != K4T_FS_FALSE) {
-        QZLOG("(pOss->read_or_write != K4T_FS_FALSE)");
-        return -1;
-    }
     fd.fs->disk_lock(1);
     int result = fd.fs->fsync_segment_data(fd.oss);
     fd.fs->disk_lock(0);
