@@ -83,6 +83,13 @@ uint32_t u32(const void* p)
     return v;
 }
 
+unsigned record_type_of(const _root_index_node_dev_& root)
+{
+    uint16_t v;
+    memcpy(&v, &root.record_type, 2);
+    return v;
+}
+
 class SegmentDelete : public MountedImageTest {
 protected:
     void SetUp() override
@@ -231,9 +238,9 @@ protected:
             read_bytes(image_, (unsigned long long)block * bs() + 4096, 84);
         _root_index_header_dev_ header;
         memcpy(&header, raw.data(), sizeof(header));
-        EXPECT_EQ(QZFS_ROOT_INDEX_MAGIC, header.magic) << what;
-        EXPECT_EQ(QZFS_ACTION_NONE, header.action) << what;
-        EXPECT_EQ(0u, header.crc) << what;
+        EXPECT_EQ(QZFS_ROOT_INDEX_MAGIC, u32(&header.magic)) << what;
+        EXPECT_EQ(QZFS_ACTION_NONE, u32(&header.action)) << what;
+        EXPECT_EQ(0u, u32(&header.crc)) << what;
         EXPECT_EQ(std::vector<uint8_t>(64, 0),
                   std::vector<uint8_t>(header.action_data, header.action_data + 64))
             << what;
@@ -318,7 +325,7 @@ TEST_F(SegmentDelete, WholeDeleteOfOneOfTwoSegmentsKeepsTheOtherAndTheRoot)
     const uint32_t ri = make_root(para_at(8, 0, 0));
     const Built gone = add_segment(ri, para_at(8, 0, 0, 3), 3 * kPerBlock);
     const Built kept = add_segment(ri, para_at(9, 30, 0, 5), 2 * kPerBlock + 1);
-    ASSERT_EQ((1u << 3) | (1u << 5), root_of(ri).record_type);
+    ASSERT_EQ((1u << 3) | (1u << 5), record_type_of(root_of(ri)));
     const unsigned long free_before = fs_->manage().free_block;
 
     // A moment before the first I-frame also takes the whole segment.
@@ -328,7 +335,7 @@ TEST_F(SegmentDelete, WholeDeleteOfOneOfTwoSegmentsKeepsTheOtherAndTheRoot)
     expect_same_segment(kept.node, node_of(kept), "the other segment");
     const _root_index_node_dev_ root = root_of(ri);
     EXPECT_TRUE(IS_NORMAL_ROOT_INDEX(root.id));
-    EXPECT_EQ(1u << 5, root.record_type) << "the root summary follows what is left";
+    EXPECT_EQ(1u << 5, record_type_of(root)) << "the root summary follows what is left";
     EXPECT_EQ(free_before + gone.blocks.size(), fs_->manage().free_block);
     for (uint32_t block : gone.blocks)
         expect_type(block, QZFS_BLOCK_FREE, "deleted segment");
