@@ -11,6 +11,7 @@
 #include "qzfs_manager.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -377,6 +378,37 @@ TEST_F(SegmentDelete, BlockOfAnotherDayStaysAllocated)
     for (uint32_t block : b.blocks)
         expect_type(block, block == foreign ? QZFS_BLOCK_DATA : QZFS_BLOCK_FREE, "mixed days");
     EXPECT_EQ(info.day, read_table_record(image_, bs(), fs_->manage().key_block, foreign).day);
+    expect_journal_clear("after the delete");
+}
+
+TEST_F(SegmentDelete, BlockRecordsComeFromTheFirstSoundPlace)
+{
+    const uint32_t ri = make_root(para_at(8, 0, 0));
+    const Built b = add_segment(ri, para_at(8, 0, 0), 3 * kPerBlock);
+    add_segment(ri, para_at(11, 0, 0), 5);  // keeps the root alive
+    const unsigned long key = fs_->manage().key_block, bak = fs_->manage().bak_key_block;
+    const unsigned day = offsetof(_qzfs_block_info_, day);
+    // Block 0: a torn primary record whose day is wrong; the backup is sound
+    // and names the segment's day, so the block goes.
+    damage_byte(image_, table_record_offset(bs(), key, b.blocks[0]) + day);
+    // Block 1: both tables torn, the block's own head names another day, so
+    // the block stays.
+    damage_byte(image_, table_record_offset(bs(), key, b.blocks[1]) + day);
+    damage_byte(image_, table_record_offset(bs(), bak, b.blocks[1]) + day);
+    _qzfs_block_info_ head = read_block_head(image_, bs(), b.blocks[1]);
+    head.day = uint8_t(head.day + 1);
+    qzfs_block_info_seal(&head);
+    std::vector<unsigned char> raw(sizeof(head));
+    memcpy(raw.data(), &head, sizeof(head));
+    write_bytes(image_, (unsigned long long)b.blocks[1] * bs(), raw);
+    const unsigned long free_before = fs_->manage().free_block;
+
+    EXPECT_EQ(0, delete_by_time(b, at(8, 0, 0), 1));
+
+    expect_type(b.blocks[0], QZFS_BLOCK_FREE, "sound backup record");
+    EXPECT_TRUE(fs_->block_bit_is_set(b.blocks[1])) << "own head of another day";
+    expect_type(b.blocks[2], QZFS_BLOCK_FREE, "sound primary record");
+    EXPECT_EQ(free_before + 2, fs_->manage().free_block);
     expect_journal_clear("after the delete");
 }
 
