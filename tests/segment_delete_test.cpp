@@ -11,6 +11,7 @@
 #include "qzfs_manager.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -80,6 +81,13 @@ uint32_t u32(const void* p)
 {
     uint32_t v;
     memcpy(&v, p, 4);
+    return v;
+}
+
+unsigned record_type_of(const _root_index_node_dev_& root)
+{
+    uint16_t v;
+    memcpy(&v, &root.record_type, 2);
     return v;
 }
 
@@ -231,9 +239,9 @@ protected:
             read_bytes(image_, (unsigned long long)block * bs() + 4096, 84);
         _root_index_header_dev_ header;
         memcpy(&header, raw.data(), sizeof(header));
-        EXPECT_EQ(QZFS_ROOT_INDEX_MAGIC, header.magic) << what;
-        EXPECT_EQ(QZFS_ACTION_NONE, header.action) << what;
-        EXPECT_EQ(0u, header.crc) << what;
+        EXPECT_EQ(QZFS_ROOT_INDEX_MAGIC, u32(&header.magic)) << what;
+        EXPECT_EQ(QZFS_ACTION_NONE, u32(&header.action)) << what;
+        EXPECT_EQ(0u, u32(&header.crc)) << what;
         EXPECT_EQ(std::vector<uint8_t>(64, 0),
                   std::vector<uint8_t>(header.action_data, header.action_data + 64))
             << what;
@@ -318,7 +326,7 @@ TEST_F(SegmentDelete, WholeDeleteOfOneOfTwoSegmentsKeepsTheOtherAndTheRoot)
     const uint32_t ri = make_root(para_at(8, 0, 0));
     const Built gone = add_segment(ri, para_at(8, 0, 0, 3), 3 * kPerBlock);
     const Built kept = add_segment(ri, para_at(9, 30, 0, 5), 2 * kPerBlock + 1);
-    ASSERT_EQ((1u << 3) | (1u << 5), root_of(ri).record_type);
+    ASSERT_EQ((1u << 3) | (1u << 5), record_type_of(root_of(ri)));
     const unsigned long free_before = fs_->manage().free_block;
 
     // A moment before the first I-frame also takes the whole segment.
@@ -328,7 +336,7 @@ TEST_F(SegmentDelete, WholeDeleteOfOneOfTwoSegmentsKeepsTheOtherAndTheRoot)
     expect_same_segment(kept.node, node_of(kept), "the other segment");
     const _root_index_node_dev_ root = root_of(ri);
     EXPECT_TRUE(IS_NORMAL_ROOT_INDEX(root.id));
-    EXPECT_EQ(1u << 5, root.record_type) << "the root summary follows what is left";
+    EXPECT_EQ(1u << 5, record_type_of(root)) << "the root summary follows what is left";
     EXPECT_EQ(free_before + gone.blocks.size(), fs_->manage().free_block);
     for (uint32_t block : gone.blocks)
         expect_type(block, QZFS_BLOCK_FREE, "deleted segment");
@@ -370,6 +378,37 @@ TEST_F(SegmentDelete, BlockOfAnotherDayStaysAllocated)
     for (uint32_t block : b.blocks)
         expect_type(block, block == foreign ? QZFS_BLOCK_DATA : QZFS_BLOCK_FREE, "mixed days");
     EXPECT_EQ(info.day, read_table_record(image_, bs(), fs_->manage().key_block, foreign).day);
+    expect_journal_clear("after the delete");
+}
+
+TEST_F(SegmentDelete, BlockRecordsComeFromTheFirstSoundPlace)
+{
+    const uint32_t ri = make_root(para_at(8, 0, 0));
+    const Built b = add_segment(ri, para_at(8, 0, 0), 3 * kPerBlock);
+    add_segment(ri, para_at(11, 0, 0), 5);  // keeps the root alive
+    const unsigned long key = fs_->manage().key_block, bak = fs_->manage().bak_key_block;
+    const unsigned day = offsetof(_qzfs_block_info_, day);
+    // Block 0: a torn primary record whose day is wrong; the backup is sound
+    // and names the segment's day, so the block goes.
+    damage_byte(image_, table_record_offset(bs(), key, b.blocks[0]) + day);
+    // Block 1: both tables torn, the block's own head names another day, so
+    // the block stays.
+    damage_byte(image_, table_record_offset(bs(), key, b.blocks[1]) + day);
+    damage_byte(image_, table_record_offset(bs(), bak, b.blocks[1]) + day);
+    _qzfs_block_info_ head = read_block_head(image_, bs(), b.blocks[1]);
+    head.day = uint8_t(head.day + 1);
+    qzfs_block_info_seal(&head);
+    std::vector<unsigned char> raw(sizeof(head));
+    memcpy(raw.data(), &head, sizeof(head));
+    write_bytes(image_, (unsigned long long)b.blocks[1] * bs(), raw);
+    const unsigned long free_before = fs_->manage().free_block;
+
+    EXPECT_EQ(0, delete_by_time(b, at(8, 0, 0), 1));
+
+    expect_type(b.blocks[0], QZFS_BLOCK_FREE, "sound backup record");
+    EXPECT_TRUE(fs_->block_bit_is_set(b.blocks[1])) << "own head of another day";
+    expect_type(b.blocks[2], QZFS_BLOCK_FREE, "sound primary record");
+    EXPECT_EQ(free_before + 2, fs_->manage().free_block);
     expect_journal_clear("after the delete");
 }
 

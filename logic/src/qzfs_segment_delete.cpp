@@ -282,7 +282,7 @@ scan_step scan_iframe(CQzFileSystem& fs, segment_delete& job, const _iframe_inde
         // A head cut takes the first I-frame as C at once; the list then
         // collects every block up to E.
         job.cut = place(n, i);
-        job.blocks.assign(1, n.block_num);
+        job.blocks.assign(1, uint32_t(n.block_num));
     }
     if (job.backwards == 0 && reached) {
         job.end = place(n, i);
@@ -315,7 +315,7 @@ scan_step scan_entry(CQzFileSystem& fs, segment_delete& job, const _iframe_index
             QZLOG("can not find frist iframe index");
             return SCAN_FAIL;
         }
-        job.blocks.push_back(n.block_num);
+        job.blocks.push_back(uint32_t(n.block_num));
         return SCAN_ON;
     }
     if (n.id != IFRAME_INDEX_ID_IFRAME) {
