@@ -90,6 +90,57 @@ TEST(Tool, IndexAddEntriesAreListedByInfoIndex)
     EXPECT_NE(0, run_tool("info " + image + " --segments 7").status);  // no such entry
 }
 
+TEST(Tool, RecordWritesOneSegmentPerChannel)
+{
+    ScratchDir dir;
+    std::string image = dir.path("rec.img");
+    ASSERT_EQ(0, run_tool("format " + image + " --size 3G").status);
+    CommandResult rec =
+        run_tool("record " + image + " --channels 2 --seconds 10 --start 2026-11-21T08:00:00");
+    ASSERT_EQ(0, rec.status) << rec.output;
+    EXPECT_TRUE(contains(rec.output, "channel 0: root index entry 0, segment 0\n")) << rec.output;
+    EXPECT_TRUE(contains(rec.output, "channel 1: root index entry 1, segment 0\n")) << rec.output;
+    // 4 Mbit/s is 500000 bytes a second of each channel.
+    EXPECT_TRUE(contains(rec.output, "recorded 2 channels x 10 s from 2026-11-21 08:00:00: "
+                                     "10000000 bytes in "))
+        << rec.output;
+
+    CommandResult info = run_tool("info " + image + " --index");
+    ASSERT_EQ(0, info.status) << info.output;
+    EXPECT_TRUE(contains(info.output, "  0      2026-11-21    0      0  ")) << info.output;
+    EXPECT_TRUE(contains(info.output, "  1      2026-11-21    1      0  ")) << info.output;
+    EXPECT_TRUE(contains(info.output, "  2 used\n")) << info.output;
+
+    info = run_tool("info " + image + " --segments 0");
+    ASSERT_EQ(0, info.status) << info.output;
+    // From the first I-frame at 08:00:00 to the last at 08:00:09.
+    EXPECT_TRUE(contains(info.output, "  0      08:00:00 08:00:09        5000000 ")) << info.output;
+    EXPECT_TRUE(contains(info.output, "  1 segments\n")) << info.output;
+
+    // A second recording of the same day adds a segment to each entry.
+    rec = run_tool("record " + image + " --channels 1 --seconds 3 --start 2026-11-21T09:30:00 "
+                   "--bitrate 1000000");
+    ASSERT_EQ(0, rec.status) << rec.output;
+    EXPECT_TRUE(contains(rec.output, "channel 0: root index entry 0, segment 1\n")) << rec.output;
+    info = run_tool("info " + image + " --segments 0");
+    EXPECT_TRUE(contains(info.output, "  1      09:30:00 09:30:02         374988 ")) << info.output;
+
+    const std::string bad_calls[] = {
+        "record " + image + " --seconds 10",                                   // no channels
+        "record " + image + " --channels 2",                                   // no length
+        "record " + image + " --channels 2 --seconds 10 --start 2026-11-21",   // no time
+        "record " + image + " --channels 1 --seconds 20 --start 2026-11-21T23:59:50",  // midnight
+        "record " + image + " --channels 1 --seconds 5 --bitrate 1000",        // too slow
+        "record " + dir.path("none.img") + " --channels 1 --seconds 5",        // no image
+    };
+    for (const std::string& args : bad_calls) {
+        SCOPED_TRACE(args);
+        CommandResult run = run_tool(args);
+        EXPECT_NE(0, run.status) << run.output;
+        EXPECT_TRUE(contains(run.output, "qzfs: ")) << run.output;
+    }
+}
+
 TEST(Tool, FailuresExitNonZeroWithOneLineReason)
 {
     ScratchDir dir;

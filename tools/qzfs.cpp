@@ -1,5 +1,6 @@
 // qzfs: the host tool. Formats, mounts and inspects disks or disk images
 // through the library, from a shell.
+#include "frame_source.h"
 #include "qzfilesystem.h"
 #include "qzfilesystem_api.h"
 #include "qzfs_datetime.h"
@@ -8,11 +9,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <ctime>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -45,6 +48,12 @@ const char* USAGE =
     "      add a closed stream segment of S seconds to a root index entry, with\n"
     "      one I-frame a second in its I-frame index and a data block taken for\n"
     "      every eight (index entries only: no frames are written)\n"
+    "  record IMAGE --channels N --seconds S [--bitrate B]\n"
+    "         [--start YYYY-MM-DDTHH:MM:SS]\n"
+    "      record S seconds of synthetic frames (25 a second, an I-frame each\n"
+    "      second) on channels 0 to N-1, one new stream segment a channel, as\n"
+    "      fast as the disk takes them; B is each channel's rate in bits a\n"
+    "      second (default 4000000), the start local time (default now)\n"
     "  test IMAGE\n"
     "      write, read back and free one block of a mounted disk\n"
     "  rebuild-shell IMAGE\n"
@@ -630,6 +639,232 @@ int verb_segment_add(const Args& args)
     return 0;
 }
 
+// Reads "YYYY-MM-DDTHH:MM:SS" (a space may stand for the T).
+bool parse_date_time(const std::string& text, _k4t_fs_date_time_& out)
+{
+    unsigned year, month, day, hour, minute, second;
+    char sep, tail;
+    if (sscanf(text.c_str(), "%4u-%2u-%2u%c%2u:%2u:%2u%c", &year, &month, &day, &sep, &hour,
+               &minute, &second, &tail) != 7 ||
+        (sep != 'T' && sep != ' '))
+        return false;
+    unsigned char days = 0;
+    if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
+        Get_max_day((unsigned char)(year - 2000), (unsigned char)month, &days) != 1 || day > days ||
+        hour > 23 || minute > 59 || second > 59)
+        return false;
+    out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, (uint8_t)hour,
+           (uint8_t)minute,        (uint8_t)second, 0};
+    return true;
+}
+
+// The local time now, as a recorder's clock shows it.
+bool local_now(_k4t_fs_date_time_& out)
+{
+    time_t now = time(nullptr);
+    struct tm tm;
+    if (localtime_r(&now, &tm) == nullptr || tm.tm_year < 100 || tm.tm_year > 199)
+        return false;
+    out = {(uint8_t)(tm.tm_year - 100), (uint8_t)(tm.tm_mon + 1), (uint8_t)tm.tm_mday,
+           (uint8_t)tm.tm_hour,         (uint8_t)tm.tm_min,       (uint8_t)tm.tm_sec,
+           (uint8_t)(tm.tm_isdst > 0 ? 1 : 0)};
+    return true;
+}
+
+// Frame sizes for `bitrate` bits a second: a GOP of one second, the I-frame
+// four times a P-frame, headers and records included.
+FrameSourceConfig frames_for_bitrate(uint8_t channel, unsigned long bitrate,
+                                     const _k4t_fs_date_time_& start)
+{
+    FrameSourceConfig config;
+    config.channel = channel;
+    config.fps = 25;
+    config.gop = 25;
+    const unsigned long overhead = config.fps * (12 + FrameSource::kRecordBytes);
+    const unsigned long pframe = (bitrate / 8 - overhead) / (config.gop - 1 + 4);
+    config.pframe_bytes = uint32_t(pframe);
+    config.iframe_bytes = uint32_t(pframe * 4);
+    config.start = start;
+    return config;
+}
+
+// One channel being recorded.
+struct Recording {
+    FrameSource source;
+    int fd = -1;
+    _k4t_stream_segment_id_ id = {};
+    explicit Recording(const FrameSourceConfig& config) : source(config) {}
+};
+
+// Closes the channels' segments, leaves the group and unmounts.
+void end_recording(std::vector<Recording>& channels)
+{
+    for (Recording& r : channels)
+        if (r.fd > 0)
+            api_qzfs_close_stream_segment(r.fd);
+    api_qzfs_delete_disk_from_group(TOOL_HDD_ID, 0);
+    api_qzfs_umount(TOOL_HDD_ID);
+}
+
+// Group 0 holds the tool's disk alone; recording stays on it while more
+// than a hundredth of it (50 MiB at least) is free.
+int choose_disk_for_recording(const std::string& path)
+{
+    _qzfs_k4t_hdd_info_ info = {};
+    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
+    const unsigned long long size = (unsigned long long)info.total_num * info.block_size;
+    const unsigned long long free = (unsigned long long)info.free_num * info.block_size;
+    _qzfs_k4t_hdd_overwrite_config_ config;
+    config.reserve_free_size_for_record = std::max(0x3200000ULL, size / 100);
+    config.used_for_recording_free_size = config.reserve_free_size_for_record;
+    config.start_delete_free_size = config.reserve_free_size_for_record;
+    config.once_delete_size = 8ULL * info.block_size;
+    unsigned char hdd = 255;
+    if (api_qzfs_add_disk_to_group(TOOL_HDD_ID, 0) != 0)
+        return fail("cannot put %s in a recording group", path);
+    if (api_qzfs_config_overwrite(0, &config) != 0 || api_qzfs_find_work_hdd(0, &hdd) != 0 ||
+        hdd != TOOL_HDD_ID)
+        return fail("%s has no room to record", path + " (" + std::to_string(free >> 20) +
+                                                     " MiB free, more than " +
+                                                     std::to_string(config.used_for_recording_free_size >> 20) +
+                                                     " MiB needed)");
+    return 0;
+}
+
+// Prints how far the recording has come, at most once a wall second.
+class Progress {
+public:
+    explicit Progress(unsigned seconds) : total_(seconds), tty_(isatty(1) != 0) {}
+    void update(unsigned done, unsigned long long bytes)
+    {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - last_ < std::chrono::seconds(1))
+            return;
+        last_ = now;
+        shown_ = true;
+        printf("recording: %u of %u seconds, %llu MiB%s", done, total_, bytes >> 20,
+               tty_ ? "\r" : "\n");
+        fflush(stdout);
+    }
+    // Clears a progress line left on a terminal.
+    void finish()
+    {
+        if (shown_ && tty_)
+            printf("%60s\r", "");
+    }
+
+private:
+    unsigned total_;
+    bool tty_;
+    bool shown_ = false;
+    std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+};
+
+int verb_record(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--channels", "--seconds", "--bitrate", "--start"}, error))
+        return fail("%s", error);
+    if (args.positional.size() != 1)
+        return fail("record takes one IMAGE");
+    unsigned count = 0, seconds = 0, bitrate = 0;
+    if (args.option("--channels") == nullptr ||
+        !number_option(args, "--channels", 255, 0, count) || count == 0)
+        return fail("record needs --channels N (1 to 255)");
+    if (args.option("--seconds") == nullptr ||
+        !number_option(args, "--seconds", 86400, 0, seconds) || seconds == 0)
+        return fail("record needs --seconds S (1 to 86400)");
+    if (!number_option(args, "--bitrate", 50000000, 4000000, bitrate) || bitrate < 64000)
+        return fail("--bitrate takes 64000 to 50000000 bits a second");
+    _k4t_fs_date_time_ start;
+    const std::string* start_text = args.option("--start");
+    if (start_text != nullptr ? !parse_date_time(*start_text, start) : !local_now(start))
+        return fail("--start takes a local time YYYY-MM-DDTHH:MM:SS (2000 to 2099)");
+    const unsigned first = start.hour * 3600u + start.minute * 60u + start.second;
+    if (first + seconds > 86400)
+        return fail("the recording would run past midnight; start earlier or record less");
+
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    std::vector<Recording> channels;
+    channels.reserve(count);
+    if (choose_disk_for_recording(path) != 0) {
+        end_recording(channels);
+        return 1;
+    }
+    for (unsigned c = 0; c < count; c++) {
+        channels.emplace_back(frames_for_bitrate(uint8_t(c), bitrate, start));
+        _qzfs_k4t_create_ss_para_ para;
+        memset(&para, 0, sizeof(para));
+        para.year = start.year;
+        para.month = start.month;
+        para.day = start.day;
+        para.hour = start.hour;
+        para.minute = start.minute;
+        para.second = start.second;
+        para.dst = start.dst;
+        para.channel = uint8_t(c);
+        para.group_id = 0;
+        Recording& r = channels.back();
+        r.fd = api_qzfs_create_stream_segment(&para);
+        if (r.fd <= 0 || api_qzfs_get_fd_info(r.fd, &r.id) != 0) {
+            end_recording(channels);
+            return fail("cannot start recording channel %s (disk full or too many streams?)",
+                        std::to_string(c));
+        }
+    }
+
+    // The channels take turns, a frame each, as a recorder's channels
+    // deliver them, and the simulated clock runs as the frames say.
+    const auto began = std::chrono::steady_clock::now();
+    Progress progress(seconds);
+    unsigned long long bytes = 0;
+    FrameBatch batch;
+    const unsigned fps = channels.front().source.config().fps;
+    for (unsigned long frame = 0; frame < (unsigned long)seconds * fps; frame++) {
+        for (Recording& r : channels) {
+            batch.clear();
+            r.source.append_frame(batch);
+            const int len = int(batch.bytes.size());
+            if (api_qzfs_write_video_data(r.fd, batch.bytes.data(), len, int(batch.infos.size()),
+                                          batch.infos.empty() ? nullptr : batch.infos.data()) != len) {
+                progress.finish();
+                const unsigned at = first + unsigned(frame / fps);
+                char when[16];
+                snprintf(when, sizeof(when), "%02u:%02u:%02u", at / 3600, at / 60 % 60, at % 60);
+                end_recording(channels);
+                return fail("writing failed (disk full?) %s",
+                            "on channel " + std::to_string(r.source.config().channel) + " at " +
+                                when + "; what came before is kept");
+            }
+            bytes += (unsigned long long)len;
+        }
+        if (frame % fps == fps - 1)
+            progress.update(unsigned(frame / fps) + 1, bytes);
+    }
+    progress.finish();
+    int failed_close = 0;
+    for (Recording& r : channels) {
+        if (api_qzfs_close_stream_segment(r.fd) != 0)
+            failed_close++;
+        r.fd = -1;
+    }
+    const double wall =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    end_recording(channels);
+    if (failed_close != 0)
+        return fail("closing %s segments failed", std::to_string(failed_close));
+    for (const Recording& r : channels)
+        printf("channel %u: root index entry %u, segment %u\n", r.source.config().channel,
+               r.id.root_index, r.id.stream_segment_index);
+    printf("recorded %u channels x %u s from 20%02u-%02u-%02u %02u:%02u:%02u: %llu bytes in %.2f s "
+           "(%.1f MB/s)\n",
+           count, seconds, start.year, start.month, start.day, start.hour, start.minute,
+           start.second, bytes, wall, wall > 0 ? double(bytes) / wall / 1e6 : 0.0);
+    return 0;
+}
+
 int verb_test(const Args& args)
 {
     std::string error;
@@ -707,6 +942,8 @@ int main(int argc, char** argv)
         rc = verb_index_add(args);
     else if (verb == "segment-add")
         rc = verb_segment_add(args);
+    else if (verb == "record")
+        rc = verb_record(args);
     else if (verb == "test")
         rc = verb_test(args);
     else if (verb == "rebuild-shell")
