@@ -9,6 +9,7 @@
 #include "qzfs_disk_format.h"
 #include "qzfs_index_format.h"
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -397,6 +398,9 @@ public:
     int Write_video_data_unit(_opened_stream_segment_* oss, uint8_t* buffer, int len,
                               int frame_num, _k4t_video_frame_info_* frame_info);
     int Write_iframe_index(_write_stream_segment_* wss, bool take_lock);
+    // Runs the device sync that a writer's index flush found due; called
+    // without the disk lock.
+    void sync_device_if_due();
     int fsync_segment_data(_opened_stream_segment_* oss);
     int fsync_stream_segment(_opened_stream_segment_* oss);
     int Close_writing_stream_segment(_opened_stream_segment_* oss);
@@ -484,6 +488,11 @@ private:
     // Guards the open map's structure: writers and readers look up their own
     // record without the disk lock while other descriptors come and go.
     std::mutex m_open_map_lock;
+    // Set (under the disk lock) while a writer flushes its I-frame list: the
+    // periodic device sync is then only marked due, and run by that writer
+    // after it has let the disk lock go.
+    bool m_defer_device_sync = false;
+    std::atomic<bool> m_device_sync_due{false};
 };
 
 // Byte-order edges of the index records: with equal orders they only copy.

@@ -424,6 +424,12 @@ int CQzFileSystem::Add_iframe_index(uint32_t* num, uint32_t** list, unsigned lon
         (now < m_last_sync_second && m_last_sync_second - now < 60))
         return 0;
     m_last_sync_second = now;
+    // A writer's flush leaves the sync to its own thread once the disk lock
+    // is released, so that other channels do not wait behind it.
+    if (m_defer_device_sync) {
+        m_device_sync_due = true;
+        return 0;
+    }
     QZLOG_ABOVE(3, "start sync %s(%d:%d:%d)", m_dev_path.c_str(), last.hour, last.minute,
                 last.second);
     qzfs_sync(m_pIo_interface);

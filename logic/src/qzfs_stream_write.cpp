@@ -111,6 +111,8 @@ int open_data_block(CQzFileSystem& fs, _opened_stream_segment_* oss, bool take_d
         qzfs_unlock(wss->lock);
         *block = uint32_t(taken);
     }
+    if (take_disk_lock)
+        fs.sync_device_if_due();
     if (qzfs_seek(oss->io_channel, *block, QZFS_DATA_BLOCK_HEAD) != 0) {
         QZLOG_AS("Write_video_data_free", "m_pIo_interface->Llseek failed(block_index:%ld)",
                  long(*block));
@@ -212,10 +214,15 @@ int flush_if_due(CQzFileSystem& fs, _write_stream_segment_* wss, bool take_disk_
 {
     if (wss->iframe_list_ptr < FS_IFI_BUFFER_NUM && wss->iframe_left_num < 3)
         return 0;
-    OptionalDiskLock disk(fs, take_disk_lock);
-    qzfs_lock(wss->lock);
-    int result = fs.Write_iframe_index(wss, false);
-    qzfs_unlock(wss->lock);
+    int result;
+    {
+        OptionalDiskLock disk(fs, take_disk_lock);
+        qzfs_lock(wss->lock);
+        result = fs.Write_iframe_index(wss, false);
+        qzfs_unlock(wss->lock);
+    }
+    if (take_disk_lock)
+        fs.sync_device_if_due();
     if (result != 0)
         QZLOG_AS("Write_video_data_free",
                  "((pWss->iframe_list_ptr >= FS_IFI_BUFFER_NUM) && (Write_iframe_index(pWss) != 0))");
@@ -433,12 +440,14 @@ int CQzFileSystem::Write_iframe_index(_write_stream_segment_* wss, bool take_loc
     if (wss->iframe_list_ptr != 0) {
         const _k4t_fs_date_time_& dt = wss->date_time;
         const uint8_t date_time[6] = {dt.year, dt.month, dt.day, dt.hour, dt.minute, dt.second};
+        m_defer_device_sync = true;
         if (Add_iframe_index(&wss->iframe_block_num, &wss->iframe_block_list,
                              wss->iframe_written_num + wss->data_block_num, wss->iframe_list,
                              wss->iframe_list_ptr, date_time) != 0) {
             QZLOG("Add_iframe_index failed");
             result = -1;
         }
+        m_defer_device_sync = false;
     }
     if (result == 0) {
         wss->iframe_written_num += wss->iframe_buffered_num;
@@ -448,6 +457,15 @@ int CQzFileSystem::Write_iframe_index(_write_stream_segment_* wss, bool take_loc
     if (take_lock)
         qzfs_unlock(wss->lock);
     return result;
+}
+
+void CQzFileSystem::sync_device_if_due()
+{
+    if (!m_device_sync_due.exchange(false))
+        return;
+    QZLOG_ABOVE(3, "start sync %s", m_dev_path.c_str());
+    qzfs_sync(m_pIo_interface);
+    QZLOG_ABOVE(3, "end sync %s", m_dev_path.c_str());
 }
 
 // ------------------------------------------------------- flush and close
@@ -481,6 +499,7 @@ int CQzFileSystem::fsync_stream_segment(_opened_stream_segment_* oss)
 {
     int result = 0;
     if (m_pIo_interface != nullptr) {
+        m_device_sync_due = false;
         QZLOG_ABOVE(3, "start sync m dev handle!");
         result |= qzfs_sync(m_pIo_interface);
         QZLOG_ABOVE(3, "end sync m dev handle!");
