@@ -279,16 +279,7 @@ Measure run_library(const std::string& path, const std::vector<Channel>& channel
         die("the disk was not chosen for recording");
     std::vector<int> fds;
     for (const Channel& ch : channels) {
-        _qzfs_k4t_create_ss_para_ para;
-        memset(&para, 0, sizeof(para));
-        para.year = kStart.year;
-        para.month = kStart.month;
-        para.day = kStart.day;
-        para.hour = kStart.hour;
-        para.minute = kStart.minute;
-        para.second = kStart.second;
-        para.channel = ch.id;
-        para.group_id = 0;
+        _qzfs_k4t_create_ss_para_ para = recording_request(ch.id, 0, kStart);
         int fd = api_qzfs_create_stream_segment(&para);
         if (fd <= 0)
             die("cannot create a stream segment", "channel " + std::to_string(ch.id));

@@ -62,14 +62,14 @@ void read_segment(CQzFileSystem* fs, const std::string& image, uint32_t root, ui
     const uint64_t block_size = fs->manage().block_size;
     const uint64_t len = out.node.len_in_bytes;
     out.entries.push_back(log[start - 1]);
-    out.blocks.push_back(log[start].block_num);
+    out.blocks.push_back(uint32_t(log[start].block_num));
     // Bytes of the stream up to the end of the blocks listed so far.
     uint64_t covered = block_size - log[start].block_offset;
     for (size_t i = start; i < log.size(); i++) {
         if (log[i].id == IFRAME_INDEX_ID_BLOCK) {
             if (covered >= len)
                 break;
-            out.blocks.push_back(log[i].block_num);
+            out.blocks.push_back(uint32_t(log[i].block_num));
             covered += block_size - 4096;
         } else if (log[i].stream_segment_offset >= len) {
             break;
@@ -112,11 +112,11 @@ void expect_segment_matches(CQzFileSystem* fs, const std::string& image,
     uint32_t ordinal = disk.entries.front().block_offset;
     for (const _iframe_index_node_dev_& e : disk.entries) {
         if (e.id == IFRAME_INDEX_ID_BLOCK) {
-            EXPECT_EQ(ordinal++, e.block_offset) << "block entries count the blocks";
-            EXPECT_EQ(1u, e.pts_high) << "share count";
+            EXPECT_EQ(ordinal++, uint32_t(e.block_offset)) << "block entries count the blocks";
+            EXPECT_EQ(1u, uint32_t(e.pts_high)) << "share count";
             _qzfs_block_info_ head = read_block_head(image, block_size, e.block_num);
             EXPECT_EQ(QZFS_BLOCK_DATA, head.block_type);
-            EXPECT_EQ(uint16_t(e.block_offset), head.block_index);
+            EXPECT_EQ(uint16_t(e.block_offset), uint16_t(head.block_index));
             continue;
         }
         ASSERT_LT(next_iframe, written.iframes.size()) << "more I-frames on disk than written";
@@ -124,9 +124,9 @@ void expect_segment_matches(CQzFileSystem* fs, const std::string& image,
         EXPECT_EQ(f.hour, e.hour);
         EXPECT_EQ(f.minute, e.minute);
         EXPECT_EQ(f.second, e.second);
-        EXPECT_EQ(f.pts_high, e.pts_high);
-        EXPECT_EQ(f.pts_low, e.pts_low);
-        EXPECT_EQ(uint64_t(f.offset - first.offset), e.stream_segment_offset);
+        EXPECT_EQ(f.pts_high, uint32_t(e.pts_high));
+        EXPECT_EQ(f.pts_low, uint32_t(e.pts_low));
+        EXPECT_EQ(uint64_t(f.offset - first.offset), uint64_t(e.stream_segment_offset));
         std::vector<unsigned char> at = read_bytes(image, e.block_num * block_size + e.block_offset, 4);
         EXPECT_TRUE(std::equal(at.begin(), at.end(), written.bytes.begin() + f.offset))
             << "I-frame " << next_iframe - 1 << " not where its entry says";
@@ -165,18 +165,7 @@ void RecordingTest::remount()
 _qzfs_k4t_create_ss_para_ RecordingTest::request(uint8_t channel, uint8_t stream_type,
                                                  const _k4t_fs_date_time_& start)
 {
-    _qzfs_k4t_create_ss_para_ p;
-    memset(&p, 0, sizeof(p));
-    p.year = start.year;
-    p.month = start.month;
-    p.day = start.day;
-    p.hour = start.hour;
-    p.minute = start.minute;
-    p.second = start.second;
-    p.channel = channel;
-    p.stream_type = stream_type;
-    p.group_id = 0;
-    return p;
+    return recording_request(channel, stream_type, start);
 }
 
 int RecordingTest::create(_qzfs_k4t_create_ss_para_ para, _k4t_stream_segment_id_* id)

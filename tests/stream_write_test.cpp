@@ -154,7 +154,7 @@ TEST_F(StreamWriteTest, BytesBeforeTheFirstIframeBelongToNoSegment)
 
     SegmentOnDisk disk;
     read_segment(fs_, image_, id.root_index, id.stream_segment_index, disk);
-    EXPECT_EQ(0u, disk.entries[1].stream_segment_offset);
+    EXPECT_EQ(0u, uint64_t(disk.entries[1].stream_segment_offset));
     EXPECT_EQ(5, disk.node.start_second) << "the start is the first I-frame's time";
     expect_segment_matches(fs_, image_, disk, written);
 }

@@ -4,6 +4,24 @@
 
 #include <cstring>
 
+_qzfs_k4t_create_ss_para_ recording_request(uint8_t channel, uint8_t stream_type,
+                                            const _k4t_fs_date_time_& start, int group)
+{
+    _qzfs_k4t_create_ss_para_ para;
+    memset(&para, 0, sizeof(para));
+    para.year = start.year;
+    para.month = start.month;
+    para.day = start.day;
+    para.hour = start.hour;
+    para.minute = start.minute;
+    para.second = start.second;
+    para.dst = start.dst;
+    para.channel = channel;
+    para.stream_type = stream_type;
+    para.group_id = group;
+    return para;
+}
+
 unsigned FrameSource::next_second_of_day() const
 {
     const _k4t_fs_date_time_& s = config_.start;

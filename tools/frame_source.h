@@ -30,6 +30,11 @@ struct FrameBatch {
     }
 };
 
+// The creation request that starts recording `channel` at `start`, in
+// group `group`: a normal segment, no name, record type 0.
+_qzfs_k4t_create_ss_para_ recording_request(uint8_t channel, uint8_t stream_type,
+                                            const _k4t_fs_date_time_& start, int group = 0);
+
 class FrameSource {
 public:
     explicit FrameSource(const FrameSourceConfig& config) : config_(config) {}

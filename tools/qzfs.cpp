@@ -795,17 +795,7 @@ int verb_record(const Args& args)
     }
     for (unsigned c = 0; c < count; c++) {
         channels.emplace_back(frames_for_bitrate(uint8_t(c), bitrate, start));
-        _qzfs_k4t_create_ss_para_ para;
-        memset(&para, 0, sizeof(para));
-        para.year = start.year;
-        para.month = start.month;
-        para.day = start.day;
-        para.hour = start.hour;
-        para.minute = start.minute;
-        para.second = start.second;
-        para.dst = start.dst;
-        para.channel = uint8_t(c);
-        para.group_id = 0;
+        _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(c), 0, start);
         Recording& r = channels.back();
         r.fd = api_qzfs_create_stream_segment(&para);
         if (r.fd <= 0 || api_qzfs_get_fd_info(r.fd, &r.id) != 0) {
