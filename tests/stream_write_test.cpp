@@ -30,6 +30,14 @@ FrameBatch pframe_of_size(uint8_t channel, uint32_t total)
     return batch;
 }
 
+// The default 25-frame-a-second stream of one channel.
+FrameSource channel_source(uint8_t channel)
+{
+    FrameSourceConfig config;
+    config.channel = channel;
+    return FrameSource(config);
+}
+
 class StreamWriteTest : public RecordingTest {
 protected:
     _opened_stream_segment_* open_record(int fd)
@@ -80,9 +88,7 @@ TEST_F(StreamWriteTest, AMinuteOfOneChannelReadsBackAfterRemount)
     _k4t_stream_segment_id_ id;
     int fd = create(request(3, 0, kMorning), &id);
     ASSERT_GT(fd, 0);
-    FrameSourceConfig config;
-    config.channel = 3;
-    FrameSource source(config);
+    FrameSource source = channel_source(3);
     WrittenStream written;
     record_seconds(fd, source, 60, written);
     ASSERT_GT(written.bytes.size(), 4 * fs_->manage().block_size) << "the minute spans blocks";
@@ -101,9 +107,7 @@ TEST_F(StreamWriteTest, CallEndingAtBlockEndAndFramesSplitOverBlocks)
 {
     _k4t_stream_segment_id_ id;
     int fd = create(request(1, 0, kMorning), &id);
-    FrameSourceConfig config;
-    config.channel = 1;
-    FrameSource source(config);
+    FrameSource source = channel_source(1);
     WrittenStream written;
     record_seconds(fd, source, 2, written);
     fill_block_exactly(fd, source, written);
@@ -170,9 +174,7 @@ TEST_F(StreamWriteTest, RubbishOverAWholeBlockMovesTheSegmentStart)
     for (int i = 0; i < 3; i++)
         ASSERT_EQ(int(rubbish.bytes.size()), write(fd, rubbish, written));
 
-    FrameSourceConfig config;
-    config.channel = 2;
-    FrameSource source(config);
+    FrameSource source = channel_source(2);
     FrameBatch first;
     source.append_frame(first);
     std::string log = expect_result_and_log(int(first.bytes.size()), "TOO MUCH RUBBISH DATA",
@@ -188,9 +190,7 @@ TEST_F(StreamWriteTest, EndTimeNeverMovesBack)
 {
     _k4t_stream_segment_id_ id;
     int fd = create(request(4, 0, kMorning), &id);
-    FrameSourceConfig config;
-    config.channel = 4;
-    FrameSource source(config);
+    FrameSource source = channel_source(4);
     WrittenStream written;
     record_seconds(fd, source, 3, written);  // 08:00:00 .. 08:00:02
     FrameBatch late;
@@ -261,9 +261,7 @@ TEST_F(StreamWriteTest, UnconfirmedPreRecordingIsDeletedAtClose)
     _k4t_stream_segment_id_ id;
     int fd = create(para, &id);
     EXPECT_EQ(PRE_RECORD_STREAM_SEGMENT_INDEX, open_record(fd)->ssi()->id);
-    FrameSourceConfig config;
-    config.channel = 7;
-    FrameSource source(config);
+    FrameSource source = channel_source(7);
     WrittenStream written;
     record_seconds(fd, source, 20, written);
     EXPECT_LT(fs_->manage().free_block, free_before - 1);
@@ -284,9 +282,7 @@ TEST_F(StreamWriteTest, HighStreamTypesMayStartWithoutFrameInfos)
     FrameBatch head = pframe_of_size(8, 2000);
     ASSERT_EQ(2000, api_qzfs_write_video_data(fd, head.bytes.data(), 2000, 0, nullptr));
     written.add(head);
-    FrameSourceConfig config;
-    config.channel = 8;
-    FrameSource source(config);
+    FrameSource source = channel_source(8);
     record_seconds(fd, source, 2, written);
     ASSERT_EQ(0, api_qzfs_close_stream_segment(fd));
     remount();
@@ -359,9 +355,7 @@ TEST_F(StreamWriteTest, FullDiskEndsTheRecordingAndKeepsWhatWasWritten)
 {
     _k4t_stream_segment_id_ id;
     int fd = create(request(10, 0, kMorning), &id);
-    FrameSourceConfig config;
-    config.channel = 10;
-    FrameSource source(config);
+    FrameSource source = channel_source(10);
     WrittenStream written;
     record_seconds(fd, source, 3, written);
     fill_block_exactly(fd, source, written);
