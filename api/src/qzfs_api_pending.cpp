@@ -35,44 +35,7 @@ int CQzfsApi::Qzfs_auto_unlock(_k4t_fs_date_time_*, int)
     return -1;
 }
 
-/* ---- Stream create, open, seek, close ----------------------------------- */
-
-int CQzfsApi::Qzfs_open_stream_segment(_k4t_stream_segment_id_*, uint16_t, uint32_t)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_open_stream_segment(_qzfs_k4t_stream_open_para_*, uint32_t)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_*)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_seek_stream_segment_by_time(int, _k4t_fs_date_time_*)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_seek_stream_segment_by_offset(int, long long, int)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_stream_segment_tell(int, long long*)
-{
-    return -1;
-}
-
 /* ---- Write and read ----------------------------------------------------- */
-
-int CQzfsApi::Qzfs_read_video_data(int, unsigned char*, int, unsigned char*)
-{
-    return -1;
-}
 
 int CQzfsApi::Qzfs_read_next_iframe(int, unsigned char**, int*, unsigned char*, unsigned char)
 {

@@ -2,6 +2,7 @@
 // what a descriptor names.
 #include "qzfilesystem.h"
 #include "qzfs_api.h"
+#include "qzfs_api_fd.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
 
@@ -9,12 +10,21 @@
 
 namespace {
 
-// A descriptor resolved to its disk and open record.
-struct resolved_fd {
-    int disk_ossid = -1;
-    CQzFileSystem* fs = nullptr;
-    _opened_stream_segment_* oss = nullptr;
-};
+bool frame_infos_valid(int ossfd, int len, int frame_num, const _k4t_video_frame_info_* infos)
+{
+    for (int i = 0; i < frame_num; i++) {
+        const _k4t_video_frame_info_& f = infos[i];
+        if (f.offset < uint32_t(len) && f.hour <= 23 && f.minute <= 59 && f.second <= 59)
+            continue;
+        QZLOG_AS("Qzfs_write_video_data",
+                 "INVALID PARAMETER(fd:%d)(len:%d)(offset:%ld)(%02d:%02d:%02d)", ossfd, len,
+                 long(f.offset), int(f.hour), int(f.minute), int(f.second));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
 
 // ossfd -> disk ossid -> disk -> open record. `func` names the caller in
 // the messages. The record is looked up without the disk lock: the caller
@@ -47,21 +57,6 @@ bool resolve_writer_fd(int ossfd, const char* func, resolved_fd& out)
     return false;
 }
 
-bool frame_infos_valid(int ossfd, int len, int frame_num, const _k4t_video_frame_info_* infos)
-{
-    for (int i = 0; i < frame_num; i++) {
-        const _k4t_video_frame_info_& f = infos[i];
-        if (f.offset < uint32_t(len) && f.hour <= 23 && f.minute <= 59 && f.second <= 59)
-            continue;
-        QZLOG_AS("Qzfs_write_video_data",
-                 "INVALID PARAMETER(fd:%d)(len:%d)(offset:%ld)(%02d:%02d:%02d)", ossfd, len,
-                 long(f.offset), int(f.hour), int(f.minute), int(f.second));
-        return false;
-    }
-    return true;
-}
-
-}  // namespace
 
 int CQzfsApi::Qzfs_create_stream_segment(_qzfs_k4t_create_ss_para_* para)
 {
@@ -160,7 +155,7 @@ int CQzfsApi::Qzfs_write_video_data(int ossfd, unsigned char* buffer, int len, i
               (unsigned long long)rss->already_read_len, len, (unsigned long long)live_len);
         return -1;
     }
-    return fd.fs->seek_write_video_data(fd.oss, reader, buffer, len, frame_num, frame_info);
+    return fd.fs->seek_write_video_data(reader, buffer, len, fd.oss);
 }
 
 int CQzfsApi::Qzfs_fsync(int ossfd)

@@ -129,4 +129,22 @@ void Destory_read_stream_segment(_read_stream_segment_** rss);
 // Checks a creation request; may clear its name. 0 or -1.
 int Check_qzfs_create_ss_para(_qzfs_k4t_create_ss_para_* para);
 
+// Length of a live writer's stream that readers may see: written bytes
+// less the head cut away and the bytes still held in its unit buffer. Read
+// under the writer's lock, as the writer moves it on without the disk lock.
+uint64_t writer_visible_len(_opened_stream_segment_* writer);
+
+// Finds the segment that `para` and `policy` name over the disks of its
+// groups and makes a reader record for it, placed at the moment asked for,
+// without a descriptor. 0 or -1.
+int Open_stream_segment(_qzfs_k4t_stream_open_para_* para, uint32_t read_flag,
+                        _fs_find_policy_ policy, _opened_stream_segment_** out);
+// Reads from descriptor `ossfd`, going on into the next segment when the
+// reader's flags ask for it. Bytes read, 0 at the end of data, -1.
+int Read_video_data(int ossfd, uint8_t* buffer, int len, uint8_t* new_segment);
+// Puts reader `new_oss` behind `ossfd` in place of `old_oss` (which may lie on
+// another disk) and closes the old one. 0, or -1 with the new one closed.
+int close_old_and_set_new_open_segment_info(int ossfd, _opened_stream_segment_* old_oss,
+                                            _opened_stream_segment_* new_oss);
+
 #endif

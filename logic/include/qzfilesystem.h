@@ -404,10 +404,56 @@ public:
     int fsync_segment_data(_opened_stream_segment_* oss);
     int fsync_stream_segment(_opened_stream_segment_* oss);
     int Close_writing_stream_segment(_opened_stream_segment_* oss);
-    // Overwrite at a companion reader's position (write-side seek).
-    int seek_write_video_data(_opened_stream_segment_* writer, _opened_stream_segment_* reader,
-                              uint8_t* buffer, int len, int frame_num,
-                              _k4t_video_frame_info_* frame_info);
+
+    // ---- finding a segment by time (qzfs_stream_find.cpp); disk lock held.
+    // 0 when a node of this disk became the candidate in `best` (id 255:
+    // none yet), else -1.
+    int Find_stream_segment(uint8_t channel, char* name, uint8_t stream_type,
+                            uint16_t record_type_bitmap, _k4t_fs_date_time_* when,
+                            _fs_find_policy_ policy, uint32_t* root_index,
+                            uint32_t* stream_segment_index, _stream_segment_index_node_men_* best,
+                            uint8_t* change_flag);
+
+    // ---- opening for reading (qzfs_stream_open.cpp); disk lock held.
+    // Fills the reader `oss` for segment `id` and places it at `where` (null:
+    // the segment's start). `writer` is the segment's live writer, or null.
+    int Open_stream_segment(const _k4t_stream_segment_id_* id, _k4t_fs_date_time_* where,
+                            _opened_stream_segment_* oss, _opened_stream_segment_* writer);
+
+    // ---- sequential read (qzfs_stream_read.cpp)
+    // Bytes read, 0 at the end of the data, -1 on failure. `writer` is the
+    // live writer of the segment, or null.
+    int Read_video_data(_opened_stream_segment_* oss, uint8_t* buffer, int len,
+                        _opened_stream_segment_* writer);
+    int Find_next_block_for_reading(_opened_stream_segment_* oss, _opened_stream_segment_* writer,
+                                    bool take_disk_lock);
+    // The logical end a reader may read to: its own node's length, or the
+    // live writer's length as far as it is on disk.
+    uint64_t reader_stream_limit(_opened_stream_segment_* oss, _opened_stream_segment_* writer);
+
+    // ---- overwrite behind a write-side seek (qzfs_stream_overwrite.cpp)
+    // Writes at the companion reader's position. Bytes written, 0 or -1.
+    int seek_write_video_data(_opened_stream_segment_* reader, uint8_t* buffer, int len,
+                              _opened_stream_segment_* writer);
+
+    // ---- seek by time (qzfs_stream_seek.cpp); disk lock held.
+    int Seek_stream_segment(_opened_stream_segment_* oss, _opened_stream_segment_* writer,
+                            _k4t_fs_date_time_* where, _fs_find_policy_ policy,
+                            unsigned long long pts);
+    int Find_iframe_index_fast(_stream_segment_index_node_dev_* node, uint32_t iframe_block_num,
+                               uint32_t* iframe_block_list, uint32_t start_iframe,
+                               _k4t_fs_date_time_* where, uint64_t stream_len,
+                               _fs_find_policy_ policy, _iframe_index_node_dev_* first,
+                               uint32_t* found_index, _iframe_index_node_dev_* found,
+                               uint64_t* found_offset, uint64_t pts);
+    int Find_iframe_index(uint32_t iframe_block_num, uint32_t* iframe_block_list,
+                          uint32_t start_iframe, _k4t_fs_date_time_* where, uint64_t stream_len,
+                          _fs_find_policy_ policy, _iframe_index_node_dev_* first,
+                          uint32_t* found_index, _iframe_index_node_dev_* found,
+                          uint64_t* found_offset, uint64_t pts);
+
+    // ---- seek by offset (qzfs_stream_seek_offset.cpp); disk lock held.
+    int Seek_stream_segment(_opened_stream_segment_* oss, long long offset, int whence);
 
     // ---- deletion by time (qzfs_segment_delete.cpp)
     int delete_stream_segment_by_time(unsigned long root_index, unsigned long stream_segment_index,

@@ -12,6 +12,7 @@
 
 class CQzFileSystem;
 struct _opened_stream_segment_;
+struct _stream_segment_index_node_men_;
 
 // Highest number of disk objects; hdd_id 255 means "none".
 const unsigned int QZFS_MAX_DISKS = 255;
@@ -85,6 +86,11 @@ public:
     int modify_disk_ossid(int slot, int value);
     // The open record behind a disk ossid, or null.
     _opened_stream_segment_* get_opening_stream_segment_info(int disk_ossid);
+    // The segment that `para` and `policy` choose over the disks of the
+    // groups named; 0 or -1. `best` receives its node.
+    int Find_stream_segment(_qzfs_k4t_stream_open_para_* para, _fs_find_policy_ policy,
+                            unsigned char* hdd_id, uint32_t* root_index,
+                            uint32_t* stream_segment_index, _stream_segment_index_node_men_* best);
 
     // The manager lock is taken only when gQzfsConfig.global_lock_enabled is 1.
     void manager_lock();

@@ -245,6 +245,15 @@ int CQzFileSystem::Close_reading_stream_segment(_opened_stream_segment_* oss)
     return 0;
 }
 
+uint64_t writer_visible_len(_opened_stream_segment_* writer)
+{
+    _write_stream_segment_* wss = writer->writer();
+    qzfs_lock(wss->lock);
+    const uint64_t len = writer->ssi()->len_in_bytes - wss->delete_len - wss->unit_len;
+    qzfs_unlock(wss->lock);
+    return len;
+}
+
 // A closing writer hands its readers what they need to go on alone: a
 // private copy of the I-frame chain and the final nodes.
 int CQzFileSystem::clear_read_stream_segment_writing_flag(_opened_stream_segment_* writer)

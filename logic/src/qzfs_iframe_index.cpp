@@ -12,6 +12,7 @@
 // units, into the disk's shared buffer or a private one, and find a node in
 // a unit with qzfs_iframe_offset_in_unit.
 #include "qzfilesystem.h"
+#include "qzfs_stream_support.h"
 #include "qzfs_datetime.h"
 #include "qzfs_device.h"
 #include "qzfs_log.h"
@@ -61,55 +62,6 @@ static _iframe_index_place_ place(const _iframe_index_node_dev_& node, uint32_t 
 }
 
 namespace {
-
-// Reads log nodes by position through whole units of `buffer_len` bytes,
-// loading a unit only when the position leaves the one in the buffer, so
-// that a walk in either direction reads each unit once.
-class iframe_log_reader {
-public:
-    enum { OK = 0, PAST_CHAIN = -1, READ_FAILED = -2 };
-
-    iframe_log_reader(CQzFileSystem& fs, uint32_t block_num, const uint32_t* list,
-                      unsigned char* buffer, unsigned long buffer_len)
-        : fs_(fs), block_num_(block_num), list_(list), buffer_(buffer), len_(buffer_len)
-    {
-        memset(&at_, 0, sizeof(at_));
-    }
-
-    // Node `index` in local byte order; its check sum is not yet tested.
-    int fetch(unsigned long index, _iframe_index_node_dev_* node)
-    {
-        if (!loaded_ || index < at_.unit_first_index || index > at_.unit_last_index) {
-            loaded_ = false;
-            Calculate_index_info(fs_.manage().block_size, QZFS_IFRAME_NODE_SIZE, index, len_,
-                                 &at_);
-            if (at_.its_block_num >= block_num_)
-                return PAST_CHAIN;
-            if (fs_.read_in_block(block(), at_.unit_offset, buffer_, len_) != 0)
-                return READ_FAILED;
-            loaded_ = true;
-        }
-        const unsigned char* slot =
-            buffer_ + qzfs_iframe_offset_in_unit(at_, uint32_t(index), len_);
-        Endian_trans_iframe_index(reinterpret_cast<const _iframe_index_node_dev_*>(slot),
-                                  fs_.manage().disk_endian, node, gLocal_endian);
-        return OK;
-    }
-
-    // The place of the unit last looked for, for messages.
-    long chain_position() const { return long(at_.its_block_num); }
-    long block() const { return long(list_[at_.its_block_num]); }
-    long unit_offset() const { return long(at_.unit_offset); }
-
-private:
-    CQzFileSystem& fs_;
-    uint32_t block_num_;
-    const uint32_t* list_;
-    unsigned char* buffer_;
-    unsigned long len_;
-    _qzfs_data_offset_ at_;
-    bool loaded_ = false;
-};
 
 // What a walk over the raw node sectors of a chain found.
 struct chain_walk {

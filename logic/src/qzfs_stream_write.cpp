@@ -4,6 +4,7 @@
 // the disk lock. The segment node changes in memory and reaches the disk at
 // the first I-frame (if its start moved) and at close.
 #include "qzfilesystem.h"
+#include "qzfs_stream_support.h"
 #include "qzfs_device.h"
 #include "qzfs_log.h"
 
@@ -19,26 +20,6 @@ unsigned second_of_day(uint8_t hour, uint8_t minute, uint8_t second)
     return hour * 3600u + minute * 60u + second;
 }
 
-// Holds the disk lock for a scope when asked to.
-class OptionalDiskLock {
-public:
-    OptionalDiskLock(CQzFileSystem& fs, bool take) : fs_(fs), held_(take)
-    {
-        if (held_)
-            fs_.disk_lock(1);
-    }
-    ~OptionalDiskLock()
-    {
-        if (held_)
-            fs_.disk_lock(0);
-    }
-    OptionalDiskLock(const OptionalDiskLock&) = delete;
-    OptionalDiskLock& operator=(const OptionalDiskLock&) = delete;
-
-private:
-    CQzFileSystem& fs_;
-    bool held_;
-};
 
 // Where one call stands while its passes go by.
 struct write_cursor {
@@ -300,7 +281,10 @@ int CQzFileSystem::Write_video_data_free(_opened_stream_segment_* oss, uint8_t* 
                                take_disk_lock != 0) != 0)
             return -1;
         if (wss->confirm_start_iframe) {
+            // Readers of the live segment read the length under this lock.
+            qzfs_lock(wss->lock);
             oss->ssi()->len_in_bytes += n - at.skip;
+            qzfs_unlock(wss->lock);
             at.skip = 0;
         }
         at.done += n;
@@ -401,6 +385,8 @@ int CQzFileSystem::Write_video_data(_opened_stream_segment_* oss, uint8_t* buffe
     }
     if (wss->confirm_start_iframe && frame_num > 0) {
         const _k4t_video_frame_info_& last = frame_info[frame_num - 1];
+        // Readers that search or seek copy the live node under this lock.
+        qzfs_lock(wss->lock);
         if (ssi->end_hour == QZFS_INVALID_END_HOUR ||
             second_of_day(ssi->end_hour, ssi->end_minute, ssi->end_second) <
                 second_of_day(last.hour, last.minute, last.second)) {
@@ -408,6 +394,7 @@ int CQzFileSystem::Write_video_data(_opened_stream_segment_* oss, uint8_t* buffe
             ssi->end_minute = last.minute;
             ssi->end_second = last.second;
         }
+        qzfs_unlock(wss->lock);
     }
     if (oss->root()->stream_type == 3 || oss->root()->stream_type == 4) {
         int synced;
@@ -535,12 +522,4 @@ int CQzFileSystem::Close_writing_stream_segment(_opened_stream_segment_* oss)
     qzfs_destroy_io_interface(oss->io_channel);
     oss->io_channel = nullptr;
     return 0;
-}
-
-int CQzFileSystem::seek_write_video_data(_opened_stream_segment_*, _opened_stream_segment_*,
-                                         uint8_t*, int, int, _k4t_video_frame_info_*)
-{
-    // Overwriting behind a write-side seek needs the companion reader, which
-    // no call of this library creates yet.
-    return -1;
 }

@@ -1,0 +1,24 @@
+// Turning a stream descriptor (ossfd) into its disk and open record, as
+// every flat stream call does first.
+#ifndef QZFS_API_FD_H
+#define QZFS_API_FD_H
+
+#include "opened_stream_segment.h"
+
+class CQzFileSystem;
+
+// A descriptor resolved to its disk and open record.
+struct resolved_fd {
+    int disk_ossid = -1;
+    CQzFileSystem* fs = nullptr;
+    _opened_stream_segment_* oss = nullptr;
+};
+
+// ossfd -> disk ossid -> disk -> open record. `func` names the caller in
+// the messages. The record is looked up without the disk lock: the caller
+// owns the descriptor.
+bool resolve_fd(int ossfd, const char* func, resolved_fd& out);
+// The same for a call that only a writer may make.
+bool resolve_writer_fd(int ossfd, const char* func, resolved_fd& out);
+
+#endif

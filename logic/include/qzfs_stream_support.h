@@ -1,0 +1,81 @@
+// Small pieces shared by the stream paths (write, read, seek, the I-frame
+// index): a scoped disk lock and a reader of I-frame log nodes by position.
+#ifndef QZFS_STREAM_SUPPORT_H
+#define QZFS_STREAM_SUPPORT_H
+
+#include "qzfilesystem.h"
+
+#include <cstring>
+
+// Holds the disk lock for a scope when asked to.
+class OptionalDiskLock {
+public:
+    OptionalDiskLock(CQzFileSystem& fs, bool take) : fs_(fs), held_(take)
+    {
+        if (held_)
+            fs_.disk_lock(1);
+    }
+    ~OptionalDiskLock()
+    {
+        if (held_)
+            fs_.disk_lock(0);
+    }
+    OptionalDiskLock(const OptionalDiskLock&) = delete;
+    OptionalDiskLock& operator=(const OptionalDiskLock&) = delete;
+
+private:
+    CQzFileSystem& fs_;
+    bool held_;
+};
+
+// Reads log nodes by position through whole units of `buffer_len` bytes,
+// loading a unit only when the position leaves the one in the buffer, so
+// that a walk in either direction reads each unit once.
+class iframe_log_reader {
+public:
+    enum { OK = 0, PAST_CHAIN = -1, READ_FAILED = -2 };
+
+    iframe_log_reader(CQzFileSystem& fs, uint32_t block_num, const uint32_t* list,
+                      unsigned char* buffer, unsigned long buffer_len)
+        : fs_(fs), block_num_(block_num), list_(list), buffer_(buffer), len_(buffer_len)
+    {
+        memset(&at_, 0, sizeof(at_));
+    }
+
+    // Node `index` in local byte order; its check sum is not yet tested.
+    int fetch(unsigned long index, _iframe_index_node_dev_* node)
+    {
+        if (!loaded_ || index < at_.unit_first_index || index > at_.unit_last_index) {
+            loaded_ = false;
+            Calculate_index_info(fs_.manage().block_size, QZFS_IFRAME_NODE_SIZE, index, len_,
+                                 &at_);
+            if (at_.its_block_num >= block_num_)
+                return PAST_CHAIN;
+            if (fs_.read_in_block(block(), at_.unit_offset, buffer_, len_) != 0)
+                return READ_FAILED;
+            loaded_ = true;
+        }
+        const unsigned char* slot =
+            buffer_ + qzfs_iframe_offset_in_unit(at_, uint32_t(index), len_);
+        Endian_trans_iframe_index(reinterpret_cast<const _iframe_index_node_dev_*>(slot),
+                                  fs_.manage().disk_endian, node, gLocal_endian);
+        return OK;
+    }
+
+    // The place of the unit last looked for, for messages.
+    long chain_position() const { return long(at_.its_block_num); }
+    long block() const { return long(list_[at_.its_block_num]); }
+    long unit_offset() const { return long(at_.unit_offset); }
+
+private:
+    CQzFileSystem& fs_;
+    uint32_t block_num_;
+    const uint32_t* list_;
+    unsigned char* buffer_;
+    unsigned long len_;
+    _qzfs_data_offset_ at_;
+    bool loaded_ = false;
+};
+
+
+#endif
