@@ -139,6 +139,25 @@ protected:
         EXPECT_EQ(0, api_qzfs_get_fd_info(fd, &id));
         return id;
     }
+    // Byte offset in the image of node `position` of root `root`'s I-frame log.
+    unsigned long long log_node_offset(uint32_t root, uint32_t position)
+    {
+        uint32_t ssi_num = 0, head = 0, num = 0;
+        uint32_t *ssi_list = nullptr, *chain = nullptr;
+        EXPECT_EQ(0, fs_->Get_stream_segment_index_block_list(root, &ssi_num, &ssi_list, &head));
+        EXPECT_EQ(0, fs_->Read_iframe_index_block_list(head, &num, &chain));
+        const unsigned long block_size = fs_->manage().block_size;
+        _qzfs_data_offset_ at;
+        Calculate_index_info(block_size, QZFS_IFRAME_NODE_SIZE, position, block_size, &at);
+        const unsigned long long offset =
+            at.its_block_num < num ? (unsigned long long)chain[at.its_block_num] * block_size +
+                                         at.unit_offset +
+                                         qzfs_iframe_offset_in_unit(at, position, block_size)
+                                   : 0;
+        delete[] ssi_list;
+        delete[] chain;
+        return offset;
+    }
     // Stream offset at which the first data block of a segment ends.
     uint64_t first_block_end(const WrittenStream& written, const _k4t_stream_segment_id_& id)
     {
@@ -616,18 +635,7 @@ TEST_F(StreamReadTest, ADamagedBlockEntryEndsTheStreamThereAfterAllDataBeforeIt)
             break;
         position++;
     }
-    uint32_t ssi_num = 0, head = 0, num = 0;
-    uint32_t *ssi_list = nullptr, *chain = nullptr;
-    ASSERT_EQ(0, fs_->Get_stream_segment_index_block_list(id.root_index, &ssi_num, &ssi_list, &head));
-    ASSERT_EQ(0, fs_->Read_iframe_index_block_list(head, &num, &chain));
-    _qzfs_data_offset_ at;
-    Calculate_index_info(fs_->manage().block_size, QZFS_IFRAME_NODE_SIZE, position,
-                         fs_->manage().block_size, &at);
-    const unsigned long long node_at =
-        (unsigned long long)chain[at.its_block_num] * fs_->manage().block_size + at.unit_offset +
-        qzfs_iframe_offset_in_unit(at, position, fs_->manage().block_size);
-    delete[] ssi_list;
-    delete[] chain;
+    const unsigned long long node_at = log_node_offset(id.root_index, position);
     ASSERT_EQ(IFRAME_INDEX_ID_BLOCK, read_bytes(image_, node_at, 1)[0]);
     damage_byte(image_, node_at + 5);  // its block number: the check sum fails
     remount();
@@ -643,4 +651,60 @@ TEST_F(StreamReadTest, ADamagedBlockEntryEndsTheStreamThereAfterAllDataBeforeIt)
     uint8_t byte;
     EXPECT_EQ(-1, api_qzfs_read_video_data(fd, &byte, 1, nullptr)) << "the error is final";
     EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+}
+
+TEST_F(StreamReadTest, ASegmentThatCannotBeOpenedLeavesTheIndex)
+{
+    _k4t_stream_segment_id_ first, second;
+    record_segment(kMorning, 4, &first);
+    const WrittenStream b = record_segment(at_time(8, 1, 0), 4, &second);
+    // Damage the first segment's first I-frame node in the log.
+    SegmentOnDisk disk;
+    read_segment(fs_, image_, first.root_index, first.stream_segment_index, disk);
+    const uint32_t position = disk.node.start_iframe;
+    const unsigned long long node_at = log_node_offset(first.root_index, position);
+    ASSERT_EQ(IFRAME_INDEX_ID_IFRAME, read_bytes(image_, node_at, 1)[0]);
+    damage_byte(image_, node_at + 2);
+    remount();
+
+    EXPECT_EQ(-1, open_by_id(first));
+    _stream_segment_index_node_dev_ node;
+    ASSERT_EQ(0, fs_->Read_stream_segment_index_from_dev(first.root_index,
+                                                         first.stream_segment_index, &node));
+    EXPECT_EQ(FREE_STREAM_SEGMENT_INDEX, node.id) << "the unreadable segment is taken out";
+    // A search for its time now finds the next segment.
+    _qzfs_k4t_stream_open_para_ para = open_request(0, kMorning);
+    const int fd = api_qzfs_open_stream_segment_by_para(&para, 0);
+    ASSERT_GT(fd, 0);
+    EXPECT_TRUE(same_id(second, id_of(fd)));
+    EXPECT_TRUE(same_bytes(from_first_iframe(b), read_to_end(fd, 65536)));
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+}
+
+TEST_F(StreamReadTest, AReaderOfALiveSegmentMovesOnOnlyAfterTheWriterCloses)
+{
+    _k4t_stream_segment_id_ first, second;
+    FrameSource source = source_at(kMorning);
+    const int writer = create(request(0, 0, kMorning), &first);
+    ASSERT_GT(writer, 0);
+    WrittenStream a;
+    record_seconds(writer, source, 3, a);
+    const int reader = open_by_id(first, QZFS_K4T_OSF_CONTINUE);
+    ASSERT_GT(reader, 0);
+    std::vector<uint8_t> got = read_to_end(reader, 65536);
+    uint8_t byte;
+    EXPECT_EQ(0, api_qzfs_read_video_data(reader, &byte, 1, nullptr)) << "at the live end";
+    EXPECT_TRUE(same_id(first, id_of(reader)));
+
+    record_seconds(writer, source, 1, a);
+    ASSERT_EQ(0, api_qzfs_close_stream_segment(writer));
+    const WrittenStream b = record_segment(at_time(8, 5, 0), 3, &second);
+    const std::vector<uint8_t> rest = read_to_end(reader, 65536);
+    got.insert(got.end(), rest.begin(), rest.end());
+    std::vector<uint8_t> want = from_first_iframe(a);
+    const std::vector<uint8_t> tail = from_first_iframe(b);
+    want.insert(want.end(), tail.begin(), tail.end());
+    EXPECT_TRUE(same_bytes(want, got));
+    EXPECT_TRUE(same_id(second, id_of(reader)));
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(reader));
 }
