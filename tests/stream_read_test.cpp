@@ -708,3 +708,44 @@ TEST_F(StreamReadTest, AReaderOfALiveSegmentMovesOnOnlyAfterTheWriterCloses)
     EXPECT_TRUE(same_id(second, id_of(reader)));
     EXPECT_EQ(0, api_qzfs_close_stream_segment(reader));
 }
+
+TEST_F(StreamReadTest, TheSearchRunsOverEveryDiskOfTheGroup)
+{
+    // Disk 0 holds 08:30; disk 1, recorded while alone in the group, 08:00.
+    _k4t_stream_segment_id_ later, earlier;
+    record_segment(at_time(8, 30, 0), 5, &later);
+    const std::string second_image = scratch_.path("second.img");
+    make_sparse_image(second_image, 3 * GiB);
+    std::string dev = second_image;
+    ASSERT_EQ(0, api_qzfs_fast_format(1, &dev[0]));
+    ASSERT_EQ(0, api_qzfs_mount(1, &dev[0]));
+    ASSERT_EQ(0, api_qzfs_delete_disk_from_group(0, 0));
+    ASSERT_EQ(0, api_qzfs_add_disk_to_group(1, 0));
+    unsigned char hdd = 255;
+    ASSERT_EQ(0, api_qzfs_find_work_hdd(0, &hdd));
+    ASSERT_EQ(1, hdd);
+    const WrittenStream on_second = record_segment(kMorning, 20, &earlier);
+    ASSERT_EQ(1, earlier.hdd_id);
+    ASSERT_EQ(0, api_qzfs_add_disk_to_group(0, 0));
+
+    // Inside the segment of disk 1: it beats disk 0's later candidate.
+    _qzfs_k4t_stream_open_para_ para = open_request(0, at_time(8, 0, 5));
+    int fd = api_qzfs_open_stream_segment_by_para(&para, 0);
+    ASSERT_GT(fd, 0);
+    EXPECT_TRUE(same_id(earlier, id_of(fd)));
+    EXPECT_TRUE(same_bytes(from_iframe_at(on_second, 8, 0, 5), read_to_end(fd, 1 << 20)));
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+
+    // After it, the next segment of the day lies on disk 0, and a reader
+    // with the continue flag crosses disks on the same descriptor.
+    para = open_request(0, at_time(8, 0, 18));
+    fd = api_qzfs_open_stream_segment_by_para(&para, QZFS_K4T_OSF_CONTINUE);
+    ASSERT_GT(fd, 0);
+    EXPECT_TRUE(same_id(earlier, id_of(fd)));
+    _k4t_fs_date_time_ when = at_time(8, 10, 0);
+    ASSERT_EQ(0, api_qzfs_seek_stream_segment_by_time(fd, &when));
+    EXPECT_TRUE(same_id(later, id_of(fd)));
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+    ASSERT_EQ(0, api_qzfs_delete_disk_from_group(1, 0));
+    ASSERT_EQ(0, api_qzfs_umount(1));
+}
