@@ -125,6 +125,16 @@ protected:
         EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
         return written;
     }
+    // Starts recording channel 0 at 08:00 and writes `seconds` of it; the
+    // writer's descriptor.
+    int record_live(unsigned seconds, _k4t_stream_segment_id_* id, FrameSource& source,
+                    WrittenStream& written)
+    {
+        const int writer = create(request(0, 0, kMorning), id);
+        EXPECT_GT(writer, 0);
+        record_seconds(writer, source, seconds, written);
+        return writer;
+    }
     int open_by_id(_k4t_stream_segment_id_ id, uint8_t flags = 0)
     {
         return api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, flags);
@@ -296,10 +306,9 @@ TEST_F(StreamReadTest, AReaderFollowsALiveRecordingAndGoesOnAfterItsClose)
 {
     _k4t_stream_segment_id_ id;
     FrameSource source = source_at(kMorning);
-    const int writer = create(request(0, 0, kMorning), &id);
-    ASSERT_GT(writer, 0);
     WrittenStream written;
-    record_seconds(writer, source, 3, written);
+    const int writer = record_live(3, &id, source, written);
+    ASSERT_GT(writer, 0);
 
     const int reader = open_by_id(id);
     ASSERT_GT(reader, 0);
@@ -596,10 +605,9 @@ TEST_F(StreamReadTest, BadDescriptorsAndBuffersAreRefused)
 {
     _k4t_stream_segment_id_ id;
     FrameSource source = source_at(kMorning);
-    const int writer = create(request(0, 0, kMorning), &id);
-    ASSERT_GT(writer, 0);
     WrittenStream written;
-    record_seconds(writer, source, 2, written);
+    const int writer = record_live(2, &id, source, written);
+    ASSERT_GT(writer, 0);
     const int reader = open_by_id(id);
     ASSERT_GT(reader, 0);
     uint8_t buffer[64];
@@ -685,10 +693,9 @@ TEST_F(StreamReadTest, AReaderOfALiveSegmentMovesOnOnlyAfterTheWriterCloses)
 {
     _k4t_stream_segment_id_ first, second;
     FrameSource source = source_at(kMorning);
-    const int writer = create(request(0, 0, kMorning), &first);
-    ASSERT_GT(writer, 0);
     WrittenStream a;
-    record_seconds(writer, source, 3, a);
+    const int writer = record_live(3, &first, source, a);
+    ASSERT_GT(writer, 0);
     const int reader = open_by_id(first, QZFS_K4T_OSF_CONTINUE);
     ASSERT_GT(reader, 0);
     std::vector<uint8_t> got = read_to_end(reader, 65536);

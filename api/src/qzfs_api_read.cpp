@@ -1,6 +1,7 @@
 // CQzfsApi operations of a reader: open by id or by time, sequential read,
 // and seek by time.
 #include "qzfilesystem.h"
+#include "qzfs_datetime.h"
 #include "qzfs_api.h"
 #include "qzfs_api_fd.h"
 #include "qzfs_log.h"
@@ -9,17 +10,6 @@
 #include <cstring>
 
 namespace {
-
-bool date_time_valid(const _k4t_fs_date_time_& t)
-{
-    return t.year <= 99 && t.month >= 1 && t.month <= 12 && t.day >= 1 && t.day <= 31 &&
-           t.hour <= 23 && t.minute <= 59 && t.second <= 59;
-}
-
-unsigned seconds(uint8_t hour, uint8_t minute, uint8_t second)
-{
-    return hour * 3600u + minute * 60u + second;
-}
 
 // A reader that got no descriptor: its state, channel and record go.
 void discard_reader(CQzFileSystem* fs, _opened_stream_segment_* oss)
@@ -148,15 +138,15 @@ static bool moment_in_segment(resolved_fd& fd, const _k4t_fs_date_time_& when)
         writer_node_snapshot(writer, &node);
     fd.fs->disk_lock(0);
     const _root_index_node_dev_* root = fd.oss->root();
-    const unsigned t = seconds(when.hour, when.minute, when.second);
+    const unsigned t = qzfs_second_of_day(when.hour, when.minute, when.second);
     return root->year == when.year && root->month == when.month && root->day == when.day &&
-           seconds(node.start_hour, node.start_minute, node.start_second) <= t &&
-           seconds(node.end_hour, node.end_minute, node.end_second) >= t;
+           qzfs_second_of_day(node.start_hour, node.start_minute, node.start_second) <= t &&
+           qzfs_second_of_day(node.end_hour, node.end_minute, node.end_second) >= t;
 }
 
 int CQzfsApi::Qzfs_seek_stream_segment_by_time(int ossfd, _k4t_fs_date_time_* when)
 {
-    if (when == nullptr || !date_time_valid(*when) || ossfd < 0) {
+    if (when == nullptr || !qzfs_date_time_valid(*when) || ossfd < 0) {
         QZLOG("invalid parameter");
         return -1;
     }

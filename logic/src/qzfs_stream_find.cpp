@@ -27,11 +27,6 @@ bool policy_in(unsigned mask, _fs_find_policy_ policy)
     return (mask >> unsigned(policy)) & 1u;
 }
 
-unsigned seconds(uint8_t hour, uint8_t minute, uint8_t second)
-{
-    return hour * 3600u + minute * 60u + second;
-}
-
 enum verdict { SKIP, TAKE, TAKE_AND_STOP };
 
 // What the search does with a node from S to E for moment T, against the
@@ -125,7 +120,7 @@ int CQzFileSystem::Find_stream_segment(uint8_t channel, char* name, uint8_t stre
               when->month, when->day);
         return -1;
     }
-    const unsigned t = seconds(when->hour, when->minute, when->second);
+    const unsigned t = qzfs_second_of_day(when->hour, when->minute, when->second);
     int result = -1;
     for (uint32_t ri = 0;; ri++) {
         _root_index_node_mem_ root;
@@ -145,11 +140,11 @@ int CQzFileSystem::Find_stream_segment(uint8_t channel, char* name, uint8_t stre
                 node.record_type > 15 || (record_type_bitmap & (1u << node.record_type)) == 0)
                 continue;
             const bool have_best = best->id != 255;
-            const verdict v = judge(t, seconds(node.start_hour, node.start_minute, node.start_second),
-                                    seconds(node.end_hour, node.end_minute, node.end_second),
+            const verdict v = judge(t, qzfs_second_of_day(node.start_hour, node.start_minute, node.start_second),
+                                    qzfs_second_of_day(node.end_hour, node.end_minute, node.end_second),
                                     have_best,
-                                    seconds(best->start_hour, best->start_minute, best->start_second),
-                                    seconds(best->end_hour, best->end_minute, best->end_second),
+                                    qzfs_second_of_day(best->start_hour, best->start_minute, best->start_second),
+                                    qzfs_second_of_day(best->end_hour, best->end_minute, best->end_second),
                                     policy);
             if (v == SKIP)
                 continue;
@@ -190,7 +185,7 @@ int CQzfsManager::Find_stream_segment(_qzfs_k4t_stream_open_para_* para, _fs_fin
     }
     memset(best, 0, sizeof(*best));
     best->id = 255;
-    const unsigned t = seconds(para->date_time.hour, para->date_time.minute, para->date_time.second);
+    const unsigned t = qzfs_second_of_day(para->date_time.hour, para->date_time.minute, para->date_time.second);
     int result = -1;
     for (unsigned id = 0; id < 32; id++) {
         CQzFileSystem* fs = (disks >> id) & 1u ? get_file_system(uint8_t(id)) : nullptr;
@@ -212,8 +207,8 @@ int CQzfsManager::Find_stream_segment(_qzfs_k4t_stream_open_para_* para, _fs_fin
             *hdd_id = uint8_t(id);
             result = 0;
         }
-        if (t >= seconds(best->start_hour, best->start_minute, best->start_second) &&
-            t <= seconds(best->end_hour, best->end_minute, best->end_second))
+        if (t >= qzfs_second_of_day(best->start_hour, best->start_minute, best->start_second) &&
+            t <= qzfs_second_of_day(best->end_hour, best->end_minute, best->end_second))
             break;
     }
     return result;

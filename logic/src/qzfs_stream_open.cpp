@@ -6,6 +6,7 @@
 // but follows the writer's chain and length, which grow; when the writer
 // closes, it hands the reader the final nodes and a copy of the chain.
 #include "qzfilesystem.h"
+#include "qzfs_datetime.h"
 #include "qzfs_device.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
@@ -17,17 +18,6 @@
 
 namespace {
 
-bool date_time_valid(const _k4t_fs_date_time_& t)
-{
-    return t.year <= 99 && t.month >= 1 && t.month <= 12 && t.day >= 1 && t.day <= 31 &&
-           t.hour <= 23 && t.minute <= 59 && t.second <= 59;
-}
-
-unsigned seconds(uint8_t hour, uint8_t minute, uint8_t second)
-{
-    return hour * 3600u + minute * 60u + second;
-}
-
 // Where in the chosen segment a reader opened for moment `t` begins: at `t`
 // inside the segment, at its end for a step back from behind it, else at
 // its start (null). A moment equal to the start needs no index search.
@@ -36,9 +26,9 @@ _k4t_fs_date_time_* open_point(const _qzfs_k4t_stream_open_para_& para, _fs_find
                                const _k4t_stream_segment_id_& id, _k4t_fs_date_time_& at)
 {
     const _k4t_fs_date_time_& t = para.date_time;
-    const unsigned want = seconds(t.hour, t.minute, t.second);
-    const unsigned start = seconds(node.start_hour, node.start_minute, node.start_second);
-    const unsigned end = seconds(node.end_hour, node.end_minute, node.end_second);
+    const unsigned want = qzfs_second_of_day(t.hour, t.minute, t.second);
+    const unsigned start = qzfs_second_of_day(node.start_hour, node.start_minute, node.start_second);
+    const unsigned end = qzfs_second_of_day(node.end_hour, node.end_minute, node.end_second);
     if (want > start && want <= end) {
         at = t;
         QZLOG_ABOVE(2, "Open_stream_segment start date time1(20%02d-%02d-%02d %02d:%02d:%02d)(%d)(%ld)(%ld)",
@@ -59,18 +49,6 @@ _k4t_fs_date_time_* open_point(const _qzfs_k4t_stream_open_para_& para, _fs_find
     return nullptr;
 }
 
-// Gives up what a failed open made: the channel and the reader state.
-void release_reader_parts(_opened_stream_segment_* oss)
-{
-    if (oss->io_channel != nullptr) {
-        qzfs_destroy_io_interface(oss->io_channel);
-        oss->io_channel = nullptr;
-    }
-    _read_stream_segment_* rss = oss->reader();
-    Destory_read_stream_segment(&rss);
-    oss->state = nullptr;
-}
-
 }  // namespace
 
 int Open_stream_segment(_qzfs_k4t_stream_open_para_* para, uint32_t read_flag,
@@ -78,7 +56,7 @@ int Open_stream_segment(_qzfs_k4t_stream_open_para_* para, uint32_t read_flag,
 {
     *out = nullptr;
     if (para == nullptr || para->channel == 255 || para->record_type_bitmap == 0 ||
-        !date_time_valid(para->date_time)) {
+        !qzfs_date_time_valid(para->date_time)) {
         QZLOG("invalid parameter");
         return -1;
     }
@@ -219,7 +197,7 @@ int CQzFileSystem::Open_stream_segment(const _k4t_stream_segment_id_* id, _k4t_f
         writer_node_snapshot(writer, oss->ssi());
         oss->ssi()->len_in_bytes -= wss->delete_len;
     } else if (read_closed_segment_nodes(*this, id, oss) != 0) {
-        release_reader_parts(oss);
+        Close_reading_stream_segment(oss);
         return -1;
     }
 
@@ -248,7 +226,7 @@ int CQzFileSystem::Open_stream_segment(const _k4t_stream_segment_id_* id, _k4t_f
         return 0;
     if (writer == nullptr)
         retire_unreadable_segment(*this, oss);
-    release_reader_parts(oss);
+    Close_reading_stream_segment(oss);
     return -1;
 }
 

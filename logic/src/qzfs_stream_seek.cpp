@@ -6,17 +6,13 @@
 // the log cannot be bisected. A seek only prepares the reader: the next
 // read looks the chosen I-frame up again and starts there.
 #include "qzfilesystem.h"
+#include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_stream_support.h"
 
 #include <cstring>
 
 namespace {
-
-unsigned seconds(uint8_t hour, uint8_t minute, uint8_t second)
-{
-    return hour * 3600u + minute * 60u + second;
-}
 
 uint64_t pts_of(const _iframe_index_node_dev_& node)
 {
@@ -98,7 +94,7 @@ static int find_iframe(CQzFileSystem& fs, unsigned char* buffer, unsigned long b
     memset(found, 0, sizeof(*found));
     *found_index = 0;
     *found_offset = 0;
-    const unsigned want = seconds(where->hour, where->minute, where->second);
+    const unsigned want = qzfs_second_of_day(where->hour, where->minute, where->second);
     iframe_log_reader log(fs, block_num, list, buffer, buffer_len);
     placed_node head, prev, answer;
     for (uint32_t index = start_iframe; !answer.valid; index++) {
@@ -142,7 +138,7 @@ static int find_iframe(CQzFileSystem& fs, unsigned char* buffer, unsigned long b
             node.stream_segment_offset - head.node.stream_segment_offset >= stream_len)
             break;
         bool store_prev = false;
-        const step verdict = judge_iframe(seconds(node.hour, node.minute, node.second), want,
+        const step verdict = judge_iframe(qzfs_second_of_day(node.hour, node.minute, node.second), want,
                                           pts_of(node), pts, policy, prev.valid, &store_prev);
         if (store_prev)
             prev = {node, index, true};
@@ -203,8 +199,8 @@ static void flush_writer_for_seek(CQzFileSystem& fs, _opened_stream_segment_* wr
     _iframe_index_node_dev_ oldest = wss->iframe_list[0];
     qzfs_unlock(wss->lock);
     if (!waiting ||
-        seconds(oldest.hour, oldest.minute, oldest.second) >
-            seconds(where->hour, where->minute, where->second))
+        qzfs_second_of_day(oldest.hour, oldest.minute, oldest.second) >
+            qzfs_second_of_day(where->hour, where->minute, where->second))
         return;
     QZLOG_ABOVE(2, "Write_iframe_index START(%02d:%02d:%02d)(%02d:%02d:%02d)", int(oldest.hour),
                 int(oldest.minute), int(oldest.second), int(where->hour), int(where->minute),
@@ -284,8 +280,8 @@ static int seek_to_time(CQzFileSystem& fs, _opened_stream_segment_* oss, seek_so
                         unsigned long long pts, _iframe_index_node_dev_* first, uint64_t* offset)
 {
     const _stream_segment_index_node_dev_& node = src.node;
-    if (seconds(node.end_hour, node.end_minute, node.end_second) <
-        seconds(where->hour, where->minute, where->second)) {
+    if (qzfs_second_of_day(node.end_hour, node.end_minute, node.end_second) <
+        qzfs_second_of_day(where->hour, where->minute, where->second)) {
         QZLOG_AS("Seek_stream_segment", "(end:%02d:%02d:%02d)(find:%02d:%02d:%02d)",
                  int(node.end_hour), int(node.end_minute), int(node.end_second), int(where->hour),
                  int(where->minute), int(where->second));
