@@ -57,6 +57,7 @@
 #include <fcntl.h>
 #include <random>
 #include <string>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -184,9 +185,34 @@ void close_disk(const std::string& path)
     image_in_use.clear();
 }
 
+// Bytes of the image that are in the page cache (mincore over a mapping).
+uint64_t resident_bytes(const std::string& path)
+{
+    int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0)
+        die("cannot open the image", path + ": " + strerror(errno));
+    struct stat st;
+    if (fstat(fd, &st) != 0)
+        die("cannot stat the image", strerror(errno));
+    const size_t size = size_t(st.st_size);
+    void* map = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    close(fd);
+    if (map == MAP_FAILED)
+        die("cannot map the image", strerror(errno));
+    const size_t page = size_t(sysconf(_SC_PAGESIZE));
+    std::vector<unsigned char> in_core((size + page - 1) / page);
+    if (mincore(map, size, in_core.data()) != 0)
+        die("mincore failed", strerror(errno));
+    munmap(map, size);
+    uint64_t pages = 0;
+    for (unsigned char c : in_core)
+        pages += c & 1;
+    return pages * page;
+}
+
 // Flushes the image and drops its pages from the page cache, so that the
-// next reads come from the device.
-void drop_cache(const std::string& path)
+// next reads come from the device. With --verbose, says what is left.
+void drop_cache(const std::string& path, bool tell = true)
 {
     int fd = open(path.c_str(), O_RDONLY);
     if (fd < 0)
@@ -197,6 +223,9 @@ void drop_cache(const std::string& path)
     if (err != 0)
         die("posix_fadvise failed", strerror(err));
     close(fd);
+    if (verbose && tell)
+        fprintf(report, "  page cache dropped: %.1f MiB of the image left in it\n",
+                double(resident_bytes(path)) / double(MiB));
 }
 
 // Records every channel into a segment of its own, the channels taking
@@ -565,7 +594,7 @@ void seeks(const std::string& image, unsigned warm, unsigned cold, unsigned seed
     }
     times.clear();
     for (unsigned i = 0; i < cold; i++) {
-        drop_cache(image);
+        drop_cache(image, i == 0);
         times.push_back(timed_seek(fd, rec, second(random), buffer));
     }
     if (cold > 0)
