@@ -12,7 +12,7 @@
 // before each run (fsync, then posix_fadvise(POSIX_FADV_DONTNEED)):
 //   library  every segment is opened by its id, and the readers take turns,
 //            one api_qzfs_read_video_data of 64 KiB each, until every one has
-//            returned 0; then each is closed;
+//            returned 0; then each is closed (opens and closes are timed);
 //   raw      the same bytes, from the same data blocks in the same order, with
 //            pread calls of at most 64 KiB (a call never crosses the end of a
 //            block), one file descriptor per channel, the channels taking
