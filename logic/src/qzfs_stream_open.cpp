@@ -13,8 +13,8 @@
 #include "qzfs_stream_support.h"
 #include "system_resource_manager.h"
 
+#include <cstdlib>
 #include <cstring>
-#include <new>
 
 namespace {
 
@@ -201,7 +201,7 @@ int CQzFileSystem::Open_stream_segment(const _k4t_stream_segment_id_* id, _k4t_f
         return -1;
     }
 
-    rss->read_cache = new (std::nothrow) uint8_t[QZFS_STREAM_UNIT];
+    rss->read_cache = static_cast<uint8_t*>(malloc(QZFS_STREAM_UNIT));
     if (rss->read_cache == nullptr)
         QZFS_FATAL("CQzFileSystem::Open_stream_segment out of memory");
     rss->cache_ptr = rss->cache_len = 0;
