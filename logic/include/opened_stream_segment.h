@@ -133,6 +133,8 @@ int Check_qzfs_create_ss_para(_qzfs_k4t_create_ss_para_* para);
 // less the head cut away and the bytes still held in its unit buffer. Read
 // under the writer's lock, as the writer moves it on without the disk lock.
 uint64_t writer_visible_len(_opened_stream_segment_* writer);
+// A copy of a live writer's segment node, taken under its lock.
+void writer_node_snapshot(_opened_stream_segment_* writer, _stream_segment_index_node_dev_* out);
 
 // Finds the segment that `para` and `policy` name over the disks of its
 // groups and makes a reader record for it, placed at the moment asked for,

@@ -33,6 +33,20 @@ int Compare_time(const _k4t_fs_time_* time1, const _k4t_fs_time_* time2);
 int Compare_date_time(const _k4t_fs_date_time_* date_time1,
                       const _k4t_fs_date_time_* date_time2);
 
+// Seconds since midnight of a time of day.
+inline unsigned qzfs_second_of_day(unsigned hour, unsigned minute, unsigned second)
+{
+    return hour * 3600u + minute * 60u + second;
+}
+
+// True when every field of a date time is in range: year 0..99, month
+// 1..12, day 1..31, hour 0..23, minute and second 0..59.
+inline bool qzfs_date_time_valid(const _k4t_fs_date_time_& t)
+{
+    return t.year <= 99 && t.month >= 1 && t.month <= 12 && t.day >= 1 && t.day <= 31 &&
+           t.hour <= 23 && t.minute <= 59 && t.second <= 59;
+}
+
 // Seconds from b to a (a minus b), both read as local standard time of the
 // process time zone, as a signed 32-bit difference.  0 if either is null.
 long long Calculate_date_time_interval(_k4t_fs_date_time_* a, _k4t_fs_date_time_* b);

@@ -254,6 +254,14 @@ uint64_t writer_visible_len(_opened_stream_segment_* writer)
     return len;
 }
 
+void writer_node_snapshot(_opened_stream_segment_* writer, _stream_segment_index_node_dev_* out)
+{
+    _write_stream_segment_* wss = writer->writer();
+    qzfs_lock(wss->lock);
+    memcpy(out, writer->ssi_node, sizeof(*out));
+    qzfs_unlock(wss->lock);
+}
+
 // A closing writer hands its readers what they need to go on alone: a
 // private copy of the I-frame chain and the final nodes.
 int CQzFileSystem::clear_read_stream_segment_writing_flag(_opened_stream_segment_* writer)

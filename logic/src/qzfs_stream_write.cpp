@@ -4,6 +4,7 @@
 // the disk lock. The segment node changes in memory and reaches the disk at
 // the first I-frame (if its start moved) and at close.
 #include "qzfilesystem.h"
+#include "qzfs_datetime.h"
 #include "qzfs_stream_support.h"
 #include "qzfs_device.h"
 #include "qzfs_log.h"
@@ -14,12 +15,6 @@
 #include <vector>
 
 namespace {
-
-unsigned second_of_day(uint8_t hour, uint8_t minute, uint8_t second)
-{
-    return hour * 3600u + minute * 60u + second;
-}
-
 
 // Where one call stands while its passes go by.
 struct write_cursor {
@@ -158,8 +153,8 @@ void buffer_iframe_node(_opened_stream_segment_* oss, const write_cursor& at,
     qzfs_lock(wss->lock);
     if (!wss->first_frame && g_qzfs_debug_level >= 3) {
         const _k4t_fs_date_time_& last = wss->date_time;
-        long before = long(second_of_day(last.hour, last.minute, last.second));
-        long now = long(second_of_day(frame.hour, frame.minute, frame.second));
+        long before = long(qzfs_second_of_day(last.hour, last.minute, last.second));
+        long now = long(qzfs_second_of_day(frame.hour, frame.minute, frame.second));
         if (now - before < 0 || now - before > 2)
             QZLOG_AS("Write_video_data_free",
                      "LOSE DATA(channel:%d)(stream type:%d)(%ld, %ld)(%02d:%02d:%02d)"
@@ -388,8 +383,8 @@ int CQzFileSystem::Write_video_data(_opened_stream_segment_* oss, uint8_t* buffe
         // Readers that search or seek copy the live node under this lock.
         qzfs_lock(wss->lock);
         if (ssi->end_hour == QZFS_INVALID_END_HOUR ||
-            second_of_day(ssi->end_hour, ssi->end_minute, ssi->end_second) <
-                second_of_day(last.hour, last.minute, last.second)) {
+            qzfs_second_of_day(ssi->end_hour, ssi->end_minute, ssi->end_second) <
+                qzfs_second_of_day(last.hour, last.minute, last.second)) {
             ssi->end_hour = last.hour;
             ssi->end_minute = last.minute;
             ssi->end_second = last.second;
