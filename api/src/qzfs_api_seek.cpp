@@ -6,17 +6,157 @@
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
 
-int CQzfsApi::Qzfs_seek_stream_segment_by_offset(int, long long, int)
+#include <cstdio>
+
+namespace {
+
+// The disk of a descriptor, or null with the message of the calling function.
+CQzFileSystem* disk_of_fd(int ossfd, const char* func, int& disk_ossid)
 {
-    return -1;
+    disk_ossid = gQzfsManager.get_disk_ossid(ossfd);
+    const uint8_t hdd_id = qzfs_ossid_hdd(disk_ossid);
+    CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
+    if (fs == nullptr)
+        QZLOG_AS(func, "gQzfsManager.get_file_system failed(hdd_id:%d)", int(hdd_id));
+    return fs;
 }
 
-int CQzfsApi::Qzfs_stream_segment_tell(int, long long*)
+}  // namespace
+
+int CQzfsApi::Qzfs_seek_stream_segment_by_offset(int ossfd, long long offset, int whence)
 {
-    return -1;
+    if (whence != SEEK_SET && whence != SEEK_CUR && whence != SEEK_END)
+        return -1;
+    if (whence == SEEK_CUR && offset == 0) {
+        QZLOG_ABOVE(2, " SEEK_CUR (offset == 0)");
+        return 0;
+    }
+    QZLOG_ABOVE(3, "start(fd:%d) SEEK TO:(%d, %lld)", ossfd, whence, offset);
+
+    int disk_ossid = -1;
+    CQzFileSystem* fs = disk_of_fd(ossfd, __func__, disk_ossid);
+    if (fs == nullptr)
+        return -1;
+    fs->disk_lock(1);
+    _opened_stream_segment_* oss = fs->find_oss_info_by_fd(disk_ossid);
+    const bool usable = oss != nullptr && oss->exist_error != K4T_FS_TRUE;
+    const bool is_writer = usable && oss->read_or_write == K4T_FS_FALSE;
+    _k4t_stream_segment_id_ id = {0, 0, 0};
+    if (usable) {
+        QZLOG_ABOVE(2, "seek read:%d", int(oss->read_or_write));
+        id.hdd_id = oss->hdd_id;
+        id.root_index = oss->root_index;
+        id.stream_segment_index = oss->stream_segment_index;
+    }
+    fs->disk_lock(0);
+    if (!usable) {
+        QZLOG("some error(%d)", ossfd);
+        return -1;
+    }
+
+    // A writer is seeked through its companion reader, made at its first seek.
+    if (is_writer && oss->writer()->seek_ossfd < 0) {
+        const int companion = Qzfs_open_stream_segment_for_write(&id);
+        if (companion < 0)
+            return -1;
+        oss->writer()->seek_ossfd = companion;
+        QZLOG_ABOVE(2, "this is write seek %d(read:%d)", companion, int(oss->read_or_write));
+    }
+
+    fs->disk_lock(1);
+    _opened_stream_segment_* target = oss;
+    if (is_writer) {
+        target = fs->find_oss_info_by_fd(oss->writer()->seek_ossfd);
+        if (target == nullptr) {
+            fs->disk_lock(0);
+            QZLOG("invalid ssfd(%d)", oss->writer()->seek_ossfd);
+            return -1;
+        }
+    }
+    const int result = fs->Seek_stream_segment(target, offset, whence);
+    fs->disk_lock(0);
+    QZLOG_ABOVE(3, "end(fd:%d) SEEK TO:(%d, %lld)", ossfd, whence, offset);
+    return result;
 }
 
-int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_*)
+int CQzfsApi::Qzfs_stream_segment_tell(int ossfd, long long* position)
 {
-    return -1;
+    int disk_ossid = -1;
+    CQzFileSystem* fs = disk_of_fd(ossfd, __func__, disk_ossid);
+    if (fs == nullptr)
+        return -1;
+    fs->disk_lock(1);
+    _opened_stream_segment_* oss = fs->find_oss_info_by_fd(disk_ossid);
+    int result = 0;
+    if (oss == nullptr) {
+        QZLOG("invalid ssfd(%d)", ossfd);
+        result = -1;
+    } else if (oss->read_or_write != K4T_FS_TRUE || oss->exist_error == K4T_FS_TRUE) {
+        QZLOG("((pOss->read_or_write != K4T_FS_TRUE) || (pOss->exist_error == K4T_FS_TRUE))(%d)",
+              ossfd);
+        result = -1;
+    } else if (position != nullptr) {
+        // Bytes in the cache that the caller has not had yet are not behind
+        // the position.
+        const _read_stream_segment_* rss = oss->reader();
+        uint64_t at = rss->already_read_len;
+        if (rss->cache_len > rss->cache_ptr)
+            at -= rss->cache_len - rss->cache_ptr;
+        *position = (long long)at;
+    }
+    fs->disk_lock(0);
+    return result;
+}
+
+int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_* id)
+{
+    if (id == nullptr) {
+        QZLOG("invalid parameter");
+        return -1;
+    }
+    CQzFileSystem* fs = gQzfsManager.get_file_system(id->hdd_id);
+    if (fs == nullptr) {
+        QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(id->hdd_id));
+        return -1;
+    }
+    fs->disk_lock(1);
+    _opened_stream_segment_* writer = nullptr;
+    const int writer_ossid = fs->find_opening_stream_segment_by_id(id, &writer, 2);
+    QZLOG("ossfd_writing:%d", writer_ossid);
+    if (writer_ossid < 0 || writer == nullptr) {
+        QZLOG("find_opening_stream_segment_by_id failed");
+        fs->disk_lock(0);
+        return -1;
+    }
+    _opened_stream_segment_* oss = nullptr;
+    Init_opened_stream_segment(&oss, K4T_FS_TRUE);
+    oss->hdd_id = id->hdd_id;
+    if (fs->Open_stream_segment(id, nullptr, oss, writer) != 0) {
+        QZLOG("pFs->Open_stream_segment failed");
+        Destory_opened_stream_segment(&oss);
+        fs->disk_lock(0);
+        return -1;
+    }
+    const int disk_ossid = fs->get_free_oss_fd();
+    if (disk_ossid < 0) {
+        QZLOG("gQzfsManager.Get_free_oss_fd failed");
+        fs->Close_reading_stream_segment(oss);
+        Destory_opened_stream_segment(&oss);
+        fs->disk_lock(0);
+        return -1;
+    }
+    // The companion starts at the write head: writes go on appending until
+    // it is seeked back into the stream.
+    _read_stream_segment_* rss = oss->reader();
+    const _write_stream_segment_* wss = writer->writer();
+    rss->read_flag = 0;
+    rss->ossfd_writing = writer_ossid;
+    rss->channel = writer->root()->channel;
+    rss->record_type_bitmap = 0xFFFF;
+    rss->already_read_len = writer_visible_len(writer);
+    rss->block_index = wss->block_index;
+    rss->block_offset = wss->block_offset;
+    fs->set_oss_info(disk_ossid, oss);
+    fs->disk_lock(0);
+    return disk_ossid;
 }
