@@ -1,4 +1,6 @@
 // The qzfs host tool, run as a user runs it.
+#include "h264_stream.h"
+#include "synthetic_h264.h"
 #include "test_support.h"
 
 #include <cstdio>
@@ -17,6 +19,39 @@ CommandResult run_tool(const std::string& args)
 bool contains(const std::string& text, const std::string& part)
 {
     return text.find(part) != std::string::npos;
+}
+
+void write_file(const std::string& path, const std::vector<uint8_t>& bytes)
+{
+    FILE* file = fopen(path.c_str(), "wb");
+    ASSERT_NE(nullptr, file) << path;
+    EXPECT_EQ(bytes.size(), fwrite(bytes.data(), 1, bytes.size(), file));
+    fclose(file);
+}
+
+std::vector<uint8_t> read_file(const std::string& path)
+{
+    return read_bytes(path, 0, size_t(file_size(path)));
+}
+
+bool exists(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+// Bytes [from, to) of a stream's access units.
+std::vector<uint8_t> units_bytes(const SyntheticH264& stream, size_t from, size_t to)
+{
+    const size_t begin = stream.units[from].offset;
+    const size_t end = to < stream.units.size() ? stream.units[to].offset : stream.bytes.size();
+    return std::vector<uint8_t>(stream.bytes.begin() + begin, stream.bytes.begin() + end);
+}
+
+std::vector<uint8_t> joined(std::vector<uint8_t> a, const std::vector<uint8_t>& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
 TEST(Tool, FormatCreatesASparseImageAndInfoDescribesIt)
@@ -138,6 +173,184 @@ TEST(Tool, RecordWritesOneSegmentPerChannel)
         CommandResult run = run_tool(args);
         EXPECT_NE(0, run.status) << run.output;
         EXPECT_TRUE(contains(run.output, "qzfs: ")) << run.output;
+    }
+}
+
+TEST(Tool, RecordH264AndExportItByIdAndByTime)
+{
+    ScratchDir dir;
+    const std::string image = dir.path("rec.img");
+    ASSERT_EQ(0, run_tool("format " + image + " --size 3G").status);
+    SyntheticH264Config config;
+    config.frames = 100;
+    config.gop = 25;
+    const SyntheticH264 clip = make_synthetic_h264(config);
+    const std::string clip_path = dir.path("clip.h264");
+    write_file(clip_path, clip.bytes);
+
+    CommandResult rec = run_tool("record " + image + " --h264 " + clip_path +
+                                 " --channel 3 --start 2026-11-21T08:00:00");
+    ASSERT_EQ(0, rec.status) << rec.output;
+    EXPECT_TRUE(contains(rec.output, "100 frames (4 I-frames), " +
+                                         std::to_string(clip.bytes.size()) + " bytes of H.264 in " +
+                                         std::to_string(clip.bytes.size() + 100 * 36) +
+                                         " bytes of frames, from 2026-11-21 08:00:00 to "
+                                         "2026-11-21 08:00:03 at 25 frames a second\n"))
+        << rec.output;
+    EXPECT_TRUE(contains(rec.output, "segment 0:0:0\n")) << rec.output;
+
+    // By id: the H.264 stream again, byte for byte.
+    const std::string out = dir.path("out.h264");
+    CommandResult exp = run_tool("export " + image + " --id 0:0:0 --out " + out);
+    ASSERT_EQ(0, exp.status) << exp.output;
+    EXPECT_TRUE(contains(exp.output, "exported 100 frames (4 I-frames) from 1 segment: " +
+                                         std::to_string(clip.bytes.size()) + " bytes of payload"))
+        << exp.output;
+    EXPECT_EQ(clip.bytes, read_file(out));
+
+    // Raw: the frames as the tool wrote them, with their times and pts.
+    std::vector<uint8_t> frames;
+    for (size_t i = 0; i < clip.units.size(); i++) {
+        const _k4t_fs_date_time_ when = {26, 11, 21, 8, 0, uint8_t(i / 25), 0};
+        const SyntheticAccessUnit& u = clip.units[i];
+        ASSERT_TRUE(wrap_stored_frame(frames, 3, u.idr, when, i * 3600, clip.bytes.data() + u.offset,
+                                      u.length));
+    }
+    const std::string raw = dir.path("out.raw");
+    exp = run_tool("export " + image + " --id 0:0:0 --out " + raw + " --raw");
+    ASSERT_EQ(0, exp.status) << exp.output;
+    EXPECT_TRUE(contains(exp.output, std::to_string(frames.size()) + " bytes of stored frames"))
+        << exp.output;
+    EXPECT_EQ(frames, read_file(raw));
+
+    // By time: from the first I-frame at or after --from to the last frame
+    // of the second --to names.
+    const std::string range = "export " + image + " --channel 3 --out " + out;
+    exp = run_tool(range + " --from 2026-11-21T08:00:00 --to 2026-11-21T08:00:03");
+    ASSERT_EQ(0, exp.status) << exp.output;
+    EXPECT_EQ(clip.bytes, read_file(out));
+    exp = run_tool(range + " --from 2026-11-21T07:00:00 --to 2026-11-21T08:00:01");
+    ASSERT_EQ(0, exp.status) << exp.output;
+    EXPECT_TRUE(contains(exp.output, "exported 50 frames (2 I-frames) from 1 segment")) << exp.output;
+    EXPECT_EQ(units_bytes(clip, 0, 50), read_file(out));
+    exp = run_tool(range + " --from 2026-11-21T08:00:01 --to 2026-11-21T08:00:02 --stream 0");
+    ASSERT_EQ(0, exp.status) << exp.output;
+    EXPECT_EQ(units_bytes(clip, 25, 75), read_file(out));
+
+    // A second clip later that day, 50 frames a second: a range over both
+    // goes on into the second segment.
+    config.seed = 2;
+    const SyntheticH264 second = make_synthetic_h264(config);
+    const std::string second_path = dir.path("second.h264");
+    write_file(second_path, second.bytes);
+    rec = run_tool("record " + image + " --h264 " + second_path +
+                   " --channel 3 --start 2026-11-21T08:00:10 --fps 50");
+    ASSERT_EQ(0, rec.status) << rec.output;
+    EXPECT_TRUE(contains(rec.output, "to 2026-11-21 08:00:11 at 50 frames a second")) << rec.output;
+    EXPECT_TRUE(contains(rec.output, "segment 0:0:1\n")) << rec.output;
+    exp = run_tool(range + " --from 2026-11-21T08:00:00 --to 2026-11-21T08:00:30");
+    ASSERT_EQ(0, exp.status) << exp.output;
+    EXPECT_TRUE(contains(exp.output, "exported 200 frames (8 I-frames) from 2 segments")) << exp.output;
+    EXPECT_EQ(joined(clip.bytes, second.bytes), read_file(out));
+    exp = run_tool(range + " --from 2026-11-21T08:00:02 --to 2026-11-21T08:00:10");
+    ASSERT_EQ(0, exp.status) << exp.output;
+    EXPECT_EQ(joined(units_bytes(clip, 50, 100), units_bytes(second, 0, 50)), read_file(out));
+    exp = run_tool("export " + image + " --id 0:0:1 --out " + out);
+    ASSERT_EQ(0, exp.status) << exp.output;
+    EXPECT_EQ(second.bytes, read_file(out));
+
+    // Nothing in the range: a failure, and no output file.
+    const std::string none = dir.path("none.h264");
+    const std::string empty_ranges[] = {
+        " --channel 3 --from 2026-11-21T09:00:00 --to 2026-11-21T10:00:00",  // after all
+        " --channel 3 --from 2026-11-21T08:00:05 --to 2026-11-21T08:00:08",  // in the gap
+        " --channel 4 --from 2026-11-21T08:00:00 --to 2026-11-21T09:00:00",  // other channel
+        " --channel 3 --from 2026-11-20T08:00:00 --to 2026-11-20T09:00:00",  // other day
+        " --channel 3 --stream 1 --from 2026-11-21T08:00:00 --to 2026-11-21T09:00:00",
+        " --id 0:0:2",                                                         // no such segment
+        " --id 0:7:0",
+    };
+    for (const std::string& args : empty_ranges) {
+        SCOPED_TRACE(args);
+        CommandResult run = run_tool("export " + image + args + " --out " + none);
+        EXPECT_NE(0, run.status) << run.output;
+        EXPECT_TRUE(contains(run.output, "qzfs: ")) << run.output;
+        EXPECT_FALSE(exists(none));
+    }
+}
+
+TEST(Tool, RecordH264RefusesWhatItCannotRecord)
+{
+    ScratchDir dir;
+    const std::string image = dir.path("rec.img");
+    ASSERT_EQ(0, run_tool("format " + image + " --size 3G").status);
+    SyntheticH264Config config;
+    config.frames = 30;
+    config.gop = 10;
+    const SyntheticH264 clip = make_synthetic_h264(config);
+    const std::string good = dir.path("good.h264");
+    write_file(good, clip.bytes);
+    // Without its first two access units the clip begins with P pictures.
+    const std::string late = dir.path("late.h264");
+    write_file(late, std::vector<uint8_t>(clip.bytes.begin() + clip.units[2].offset, clip.bytes.end()));
+    // Only the P pictures between the first two IDRs.
+    const std::string no_idr = dir.path("no-idr.h264");
+    write_file(no_idr, units_bytes(clip, 1, 10));
+    const std::string text = dir.path("text.h264");
+    write_file(text, std::vector<uint8_t>{'n', 'o', 't', ' ', 'h', '2', '6', '4', '\n'});
+    const std::string empty = dir.path("empty.h264");
+    write_file(empty, {});
+
+    struct Case {
+        std::string args;
+        const char* reason;
+    } const cases[] = {
+        {"--h264 " + text + " --channel 1 --start 2026-11-21T08:00:00", "no H.264 start code"},
+        {"--h264 " + empty + " --channel 1 --start 2026-11-21T08:00:00", "is empty"},
+        {"--h264 " + no_idr + " --channel 1 --start 2026-11-21T08:00:00", "no IDR picture"},
+        {"--h264 " + late + " --channel 1 --start 2026-11-21T08:00:00",
+         "has 8 access units before its first IDR picture"},
+        {"--h264 " + good + " --channel 1 --start 2026-11-21T23:59:59 --fps 10",
+         "past midnight; start at 2026-11-21 23:59:57 at the latest"},
+        {"--h264 " + dir.path("missing.h264") + " --channel 1 --start 2026-11-21T08:00:00",
+         "cannot open"},
+        {"--h264 " + good + " --start 2026-11-21T08:00:00", "--channel"},
+        {"--h264 " + good + " --channel 255 --start 2026-11-21T08:00:00", "--channel"},
+        {"--h264 " + good + " --channel 1", "--start"},
+        {"--h264 " + good + " --channel 1 --start 2026-11-21T08:00:00 --fps 0", "--fps"},
+        {"--h264 " + good + " --channels 2 --start 2026-11-21T08:00:00", "unknown option --channels"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args);
+        CommandResult run = run_tool("record " + image + " " + c.args);
+        EXPECT_NE(0, run.status) << run.output;
+        EXPECT_TRUE(contains(run.output, "qzfs: ")) << run.output;
+        EXPECT_TRUE(contains(run.output, c.reason)) << run.output;
+    }
+    // Nothing of it reached the disk.
+    CommandResult info = run_tool("info " + image + " --index");
+    EXPECT_TRUE(contains(info.output, "  0 used\n")) << info.output;
+
+    const std::string out = dir.path("out.h264");
+    const Case bad_exports[] = {
+        {"--id 0:0:0", "--out"},
+        {"--id 1:0:0 --out " + out, "disk 0"},
+        {"--id 0:0 --out " + out, "HDD:ROOT:SEG"},
+        {"--id 0:0:0 --channel 1 --out " + out, "takes no --channel"},
+        {"--channel 1 --from 2026-11-21T08:00:00 --out " + out, "--from and --to"},
+        {"--channel 1 --from 2026-11-21T09:00:00 --to 2026-11-21T08:00:00 --out " + out,
+         "earlier than --from"},
+        {"--channel 1 --from 2026-11-21T09:00:00 --to 2026-11-22T08:00:00 --out " + out,
+         "different days"},
+        {"--out " + out, "--id"},
+    };
+    for (const Case& c : bad_exports) {
+        SCOPED_TRACE(c.args);
+        CommandResult run = run_tool("export " + image + " " + c.args);
+        EXPECT_NE(0, run.status) << run.output;
+        EXPECT_TRUE(contains(run.output, "qzfs: ")) << run.output;
+        EXPECT_TRUE(contains(run.output, c.reason)) << run.output;
+        EXPECT_FALSE(exists(out));
     }
 }
 

@@ -1,6 +1,7 @@
 // qzfs: the host tool. Formats, mounts and inspects disks or disk images
 // through the library, from a shell.
 #include "frame_source.h"
+#include "h264_stream.h"
 #include "qzfilesystem.h"
 #include "qzfilesystem_api.h"
 #include "qzfs_datetime.h"
@@ -99,7 +100,7 @@ bool parse_size(const std::string& text, unsigned long long& out)
 }
 
 // Options that stand alone, without a value.
-const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock"};
+const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock", "--raw"};
 
 bool is_flag(const std::string& word)
 {
@@ -760,8 +761,12 @@ private:
     std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
 };
 
+int verb_record_h264(const Args& args);
+
 int verb_record(const Args& args)
 {
+    if (args.option("--h264") != nullptr)
+        return verb_record_h264(args);
     std::string error;
     if (!only_options(args, {"--channels", "--seconds", "--bitrate", "--start"}, error))
         return fail("%s", error);
@@ -855,6 +860,384 @@ int verb_record(const Args& args)
     return 0;
 }
 
+// "2026-11-21 08:00:00"
+std::string format_date_time(const _k4t_fs_date_time_& t)
+{
+    char text[40];
+    snprintf(text, sizeof(text), "20%02u-%02u-%02u %02u:%02u:%02u", t.year, t.month, t.day, t.hour,
+             t.minute, t.second);
+    return text;
+}
+
+// The moment `second_of_day` seconds after midnight of the day of `day`.
+_k4t_fs_date_time_ at_second_of_day(const _k4t_fs_date_time_& day, unsigned second_of_day)
+{
+    return {day.year,
+            day.month,
+            day.day,
+            uint8_t(second_of_day / 3600),
+            uint8_t(second_of_day / 60 % 60),
+            uint8_t(second_of_day % 60),
+            0};
+}
+
+unsigned second_of_day(const _k4t_fs_date_time_& t)
+{
+    return t.hour * 3600u + t.minute * 60u + t.second;
+}
+
+// Orders two moments by their fields, the way the recordings store them.
+int compare_date_time(const _k4t_fs_date_time_& a, const _k4t_fs_date_time_& b)
+{
+    const uint8_t left[6] = {a.year, a.month, a.day, a.hour, a.minute, a.second};
+    const uint8_t right[6] = {b.year, b.month, b.day, b.hour, b.minute, b.second};
+    return memcmp(left, right, sizeof(left));
+}
+
+bool read_whole_file(const std::string& path, std::vector<uint8_t>& out, std::string& error)
+{
+    FILE* file = fopen(path.c_str(), "rb");
+    if (file == nullptr) {
+        error = "cannot open " + path + ": " + strerror(errno);
+        return false;
+    }
+    out.clear();
+    uint8_t chunk[0x10000];
+    size_t got;
+    while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0)
+        out.insert(out.end(), chunk, chunk + got);
+    const bool failed = ferror(file) != 0;
+    fclose(file);
+    if (failed) {
+        error = "cannot read " + path;
+        return false;
+    }
+    return true;
+}
+
+// Checks an H.264 clip for recording and cuts it into access units.
+bool access_units_for_recording(const std::string& path, const std::vector<uint8_t>& clip,
+                                std::vector<H264AccessUnit>& units, std::string& error)
+{
+    if (clip.empty()) {
+        error = path + " is empty";
+        return false;
+    }
+    units = h264_split_access_units(clip.data(), clip.size());
+    if (units.empty()) {
+        error = path + " holds no H.264 start code: it is no Annex-B stream (with ffmpeg: "
+                       "-bsf:v h264_mp4toannexb -f h264)";
+        return false;
+    }
+    size_t first_idr = 0;
+    while (first_idr < units.size() && !units[first_idr].idr)
+        first_idr++;
+    if (first_idr == units.size()) {
+        error = path + " holds no IDR picture: a recording begins with an I-frame";
+        return false;
+    }
+    if (first_idr > 0) {
+        error = path + " has " + std::to_string(first_idr) +
+                " access units before its first IDR picture, and a recording begins with an "
+                "I-frame: cut the clip at a key frame";
+        return false;
+    }
+    for (size_t i = 0; i < units.size(); i++)
+        if (units[i].length > STORED_FRAME_MAX_PAYLOAD) {
+            error = "access unit " + std::to_string(i) + " of " + path + " has " +
+                    std::to_string(units[i].length) + " bytes, more than a frame carries (" +
+                    std::to_string(STORED_FRAME_MAX_PAYLOAD) + ")";
+            return false;
+        }
+    return true;
+}
+
+// Leaves group 0 (when `grouped`) and unmounts, after closing `fd`.
+void end_session(int fd, bool grouped)
+{
+    if (fd > 0)
+        api_qzfs_close_stream_segment(fd);
+    if (grouped)
+        api_qzfs_delete_disk_from_group(TOOL_HDD_ID, 0);
+    api_qzfs_umount(TOOL_HDD_ID);
+}
+
+int verb_record_h264(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--h264", "--channel", "--start", "--fps"}, error))
+        return fail("%s (record --h264 takes --channel, --start and --fps)", error);
+    if (args.positional.size() != 1)
+        return fail("record takes one IMAGE");
+    unsigned channel = 0, fps = 0;
+    if (args.option("--channel") == nullptr || !number_option(args, "--channel", 254, 0, channel))
+        return fail("record --h264 needs --channel C (0 to 254)");
+    if (!number_option(args, "--fps", 1000, 25, fps) || fps == 0)
+        return fail("--fps takes 1 to 1000 frames a second");
+    _k4t_fs_date_time_ start;
+    const std::string* start_text = args.option("--start");
+    if (start_text == nullptr || !parse_date_time(*start_text, start))
+        return fail("record --h264 needs --start YYYY-MM-DDTHH:MM:SS (local time, 2000 to 2099)");
+
+    const std::string& clip_path = *args.option("--h264");
+    std::vector<uint8_t> clip;
+    std::vector<H264AccessUnit> units;
+    if (!read_whole_file(clip_path, clip, error) ||
+        !access_units_for_recording(clip_path, clip, units, error))
+        return fail("%s", error);
+    const unsigned first = second_of_day(start);
+    const unsigned long span = (units.size() - 1) / fps;  // seconds from first to last frame
+    if (first + span > 86399) {
+        const std::string latest = span <= 86399 ? format_date_time(at_second_of_day(
+                                                       start, unsigned(86399 - span)))
+                                                 : "";
+        return fail("%s", "the clip (" + std::to_string(units.size()) + " frames at " +
+                              std::to_string(fps) + " a second) would run past midnight" +
+                              (latest.empty() ? std::string("; it is longer than a day")
+                                              : "; start at " + latest + " at the latest"));
+    }
+
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    if (choose_disk_for_recording(path) != 0) {
+        end_session(-1, true);
+        return 1;
+    }
+    _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(channel), 0, start);
+    _k4t_stream_segment_id_ id = {};
+    int fd = api_qzfs_create_stream_segment(&para);
+    if (fd <= 0 || api_qzfs_get_fd_info(fd, &id) != 0) {
+        end_session(fd, true);
+        return fail("cannot start recording channel %s (disk full or too many streams?)",
+                    std::to_string(channel));
+    }
+
+    // One write a frame, as a recorder hands over its frames.
+    std::vector<uint8_t> frame;
+    unsigned long long frame_bytes = 0;
+    unsigned long iframes = 0;
+    for (size_t i = 0; i < units.size(); i++) {
+        const H264AccessUnit& unit = units[i];
+        const _k4t_fs_date_time_ when = at_second_of_day(start, unsigned(first + i / fps));
+        const uint64_t pts = uint64_t(i) * 90000u / fps;
+        frame.clear();
+        wrap_stored_frame(frame, uint8_t(channel), unit.idr, when, pts, clip.data() + unit.offset,
+                          unit.length);
+        _k4t_video_frame_info_ info = {};
+        if (unit.idr) {
+            info.hour = when.hour;
+            info.minute = when.minute;
+            info.second = when.second;
+            info.iframe_flag = 1;
+            info.offset = 0;
+            info.pts_high = uint32_t(pts >> 32);
+            info.pts_low = uint32_t(pts);
+            iframes++;
+        }
+        const int len = int(frame.size());
+        if (api_qzfs_write_video_data(fd, frame.data(), len, unit.idr ? 1 : 0,
+                                      unit.idr ? &info : nullptr) != len) {
+            end_session(fd, true);
+            return fail("writing frame %s failed (disk full?); what came before is kept",
+                        std::to_string(i) + " at " + format_date_time(when));
+        }
+        frame_bytes += (unsigned long long)len;
+    }
+    const int closed = api_qzfs_close_stream_segment(fd);
+    end_session(-1, true);
+    if (closed != 0)
+        return fail("closing the segment failed");
+    const _k4t_fs_date_time_ last = at_second_of_day(start, unsigned(first + span));
+    printf("recorded %s on channel %u: %zu frames (%lu I-frames), %zu bytes of H.264 in %llu "
+           "bytes of frames, from %s to %s at %u frames a second\n",
+           clip_path.c_str(), channel, units.size(), iframes, clip.size(), frame_bytes,
+           format_date_time(start).c_str(), format_date_time(last).c_str(), fps);
+    printf("segment %u:%u:%u\n", id.hdd_id, id.root_index, id.stream_segment_index);
+    return 0;
+}
+
+// Reads "HDD:ROOT:SEG".
+bool parse_segment_id(const std::string& text, _k4t_stream_segment_id_& id)
+{
+    unsigned hdd, root, segment;
+    char tail;
+    if (text.empty() || text[0] == '-' ||
+        sscanf(text.c_str(), "%u:%u:%u%c", &hdd, &root, &segment, &tail) != 3 || hdd > 254)
+        return false;
+    id.hdd_id = uint8_t(hdd);
+    id.root_index = root;
+    id.stream_segment_index = segment;
+    return true;
+}
+
+// What one export has read and written.
+struct ExportCount {
+    unsigned long frames = 0;
+    unsigned long iframes = 0;
+    unsigned long audio_left_out = 0;
+    unsigned long segments = 0;
+    unsigned long long bytes = 0;
+};
+
+// Reads the stream of `fd` in 64 KiB units and writes its frames to `out`:
+// their video payloads, or with `raw` the frames whole. With `to`, stops
+// before the first frame whose date-time record is later.
+bool export_frames(int fd, FILE* out, bool raw, const _k4t_fs_date_time_* to, ExportCount& count,
+                   std::string& error)
+{
+    std::vector<uint8_t> chunk(0x10000);
+    StoredFrameParser parser;
+    StoredFrame frame;
+    for (;;) {
+        unsigned char new_segment = 0;
+        const int got = api_qzfs_read_video_data(fd, chunk.data(), int(chunk.size()), &new_segment);
+        if (got < 0) {
+            error = "reading the recording failed after " + std::to_string(count.frames) +
+                    " frames";
+            return false;
+        }
+        if (got == 0)
+            break;
+        if (new_segment != 0 || count.segments == 0) {
+            // A segment ends on a frame boundary; one cut short by a power
+            // failure may not, and its last frame is left out.
+            const size_t dropped = count.segments > 0 ? parser.drop_pending() : 0;
+            if (dropped > 0)
+                fprintf(stderr, "qzfs: segment %lu ends inside a frame: %zu bytes left out\n",
+                        count.segments, dropped);
+            count.segments++;
+        }
+        parser.feed(chunk.data(), size_t(got));
+        while (parser.next(frame)) {
+            if (to != nullptr && frame.has_time && compare_date_time(frame.time, *to) > 0)
+                return true;
+            if (!raw && frame.audio()) {
+                count.audio_left_out++;
+                continue;
+            }
+            const uint8_t* data = raw ? frame.bytes.data() : frame.payload();
+            const size_t size = raw ? frame.bytes.size() : frame.frame_len;
+            if (size > 0 && fwrite(data, 1, size, out) != size) {
+                error = std::string("writing the output failed: ") + strerror(errno);
+                return false;
+            }
+            count.frames++;
+            if (frame.iframe())
+                count.iframes++;
+            count.bytes += size;
+        }
+        if (!parser.error().empty()) {
+            error = "the recording holds something that is no frame: " + parser.error();
+            return false;
+        }
+    }
+    if (parser.pending() > 0)
+        fprintf(stderr, "qzfs: the recording ends inside a frame: %zu bytes left out\n",
+                parser.pending());
+    return true;
+}
+
+int verb_export(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--id", "--out", "--raw", "--channel", "--from", "--to", "--stream"},
+                      error))
+        return fail("%s", error);
+    if (args.positional.size() != 1)
+        return fail("export takes one IMAGE");
+    const std::string* out_path = args.option("--out");
+    if (out_path == nullptr || out_path->empty())
+        return fail("export needs --out FILE (the library logs to standard output)");
+    const bool raw = args.option("--raw") != nullptr;
+    const bool by_id = args.option("--id") != nullptr;
+    _k4t_stream_segment_id_ id = {};
+    _qzfs_k4t_stream_open_para_ para = {};
+    _k4t_fs_date_time_ to = {};
+    if (by_id) {
+        if (args.option("--channel") || args.option("--from") || args.option("--to") ||
+            args.option("--stream"))
+            return fail("export --id takes no --channel, --from, --to or --stream");
+        if (!parse_segment_id(*args.option("--id"), id))
+            return fail("--id takes HDD:ROOT:SEG, as record prints it (e.g. 0:0:0)");
+        if (id.hdd_id != TOOL_HDD_ID)
+            return fail("the tool mounts its image as disk %s, so --id begins with it",
+                        std::to_string(TOOL_HDD_ID));
+    } else {
+        unsigned channel = 0, stream = 0;
+        if (args.option("--channel") == nullptr ||
+            !number_option(args, "--channel", 254, 0, channel))
+            return fail("export needs --id HDD:ROOT:SEG, or --channel C (0 to 254) with --from "
+                        "and --to");
+        if (!number_option(args, "--stream", 255, 0, stream))
+            return fail("--stream takes 0 to 255");
+        const std::string* from_text = args.option("--from");
+        const std::string* to_text = args.option("--to");
+        _k4t_fs_date_time_ from;
+        if (from_text == nullptr || !parse_date_time(*from_text, from) || to_text == nullptr ||
+            !parse_date_time(*to_text, to))
+            return fail("export --channel needs --from and --to as YYYY-MM-DDTHH:MM:SS");
+        if (compare_date_time(from, to) > 0)
+            return fail("--to is earlier than --from");
+        if (from.year != to.year || from.month != to.month || from.day != to.day)
+            return fail("--from and --to lie on different days; export one day at a time");
+        para.channel = uint8_t(channel);
+        para.stream_type = uint8_t(stream);
+        para.record_type_bitmap = 0xFFFF;
+        para.group_bitmap = 1u << 0;
+        para.date_time = from;
+    }
+
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    // A search by time looks at the disks of the groups it is given.
+    if (!by_id && api_qzfs_add_disk_to_group(TOOL_HDD_ID, 0) != 0) {
+        end_session(-1, false);
+        return fail("cannot put %s in a group to search it", path);
+    }
+    const int fd = by_id ? api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0)
+                         : api_qzfs_open_stream_segment_by_para(&para, QZFS_K4T_OSF_CONTINUE);
+    if (fd <= 0) {
+        end_session(-1, !by_id);
+        if (by_id)
+            return fail("there is no segment %s (see info --index and --segments)",
+                        std::to_string(id.hdd_id) + ":" + std::to_string(id.root_index) + ":" +
+                            std::to_string(id.stream_segment_index) + " on " + path);
+        return fail("%s", "channel " + std::to_string(para.channel) + " (stream type " +
+                              std::to_string(para.stream_type) + ") recorded nothing on " + path +
+                              " from " + format_date_time(para.date_time) + " to the end of that day");
+    }
+    FILE* out = fopen(out_path->c_str(), "wb");
+    if (out == nullptr) {
+        end_session(fd, !by_id);
+        return fail("cannot create %s", *out_path + ": " + strerror(errno));
+    }
+    ExportCount count;
+    bool ok = export_frames(fd, out, raw, by_id ? nullptr : &to, count, error);
+    if (fclose(out) != 0 && ok) {
+        ok = false;
+        error = std::string("writing the output failed: ") + strerror(errno);
+    }
+    end_session(fd, !by_id);
+    if (ok && !by_id && count.frames == 0) {
+        ok = false;
+        error = "channel " + std::to_string(para.channel) + " recorded nothing from " +
+                format_date_time(para.date_time) + " to " + format_date_time(to) +
+                " (its next recording begins later)";
+    }
+    if (!ok) {
+        unlink(out_path->c_str());
+        return fail("%s", error);
+    }
+    printf("exported %lu frames (%lu I-frames) from %lu segment%s: %llu bytes %s to %s\n",
+           count.frames, count.iframes, count.segments, count.segments == 1 ? "" : "s",
+           count.bytes, raw ? "of stored frames" : "of payload", out_path->c_str());
+    if (count.audio_left_out > 0)
+        printf("%lu audio frames left out\n", count.audio_left_out);
+    return 0;
+}
+
 int verb_test(const Args& args)
 {
     std::string error;
@@ -934,6 +1317,8 @@ int main(int argc, char** argv)
         rc = verb_segment_add(args);
     else if (verb == "record")
         rc = verb_record(args);
+    else if (verb == "export")
+        rc = verb_export(args);
     else if (verb == "test")
         rc = verb_test(args);
     else if (verb == "rebuild-shell")
