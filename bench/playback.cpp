@@ -50,6 +50,7 @@
 // Images go to --dir, else $TMPDIR, else /tmp, and are removed afterwards.
 // The library's own lines on standard output are dropped unless --verbose.
 // The default run takes 15 to 30 seconds on a two-core machine.
+#include "bench_support.h"
 #include "frame_source.h"
 #include "qzfilesystem.h"
 #include "qzfilesystem_api.h"
@@ -78,27 +79,7 @@ const unsigned long long kImageSize = 4096 * MiB;
 const unsigned kReadUnit = 65536;
 const _k4t_fs_date_time_ kStart = {26, 11, 21, 8, 0, 0, 0};
 
-// Output of the benchmark itself; standard output may be the library's log.
-FILE* report = stdout;
 bool verbose = false;
-// The image in use, removed when the benchmark gives up.
-std::string image_in_use;
-
-[[noreturn]] void die(const char* what, const std::string& detail = "")
-{
-    fprintf(stderr, "bench/playback: %s%s%s\n", what, detail.empty() ? "" : ": ", detail.c_str());
-    if (!image_in_use.empty())
-        unlink(image_in_use.c_str());
-    exit(1);
-}
-
-double cpu_seconds()
-{
-    struct rusage ru;
-    getrusage(RUSAGE_SELF, &ru);
-    return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
-           double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
 
 double seconds_since(std::chrono::steady_clock::time_point start)
 {
@@ -157,20 +138,10 @@ Channel make_channel(const FrameSourceConfig& config, unsigned seconds)
     return ch;
 }
 
-void make_sparse(const std::string& path)
-{
-    image_in_use = path;
-    unlink(path.c_str());
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
-    if (fd < 0 || ftruncate(fd, off_t(kImageSize)) != 0)
-        die("cannot make the image", path + ": " + strerror(errno));
-    close(fd);
-}
-
 // A formatted image, mounted as disk 0 in group 0 and chosen for recording.
 void open_disk(const std::string& path)
 {
-    make_sparse(path);
+    make_sparse(path, kImageSize);
     std::string dev = path;
     char label[] = "bench";
     if (api_qzfs_format(0, &dev[0], label) != 0)
@@ -612,27 +583,11 @@ void seeks(const std::string& image, unsigned warm, unsigned cold, unsigned seed
     close_disk(image);
 }
 
-std::vector<unsigned> parse_list(const char* text)
-{
-    std::vector<unsigned> out;
-    const char* p = text;
-    while (*p != '\0') {
-        char* end = nullptr;
-        unsigned long v = strtoul(p, &end, 10);
-        if (end == p || v == 0 || v > 64)
-            die("bad --channels list (1 to 64 each)", text);
-        out.push_back(unsigned(v));
-        if (*end != ',' && *end != '\0')
-            die("bad --channels list", text);
-        p = *end == ',' ? end + 1 : end;
-    }
-    return out;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    bench_name = "bench/playback";
     unsigned long long total_mib = 512;
     unsigned repeats = 5;
     std::vector<unsigned> counts = {1, 16};
@@ -647,7 +602,7 @@ int main(int argc, char** argv)
         else if (a == "--repeats" && has_value)
             repeats = unsigned(strtoul(argv[++i], nullptr, 10));
         else if (a == "--channels" && has_value)
-            counts = parse_list(argv[++i]);
+            counts = parse_list(argv[++i], 64);
         else if (a == "--seeks" && has_value)
             warm_seeks = unsigned(strtoul(argv[++i], nullptr, 10));
         else if (a == "--cold-seeks" && has_value)
@@ -668,22 +623,7 @@ int main(int argc, char** argv)
     if (total_mib == 0 || total_mib > 2048 || repeats == 0)
         die("--total-mib takes 1 to 2048 and --repeats at least 1");
 
-    // The library logs to standard output; keep the table apart from it.
-    int table_fd = dup(1);
-    report = fdopen(table_fd, "w");
-    if (report == nullptr)
-        die("cannot duplicate standard output");
-    setvbuf(report, nullptr, _IOLBF, 0);
-    if (!verbose) {
-        fflush(stdout);
-        int null = open("/dev/null", O_WRONLY);
-        if (null < 0 || dup2(null, 1) < 0)
-            die("cannot silence standard output");
-        close(null);
-    }
-    if (api_qzfs_init() != 0)
-        die("api_qzfs_init failed");
-    api_qzfs_set_debug_level(0);
+    start_library(verbose);
 
     const std::string image = dir + "/qzfs-playback-" + std::to_string(getpid()) + ".img";
     if (!counts.empty()) {

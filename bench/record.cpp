@@ -40,6 +40,7 @@
 // The library's own lines on standard output are dropped unless --verbose.
 // The run takes one to three minutes on a two-core machine with the default
 // 1 GiB; the figures depend heavily on the page cache and the disk behind it.
+#include "bench_support.h"
 #include "frame_source.h"
 #include "qzfilesystem_api.h"
 
@@ -85,14 +86,6 @@ const unsigned kFps = 25;
 const unsigned kPoolSeconds = 10;
 const _k4t_fs_date_time_ kStart = {26, 11, 21, 8, 0, 0, 0};
 
-// Output of the benchmark itself; standard output may be the library's log.
-FILE* report = stdout;
-
-[[noreturn]] void die(const char* what, const std::string& detail = "")
-{
-    fprintf(stderr, "bench/record: %s%s%s\n", what, detail.empty() ? "" : ": ", detail.c_str());
-    exit(1);
-}
 
 // One channel's frames: a pool of whole frames written in turn, and the
 // description of every I-frame of the run.
@@ -164,14 +157,6 @@ struct Measure {
     double fsync_seconds = 0;
 };
 
-double cpu_seconds()
-{
-    struct rusage ru;
-    getrusage(RUSAGE_SELF, &ru);
-    return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
-           double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
-}
-
 class Stopwatch {
 public:
     Stopwatch()
@@ -200,15 +185,6 @@ private:
     unsigned long long fsync_ns_;
 };
 
-void make_sparse(const std::string& path)
-{
-    unlink(path.c_str());
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
-    if (fd < 0 || ftruncate(fd, off_t(kImageSize)) != 0)
-        die("cannot make the image", path + ": " + strerror(errno));
-    close(fd);
-}
-
 // Runs fn(i) on threads 0..n-1 and waits for them all.
 template <typename Fn> void on_threads(size_t n, Fn fn)
 {
@@ -223,7 +199,7 @@ template <typename Fn> void on_threads(size_t n, Fn fn)
 // The same bytes with pwrite, each thread in its own region of the file.
 Measure run_raw(const std::string& path, const std::vector<Channel>& channels)
 {
-    make_sparse(path);
+    make_sparse(path, kImageSize);
     int fd = open(path.c_str(), O_RDWR);
     if (fd < 0)
         die("cannot open the image", path + ": " + strerror(errno));
@@ -264,7 +240,7 @@ Measure run_raw(const std::string& path, const std::vector<Channel>& channels)
 // The library: format, mount, choose the disk, one segment per channel.
 Measure run_library(const std::string& path, const std::vector<Channel>& channels)
 {
-    make_sparse(path);
+    make_sparse(path, kImageSize);
     std::string dev = path;
     char label[] = "bench";
     if (api_qzfs_format(0, &dev[0], label) != 0)
@@ -325,23 +301,6 @@ Measure run_library(const std::string& path, const std::vector<Channel>& channel
     return m;
 }
 
-std::vector<unsigned> parse_list(const char* text)
-{
-    std::vector<unsigned> out;
-    const char* p = text;
-    while (*p != '\0') {
-        char* end = nullptr;
-        unsigned long v = strtoul(p, &end, 10);
-        if (end == p || v == 0 || v > 200)
-            die("bad --channels list", text);
-        out.push_back(unsigned(v));
-        p = *end == ',' ? end + 1 : end;
-        if (*end != ',' && *end != '\0')
-            die("bad --channels list", text);
-    }
-    return out;
-}
-
 struct Best {
     Measure raw, lib;
     bool have_raw = false, have_lib = false;
@@ -351,6 +310,7 @@ struct Best {
 
 int main(int argc, char** argv)
 {
+    bench_name = "bench/record";
     unsigned long long total_mib = 1024;
     unsigned repeats = 2;
     std::vector<unsigned> counts = {1, 4, 16, 64};
@@ -365,7 +325,7 @@ int main(int argc, char** argv)
         else if (a == "--repeats" && has_value)
             repeats = unsigned(strtoul(argv[++i], nullptr, 10));
         else if (a == "--channels" && has_value)
-            counts = parse_list(argv[++i]);
+            counts = parse_list(argv[++i], 200);
         else if (a == "--dir" && has_value)
             dir = argv[++i];
         else if (a == "--verbose")
@@ -380,22 +340,7 @@ int main(int argc, char** argv)
     if (total_mib == 0 || total_mib > 2048 || repeats == 0)
         die("--total-mib takes 1 to 2048 and --repeats at least 1");
 
-    // The library logs to standard output; keep the table apart from it.
-    int table_fd = dup(1);
-    report = fdopen(table_fd, "w");
-    if (report == nullptr)
-        die("cannot duplicate standard output");
-    setvbuf(report, nullptr, _IOLBF, 0);
-    if (!verbose) {
-        fflush(stdout);
-        int null = open("/dev/null", O_WRONLY);
-        if (null < 0 || dup2(null, 1) < 0)
-            die("cannot silence standard output");
-        close(null);
-    }
-    if (api_qzfs_init() != 0)
-        die("api_qzfs_init failed");
-    api_qzfs_set_debug_level(0);
+    start_library(verbose);
 
     const std::string image = dir + "/qzfs-bench-" + std::to_string(getpid()) + ".img";
     fprintf(report, "recording benchmark: %llu MiB per configuration, best of %u, image %s\n",

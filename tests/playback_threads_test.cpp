@@ -46,12 +46,6 @@ bool read_while_recording(int fd, const std::atomic<bool>& finished, std::vector
     }
 }
 
-std::vector<uint8_t> from_first_iframe(const WrittenStream& written)
-{
-    return std::vector<uint8_t>(written.bytes.begin() + long(written.iframes.front().offset),
-                                written.bytes.end());
-}
-
 class PlaybackThreads : public RecordingTest {};
 
 }  // namespace

@@ -17,6 +17,35 @@ void WrittenStream::add(const FrameBatch& batch)
     bytes.insert(bytes.end(), batch.bytes.begin(), batch.bytes.end());
 }
 
+FrameSource channel_source(uint8_t channel)
+{
+    FrameSourceConfig config;
+    config.channel = channel;
+    return FrameSource(config);
+}
+
+FrameBatch pframe_of_size(uint8_t channel, uint32_t total)
+{
+    FrameBatch batch;
+    batch.bytes.assign(total, 0x5A);
+    batch.bytes[0] = channel;
+    batch.bytes[1] = '3';
+    batch.bytes[2] = 'd';
+    batch.bytes[3] = 'c';
+    const uint32_t payload = total - 12;
+    batch.bytes[4] = uint8_t(payload);
+    batch.bytes[5] = uint8_t(payload >> 8);
+    batch.bytes[6] = uint8_t(payload >> 16);
+    batch.bytes[7] = batch.bytes[8] = batch.bytes[9] = batch.bytes[10] = batch.bytes[11] = 0;
+    return batch;
+}
+
+std::vector<uint8_t> from_first_iframe(const WrittenStream& written)
+{
+    return std::vector<uint8_t>(written.bytes.begin() + long(written.iframes.front().offset),
+                                written.bytes.end());
+}
+
 // The whole I-frame log of a root, up to its end.
 static std::vector<_iframe_index_node_dev_> read_log(CQzFileSystem* fs, uint32_t root,
                                                      std::vector<uint32_t>& chain)

@@ -44,6 +44,14 @@ void read_segment(CQzFileSystem* fs, const std::string& image, uint32_t root, ui
 void expect_segment_matches(CQzFileSystem* fs, const std::string& image,
                             const SegmentOnDisk& disk, const WrittenStream& written);
 
+// The default 25-frame-a-second stream of one channel.
+FrameSource channel_source(uint8_t channel);
+// One P-frame of exactly `total` bytes (at least 12), in the frame format.
+FrameBatch pframe_of_size(uint8_t channel, uint32_t total);
+// What a reader of a segment returns: the written bytes from the first
+// I-frame on.
+std::vector<uint8_t> from_first_iframe(const WrittenStream& written);
+
 // A formatted, mounted 3 GiB image (disk 0) in group 0, chosen for recording.
 class RecordingTest : public MountedImageTest {
 protected:

@@ -33,13 +33,6 @@ FrameSource source_at(const _k4t_fs_date_time_& start, unsigned gop = 25)
     return FrameSource(config);
 }
 
-// What a reader must return: the written bytes from the first I-frame on.
-std::vector<uint8_t> from_first_iframe(const WrittenStream& written)
-{
-    const size_t first = written.iframes.front().offset;
-    return std::vector<uint8_t>(written.bytes.begin() + long(first), written.bytes.end());
-}
-
 // The written bytes from the I-frame of second `hh:mm:ss` (the first one
 // of that second) on.
 std::vector<uint8_t> from_iframe_at(const WrittenStream& written, uint8_t hour, uint8_t minute,

@@ -16,37 +16,6 @@ namespace {
 
 const _k4t_fs_date_time_ kMorning = {26, 11, 21, 9, 0, 0, 0};
 
-FrameSource channel_source(uint8_t channel)
-{
-    FrameSourceConfig config;
-    config.channel = channel;
-    return FrameSource(config);
-}
-
-// One P-frame of exactly `total` bytes (at least 12), in the frame format.
-FrameBatch pframe_of_size(uint8_t channel, uint32_t total)
-{
-    FrameBatch batch;
-    batch.bytes.assign(total, 0x5A);
-    batch.bytes[0] = channel;
-    batch.bytes[1] = '3';
-    batch.bytes[2] = 'd';
-    batch.bytes[3] = 'c';
-    const uint32_t payload = total - 12;
-    batch.bytes[4] = uint8_t(payload);
-    batch.bytes[5] = uint8_t(payload >> 8);
-    batch.bytes[6] = uint8_t(payload >> 16);
-    batch.bytes[7] = batch.bytes[8] = batch.bytes[9] = batch.bytes[10] = batch.bytes[11] = 0;
-    return batch;
-}
-
-// What a reader of the segment gets: the bytes from its first I-frame on.
-std::vector<uint8_t> segment_bytes(const WrittenStream& written)
-{
-    return std::vector<uint8_t>(written.bytes.begin() + written.iframes.front().offset,
-                                written.bytes.end());
-}
-
 // Bytes an application overwrites with; no two neighbours alike.
 std::vector<uint8_t> patch(size_t len, uint8_t seed)
 {
@@ -185,7 +154,7 @@ TEST_F(StreamSeekOffsetTest, SetCurAndEndLandOnTheRecordedBytesAcrossBlocks)
     _k4t_stream_segment_id_ id;
     WrittenStream written;
     record_closed(1, 45, id, written);
-    const std::vector<uint8_t> stream = segment_bytes(written);
+    const std::vector<uint8_t> stream = from_first_iframe(written);
     const uint64_t len = stream.size();
     const uint64_t b1 = block_end(4096, 1), b2 = block_end(4096, 2), b3 = block_end(4096, 3);
     ASSERT_GT(len, block_end(4096, 4)) << "the recording spans more than four blocks";
@@ -239,7 +208,7 @@ TEST_F(StreamSeekOffsetTest, FirstIframeInsideItsBlockIsCountedIn)
     WrittenStream written;
     record_closed(2, 30, id, written, 700);
     ASSERT_EQ(700u, written.iframes.front().offset);
-    const std::vector<uint8_t> stream = segment_bytes(written);
+    const std::vector<uint8_t> stream = from_first_iframe(written);
     const uint64_t first = 4096 + 700;
     const uint64_t b1 = block_end(first, 1), b2 = block_end(first, 2);
     ASSERT_GT(stream.size(), b2 + 200000);
@@ -262,7 +231,7 @@ TEST_F(StreamSeekOffsetTest, StreamEndingOnABlockEnd)
     record_seconds(wfd, source, 12, written);
     fill_block_exactly(wfd, source, written);
     ASSERT_EQ(0, api_qzfs_close_stream_segment(wfd));
-    const std::vector<uint8_t> stream = segment_bytes(written);
+    const std::vector<uint8_t> stream = from_first_iframe(written);
     const uint64_t len = stream.size();
     ASSERT_EQ(0u, (len + 4096 - block_size()) % (block_size() - 4096)) << "ends on a block end";
 
@@ -286,7 +255,7 @@ TEST_F(StreamSeekOffsetTest, TellCountsOnlyTheBytesHandedOut)
     _k4t_stream_segment_id_ id;
     WrittenStream written;
     record_closed(4, 20, id, written);
-    const std::vector<uint8_t> stream = segment_bytes(written);
+    const std::vector<uint8_t> stream = from_first_iframe(written);
     int fd = open_reader(id);
     ASSERT_GT(fd, 0);
 
@@ -319,7 +288,7 @@ TEST_F(StreamSeekOffsetTest, RefusedSeeksLeaveTheReaderWhereItWas)
     _k4t_stream_segment_id_ id;
     WrittenStream written;
     record_closed(5, 20, id, written);
-    const std::vector<uint8_t> stream = segment_bytes(written);
+    const std::vector<uint8_t> stream = from_first_iframe(written);
     const long long len = (long long)stream.size();
     int fd = open_reader(id);
     ASSERT_GT(fd, 0);
@@ -405,7 +374,7 @@ TEST_F(StreamSeekOffsetTest, ReaderOfALiveSegmentSeeksWithinWhatIsWritten)
 
     int fd = open_reader(id);
     ASSERT_GT(fd, 0);
-    std::vector<uint8_t> stream = segment_bytes(written);
+    std::vector<uint8_t> stream = from_first_iframe(written);
     const uint64_t then = stream.size();
     ASSERT_EQ(0, api_qzfs_seek_stream_segment_by_offset(fd, 0, SEEK_END));
     EXPECT_EQ((long long)then, tell(fd));
@@ -416,7 +385,7 @@ TEST_F(StreamSeekOffsetTest, ReaderOfALiveSegmentSeeksWithinWhatIsWritten)
 
     // The writer goes on; the same reader now reaches the new bytes.
     record_seconds(wfd, source, 12, written);
-    stream = segment_bytes(written);
+    stream = from_first_iframe(written);
     ASSERT_GT(stream.size(), block_end(4096, 3));
     seek_and_expect(fd, stream, 0, SEEK_CUR, then, 300000);
     seek_and_expect(fd, stream, (long long)block_end(4096, 3) - 1, SEEK_SET, block_end(4096, 3) - 1);
@@ -503,7 +472,7 @@ TEST_F(StreamSeekOffsetTest, SeekedWriterOverwritesInPlaceAndAppendsAtTheHead)
     EXPECT_EQ(1, fs_->open_stream_segment_is_empty());
 
     // A reader gets the new bytes in their places, and so does the disk.
-    const std::vector<uint8_t> stream = segment_bytes(written);
+    const std::vector<uint8_t> stream = from_first_iframe(written);
     int fd = open_reader(id);
     ASSERT_GT(fd, 0);
     std::vector<uint8_t> all = read_up_to(fd, stream.size() + 1, 100000);

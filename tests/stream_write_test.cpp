@@ -13,31 +13,6 @@ namespace {
 
 const _k4t_fs_date_time_ kMorning = {26, 11, 21, 8, 0, 0, 0};
 
-// One P-frame of exactly `total` bytes (at least 12), in the frame format.
-FrameBatch pframe_of_size(uint8_t channel, uint32_t total)
-{
-    FrameBatch batch;
-    batch.bytes.assign(total, 0x5A);
-    batch.bytes[0] = channel;
-    batch.bytes[1] = '3';
-    batch.bytes[2] = 'd';
-    batch.bytes[3] = 'c';
-    const uint32_t payload = total - 12;
-    batch.bytes[4] = uint8_t(payload);
-    batch.bytes[5] = uint8_t(payload >> 8);
-    batch.bytes[6] = uint8_t(payload >> 16);
-    batch.bytes[8] = batch.bytes[9] = batch.bytes[10] = 0;
-    return batch;
-}
-
-// The default 25-frame-a-second stream of one channel.
-FrameSource channel_source(uint8_t channel)
-{
-    FrameSourceConfig config;
-    config.channel = channel;
-    return FrameSource(config);
-}
-
 class StreamWriteTest : public RecordingTest {
 protected:
     _opened_stream_segment_* open_record(int fd)
