@@ -736,6 +736,19 @@ TEST_F(StreamReadTest, TheSearchRunsOverEveryDiskOfTheGroup)
     EXPECT_TRUE(same_bytes(from_iframe_at(on_second, 8, 0, 5), read_to_end(fd, 1 << 20)));
     EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
 
+    // In the gap, disk 0's later segment is met first: the policy decides
+    // whether disk 1's earlier one replaces it.
+    for (int policy : {FS_FIND_NEAR_PREFER_NEXT, FS_FIND_NEAR_PREFER_PREV}) {
+        _qzfs_k4t_stream_open_para_ gap = open_request(0, at_time(8, 10, 0));
+        _k4t_stream_segment_id_ found = {255, 0, 0};
+        _stream_segment_index_node_men_ best;
+        ASSERT_EQ(0, gQzfsManager.Find_stream_segment(&gap, _fs_find_policy_(policy), &found.hdd_id,
+                                                      &found.root_index,
+                                                      &found.stream_segment_index, &best));
+        EXPECT_TRUE(same_id(policy == FS_FIND_NEAR_PREFER_NEXT ? later : earlier, found))
+            << "policy " << policy;
+    }
+
     // After it, the next segment of the day lies on disk 0, and a reader
     // with the continue flag crosses disks on the same descriptor.
     para = open_request(0, at_time(8, 0, 18));
