@@ -184,6 +184,33 @@ void RecordingTest::choose_work_disk()
     ASSERT_EQ(0, hdd);
 }
 
+_opened_stream_segment_* RecordingTest::open_record(int fd)
+{
+    return gQzfsManager.get_opening_stream_segment_info(gQzfsManager.get_disk_ossid(fd));
+}
+
+_write_stream_segment_* RecordingTest::writer_of(int fd)
+{
+    _opened_stream_segment_* oss = open_record(fd);
+    return oss == nullptr ? nullptr : oss->writer();
+}
+
+void RecordingTest::fill_block_exactly(int fd, FrameSource& source, WrittenStream& written)
+{
+    const uint32_t block_size = uint32_t(fs_->manage().block_size);
+    FrameBatch batch;
+    while (writer_of(fd)->block_offset > block_size ||
+           block_size - writer_of(fd)->block_offset >= 100 * 1024) {
+        batch.clear();
+        source.append_frame(batch);
+        ASSERT_EQ(int(batch.bytes.size()), write(fd, batch, written));
+    }
+    FrameBatch exact =
+        pframe_of_size(source.config().channel, block_size - writer_of(fd)->block_offset);
+    ASSERT_EQ(int(exact.bytes.size()), write(fd, exact, written));
+    ASSERT_EQ(block_size, writer_of(fd)->block_offset);
+}
+
 void RecordingTest::remount()
 {
     ASSERT_EQ(0, api_qzfs_delete_disk_from_group(0, 0));

@@ -5,6 +5,7 @@
 #define QZFS_RECORDING_SUPPORT_H
 
 #include "frame_source.h"
+#include "opened_stream_segment.h"
 #include "qzfs_index_format.h"
 #include "test_support.h"
 
@@ -66,6 +67,13 @@ protected:
     int create(_qzfs_k4t_create_ss_para_ para, _k4t_stream_segment_id_* id = nullptr);
     // Writes `batch` to `fd` and adds it to `stream`; the write's result.
     static int write(int fd, const FrameBatch& batch, WrittenStream& stream);
+    // The open record behind a descriptor, and a writer's state; null when
+    // the descriptor is not open.
+    static _opened_stream_segment_* open_record(int fd);
+    static _write_stream_segment_* writer_of(int fd);
+    // Writes frames until the writer's block has less than 100 KiB left,
+    // then one frame that fills it to its last byte.
+    void fill_block_exactly(int fd, FrameSource& source, WrittenStream& written);
     // Someone else takes every free block of the disk.
     void take_every_free_block();
     // Records `seconds` of `source` to `fd`, one write call per frame.

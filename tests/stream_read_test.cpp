@@ -132,10 +132,6 @@ protected:
     {
         return api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, flags);
     }
-    _opened_stream_segment_* record_of(int fd)
-    {
-        return gQzfsManager.get_opening_stream_segment_info(gQzfsManager.get_disk_ossid(fd));
-    }
     _k4t_stream_segment_id_ id_of(int fd)
     {
         _k4t_stream_segment_id_ id = {255, 0, 0};
@@ -531,7 +527,7 @@ TEST_F(StreamReadTest, EachPolicyPicksItsIframe)
     record_segment(kMorning, 20, &id, 50);
     const int fd = open_by_id(id);
     ASSERT_GT(fd, 0);
-    _opened_stream_segment_* oss = record_of(fd);
+    _opened_stream_segment_* oss = open_record(fd);
     _read_stream_segment_* rss = oss->reader();
     // Second of the chosen I-frame, or -1 for none.
     auto pick = [&](_fs_find_policy_ policy, uint8_t second) {

@@ -51,12 +51,6 @@ protected:
         return block_size() - first_in_block + uint64_t(k - 1) * (block_size() - 4096);
     }
 
-    _write_stream_segment_* writer_of(int fd)
-    {
-        _opened_stream_segment_* oss =
-            gQzfsManager.get_opening_stream_segment_info(gQzfsManager.get_disk_ossid(fd));
-        return oss == nullptr ? nullptr : oss->writer();
-    }
     uint64_t live_length(int fd)
     {
         _opened_stream_segment_* oss =
@@ -78,22 +72,6 @@ protected:
         FrameSource source = channel_source(channel);
         record_seconds(fd, source, seconds, written);
         ASSERT_EQ(0, api_qzfs_close_stream_segment(fd));
-    }
-
-    // Writes frames until the writer's block has less than 100 KiB left,
-    // then one frame that fills it to its last byte.
-    void fill_block_exactly(int fd, FrameSource& source, WrittenStream& written)
-    {
-        const uint32_t size = uint32_t(block_size());
-        FrameBatch batch;
-        while (writer_of(fd)->block_offset > size || size - writer_of(fd)->block_offset >= 100 * 1024) {
-            batch.clear();
-            source.append_frame(batch);
-            ASSERT_EQ(int(batch.bytes.size()), write(fd, batch, written));
-        }
-        FrameBatch exact = pframe_of_size(source.config().channel, size - writer_of(fd)->block_offset);
-        ASSERT_EQ(int(exact.bytes.size()), write(fd, exact, written));
-        ASSERT_EQ(size, writer_of(fd)->block_offset);
     }
 
     static int open_reader(_k4t_stream_segment_id_ id)

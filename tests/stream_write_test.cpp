@@ -15,15 +15,6 @@ const _k4t_fs_date_time_ kMorning = {26, 11, 21, 8, 0, 0, 0};
 
 class StreamWriteTest : public RecordingTest {
 protected:
-    _opened_stream_segment_* open_record(int fd)
-    {
-        return gQzfsManager.get_opening_stream_segment_info(gQzfsManager.get_disk_ossid(fd));
-    }
-    _write_stream_segment_* writer_of(int fd)
-    {
-        _opened_stream_segment_* oss = open_record(fd);
-        return oss == nullptr ? nullptr : oss->writer();
-    }
     void expect_on_disk(const _k4t_stream_segment_id_& id, const WrittenStream& written)
     {
         SegmentOnDisk disk;
@@ -38,23 +29,6 @@ protected:
         EXPECT_EQ(0, fs_->Read_stream_segment_index_from_dev(id.root_index,
                                                               id.stream_segment_index, &node));
         return node;
-    }
-    // Writes frames until the writer's block has less than 100 KiB left,
-    // then one frame that fills it to its last byte.
-    void fill_block_exactly(int fd, FrameSource& source, WrittenStream& written)
-    {
-        const uint32_t block_size = uint32_t(fs_->manage().block_size);
-        FrameBatch batch;
-        while (writer_of(fd)->block_offset > block_size ||
-               block_size - writer_of(fd)->block_offset >= 100 * 1024) {
-            batch.clear();
-            source.append_frame(batch);
-            ASSERT_EQ(int(batch.bytes.size()), write(fd, batch, written));
-        }
-        FrameBatch exact = pframe_of_size(source.config().channel,
-                                          block_size - writer_of(fd)->block_offset);
-        ASSERT_EQ(int(exact.bytes.size()), write(fd, exact, written));
-        EXPECT_EQ(block_size, writer_of(fd)->block_offset);
     }
 };
 
