@@ -149,4 +149,9 @@ int Read_video_data(int ossfd, uint8_t* buffer, int len, uint8_t* new_segment);
 int close_old_and_set_new_open_segment_info(int ossfd, _opened_stream_segment_* old_oss,
                                             _opened_stream_segment_* new_oss);
 
+// ---- I-frame playback (qzfs_stream_fast_play.cpp)
+// (declaration of the free Read_iframe_data goes here)
+
+
+
 #endif

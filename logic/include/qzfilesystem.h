@@ -455,6 +455,21 @@ public:
     // ---- seek by offset (qzfs_stream_seek_offset.cpp); disk lock held.
     int Seek_stream_segment(_opened_stream_segment_* oss, long long offset, int whence);
 
+    // ---- I-frame playback (qzfs_stream_fast_play.cpp)
+    // (declarations of the fast-play members go here)
+
+
+
+    // ---- stream queries (qzfs_stream_query.cpp)
+    // (declarations of the query members go here)
+
+
+
+    // ---- calendar and date lists (qzfs_calendar.cpp)
+    // (declarations of the calendar members go here)
+
+
+
     // ---- deletion by time (qzfs_segment_delete.cpp)
     int delete_stream_segment_by_time(unsigned long root_index, unsigned long stream_segment_index,
                                       _k4t_fs_time_ time, unsigned char delete_backwards);

@@ -92,6 +92,11 @@ public:
                             unsigned char* hdd_id, uint32_t* root_index,
                             uint32_t* stream_segment_index, _stream_segment_index_node_men_* best);
 
+    // ---- stream queries (qzfs_stream_query.cpp)
+    // (declarations of the manager's query members go here)
+
+
+
     // The manager lock is taken only when gQzfsConfig.global_lock_enabled is 1.
     void manager_lock();
     void manager_unlock();
