@@ -193,6 +193,15 @@ unsigned second_of(const _k4t_stream_query_result_& r)
     return r.start_hour * 3600u + r.start_minute * 60u + r.start_second;
 }
 
+// The channel of the n-th set bit of `channels`, counted from 0.
+unsigned nth_channel(uint32_t channels, unsigned n)
+{
+    for (unsigned c = 0; c < kChannels; c++)
+        if (channels >> c & 1 && n-- == 0)
+            return c;
+    return kChannels;
+}
+
 // One sequence query of the whole day for `channels`, every page pulled;
 // returns the time in microseconds and sets `rows`.
 double day_query(uint32_t channels, unsigned page, std::vector<_k4t_stream_query_result_>& buffer,
@@ -216,6 +225,7 @@ double day_query(uint32_t channels, unsigned page, std::vector<_k4t_stream_query
     buffer.resize(page);
     rows = 0;
     unsigned last_start = 0;
+    const unsigned wanted = unsigned(__builtin_popcount(channels));
     // Most pages the day can give, and one empty page behind them.
     const unsigned most_pages = (kChannels * kHours + page - 1) / page + 1;
 
@@ -236,11 +246,18 @@ double day_query(uint32_t channels, unsigned page, std::vector<_k4t_stream_query
             break;
         for (int i = 0; i < num; i++) {
             const _k4t_stream_query_result_& r = buffer[size_t(i)];
+            const unsigned k = rows + unsigned(i);
             if (r.channel >= kChannels || !(channels >> r.channel & 1))
                 die("a query row of a channel not asked for", std::to_string(r.channel));
+            if (r.hdd_id != r.channel / kChannelsPerDisk)
+                die("a query row names the wrong disk", "channel " + std::to_string(r.channel));
             if (second_of(r) < last_start)
                 die("query rows not in ascending start time");
             last_start = second_of(r);
+            // Row k: the segment of hour k / n, and among the n segments of
+            // that hour the channels in ascending order.
+            if (second_of(r) != k / wanted * 3600 || nth_channel(channels, k % wanted) != r.channel)
+                die("a query row is not the segment recorded there", "row " + std::to_string(k));
         }
         rows += unsigned(num);
         cmd = K4T_QUERY_NEXT;
