@@ -384,3 +384,60 @@ TEST(Tool, FailuresExitNonZeroWithOneLineReason)
 }
 
 } // namespace
+
+TEST(Tool, LsCalendarAndIframeExportShowWhatWasRecorded)
+{
+    ScratchDir dir;
+    const std::string a = dir.path("a.img"), b = dir.path("b.img");
+    ASSERT_EQ(0, run_tool("format " + a + " --size 3G").status);
+    ASSERT_EQ(0, run_tool("format " + b + " --size 3G").status);
+    const std::string small = " --bitrate 64000 --seconds 10";
+    ASSERT_EQ(0, run_tool("record " + a + " --channels 2" + small + " --start 2026-11-20T08:00:00").status);
+    ASSERT_EQ(0, run_tool("record " + a + " --channels 2" + small + " --start 2026-11-22T08:00:00").status);
+    CommandResult rec = run_tool("record " + b + " --channels 1" + small + " --start 2026-11-21T09:30:00");
+    ASSERT_EQ(0, rec.status) << rec.output;
+    unsigned root = 0, segment = 0;
+    ASSERT_EQ(2, sscanf(rec.output.substr(rec.output.find("channel 0:")).c_str(),
+                        "channel 0: root index entry %u, segment %u", &root, &segment));
+
+    // Both images as one group: disk 0 and disk 1.
+    CommandResult ls = run_tool("ls " + a + " " + b);
+    ASSERT_EQ(0, ls.status) << ls.output;
+    EXPECT_TRUE(contains(ls.output, "5 segments")) << ls.output;
+    const std::string on_b = "1:" + std::to_string(root) + ":" + std::to_string(segment);
+    EXPECT_TRUE(contains(ls.output, on_b + " ")) << ls.output;
+    ls = run_tool("ls " + a + " " + b + " --date 2026-11-21");
+    EXPECT_TRUE(contains(ls.output, "1 segment\n") && contains(ls.output, "09:30:00")) << ls.output;
+    ls = run_tool("ls " + a + " " + b + " --channel 1");
+    EXPECT_TRUE(contains(ls.output, "2 segments")) << ls.output;
+    EXPECT_NE(0, run_tool("ls " + a + " --date 2026-13-01").status);
+
+    CommandResult cal = run_tool("calendar " + a + " " + b + " --month 2026-11");
+    ASSERT_EQ(0, cal.status) << cal.output;
+    EXPECT_TRUE(contains(cal.output, "recorded days: 20, 21, 22")) << cal.output;
+    cal = run_tool("calendar " + a + " --month 2026-11 --channel 1");
+    EXPECT_TRUE(contains(cal.output, "recorded days: 20, 22")) << cal.output;
+    cal = run_tool("calendar " + a + " " + b + " --month 2026-12");
+    EXPECT_TRUE(contains(cal.output, "recorded days: none")) << cal.output;
+    EXPECT_NE(0, run_tool("calendar " + a).status);
+
+    // Ten seconds with an I-frame each: ten I-frames, five with --skip 1,
+    // and the same frames backward. Alone, image b is disk 0 again.
+    const std::string id = " --id 0:" + std::to_string(root) + ":" + std::to_string(segment);
+    const std::string fwd = dir.path("fwd"), back = dir.path("back"), half = dir.path("half");
+    CommandResult ex = run_tool("export " + b + id + " --iframes --raw --out " + fwd);
+    ASSERT_EQ(0, ex.status) << ex.output;
+    EXPECT_TRUE(contains(ex.output, "exported 10 frames (10 I-frames)")) << ex.output;
+    ex = run_tool("export " + b + id + " --iframes --skip 1 --raw --out " + half);
+    EXPECT_TRUE(contains(ex.output, "exported 5 frames")) << ex.output;
+    ex = run_tool("export " + b + id + " --iframes --reverse --raw --out " + back);
+    ASSERT_EQ(0, ex.status) << ex.output;
+    EXPECT_TRUE(contains(ex.output, "exported 10 frames")) << ex.output;
+    const std::vector<uint8_t> forward = read_file(fwd), backward = read_file(back);
+    ASSERT_EQ(forward.size(), backward.size());
+    EXPECT_NE(forward, backward) << "the same frames in the other order";
+    ex = run_tool("export " + b + " --channel 0 --from 2026-11-21T09:30:03 --to 2026-11-21T09:30:06"
+                  " --iframes --out " + half);
+    EXPECT_TRUE(contains(ex.output, "exported 4 frames")) << ex.output;
+    EXPECT_NE(0, run_tool("export " + b + id + " --skip 2 --out " + half).status);
+}

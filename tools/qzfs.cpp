@@ -19,6 +19,7 @@
 #include <ctime>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -55,6 +56,20 @@ const char* USAGE =
     "      second) on channels 0 to N-1, one new stream segment a channel, as\n"
     "      fast as the disk takes them; B is each channel's rate in bits a\n"
     "      second (default 4000000), the start local time (default now)\n"
+    "  record IMAGE --h264 FILE --channel C --start YYYY-MM-DDTHH:MM:SS [--fps N]\n"
+    "      record an H.264 Annex-B file as one new segment of channel C: a frame\n"
+    "      per access unit, an I-frame per IDR picture, N frames a second\n"
+    "  export IMAGE (--id HDD:ROOT:SEG | --channel C --from TIME --to TIME\n"
+    "         [--stream T]) --out FILE [--raw] [--iframes [--skip N] [--reverse]]\n"
+    "      write a segment, or a channel's time range, back out: the frames'\n"
+    "      payloads (the H.264 stream again) or with --raw the frames as stored;\n"
+    "      --iframes the I-frames only, every N+1-th, backward with --reverse\n"
+    "  ls IMAGE... [--channel C] [--date YYYY-MM-DD] [--type T]\n"
+    "      list the segments of the images, mounted as one group, in order of\n"
+    "      start time: id HDD:ROOT:SEG, channel, stream type, start, end, bytes,\n"
+    "      record type and lock; all recorded days unless --date\n"
+    "  calendar IMAGE... --month YYYY-MM [--channel C] [--type T]\n"
+    "      print the month with the days that hold recordings marked\n"
     "  test IMAGE\n"
     "      write, read back and free one block of a mounted disk\n"
     "  rebuild-shell IMAGE\n"
@@ -100,7 +115,7 @@ bool parse_size(const std::string& text, unsigned long long& out)
 }
 
 // Options that stand alone, without a value.
-const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock", "--raw"};
+const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock", "--raw", "--reverse"};
 
 bool is_flag(const std::string& word)
 {
@@ -1138,12 +1153,64 @@ bool export_frames(int fd, FILE* out, bool raw, const _k4t_fs_date_time_* to, Ex
     return true;
 }
 
+// Writes the I-frames of `fd` to `out`, one whole frame a call, forward or
+// (with `reverse`) backward, jumping over `skip` I-frames between two.
+// `stop` ends the walk at the first frame past it: later going forward,
+// earlier going back.
+bool export_iframes(int fd, FILE* out, bool raw, unsigned skip, bool reverse,
+                    const _k4t_fs_date_time_* stop, ExportCount& count, std::string& error)
+{
+    for (;;) {
+        unsigned char* data = nullptr;
+        int len = 0;
+        unsigned char new_segment = 0;
+        const int got = reverse ? api_qzfs_read_pre_iframe(fd, (unsigned char)skip, &data, &len,
+                                                           &new_segment)
+                                : api_qzfs_read_next_iframe(fd, (unsigned char)skip, &data, &len,
+                                                            &new_segment);
+        if (got < 0) {
+            error = "reading I-frames failed after " + std::to_string(count.frames);
+            return false;
+        }
+        if (got == 0)
+            return true;
+        if (new_segment != 0 || count.segments == 0)
+            count.segments++;
+        StoredFrameParser parser;
+        StoredFrame frame;
+        if (data == nullptr || !parser.feed(data, size_t(got)) || !parser.next(frame)) {
+            error = "an I-frame of the recording is no whole frame";
+            return false;
+        }
+        if (stop != nullptr && frame.has_time &&
+            compare_date_time(frame.time, *stop) * (reverse ? -1 : 1) > 0)
+            return true;
+        const uint8_t* bytes = raw ? frame.bytes.data() : frame.payload();
+        const size_t size = raw ? frame.bytes.size() : frame.frame_len;
+        if (size > 0 && fwrite(bytes, 1, size, out) != size) {
+            error = std::string("writing the output failed: ") + strerror(errno);
+            return false;
+        }
+        count.frames++;
+        count.iframes++;
+        count.bytes += size;
+    }
+}
+
 int verb_export(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {"--id", "--out", "--raw", "--channel", "--from", "--to", "--stream"},
+    if (!only_options(args, {"--id", "--out", "--raw", "--channel", "--from", "--to", "--stream",
+                             "--iframes", "--skip", "--reverse"},
                       error))
         return fail("%s", error);
+    const bool iframes = args.option("--iframes") != nullptr;
+    const bool reverse = args.option("--reverse") != nullptr;
+    unsigned skip = 0;
+    if (!number_option(args, "--skip", 255, 0, skip))
+        return fail("--skip takes 0 to 255");
+    if (!iframes && (reverse || args.option("--skip") != nullptr))
+        return fail("--skip and --reverse go with --iframes");
     if (args.positional.size() != 1)
         return fail("export takes one IMAGE");
     const std::string* out_path = args.option("--out");
@@ -1185,7 +1252,9 @@ int verb_export(const Args& args)
         para.stream_type = uint8_t(stream);
         para.record_type_bitmap = 0xFFFF;
         para.group_bitmap = 1u << 0;
-        para.date_time = from;
+        para.date_time = reverse ? to : from;
+        if (reverse)
+            to = from;
     }
 
     const std::string& path = args.positional[0];
@@ -1214,7 +1283,14 @@ int verb_export(const Args& args)
         return fail("cannot create %s", *out_path + ": " + strerror(errno));
     }
     ExportCount count;
-    bool ok = export_frames(fd, out, raw, by_id ? nullptr : &to, count, error);
+    bool ok = true;
+    if (iframes && reverse && by_id && api_qzfs_seek_stream_segment_by_offset(fd, 0, SEEK_END) != 0) {
+        ok = false;
+        error = "cannot move to the end of the segment";
+    }
+    if (ok)
+        ok = iframes ? export_iframes(fd, out, raw, skip, reverse, by_id ? nullptr : &to, count, error)
+                     : export_frames(fd, out, raw, by_id ? nullptr : &to, count, error);
     if (fclose(out) != 0 && ok) {
         ok = false;
         error = std::string("writing the output failed: ") + strerror(errno);
@@ -1235,6 +1311,213 @@ int verb_export(const Args& args)
            count.bytes, raw ? "of stored frames" : "of payload", out_path->c_str());
     if (count.audio_left_out > 0)
         printf("%lu audio frames left out\n", count.audio_left_out);
+    return 0;
+}
+
+// ---------------------------------------------------------------- browsing
+
+const unsigned kMaxGroupImages = 8;
+
+// Mounts IMAGE i as disk i and puts them all in group 0, as a recorder's
+// disks; `mounted` counts the disks to let go with leave_group.
+int mount_group(const std::vector<std::string>& paths, unsigned& mounted)
+{
+    mounted = 0;
+    if (paths.empty() || paths.size() > kMaxGroupImages)
+        return fail("give 1 to %s images", std::to_string(kMaxGroupImages));
+    for (const std::string& path : paths) {
+        std::string copy = path;
+        if (api_qzfs_mount((unsigned char)mounted, &copy[0]) != 0)
+            return fail("cannot mount %s (not formatted, or its key info is damaged)", path);
+        mounted++;
+        if (api_qzfs_add_disk_to_group((unsigned char)(mounted - 1), 0) != 0)
+            return fail("cannot put %s in a group", path);
+    }
+    return 0;
+}
+
+void leave_group(unsigned mounted)
+{
+    for (unsigned hdd = 0; hdd < mounted; hdd++) {
+        api_qzfs_delete_disk_from_group((unsigned char)hdd, 0);
+        api_qzfs_umount((unsigned char)hdd);
+    }
+}
+
+// --channel C as a channel bitmap (all 32 without it), --type T as a stream
+// type bitmap (all without it).
+bool channel_and_type_filter(const Args& args, uint32_t& channels, uint64_t& types)
+{
+    unsigned channel = 0, type = 0;
+    if (!number_option(args, "--channel", 31, 0, channel) ||
+        !number_option(args, "--type", 63, 0, type))
+        return false;
+    channels = args.option("--channel") != nullptr ? 1u << channel : 0xFFFFFFFFu;
+    types = args.option("--type") != nullptr ? 1ULL << type : ~0ULL;
+    return true;
+}
+
+// Reads "YYYY-MM-DD" (or "YYYY-MM" when `month_only`).
+bool parse_date(const std::string& text, _k4t_fs_date_& out, bool month_only)
+{
+    unsigned year = 0, month = 0, day = 1;
+    char tail;
+    const int fields = month_only ? sscanf(text.c_str(), "%4u-%2u%c", &year, &month, &tail)
+                                  : sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail);
+    unsigned char days = 0;
+    if (fields != (month_only ? 2 : 3) || year < 2000 || year > 2099 || month < 1 || month > 12 ||
+        Get_max_day((unsigned char)(year - 2000), (unsigned char)month, &days) != 1 || day < 1 ||
+        day > days)
+        return false;
+    out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, 0};
+    return true;
+}
+
+// Prints the segments of one day, in order of start time; their number, or
+// -1 when a query call fails.
+long list_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types)
+{
+    _k4t_stream_query_ query = {};
+    query.group_bitmap = 1;
+    query.channel_bitmap = channels;
+    query.year = date.year;
+    query.month = date.month;
+    query.day = date.day;
+    query.end_hour = 23;
+    query.end_minute = 59;
+    query.end_second = 59;
+    query.sequence = _K4T_SEQUECE_ASCEND_;
+    query.lock_bitmap = 0xFF;
+    query.record_type_bitmap = 0xFF;
+    query.stream_type_bitmap = types;
+    query.item_num_per_page = 64;
+    const int handle = api_qzfs_get_query_stream_segment_handle(&query);
+    if (handle <= 0)
+        return -1;
+    const int pages = api_qzfs_get_total_page_num(handle);
+    std::vector<_k4t_stream_query_result_> rows(query.item_num_per_page);
+    long listed = pages < 0 ? -1 : 0;
+    for (int page = 0; page < pages; page++) {
+        int num = int(rows.size());
+        if (api_qzfs_jump_specific_page(handle, page, &num, rows.data()) != 0) {
+            listed = -1;
+            break;
+        }
+        for (int i = 0; i < num; i++) {
+            const _k4t_stream_query_result_& r = rows[size_t(i)];
+            const std::string id = std::to_string(r.hdd_id) + ":" + std::to_string(r.root_index) +
+                                   ":" + std::to_string(r.stream_segment_index);
+            printf("  %-10s 20%02u-%02u-%02u %4u %6u  %02u:%02u:%02u  %02u:%02u:%02u %12llu %6u %5s\n",
+                   id.c_str(), date.year, date.month, date.day, r.channel, r.stream_type,
+                   r.start_hour, r.start_minute, r.start_second, r.end_hour, r.end_minute,
+                   r.end_second, (unsigned long long)r.len, r.record_type, r.lock ? "yes" : "no");
+            listed++;
+        }
+    }
+    api_qzfs_close_query_stream_segment_handle(handle);
+    return listed;
+}
+
+int verb_ls(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--channel", "--date", "--type"}, error))
+        return fail("%s", error);
+    uint32_t channels = 0;
+    uint64_t types = 0;
+    if (!channel_and_type_filter(args, channels, types))
+        return fail("--channel takes 0 to 31 and --type 0 to 63");
+    std::vector<_k4t_fs_date_> days(1);
+    const std::string* date_text = args.option("--date");
+    if (date_text != nullptr && !parse_date(*date_text, days[0], false))
+        return fail("--date takes YYYY-MM-DD (2000 to 2099)");
+    unsigned mounted = 0;
+    if (mount_group(args.positional, mounted) != 0) {
+        leave_group(mounted);
+        return 1;
+    }
+    if (date_text == nullptr) {
+        const int count = api_qzfs_get_stream_date_num(1, types);
+        days.resize(count > 0 ? size_t(count) : 0);
+        if (count < 0 || (count > 0 && api_qzfs_get_stream_date_list(1, types, days.data(), count) < 0)) {
+            leave_group(mounted);
+            return fail("cannot list the recorded days");
+        }
+    }
+    printf("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
+           "start", "end", "bytes", "rtype", "lock");
+    long total = 0;
+    for (const _k4t_fs_date_& day : days) {
+        const long listed = list_day(day, channels, types);
+        if (listed < 0) {
+            leave_group(mounted);
+            return fail("the query of 20%s failed", std::to_string(day.year) + "-" +
+                                                         std::to_string(day.month) + "-" +
+                                                         std::to_string(day.day));
+        }
+        total += listed;
+    }
+    leave_group(mounted);
+    printf("%ld segment%s\n", total, total == 1 ? "" : "s");
+    return 0;
+}
+
+int verb_calendar(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--month", "--channel", "--type"}, error))
+        return fail("%s", error);
+    _k4t_fs_date_ month = {};
+    const std::string* month_text = args.option("--month");
+    if (month_text == nullptr || !parse_date(*month_text, month, true))
+        return fail("calendar needs --month YYYY-MM (2000 to 2099)");
+    auto query = std::unique_ptr<_k4t_calendar_stream_query_>(new _k4t_calendar_stream_query_());
+    query->group_bitmap = 1;
+    query->record_type_bitmap = 0xFFFF;
+    query->year = month.year;
+    query->month = month.month;
+    if (!channel_and_type_filter(args, query->channel_bitmap, query->stream_type_bitmap))
+        return fail("--channel takes 0 to 31 and --type 0 to 63");
+    unsigned mounted = 0;
+    if (mount_group(args.positional, mounted) != 0) {
+        leave_group(mounted);
+        return 1;
+    }
+    const int rc = api_qzfs_query_calendar(query.get());
+    leave_group(mounted);
+    if (rc != 0)
+        return fail("the calendar query failed");
+
+    unsigned char days = 0;
+    Get_max_day(month.year, month.month, &days);
+    struct tm first = {};
+    first.tm_year = 100 + month.year;
+    first.tm_mon = month.month - 1;
+    first.tm_mday = 1;
+    first.tm_hour = 12;
+    mktime(&first);
+    static const char* const kMonths[] = {"January", "February", "March",     "April",
+                                          "May",     "June",     "July",      "August",
+                                          "September", "October", "November", "December"};
+    printf("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
+           month.year);
+    printf(" Mo  Tu  We  Th  Fr  Sa  Su\n");
+    const int lead = (first.tm_wday + 6) % 7;
+    printf("%*s", lead * 4, "");
+    std::string recorded;
+    for (unsigned day = 1; day <= days; day++) {
+        bool any = false, locked = false;
+        for (unsigned c = 0; c < 32; c++) {
+            any = any || query->day_info[c][day - 1].record_type != 0;
+            locked = locked || query->day_info[c][day - 1].lock != 0;
+        }
+        printf("%3u%c", day, locked ? 'L' : any ? '*' : ' ');
+        if ((lead + day) % 7 == 0 || day == days)
+            printf("\n");
+        if (any)
+            recorded += (recorded.empty() ? "" : ", ") + std::to_string(day);
+    }
+    printf("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
     return 0;
 }
 
@@ -1319,6 +1602,10 @@ int main(int argc, char** argv)
         rc = verb_record(args);
     else if (verb == "export")
         rc = verb_export(args);
+    else if (verb == "ls")
+        rc = verb_ls(args);
+    else if (verb == "calendar")
+        rc = verb_calendar(args);
     else if (verb == "test")
         rc = verb_test(args);
     else if (verb == "rebuild-shell")
