@@ -466,7 +466,19 @@ public:
 
 
     // ---- calendar and date lists (qzfs_calendar.cpp)
-    // (declarations of the calendar members go here)
+    // Adds this disk's days of the query's month to its table (OR of record
+    // types, lock); caller holds the disk lock. 0 or -1.
+    int Query_calendar(_k4t_calendar_stream_query_* query);
+    // Appends the days not yet in `dates` that hold recordings of the stream
+    // types in the bitmap, or of the stream called `name`. 0 or -1.
+    int Get_record_date_list(uint64_t stream_type_bitmap, std::list<_k4t_fs_date_>& dates);
+    int Get_record_date_list(std::string& name, std::list<_k4t_fs_date_>& dates);
+    // As the list by stream types, restricted to the channels of the bitmap,
+    // with the record types of each day ORed together. 0 or -1.
+    int Get_record_date_info(uint64_t stream_type_bitmap, uint64_t channel_bitmap,
+                             std::list<_k4t_fs_record_date_info_>& infos);
+    // Appends the distinct stream names of this disk not yet in `names`.
+    int Get_device_list(std::list<std::string>& names);
 
 
 
