@@ -636,7 +636,61 @@ TEST_F(StreamQueryTest, ALiveRecordingIsListedWithItsMemoryNode)
     EXPECT_EQ(3, info.end_time.second);
     EXPECT_EQ(live.len_in_bytes, info.len);
     EXPECT_EQ(0xEE, info.lock);
+
+    // Byte ranges of the live segment, over the part of its log on disk.
+    unsigned long long offset = 0, len = 0;
+    _k4t_fs_time_ start = {8, 30, 1}, end = {8, 30, 1};
+    ASSERT_EQ(0, api_qzfs_get_stream_segment_data_info(&live_id, &start, &end, &offset, &len));
+    EXPECT_EQ(iframe_offset(written, 8, 30, 1), offset);
+    EXPECT_EQ(iframe_offset(written, 8, 30, 2) - offset, len);
     EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+}
+
+TEST_F(StreamQueryTest, EqualStartsGoByChannelThenByTheOrderOfTheScan)
+{
+    // Scan order: X (root 0), V (root 0), Y (root 1), W (root 2).
+    const Recorded x = record(at_request(0, 0, kDay1), 2);
+    const Recorded y = record(at_request(0, 1, kDay1), 2);
+    const Recorded w = record(at_request(1, 0, kDay1), 2);
+    const Recorded v = record(at_request(0, 0, at(kDay1, 8, 1, 0)), 2);
+    EXPECT_EQ(names_of({x.id, v.id, y.id, w.id}), names_of(free_rows(whole_day(kDay1))));
+    _k4t_stream_query_ q = whole_day(kDay1, 1, 8);
+    int handle = api_qzfs_get_query_stream_segment_handle(&q);
+    ASSERT_GT(handle, 0);
+    EXPECT_EQ(names_of({x.id, y.id, w.id, v.id}), names_of(page(handle, K4T_QUERY_FIRST)));
+    EXPECT_EQ(0, api_qzfs_close_query_stream_segment_handle(handle));
+    q.sequence = 3;
+    handle = api_qzfs_get_query_stream_segment_handle(&q);
+    ASSERT_GT(handle, 0);
+    EXPECT_EQ(names_of({v.id, x.id, y.id, w.id}), names_of(page(handle, K4T_QUERY_FIRST)));
+    EXPECT_EQ(0, api_qzfs_close_query_stream_segment_handle(handle));
+
+    // The progress lines of a row query.
+    q.sequence = 0;
+    handle = api_qzfs_get_query_stream_segment_handle(&q);
+    ASSERT_GT(handle, 0);
+    _k4t_stream_query_result_ rows[3];
+    int num = 3;
+    const std::string out = expect_result_and_log(0, "START(handle:" + std::to_string(handle) + ")(get_num:3)", [&] {
+        return api_qzfs_query_stream_segment(handle, K4T_QUERY_FIRST, &num, rows);
+    }, 4);
+    EXPECT_NE(std::string::npos,
+              out.find("END(handle:" + std::to_string(handle) + ")(get_num:3)(ret_val:0)"));
+    EXPECT_EQ(0, api_qzfs_close_query_stream_segment_handle(handle));
+}
+
+TEST_F(StreamQueryTest, DataInfoOfASegmentOpenForReading)
+{
+    const Recorded a = record(at_request(0, 0, kDay1), 6);
+    _k4t_stream_segment_id_ id = a.id;
+    const int reader = api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0);
+    ASSERT_GT(reader, 0);
+    unsigned long long offset = 0, len = 0;
+    _k4t_fs_time_ start = {8, 0, 1}, end = {8, 0, 3};
+    ASSERT_EQ(0, api_qzfs_get_stream_segment_data_info(&id, &start, &end, &offset, &len));
+    EXPECT_EQ(iframe_offset(a.written, 8, 0, 1), offset);
+    EXPECT_EQ(iframe_offset(a.written, 8, 0, 4) - offset, len);
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(reader));
 }
 
 TEST_F(StreamQueryTest, TheQueryRunsOverEveryDiskOfTheGroup)
