@@ -460,10 +460,27 @@ public:
 
 
 
-    // ---- stream queries (qzfs_stream_query.cpp)
-    // (declarations of the query members go here)
-
-
+    // ---- stream queries (qzfs_stream_query.cpp); disk lock held.
+    // Scans this disk for the hits of a query. A free query (sequence 0)
+    // writes at most `get_num` rows to `result` and keeps its resume point
+    // in the state; a sequence query appends every hit to the state's list.
+    // Rows added (free) or 0, or -1.
+    int Query_stream_segment(struct _stream_segment_query_state_* state, int get_num,
+                             _k4t_stream_query_result_* result);
+    // Cuts segment `node` to the query's time range and puts the cut times in
+    // `result`; -1 when the segment lies outside it.
+    int Stream_segment_is_finding(struct _stream_segment_query_state_* state,
+                                  _stream_segment_index_node_men_* node,
+                                  _k4t_stream_query_result_* result);
+    // Description of a closed segment, from its root and segment nodes.
+    int Get_stream_segment_info(unsigned long root_index, unsigned long stream_segment_index,
+                                _k4t_stream_segment_info_* info);
+    // Byte offset and length, from the segment's first I-frame, of the
+    // whole I-frame periods that cover [start, end] inside a segment (open
+    // or closed).
+    int Get_stream_segment_info(unsigned long root_index, unsigned long stream_segment_index,
+                                const _k4t_fs_time_* start, const _k4t_fs_time_* end,
+                                unsigned long long* offset, unsigned long long* len);
 
     // ---- calendar and date lists (qzfs_calendar.cpp)
     // Adds this disk's days of the query's month to its table (OR of record
