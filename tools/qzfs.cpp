@@ -1443,6 +1443,9 @@ int verb_ls(const Args& args)
             leave_group(mounted);
             return fail("cannot list the recorded days");
         }
+        std::sort(days.begin(), days.end(), [](const _k4t_fs_date_& x, const _k4t_fs_date_& y) {
+            return Compare_date(x.year, x.month, x.day, y.year, y.month, y.day) == 2;
+        });
     }
     printf("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
            "start", "end", "bytes", "rtype", "lock");

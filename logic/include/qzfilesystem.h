@@ -460,13 +460,42 @@ public:
 
 
 
-    // ---- stream queries (qzfs_stream_query.cpp)
-    // (declarations of the query members go here)
-
-
+    // ---- stream queries (qzfs_stream_query.cpp); disk lock held.
+    // Scans this disk for the hits of a query. A free query (sequence 0)
+    // writes at most `get_num` rows to `result` and keeps its resume point
+    // in the state; a sequence query appends every hit to the state's list.
+    // Rows added (free) or 0, or -1.
+    int Query_stream_segment(struct _stream_segment_query_state_* state, int get_num,
+                             _k4t_stream_query_result_* result);
+    // Cuts segment `node` to the query's time range and puts the cut times in
+    // `result`; -1 when the segment lies outside it.
+    int Stream_segment_is_finding(struct _stream_segment_query_state_* state,
+                                  _stream_segment_index_node_men_* node,
+                                  _k4t_stream_query_result_* result);
+    // Description of a closed segment, from its root and segment nodes.
+    int Get_stream_segment_info(unsigned long root_index, unsigned long stream_segment_index,
+                                _k4t_stream_segment_info_* info);
+    // Byte offset and length, from the segment's first I-frame, of the
+    // whole I-frame periods that cover [start, end] inside a segment (open
+    // or closed).
+    int Get_stream_segment_info(unsigned long root_index, unsigned long stream_segment_index,
+                                const _k4t_fs_time_* start, const _k4t_fs_time_* end,
+                                unsigned long long* offset, unsigned long long* len);
 
     // ---- calendar and date lists (qzfs_calendar.cpp)
-    // (declarations of the calendar members go here)
+    // Adds this disk's days of the query's month to its table (OR of record
+    // types, lock); caller holds the disk lock. 0 or -1.
+    int Query_calendar(_k4t_calendar_stream_query_* query);
+    // Appends the days not yet in `dates` that hold recordings of the stream
+    // types in the bitmap, or of the stream called `name`. 0 or -1.
+    int Get_record_date_list(uint64_t stream_type_bitmap, std::list<_k4t_fs_date_>& dates);
+    int Get_record_date_list(std::string& name, std::list<_k4t_fs_date_>& dates);
+    // As the list by stream types, restricted to the channels of the bitmap,
+    // with the record types of each day ORed together. 0 or -1.
+    int Get_record_date_info(uint64_t stream_type_bitmap, uint64_t channel_bitmap,
+                             std::list<_k4t_fs_record_date_info_>& infos);
+    // Appends the distinct stream names of this disk not yet in `names`.
+    int Get_device_list(std::list<std::string>& names);
 
 
 

@@ -47,12 +47,36 @@ struct _disk_group_attr_ {
 
 // State behind one query handle.
 struct _stream_segment_query_state_ {
+    // One hit of a sequence query, with the segment's full times (not cut
+    // to the time range).
+    struct _stream_query_list_node_ {
+        uint8_t start_hour;
+        uint8_t start_minute;
+        uint8_t start_second;
+        uint8_t end_hour;
+        uint8_t end_minute;
+        uint8_t end_second;
+        uint8_t channel;
+        uint8_t stream_type;
+        uint8_t record_type;
+        uint8_t lock;
+        uint8_t segment_type;
+        uint8_t flags;             // the segment node's raw flags
+        uint32_t lock_type;
+        uint64_t alarm_type;
+        uint64_t len_in_bytes;
+        uint8_t hdd_id;
+        uint32_t root_index;
+        uint32_t stream_segment_index;
+    };
+
     _k4t_stream_query_ query;
-    unsigned char cur_hdd_id;
+    unsigned char cur_hdd_id;           // free query: resume point
     uint32_t cur_root_index;
     uint32_t cur_stream_segment_index;
-    unsigned char find_over;
-    uint32_t cur_index;
+    unsigned char find_over;            // free: nothing more; sequence: list complete
+    std::list<_stream_query_list_node_> stream_list;  // sequence query: sorted hits
+    uint32_t cur_index;                 // sequence query: next row of stream_list
 };
 
 // Element operator of the disk vector: 0 set null, 1 and 2 destroy and set
@@ -93,9 +117,23 @@ public:
                             uint32_t* stream_segment_index, _stream_segment_index_node_men_* best);
 
     // ---- stream queries (qzfs_stream_query.cpp)
-    // (declarations of the manager's query members go here)
-
-
+    typedef std::map<int, _stream_segment_query_state_>::iterator query_iterator;
+    // The disks of the groups in `group_bitmap`, OR-ed; taken under the
+    // manager lock.
+    unsigned long query_disk_bitmap(uint32_t group_bitmap);
+    // Rows of a free query, disk by disk from its resume point. 0 or -1;
+    // `*num` holds the room on entry and the rows on exit.
+    int Query_stream_segment_free(query_iterator it, _k4t_stream_query_cmd_ cmd, int* num,
+                                  _k4t_stream_query_result_* result);
+    // One page of a sequence query moved by `cmd`. 0 or -1.
+    int Query_stream_segment_sequence(query_iterator it, _k4t_stream_query_cmd_ cmd, int* num,
+                                      _k4t_stream_query_result_* result);
+    // Collects and sorts the hits of a sequence query over all its disks,
+    // once for the life of the handle. 0 or -1.
+    int find_stream_segment_for_sequence_query(query_iterator it);
+    // Fills up to a page of rows from the sorted list at cur_index and
+    // moves cur_index past them; the rows given.
+    int fill_sequence_page(_stream_segment_query_state_& state, _k4t_stream_query_result_* result);
 
     // The manager lock is taken only when gQzfsConfig.global_lock_enabled is 1.
     void manager_lock();

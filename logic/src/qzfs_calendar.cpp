@@ -1,4 +1,194 @@
 // The calendar and the date lists: which days of a disk hold recordings.
+//
+// Everything here answers from the root index alone: a root node stands for
+// one day of one channel, stream type and name, and carries the OR of the
+// record types and the lock of its segments. Nodes that hold pre-record data
+// only do not count as a recording. The callers pass the same table or list
+// to every disk of their groups, so the results merge across disks.
 #include "qzfilesystem.h"
+#include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
+#include "system_resource_manager.h"
+
+#include <cstring>
+
+namespace {
+
+// Bit `n` of a 64-bit mask; 64 and above test as not set.
+bool bit_set64(uint64_t mask, unsigned n)
+{
+    return n < 64 && ((mask >> n) & 1u) != 0;
+}
+
+// A live root node that stands for more than pre-record data.
+bool counts_as_recording(const _root_index_node_mem_& node)
+{
+    return IS_NORMAL_ROOT_INDEX(node.id) && node.only_pre_record == 0;
+}
+
+// The stream name of a cached root node, "" when it has none.
+const char* root_name(const _root_index_node_mem_& node)
+{
+    const char* name = pgSystemResourceManager == nullptr
+                           ? nullptr
+                           : pgSystemResourceManager->m_string_index.get_name(node.name_index);
+    return name == nullptr ? "" : name;
+}
+
+// Progress line of one root node, in the name of the member walking.
+void trace_root(const char* func, unsigned long root_index, const _root_index_node_mem_& node)
+{
+    if (g_qzfs_debug_level <= 2)
+        return;
+    QZLOG_AS(func, "%s, index:%lu, id:%d, %d-%d-%d, chn:%d, stream:%d, record type:0x%x, lock:%d, only pre record:%d",
+             root_name(node), root_index, int(node.id), int(node.year), int(node.month),
+             int(node.day), int(node.channel), int(node.stream_type), unsigned(node.record_type),
+             int(node.lock), int(node.only_pre_record));
+}
+
+// Appends the day of `node` to `dates` unless it is there already.
+void add_date(std::list<_k4t_fs_date_>& dates, const _root_index_node_mem_& node)
+{
+    for (const _k4t_fs_date_& d : dates)
+        if (d.year == node.year && d.month == node.month && d.day == node.day)
+            return;
+    _k4t_fs_date_ date = {node.year, node.month, node.day, 0};
+    dates.push_back(date);
+}
+
+}  // namespace
+
+int CQzFileSystem::Query_calendar(_k4t_calendar_stream_query_* query)
+{
+    _hdd_root_index_manager_* range = root_manager();
+    if (range == nullptr)
+        return -1;
+    QZLOG_ABOVE(2, "(hdd_id:%d)(start:20%02d-%02d-%02d)(end:20%02d-%02d-%02d)", int(m_hdd_id),
+                int(range->start_year), int(range->start_month), int(range->start_day),
+                int(range->end_year), int(range->end_month), int(range->end_day));
+    // A disk whose recordings all lie before or after the month has nothing
+    // to add; an unknown range (255) is after every month.
+    if (Compare_year_month(range->start_year, range->start_month, query->year, query->month) == 1 ||
+        Compare_year_month(range->end_year, range->end_month, query->year, query->month) == 2) {
+        QZLOG_ABOVE(2, "(start:20%02d-%02d-%02d)(end:20%02d-%02d-%02d)", int(range->start_year),
+                    int(range->start_month), int(range->start_day), int(range->end_year),
+                    int(range->end_month), int(range->end_day));
+        return 0;
+    }
+    for (unsigned long ri = 0;; ri++) {
+        _root_index_node_mem_ node;
+        if (Get_root_index_mem_node(ri, &node) != 0) {
+            QZLOG("Get_root_index_mem_node failed(root_index:%ld)", long(ri));
+            return -1;
+        }
+        if (node.id == END_ROOT_INDEX)
+            return 0;
+        if (!counts_as_recording(node) || node.channel >= 32 ||
+            ((query->channel_bitmap >> node.channel) & 1u) == 0 ||
+            !bit_set64(query->stream_type_bitmap, node.stream_type) ||
+            (node.record_type & query->record_type_bitmap) == 0 || node.year != query->year ||
+            node.month != query->month || node.day < 1 || node.day > 31)
+            continue;
+        _k4t_calendar_day_info_& day = query->day_info[node.channel][node.day - 1];
+        day.record_type = uint16_t(day.record_type | (node.record_type & query->record_type_bitmap));
+        if (node.lock == 1)
+            day.lock = 1;
+    }
+}
+
+int CQzFileSystem::Get_record_date_list(uint64_t stream_type_bitmap, std::list<_k4t_fs_date_>& dates)
+{
+    for (unsigned long ri = 0;; ri++) {
+        _root_index_node_mem_ node;
+        if (Get_root_index_mem_node(ri, &node) != 0) {
+            QZLOG("Get_root_index_mem_node failed(%ld)", long(ri));
+            return -1;
+        }
+        if (node.id == END_ROOT_INDEX)
+            return 0;
+        trace_root(__func__, ri, node);
+        if (counts_as_recording(node) && bit_set64(stream_type_bitmap, node.stream_type))
+            add_date(dates, node);
+    }
+}
+
+int CQzFileSystem::Get_record_date_list(std::string& name, std::list<_k4t_fs_date_>& dates)
+{
+    for (unsigned long ri = 0;; ri++) {
+        _root_index_node_mem_ node;
+        if (Get_root_index_mem_node(ri, &node) != 0) {
+            QZLOG("Get_root_index_mem_node failed(%ld)", long(ri));
+            return -1;
+        }
+        if (node.id == END_ROOT_INDEX)
+            return 0;
+        trace_root(__func__, ri, node);
+        if (counts_as_recording(node) && name == root_name(node))
+            add_date(dates, node);
+    }
+}
+
+int CQzFileSystem::Get_record_date_info(uint64_t stream_type_bitmap, uint64_t channel_bitmap,
+                                        std::list<_k4t_fs_record_date_info_>& infos)
+{
+    for (unsigned long ri = 0;; ri++) {
+        _root_index_node_mem_ node;
+        if (Get_root_index_mem_node(ri, &node) != 0) {
+            QZLOG("Get_root_index_mem_node failed(%ld)", long(ri));
+            return -1;
+        }
+        if (node.id == END_ROOT_INDEX)
+            return 0;
+        trace_root(__func__, ri, node);
+        if (!counts_as_recording(node) || !bit_set64(stream_type_bitmap, node.stream_type) ||
+            !bit_set64(channel_bitmap, node.channel))
+            continue;
+        bool found = false;
+        for (_k4t_fs_record_date_info_& info : infos) {
+            if (info.date.year == node.year && info.date.month == node.month &&
+                info.date.day == node.day) {
+                // The lock stays as the first entry of the day left it.
+                info.record_type = uint16_t(info.record_type | node.record_type);
+                found = true;
+                break;
+            }
+        }
+        if (!found) {
+            _k4t_fs_record_date_info_ info;
+            memset(&info, 0, sizeof(info));
+            info.date.year = node.year;
+            info.date.month = node.month;
+            info.date.day = node.day;
+            info.record_type = node.record_type;
+            info.lock = node.lock;
+            infos.push_back(info);
+        }
+    }
+}
+
+int CQzFileSystem::Get_device_list(std::list<std::string>& names)
+{
+    for (unsigned long ri = 0;; ri++) {
+        _root_index_node_mem_ node;
+        if (Get_root_index_mem_node(ri, &node) != 0) {
+            QZLOG("Get_root_index_mem_node failed(%ld)", long(ri));
+            return -1;
+        }
+        if (node.id == END_ROOT_INDEX)
+            return 0;
+        if (!IS_NORMAL_ROOT_INDEX(node.id))
+            continue;
+        const char* name = root_name(node);
+        if (name[0] == '\0')
+            continue;
+        bool known = false;
+        for (const std::string& n : names)
+            if (n == name) {
+                known = true;
+                break;
+            }
+        if (!known)
+            names.push_back(name);
+    }
+}

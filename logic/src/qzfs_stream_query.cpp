@@ -1,5 +1,650 @@
 // Stream queries: a filter for one date, handles, free and sequence queries
 // with their pages, and the description of one segment.
+//
+// A free query walks the disks of its groups, root by root and segment by
+// segment, and stops when the caller's rows are full; it remembers where
+// (disk, root index, next segment) and goes on from there at the next call.
+// A sequence query gathers every hit of all disks into one list once, sorts
+// it by start time, and hands it out page by page.
 #include "qzfilesystem.h"
+#include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
+#include "system_resource_manager.h"
+
+#include <cstring>
+#include <iterator>
+#include <vector>
+
+typedef _stream_segment_query_state_::_stream_query_list_node_ _stream_query_list_node_;
+
+namespace {
+
+// Disk slots a group mask can name.
+const unsigned kQueryDiskSlots = 32;
+// I-frame log nodes read at a time by the byte-range walk.
+const unsigned long kIframeBatch = 512;
+
+bool bit_set(uint64_t bitmap, unsigned bit, unsigned width)
+{
+    return bit < width && ((bitmap >> bit) & 1u) != 0;
+}
+
+unsigned start_second_of(const _stream_segment_index_node_men_& n)
+{
+    return qzfs_second_of_day(n.start_hour, n.start_minute, n.start_second);
+}
+
+unsigned end_second_of(const _stream_segment_index_node_men_& n)
+{
+    return qzfs_second_of_day(n.end_hour, n.end_minute, n.end_second);
+}
+
+// The flag bits of a segment node as the result records carry them.
+uint8_t tv_system_of(uint8_t flags) { return (flags >> 1) & 1u; }
+uint8_t have_audio_of(uint8_t flags) { return uint8_t(((flags >> 2) & 1u) | (((flags >> 4) & 1u) << 1)); }
+uint8_t further_flag_of(uint8_t flags) { return (flags >> 3) & 1u; }
+
+// The fields of a row that come from the root and segment nodes (times and
+// length are the caller's).
+void fill_row_fields(_k4t_stream_query_result_* row, uint8_t channel, uint8_t stream_type,
+                     uint8_t record_type, uint8_t lock, uint8_t segment_type, uint8_t flags,
+                     uint32_t lock_type, uint64_t alarm_type, uint8_t hdd_id, uint32_t root_index,
+                     uint32_t stream_segment_index)
+{
+    row->channel = channel;
+    row->stream_type = stream_type;
+    row->record_type = record_type;
+    row->lock = lock;
+    row->segment_type = segment_type;
+    row->tv_system = tv_system_of(flags);
+    row->have_audio = have_audio_of(flags);
+    row->further_flag = further_flag_of(flags);
+    row->lock_type = lock_type;
+    row->alarm_type = alarm_type;
+    row->hdd_id = hdd_id;
+    row->root_index = root_index;
+    row->stream_segment_index = stream_segment_index;
+}
+
+// A row of a sequence query: the list node as it stands, full times.
+void fill_row_from_list_node(_k4t_stream_query_result_* row, const _stream_query_list_node_& n)
+{
+    memset(row, 0, sizeof(*row));
+    row->start_hour = n.start_hour;
+    row->start_minute = n.start_minute;
+    row->start_second = n.start_second;
+    row->end_hour = n.end_hour;
+    row->end_minute = n.end_minute;
+    row->end_second = n.end_second;
+    row->len = n.len_in_bytes;
+    fill_row_fields(row, n.channel, n.stream_type, n.record_type, n.lock, n.segment_type, n.flags,
+                    n.lock_type, n.alarm_type, n.hdd_id, n.root_index, n.stream_segment_index);
+}
+
+// Sort orders of a sequence list: by start time, ascending or descending,
+// and by channel ascending on equal starts. std::list::sort is a stable
+// merge sort, so hits with equal keys keep the order of the scan.
+bool Stream_query_list_node_compare(const _stream_query_list_node_& a,
+                                    const _stream_query_list_node_& b)
+{
+    const unsigned sa = qzfs_second_of_day(a.start_hour, a.start_minute, a.start_second);
+    const unsigned sb = qzfs_second_of_day(b.start_hour, b.start_minute, b.start_second);
+    if (sa != sb)
+        return sa < sb;
+    return a.channel < b.channel;
+}
+
+bool Stream_query_list_node_compare_seq_down(const _stream_query_list_node_& a,
+                                             const _stream_query_list_node_& b)
+{
+    const unsigned sa = qzfs_second_of_day(a.start_hour, a.start_minute, a.start_second);
+    const unsigned sb = qzfs_second_of_day(b.start_hour, b.start_minute, b.start_second);
+    if (sa != sb)
+        return sa > sb;
+    return a.channel < b.channel;
+}
+
+// Where the I-frame log of a segment lies: an open record's chain, or a
+// chain read from the disk and owned here.
+struct iframe_chain {
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    bool owned = false;
+    ~iframe_chain()
+    {
+        if (owned)
+            delete[] list;
+    }
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// One disk
+// ---------------------------------------------------------------------------
+
+int CQzFileSystem::Stream_segment_is_finding(_stream_segment_query_state_* state,
+                                             _stream_segment_index_node_men_* node,
+                                             _k4t_stream_query_result_* result)
+{
+    const _k4t_stream_query_& q = state->query;
+    const unsigned want_start = qzfs_second_of_day(q.start_hour, q.start_minute, q.start_second);
+    const unsigned want_end = qzfs_second_of_day(q.end_hour, q.end_minute, q.end_second);
+    const unsigned seg_start = start_second_of(*node);
+    const unsigned seg_end = end_second_of(*node);
+    const bool start_from_query = want_start > seg_start;
+    const bool end_from_query = want_end < seg_end;
+    const unsigned cut_start = start_from_query ? want_start : seg_start;
+    const unsigned cut_end = end_from_query ? want_end : seg_end;
+    if (cut_start > cut_end)
+        return -1;
+    if (start_from_query) {
+        result->start_hour = q.start_hour;
+        result->start_minute = q.start_minute;
+        result->start_second = q.start_second;
+    } else {
+        result->start_hour = node->start_hour;
+        result->start_minute = node->start_minute;
+        result->start_second = node->start_second;
+    }
+    if (end_from_query) {
+        result->end_hour = q.end_hour;
+        result->end_minute = q.end_minute;
+        result->end_second = q.end_second;
+    } else {
+        result->end_hour = node->end_hour;
+        result->end_minute = node->end_minute;
+        result->end_second = node->end_second;
+    }
+    return 0;
+}
+
+// The segment node as a query sees it: a node being recorded counts once
+// its writer has written the first I-frame, with the writer's live times
+// and its length less the head cut away. False when it does not count.
+static bool queryable_node(CQzFileSystem& fs, uint32_t root_index, uint32_t index,
+                           _stream_segment_index_node_men_& node)
+{
+    if (node.end_hour != QZFS_INVALID_END_HOUR)
+        return true;
+    _k4t_stream_segment_id_ id = {fs.Get_hdd_id(), root_index, index};
+    _opened_stream_segment_* writer = nullptr;
+    if (fs.find_opening_stream_segment_by_id(&id, &writer, 2) < 0 || writer == nullptr) {
+        QZLOG_AS("Query_stream_segment", "find_opening_stream_segment_by_id failed");
+        return false;
+    }
+    _write_stream_segment_* wss = writer->writer();
+    if (wss->confirm_start_iframe != 1)
+        return false;
+    _stream_segment_index_node_dev_ live;
+    writer_node_snapshot(writer, &live);
+    if (live.end_hour == QZFS_INVALID_END_HOUR)
+        return false;
+    live.len_in_bytes -= wss->delete_len;
+    fs.Stream_segment_index_endian_trans_dev_mem(&live, gLocal_endian, &node, gLocal_endian, 1);
+    return true;
+}
+
+int CQzFileSystem::Query_stream_segment(_stream_segment_query_state_* state, int get_num,
+                                        _k4t_stream_query_result_* result)
+{
+    const _k4t_stream_query_& q = state->query;
+    const bool free_query = q.sequence == _K4T_NO_SEQUECE_;
+    const _hdd_root_index_manager_* range = root_manager();
+    if (range == nullptr ||
+        Compare_date(q.year, q.month, q.day, range->start_year, range->start_month,
+                     range->start_day) == 2 ||
+        Compare_date(q.year, q.month, q.day, range->end_year, range->end_month, range->end_day) ==
+            1) {
+        QZLOG_ABOVE(2, "START[20%02d-%02d-%02d]END[20%02d-%02d-%02d]QUERY[20%02d-%02d-%02d]",
+                    range ? range->start_year : 255, range ? range->start_month : 255,
+                    range ? range->start_day : 255, range ? range->end_year : 255,
+                    range ? range->end_month : 255, range ? range->end_day : 255, q.year, q.month,
+                    q.day);
+        return 0;
+    }
+
+    int rows = 0;
+    uint32_t ri = free_query ? state->cur_root_index : 0;
+    uint32_t first_si = free_query ? state->cur_stream_segment_index : 0;
+    for (;; ri++, first_si = 0) {
+        _root_index_node_mem_ root;
+        if (Get_root_index_mem_node(ri, &root) != 0) {
+            QZLOG("Get_root_index_mem_node FAILED(root_index:%ld)", long(ri));
+            return -1;
+        }
+        if (root.id == END_ROOT_INDEX) {
+            QZLOG_ABOVE(2, "Query_stream_segment end root index:%ld", long(ri));
+            break;
+        }
+        if (!IS_NORMAL_ROOT_INDEX(root.id) || !bit_set(q.channel_bitmap, root.channel, 32) ||
+            !bit_set(q.stream_type_bitmap, root.stream_type, 64) ||
+            (root.record_type & q.record_type_bitmap) == 0 ||
+            Compare_date(root.year, root.month, root.day, q.year, q.month, q.day) != 0)
+            continue;
+        for (uint32_t si = first_si;; si++) {
+            _stream_segment_index_node_men_ node;
+            if (Get_stream_segment_index_mem_node(ri, si, &node) != 0) {
+                QZLOG("Get_stream_segment_index_mem_node FAILED(root_index:%ld)(stream_segment_index:%ld)",
+                      long(ri), long(si));
+                return -1;
+            }
+            if (node.id > 254) {
+                QZLOG_ABOVE(2, "end stream segment index:%ld, %ld", long(ri), long(si));
+                break;
+            }
+            if (!IS_NORMAL_SSIN(node.id) || !bit_set(q.record_type_bitmap, node.record_type, 8) ||
+                !bit_set(q.lock_bitmap, node.lock, 8))
+                continue;
+            if (!queryable_node(*this, ri, si, node))
+                continue;
+            _k4t_stream_query_result_ row;
+            memset(&row, 0, sizeof(row));
+            if (Stream_segment_is_finding(state, &node, &row) != 0)
+                continue;
+            if (!free_query) {
+                _stream_query_list_node_ hit;
+                hit.start_hour = node.start_hour;
+                hit.start_minute = node.start_minute;
+                hit.start_second = node.start_second;
+                hit.end_hour = node.end_hour;
+                hit.end_minute = node.end_minute;
+                hit.end_second = node.end_second;
+                hit.channel = root.channel;
+                hit.stream_type = root.stream_type;
+                hit.record_type = node.record_type;
+                hit.lock = node.lock;
+                hit.segment_type = node.segment_type;
+                hit.flags = node.flags;
+                hit.lock_type = node.lock_type;
+                hit.alarm_type = node.alarm_type;
+                hit.len_in_bytes = node.len_in_bytes;
+                hit.hdd_id = m_hdd_id;
+                hit.root_index = ri;
+                hit.stream_segment_index = si;
+                state->stream_list.push_back(hit);
+                continue;
+            }
+            fill_row_fields(&row, root.channel, root.stream_type, node.record_type, node.lock,
+                            node.segment_type, node.flags, node.lock_type, node.alarm_type,
+                            m_hdd_id, ri, si);
+            row.len = node.len_in_bytes;
+            if (row.start_hour != node.start_hour || row.start_minute != node.start_minute ||
+                row.start_second != node.start_second || row.end_hour != node.end_hour ||
+                row.end_minute != node.end_minute || row.end_second != node.end_second) {
+                // A cut segment: the bytes of the I-frame periods inside the range.
+                const _k4t_fs_time_ from = {row.start_hour, row.start_minute, row.start_second};
+                const _k4t_fs_time_ to = {row.end_hour, row.end_minute, row.end_second};
+                unsigned long long offset = 0, len = 0;
+                if (Get_stream_segment_info(ri, si, &from, &to, &offset, &len) == 0)
+                    row.len = len;
+            }
+            result[rows++] = row;
+            if (rows >= get_num) {
+                state->cur_root_index = ri;
+                state->cur_stream_segment_index = si + 1;
+                return rows;
+            }
+        }
+    }
+    if (free_query) {
+        state->cur_root_index = ri;
+        state->cur_stream_segment_index = 0;
+    }
+    return rows;
+}
+
+int CQzFileSystem::Get_stream_segment_info(unsigned long root_index,
+                                           unsigned long stream_segment_index,
+                                           _k4t_stream_segment_info_* info)
+{
+    _root_index_node_mem_ root;
+    memset(&root, 0, sizeof(root));
+    if (Get_root_index_mem_node(root_index, &root) != 0 || !IS_NORMAL_ROOT_INDEX(root.id)) {
+        QZLOG("Get_root_index_mem_node FAILED(%02x)", unsigned(root.id));
+        return -1;
+    }
+    _stream_segment_index_node_men_ node;
+    memset(&node, 0, sizeof(node));
+    if (Get_stream_segment_index_mem_node(root_index, stream_segment_index, &node) != 0 ||
+        !IS_NORMAL_SSIN(node.id)) {
+        QZLOG("Get_stream_segment_index_mem_node FAILED(%02x)", unsigned(node.id));
+        return -1;
+    }
+    info->year = root.year;
+    info->month = root.month;
+    info->day = root.day;
+    info->start_time.hour = node.start_hour;
+    info->start_time.minute = node.start_minute;
+    info->start_time.second = node.start_second;
+    info->end_time.hour = node.end_hour;
+    info->end_time.minute = node.end_minute;
+    info->end_time.second = node.end_second;
+    info->dst = node.flags & 1u;
+    info->channel = root.channel;
+    info->segment_type = node.segment_type;
+    info->record_type = node.record_type;
+    info->have_audio = have_audio_of(node.flags);
+    info->tv_system = tv_system_of(node.flags);
+    info->lock = node.lock;
+    info->further_flag = further_flag_of(node.flags);
+    info->len = node.len_in_bytes;
+    return 0;
+}
+
+// The I-frame chain of a root read from the disk, through its segment index
+// header. 0 or -1.
+static int read_iframe_chain(CQzFileSystem& fs, unsigned long root_index, iframe_chain& chain)
+{
+    _root_index_node_dev_ root;
+    if (fs.Get_root_index_dev_node(root_index, &root) != 0) {
+        QZLOG_AS("Get_stream_segment_info", "Get_root_index_dev_node failed(root_index:%ld)",
+                 long(root_index));
+        return -1;
+    }
+    _stream_segment_block_header_dev_ header;
+    if (fs.Read_stream_segment_index_block_header(root.stream_segment_index_block, &header) != 0) {
+        QZLOG_AS("Get_stream_segment_info", "Read_stream_segment_index_block_header failed(:%ld)",
+                 long(root.stream_segment_index_block));
+        return -1;
+    }
+    if (header.magic != QZFS_STREAM_SEGMENT_MAGIC) {
+        QZLOG_AS("Get_stream_segment_info", "invalid magic(%08lx)(%08lx)",
+                 (unsigned long)header.magic, (unsigned long)QZFS_STREAM_SEGMENT_MAGIC);
+        return -1;
+    }
+    if (fs.Read_iframe_index_block_list(header.iframe_index_block, &chain.num, &chain.list) != 0) {
+        QZLOG_AS("Get_stream_segment_info", "Read_iframe_index_block_list failed(:%ld)",
+                 long(header.iframe_index_block));
+        return -1;
+    }
+    chain.owned = true;
+    return 0;
+}
+
+int CQzFileSystem::Get_stream_segment_info(unsigned long root_index,
+                                           unsigned long stream_segment_index,
+                                           const _k4t_fs_time_* start, const _k4t_fs_time_* end,
+                                           unsigned long long* offset, unsigned long long* len)
+{
+    if (Compare_time(start, end) == 1) {
+        QZLOG_ABOVE(2, "invalid time(START:%02d:%02d:%02d)(END:%02d:%02d:%02d)", start->hour,
+                    start->minute, start->second, end->hour, end->minute, end->second);
+        return -1;
+    }
+
+    // The segment node: a writer's live one, a reader's copy, or the index's.
+    _k4t_stream_segment_id_ id = {m_hdd_id, uint32_t(root_index), uint32_t(stream_segment_index)};
+    _opened_stream_segment_* open = nullptr;
+    _stream_segment_index_node_dev_ node;
+    iframe_chain chain;
+    if (find_opening_stream_segment_by_id(&id, &open, 2) >= 0 && open != nullptr) {
+        _write_stream_segment_* wss = open->writer();
+        writer_node_snapshot(open, &node);
+        node.len_in_bytes -= wss->delete_len;
+        chain.num = wss->iframe_block_num;
+        chain.list = wss->iframe_block_list;
+    } else if (find_opening_stream_segment_by_id(&id, &open, 1) >= 0 && open != nullptr) {
+        node = *open->ssi();
+        chain.num = open->reader()->iframe_block_num;
+        chain.list = open->reader()->iframe_block_list;
+    } else {
+        open = nullptr;
+    }
+    if (open != nullptr) {
+        if (node.end_hour == QZFS_INVALID_END_HOUR) {
+            QZLOG_ABOVE(1, "(ssinm.end_hour == QZFS_INVALID_END_HOUR)");
+            return -1;
+        }
+    } else {
+        _stream_segment_index_node_men_ mem;
+        if (Get_stream_segment_index_mem_node(root_index, stream_segment_index, &mem) != 0) {
+            QZLOG("Get_stream_segment_index_mem_node failed(%ld)(%ld)", long(root_index),
+                  long(stream_segment_index));
+            return -1;
+        }
+        if (!IS_NORMAL_SSIN(mem.id)) {
+            QZLOG("(IS_NORMAL_SSIN(ssinm.id) == 0)(%ld)(%ld)(%02x)", long(root_index),
+                  long(stream_segment_index), unsigned(mem.id));
+            return -1;
+        }
+        Stream_segment_index_endian_trans_dev_mem(&node, gLocal_endian, &mem, gLocal_endian, 0);
+    }
+
+    // The range must lie in the segment.
+    const unsigned seg_start = qzfs_second_of_day(node.start_hour, node.start_minute, node.start_second);
+    const unsigned seg_end = qzfs_second_of_day(node.end_hour, node.end_minute, node.end_second);
+    const unsigned want_start = qzfs_second_of_day(start->hour, start->minute, start->second);
+    const unsigned want_end = qzfs_second_of_day(end->hour, end->minute, end->second);
+    if (want_start < seg_start || (want_end > seg_end && want_start > seg_start)) {
+        QZLOG_ABOVE(2, "OUT OF STREAM SEGMENT(%02d:%02d:%02d)(%02d:%02d:%02d)", start->hour,
+                    start->minute, start->second, end->hour, end->minute, end->second);
+        return -1;
+    }
+    if (want_start == seg_start && want_end == seg_end) {
+        *offset = 0;
+        *len = node.len_in_bytes;
+        return 0;
+    }
+    if (open == nullptr && read_iframe_chain(*this, root_index, chain) != 0)
+        return -1;
+
+    // Walk the log from the segment's first I-frame: `found` is the last
+    // I-frame not after the wanted start, and the walk ends at the first
+    // I-frame after the wanted end or where the segment's data ends.
+    _iframe_index_node_dev_ first = {}, last = {}, found = {}, stop = {};
+    bool have_first = false, have_found = false, stopped_at_node = false;
+    std::vector<_iframe_index_node_dev_> batch(kIframeBatch);
+    uint32_t index = node.start_iframe;
+    bool walking = chain.num != 0 && chain.list != nullptr;
+    while (walking) {
+        unsigned long count = kIframeBatch;
+        Read_iframe_index(chain.num, chain.list, index, &count, batch.data(), 3);
+        for (unsigned long i = 0; i < count && walking; i++) {
+            const _iframe_index_node_dev_& n = batch[i];
+            if (n.id == IFRAME_INDEX_ID_BLOCK) {
+                if (!have_first)
+                    return -1;
+                continue;
+            }
+            if (n.id != IFRAME_INDEX_ID_IFRAME) {
+                walking = false;
+                break;
+            }
+            if (have_first &&
+                (n.stream_segment_offset < first.stream_segment_offset ||
+                 n.stream_segment_offset - first.stream_segment_offset >= node.len_in_bytes ||
+                 n.stream_segment_offset <= last.stream_segment_offset)) {
+                walking = false;
+                break;
+            }
+            if (!have_first) {
+                first = n;
+                have_first = true;
+            }
+            if (Compare_time(n.hour, n.minute, n.second, end->hour, end->minute, end->second) == 1) {
+                stop = n;
+                stopped_at_node = true;
+                walking = false;
+                break;
+            }
+            if (Compare_time(n.hour, n.minute, n.second, start->hour, start->minute,
+                             start->second) != 1) {
+                found = n;
+                have_found = true;
+            }
+            last = n;
+        }
+        if (count < kIframeBatch)
+            walking = false;
+        index += uint32_t(count);
+    }
+    if (!have_found) {
+        *offset = 0;
+        *len = node.len_in_bytes;
+        return 0;
+    }
+    *offset = found.stream_segment_offset - first.stream_segment_offset;
+    if (stopped_at_node)
+        *len = stop.stream_segment_offset - found.stream_segment_offset;
+    else
+        *len = node.len_in_bytes + first.stream_segment_offset - found.stream_segment_offset;
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// The manager: handles over the disks of the groups
+// ---------------------------------------------------------------------------
+
+unsigned long CQzfsManager::query_disk_bitmap(uint32_t group_bitmap)
+{
+    unsigned long disks = 0;
+    manager_lock();
+    for (auto& group : m_disk_group_map)
+        if (group.first < 32 && ((group_bitmap >> group.first) & 1u) != 0)
+            disks |= group.second.valid_disk_bitmap;
+    manager_unlock();
+    return disks;
+}
+
+int CQzfsManager::Query_stream_segment_free(query_iterator it, _k4t_stream_query_cmd_ cmd,
+                                            int* num, _k4t_stream_query_result_* result)
+{
+    _stream_segment_query_state_& state = it->second;
+    if (cmd == K4T_QUERY_FIRST) {
+        state.cur_hdd_id = 0;
+        state.cur_root_index = 0;
+        state.cur_stream_segment_index = 0;
+        state.find_over = 0;
+    } else if (cmd != K4T_QUERY_NEXT) {
+        QZLOG("NOT SUPPORT CMD(%d)", int(cmd));
+    }
+    const int wanted = *num;
+    *num = 0;
+    if (state.find_over) {
+        QZLOG_ABOVE(2, "Query_stream_segment_free find over");
+        return 0;
+    }
+    const unsigned long disks = query_disk_bitmap(state.query.group_bitmap);
+    if (disks == 0) {
+        QZLOG_ABOVE(2, "group have not disk(0x%lx)", (unsigned long)state.query.group_bitmap);
+        return -1;
+    }
+    unsigned id = state.cur_hdd_id;
+    for (; id < kQueryDiskSlots; id++) {
+        CQzFileSystem* fs = (disks >> id) & 1u ? get_file_system(uint8_t(id)) : nullptr;
+        if (fs != nullptr && fs->Get_hdd_state() == QZFSS_MOUNTED) {
+            fs->disk_lock(1);
+            const int got = fs->Query_stream_segment(&state, wanted - *num, result + *num);
+            fs->disk_lock(0);
+            if (got < 0)
+                QZLOG_ABOVE(1, "Query_stream_segment failed(hdd_id:%d)", int(id));
+            else
+                *num += got;
+            if (*num >= wanted)
+                break;
+        }
+        // This disk is done: the next one starts at its beginning.
+        state.cur_root_index = 0;
+        state.cur_stream_segment_index = 0;
+    }
+    if (*num > 0)
+        state.cur_hdd_id = uint8_t(id);
+    else
+        state.find_over = 1;
+    return 0;
+}
+
+int CQzfsManager::find_stream_segment_for_sequence_query(query_iterator it)
+{
+    _stream_segment_query_state_& state = it->second;
+    if (state.find_over)
+        return 0;
+    state.stream_list.clear();
+    const unsigned long disks = query_disk_bitmap(state.query.group_bitmap);
+    if (disks == 0) {
+        QZLOG_ABOVE(2, "group have not disk(0x%lx)", (unsigned long)state.query.group_bitmap);
+        return -1;
+    }
+    for (unsigned id = 0; id < kQueryDiskSlots; id++) {
+        CQzFileSystem* fs = (disks >> id) & 1u ? get_file_system(uint8_t(id)) : nullptr;
+        if (fs == nullptr || fs->Get_hdd_state() != QZFSS_MOUNTED)
+            continue;
+        fs->disk_lock(1);
+        const int got = fs->Query_stream_segment(&state, 0, nullptr);
+        fs->disk_lock(0);
+        if (got < 0)
+            QZLOG_ABOVE(1, "Query_stream_segment failed(hdd_id:%d)", int(id));
+    }
+    if (state.query.sequence <= _K4T_SEQUECE_ASCEND_WRAP_)
+        state.stream_list.sort(Stream_query_list_node_compare);
+    else
+        state.stream_list.sort(Stream_query_list_node_compare_seq_down);
+    state.find_over = 1;
+    state.cur_index = 0;
+    return 0;
+}
+
+int CQzfsManager::fill_sequence_page(_stream_segment_query_state_& state,
+                                     _k4t_stream_query_result_* result)
+{
+    int rows = 0;
+    if (state.cur_index < state.stream_list.size()) {
+        auto node = std::next(state.stream_list.begin(), long(state.cur_index));
+        for (; node != state.stream_list.end() && uint32_t(rows) < state.query.item_num_per_page;
+             ++node)
+            fill_row_from_list_node(&result[rows++], *node);
+    }
+    state.cur_index += uint32_t(rows);
+    return rows;
+}
+
+int CQzfsManager::Query_stream_segment_sequence(query_iterator it, _k4t_stream_query_cmd_ cmd,
+                                                int* num, _k4t_stream_query_result_* result)
+{
+    _stream_segment_query_state_& state = it->second;
+    if (find_stream_segment_for_sequence_query(it) != 0)
+        return -1;
+    const unsigned long size = state.stream_list.size();
+    if (size == 0) {
+        *num = 0;
+        return 0;
+    }
+    const uint32_t page = state.query.item_num_per_page;
+    if (page == 0)
+        return -1;
+    const uint32_t last_page = page * uint32_t((size - 1) / page);
+    switch (cmd) {
+    case K4T_QUERY_FIRST:
+        state.cur_index = 0;
+        break;
+    case K4T_QUERY_LAST:
+        state.cur_index = last_page;
+        break;
+    case K4T_QUERY_NEXT:
+        if (state.cur_index >= size) {
+            if (state.query.sequence == _K4T_SEQUECE_ASCEND_WRAP_) {
+                QZLOG_ABOVE(2, "THE LAST PAGE(%ld)(%lu)", long(state.cur_index), size);
+                state.cur_index = 0;
+            } else {
+                QZLOG_ABOVE(2, "THE LAST PAGE OVER(%ld)(%lu)", long(state.cur_index), size);
+                *num = 0;
+                return 0;
+            }
+        }
+        break;
+    case K4T_QUERY_PREV:
+        if (state.cur_index <= page)
+            state.cur_index = last_page;
+        else
+            state.cur_index = page * ((state.cur_index - 1) / page - 1);
+        break;
+    default:
+        break;
+    }
+    QZLOG_ABOVE(2, "QUERY(cmd:%d)(total_number:%lu)(cur_index:%ld)", int(cmd), size,
+                long(state.cur_index));
+    *num = fill_sequence_page(state, result);
+    return 0;
+}
