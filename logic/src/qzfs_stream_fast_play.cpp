@@ -331,16 +331,21 @@ int CQzFileSystem::Read_iframe_data(_opened_stream_segment_* oss, uint8_t** buff
                     const uint32_t num =
                         std::min<uint32_t>(rss->latest_iframe_index + 1 - start_iframe,
                                            FS_IFI_BUFFER_NUM);
+                    const uint32_t first = rss->latest_iframe_index + 1 - num;
                     rss->iframe_list_num = num;
                     unsigned long count = num;
-                    if (read_log_nodes(*this, oss, following_writer,
-                                       rss->latest_iframe_index + 1 - num, &count, 0) != 0 ||
-                        count != num) {
+                    if (read_log_nodes(*this, oss, following_writer, first, &count, 0) != 0) {
                         QZLOG("Read_iframe_index failed(%ld)", long(rss->latest_iframe_index));
                         before.restore(rss);
                         return 0;
                     }
-                    rss->iframe_list_pos = num;
+                    // Forward play may have left the position behind the
+                    // log's last node: the walk down starts at that node.
+                    if (count < num) {
+                        rss->iframe_list_num = uint32_t(count);
+                        rss->latest_iframe_index = first + uint32_t(count) - 1;
+                    }
+                    rss->iframe_list_pos = rss->iframe_list_num;
                 }
                 const _iframe_index_node_dev_& node = rss->iframe_list[rss->iframe_list_pos - 1];
                 if (node.id == IFRAME_INDEX_ID_IFRAME) {
