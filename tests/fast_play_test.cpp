@@ -320,6 +320,90 @@ TEST_F(FastPlayTest, NormalReadingGoesOnRightBehindTheLastFrameShown)
     }
 }
 
+TEST_F(FastPlayTest, TurningAroundGoesOnFromTheTurningPoint)
+{
+    _k4t_stream_segment_id_ id;
+    const WrittenStream written = record_segment(kMorning, 16, &id);
+    const int fd = open_by_id(id);
+    ASSERT_GT(fd, 0);
+    EXPECT_EQ(every(0, 5, 1), indexes(play(fd, true, 0, {&written}, nullptr, 6)));
+
+    // Back from the forward position: the walk down starts at the log node
+    // behind the frame last shown, so the first frame back is that one or
+    // the next, and then every frame down to the first.
+    const std::vector<int> back = indexes(play(fd, false, 0, {&written}, nullptr, 4));
+    ASSERT_EQ(4u, back.size());
+    EXPECT_TRUE(back[0] == 5 || back[0] == 6) << back[0];
+    for (size_t i = 1; i < back.size(); i++)
+        EXPECT_EQ(back[i - 1] - 1, back[i]);
+
+    // Forward again: from the node below the frame last shown, upward.
+    const int low = back.back();
+    const std::vector<int> forward = indexes(play(fd, true, 0, {&written}));
+    ASSERT_FALSE(forward.empty());
+    EXPECT_TRUE(forward[0] == low - 1 || forward[0] == low) << forward[0];
+    EXPECT_EQ(every(forward[0], 15, 1), forward) << "then each I-frame up to the last";
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+}
+
+TEST_F(FastPlayTest, AFailedCallLeavesTheReadPointWhereItWas)
+{
+    _k4t_stream_segment_id_ id;
+    const WrittenStream written = record_segment(kMorning, 6, &id);
+    const int fd = open_by_id(id);
+    ASSERT_GT(fd, 0);
+    uint8_t* buffer = nullptr;
+    int len = 0;
+    // Nothing lies behind the first I-frame.
+    EXPECT_EQ(0, api_qzfs_read_pre_iframe(fd, 0, &buffer, &len, nullptr));
+    std::vector<uint8_t> got(300000);
+    ASSERT_EQ(int(got.size()), api_qzfs_read_video_data(fd, got.data(), int(got.size()), nullptr));
+    const std::vector<uint8_t> all = from_first_iframe(written);
+    EXPECT_TRUE(same_bytes(std::vector<uint8_t>(all.begin(), all.begin() + long(got.size())),
+                           got.data(), got.size()));
+
+    // Past the last I-frame forward finds nothing; the normal read goes on.
+    const size_t after_last = written.iframes.back().offset - written.iframes[0].offset + 400000;
+    std::vector<uint8_t> skip_to(after_last - got.size());
+    ASSERT_EQ(int(skip_to.size()),
+              api_qzfs_read_video_data(fd, skip_to.data(), int(skip_to.size()), nullptr));
+    EXPECT_EQ(0, api_qzfs_read_next_iframe(fd, 0, &buffer, &len, nullptr));
+    ASSERT_EQ(1000, api_qzfs_read_video_data(fd, got.data(), 1000, nullptr));
+    EXPECT_TRUE(same_bytes(std::vector<uint8_t>(all.begin() + long(after_last),
+                                                all.begin() + long(after_last) + 1000),
+                           got.data(), 1000));
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+}
+
+TEST_F(FastPlayTest, AnIframeWithADamagedHeaderIsPassedOver)
+{
+    _k4t_stream_segment_id_ id;
+    const WrittenStream written = record_segment(kMorning, 10, &id);
+    SegmentOnDisk disk;
+    read_segment(fs_, image_, id.root_index, id.stream_segment_index, disk);
+    // Spoil the frame type of I-frame 4 where it lies on the disk.
+    int n = 0;
+    unsigned long long at = 0;
+    for (const _iframe_index_node_dev_& e : disk.entries)
+        if (e.id == IFRAME_INDEX_ID_IFRAME && n++ == 4)
+            at = (unsigned long long)e.block_num * fs_->manage().block_size + e.block_offset + 1;
+    ASSERT_NE(0u, at);
+    write_bytes(image_, at, {'x'});
+
+    int fd = open_by_id(id);
+    ASSERT_GT(fd, 0);
+    EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 5, 6, 7, 8, 9}), indexes(play(fd, true, 0, {&written})));
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+
+    fd = open_by_id(id);
+    ASSERT_GT(fd, 0);
+    std::vector<uint8_t> chunk(1 << 20);
+    while (api_qzfs_read_video_data(fd, chunk.data(), int(chunk.size()), nullptr) > 0) {
+    }
+    EXPECT_EQ((std::vector<int>{9, 8, 7, 6, 5, 3, 2, 1, 0}), indexes(play(fd, false, 0, {&written})));
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+}
+
 // ------------------------------------------------------ adjacent segments
 
 TEST_F(FastPlayTest, WithTheContinueFlagPlaybackCrossesIntoTheAdjacentSegment)
@@ -402,6 +486,16 @@ TEST_F(FastPlayTest, OnALiveRecordingForwardStopsAtTheNewestIframeAndGoesOnLater
     EXPECT_EQ(every(0, int(seen.size()) - 1, 1), seen) << "the I-frames on disk so far, in order";
     EXPECT_LT(seen.size(), written.iframes.size() + 1);
     EXPECT_TRUE(same_id(id, id_of(fd))) << "a live segment is never left forward";
+    {
+        // The refused call left the reader behind the last frame shown.
+        const size_t behind = written.iframes[size_t(seen.back())].offset + iframe_len();
+        std::vector<uint8_t> got(20000);
+        ASSERT_EQ(int(got.size()),
+                  api_qzfs_read_video_data(fd, got.data(), int(got.size()), nullptr));
+        EXPECT_TRUE(same_bytes(std::vector<uint8_t>(written.bytes.begin() + long(behind),
+                                                    written.bytes.begin() + long(behind) + 20000),
+                               got.data(), got.size()));
+    }
 
     // The writer goes on over block ends; so does the reader.
     for (int round = 0; round < 3; round++) {
