@@ -198,12 +198,16 @@ int CQzFileSystem::Read_iframe_data(_opened_stream_segment_* oss, uint8_t** buff
     // Where the segment's log starts and how far its data goes. For a live
     // writer, only what has reached the disk: bytes still in its unit
     // buffer are not there yet, and the block behind them holds old data.
-    uint64_t stream_len = oss->ssi()->len_in_bytes;
-    uint32_t start_iframe = oss->ssi()->start_iframe;
+    // A writer that closes meanwhile rewrites the reader's node under the
+    // disk lock, so the node is read under it too.
+    uint64_t stream_len = 0;
+    uint32_t start_iframe = 0;
     bool following_writer = false;
-    if (writer != nullptr) {
-        disk_lock(1);
-        _opened_stream_segment_* live = live_writer(*this, rss);
+    {
+        OptionalDiskLock lock(*this, writer != nullptr);
+        stream_len = oss->ssi()->len_in_bytes;
+        start_iframe = oss->ssi()->start_iframe;
+        _opened_stream_segment_* live = writer != nullptr ? live_writer(*this, rss) : nullptr;
         if (live != nullptr) {
             following_writer = true;
             _write_stream_segment_* wss = live->writer();
@@ -214,7 +218,6 @@ int CQzFileSystem::Read_iframe_data(_opened_stream_segment_* oss, uint8_t** buff
             start_iframe = node.start_iframe;
             stream_len = writer_visible_len(live);
         }
-        disk_lock(0);
     }
 
     if (forward && rss->already_read_len >= stream_len) {
