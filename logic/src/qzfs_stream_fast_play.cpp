@@ -227,7 +227,7 @@ int CQzFileSystem::Read_iframe_data(_opened_stream_segment_* oss, uint8_t** buff
     }
     // A position of 12 or less holds no complete frame behind it.
     if (!forward && rss->already_read_len <= kFrameHeaderLen) {
-        QZLOG_ABOVE(0, "FAST BACK NO DATA:%lld", (long long)rss->already_read_len);
+        QZLOG("FAST BACK NO DATA:%lld", (long long)rss->already_read_len);
         return 0;
     }
 
@@ -475,7 +475,7 @@ int CQzFileSystem::Read_iframe_data(_opened_stream_segment_* oss, uint8_t** buff
                 }
                 if (frame_start + need > rss->frame_buffer_len) {
                     const uint32_t grown = std::max(frame_start + need, frame_start + held + unit);
-                    QZLOG_ABOVE(2, "CQzFileSystem::Read_iframe_data remalloc2(%ld)(%ld)",
+                    QZLOG_ABOVE(2, "remalloc2(%ld)(%ld)",
                                 long(rss->frame_buffer_len), long(grown));
                     if (!grow_frame_buffer(rss, grown))
                         QZFS_FATAL("CQzFileSystem::Read_iframe_data out of memory:%ld",
