@@ -183,7 +183,15 @@ TEST_F(FastPlayTest, ForwardAndBackVisitEveryRecordedIframeAtEachSpeed)
         SCOPED_TRACE(int(skip));
         int fd = open_by_id(id);
         ASSERT_GT(fd, 0);
-        const std::vector<Frame> forward = play(fd, true, skip, {&written});
+        std::vector<Frame> forward = play(fd, true, skip, {&written}, nullptr, 1);
+        // The frames are longer than the buffer's first size: it grew with
+        // the first one, is kept between calls and grows only where a later
+        // frame starts further into its first unit.
+        const _read_stream_segment_* rss = open_record(fd)->reader();
+        EXPECT_GE(rss->frame_buffer_len, iframe_len());
+        const uint32_t grown_len = rss->frame_buffer_len;
+        const std::vector<Frame> rest = play(fd, true, skip, {&written});
+        forward.insert(forward.end(), rest.begin(), rest.end());
         EXPECT_EQ(every(skip, count - 1, skip + 1), indexes(forward))
             << "every (skip + 1)th I-frame, each whole and as written";
         ASSERT_FALSE(forward.empty());
@@ -194,6 +202,9 @@ TEST_F(FastPlayTest, ForwardAndBackVisitEveryRecordedIframeAtEachSpeed)
         int len = -1;
         EXPECT_EQ(0, api_qzfs_read_next_iframe(fd, skip, &buffer, &len, nullptr))
             << "the end stays the end";
+        EXPECT_LE(grown_len, rss->frame_buffer_len);
+        EXPECT_LE(rss->frame_buffer_len, iframe_len() + 3 * 0x10000);
+        EXPECT_NE(nullptr, rss->frame_buffer) << "kept for the next call";
 
         // Back from the end of the data, after a plain read to it.
         EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
@@ -464,6 +475,17 @@ TEST_F(FastPlayTest, WithTheContinueFlagPlaybackCrossesIntoTheAdjacentSegment)
     EXPECT_EQ(0, back[9].new_segment);
     EXPECT_TRUE(same_id(first, id_of(fd)));
     EXPECT_EQ(0, api_qzfs_read_pre_iframe(fd, 0, &buffer, &len, nullptr)) << "nothing earlier";
+    EXPECT_TRUE(same_id(first, id_of(fd)));
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+
+    // Right after open nothing lies behind the read point: with the flag
+    // back goes straight into the previous segment.
+    fd = open_by_id(second, QZFS_K4T_OSF_CONTINUE);
+    ASSERT_GT(fd, 0);
+    uint8_t fresh = 0;
+    ASSERT_EQ(int(iframe_len()), api_qzfs_read_pre_iframe(fd, 3, &buffer, &len, &fresh));
+    EXPECT_EQ(10, which_iframe(a, iframe_len(), buffer, len)) << "whatever the speed";
+    EXPECT_EQ(1, fresh);
     EXPECT_TRUE(same_id(first, id_of(fd)));
     EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
 }
