@@ -281,6 +281,7 @@ int CQzFileSystem::Read_iframe_data(_opened_stream_segment_* oss, uint8_t** buff
     for (;;) {
         uint8_t counter = 0;
         _iframe_index_node_dev_ chosen;
+        memset(&chosen, 0, sizeof(chosen));
         // Going back: where the walk goes on from after this frame.
         uint32_t saved_pos = 0, saved_latest = 0;
         if (forward) {
@@ -590,6 +591,7 @@ int CQzFileSystem::Find_iframe_for_special_play(_read_stream_segment_* rss,
     position = std::max(at.unit_first_index, start_iframe_index);
 
     _iframe_index_node_dev_ last;
+    memset(&last, 0, sizeof(last));
     bool have_last = false;
     for (; scan; position++) {
         const int got = log.fetch(position, &node);
