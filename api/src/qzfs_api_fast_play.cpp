@@ -2,19 +2,15 @@
 // a call.
 #include "qzfilesystem.h"
 #include "qzfs_api.h"
-#include "qzfs_api_fd.h"
-#include "qzfs_log.h"
-#include "qzfs_manager.h"
 
-#include <list>
-
-int CQzfsApi::Qzfs_read_next_iframe(int, unsigned char**, int*, unsigned char*, unsigned char)
+int CQzfsApi::Qzfs_read_next_iframe(int ossfd, unsigned char** buffer, int* len,
+                                    unsigned char* new_segment, unsigned char skip)
 {
-    return -1;
+    return Read_iframe_data(ossfd, buffer, len, new_segment, K4T_FS_TRUE, skip);
 }
 
-int CQzfsApi::Qzfs_read_pre_iframe(int, unsigned char**, int*, unsigned char*, unsigned char)
+int CQzfsApi::Qzfs_read_pre_iframe(int ossfd, unsigned char** buffer, int* len,
+                                   unsigned char* new_segment, unsigned char skip)
 {
-    return -1;
+    return Read_iframe_data(ossfd, buffer, len, new_segment, K4T_FS_FALSE, skip);
 }
-

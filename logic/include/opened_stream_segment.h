@@ -150,7 +150,13 @@ int close_old_and_set_new_open_segment_info(int ossfd, _opened_stream_segment_* 
                                             _opened_stream_segment_* new_oss);
 
 // ---- I-frame playback (qzfs_stream_fast_play.cpp)
-// (declaration of the free Read_iframe_data goes here)
+// One whole I-frame from descriptor `ossfd`, the next (`next_iframe` 1) or
+// the previous (0), passing over `skip` of them, going on into the adjacent
+// segment of the day when the reader's flags ask for it. The frame stays
+// valid until the next call on the descriptor. Its length, 0 when there is
+// none, -1 for a bad call.
+int Read_iframe_data(int ossfd, uint8_t** buffer, int* len, uint8_t* new_segment,
+                     uint8_t next_iframe, uint8_t skip);
 
 
 

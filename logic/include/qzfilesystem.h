@@ -456,7 +456,19 @@ public:
     int Seek_stream_segment(_opened_stream_segment_* oss, long long offset, int whence);
 
     // ---- I-frame playback (qzfs_stream_fast_play.cpp)
-    // (declarations of the fast-play members go here)
+    // The next I-frame (`next_iframe` 1) or the previous one (0) of reader
+    // `oss`, passing over `skip` of them; `writer` is the live writer of the
+    // segment, or null. The frame is left in the reader's frame buffer and
+    // handed out through `buffer` and `len`. Its length, or 0 with the
+    // reader's position unchanged when there is none.
+    int Read_iframe_data(_opened_stream_segment_* oss, uint8_t** buffer, int* len,
+                         _opened_stream_segment_* writer, uint8_t next_iframe, uint8_t skip);
+    // Log position where I-frame playback starts from the read point: the
+    // first I-frame at or after it forward, the last one before it back.
+    // 0 or -1; disk lock held.
+    int Find_iframe_for_special_play(_read_stream_segment_* rss, uint32_t iframe_block_num,
+                                     uint32_t* iframe_block_list, uint32_t start_iframe_index,
+                                     uint8_t next_iframe, uint32_t* found_index);
 
 
 
