@@ -25,12 +25,15 @@
 //                  opened on channel 0's first segment, with the read flag
 //                  that goes on into the next segment; each call is a
 //                  sample, and the run crosses segments on the way.
-// Each query's rows are counted and checked (channel, date order, and the
-// number of segments the day holds); each fast-play frame must be the next
-// I-frame of the channel, whole, with the right time. Any error, or a count
-// that is not what was recorded, ends the run with a message and status 1.
-// Printed: samples, rows (segments) a query returned, median, 99th
-// percentile and maximum in microseconds, and for fast play also the mean.
+// Each query's rows are counted and checked: every row must be the segment
+// recorded at its place (start hour, channel, disk) in ascending order, and
+// a query must give every segment of the day; the calendar must show the
+// day for every channel and no other day. Each fast-play frame must be the
+// next I-frame of the channel, whole, with the right time. Any error, or a
+// count that is not what was recorded, ends the run with a message and
+// status 1. Printed: samples, the rows (segments) a query returned, median,
+// 99th percentile and maximum in microseconds; for fast play also the mean,
+// the segments played through and how many calls set the new-segment flag.
 //
 // Running it: scripts/bench builds a Release tree and runs it after the
 // playback benchmark; or by hand
@@ -177,7 +180,7 @@ double percentile(const std::vector<double>& sorted, double q)
 void print_times(const char* what, const char* count_text, std::vector<double> us, bool mean = false)
 {
     std::sort(us.begin(), us.end());
-    fprintf(report, "  %-13s %6zu samples %-22s median %9.1f us, p99 %9.1f us, max %9.1f us", what,
+    fprintf(report, "  %-13s %6zu samples %-36s median %9.1f us, p99 %9.1f us, max %9.1f us", what,
             us.size(), count_text, percentile(us, 0.5), percentile(us, 0.99), us.back());
     if (mean) {
         double sum = 0;
@@ -452,7 +455,7 @@ int main(int argc, char** argv)
 
     fprintf(report,
             "search benchmark: %u channels, one day each (%u segments of an hour, %.1f MB a channel), "
-            "channels 0-%u on disk 0 and %u-%u on disk 1, set up in %.1f s; pages of %u rows; "
+            "channels 0-%u on disk 0 and %u-%u on disk 1, set up in %.1f s; pages of %u rows;\n  "
             "images %s, %s\n",
             kChannels, kHours, double(day_bytes) / 1e6, kChannelsPerDisk - 1, kChannelsPerDisk,
             kChannels - 1, seconds_since(setup), page, images[0].c_str(), images[1].c_str());
