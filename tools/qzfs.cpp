@@ -898,7 +898,7 @@ _k4t_fs_date_time_ at_second_of_day(const _k4t_fs_date_time_& day, unsigned seco
 
 unsigned second_of_day(const _k4t_fs_date_time_& t)
 {
-    return t.hour * 3600u + t.minute * 60u + t.second;
+    return qzfs_second_of_day(t.hour, t.minute, t.second);
 }
 
 // Orders two moments by their fields, the way the recordings store them.

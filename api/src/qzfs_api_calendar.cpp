@@ -15,18 +15,6 @@
 
 namespace {
 
-// The disks of the groups in `group_bitmap`, as a mask by hdd_id.
-unsigned long disks_of_groups(uint32_t group_bitmap)
-{
-    unsigned long disks = 0;
-    gQzfsManager.manager_lock();
-    for (auto& group : gQzfsManager.m_disk_group_map)
-        if (group.first < 32 && ((group_bitmap >> group.first) & 1u) != 0)
-            disks |= group.second.valid_disk_bitmap;
-    gQzfsManager.manager_unlock();
-    return disks;
-}
-
 // Calls `walk(fs)` under the disk lock of every disk of `disks` that has a
 // file system, in ascending hdd_id; `what` names the member in the failure
 // line.
@@ -65,7 +53,7 @@ int CQzfsApi::Qzfs_query_calendar(_k4t_calendar_stream_query_* query)
                 (unsigned long)query->channel_bitmap, unsigned(query->record_type_bitmap),
                 int(query->year), int(query->month), (unsigned long long)query->stream_type_bitmap);
     memset(query->day_info, 0, sizeof(query->day_info));
-    const unsigned long disks = disks_of_groups(query->group_bitmap);
+    const unsigned long disks = gQzfsManager.disks_of_groups(query->group_bitmap);
     if (disks == 0) {
         QZLOG_ABOVE(1, "group have not disk(0x%lx)", (unsigned long)query->group_bitmap);
         return -1;
@@ -77,7 +65,7 @@ int CQzfsApi::Qzfs_query_calendar(_k4t_calendar_stream_query_* query)
 int CQzfsApi::Qzfs_get_stream_date_list(uint32_t group_bitmap, uint64_t stream_type_bitmap,
                                         std::list<_k4t_fs_date_>& dates)
 {
-    const unsigned long disks = disks_of_groups(group_bitmap);
+    const unsigned long disks = gQzfsManager.disks_of_groups(group_bitmap);
     if (disks == 0) {
         QZLOG_ABOVE(2, "group have not disk(0x%lx)", (unsigned long)group_bitmap);
         return -1;
@@ -93,7 +81,7 @@ int CQzfsApi::Qzfs_get_stream_date_info(uint32_t group_bitmap, uint64_t stream_t
                                         uint64_t channel_bitmap,
                                         std::list<_k4t_fs_record_date_info_>& infos)
 {
-    const unsigned long disks = disks_of_groups(group_bitmap);
+    const unsigned long disks = gQzfsManager.disks_of_groups(group_bitmap);
     if (disks == 0) {
         QZLOG_ABOVE(2, "group have not disk(0x%lx)", (unsigned long)group_bitmap);
         return -1;

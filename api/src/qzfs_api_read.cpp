@@ -175,14 +175,8 @@ int CQzfsApi::Qzfs_seek_stream_segment_by_time(int ossfd, _k4t_fs_date_time_* wh
         result = seek_in_segment(fd, when);
     } else if (rss->read_flag & QZFS_K4T_OSF_CONTINUE) {
         QZLOG_ABOVE(2, "new segment!");
-        _qzfs_k4t_stream_open_para_ para;
-        memset(&para, 0, sizeof(para));
-        para.channel = rss->channel;
-        para.record_type_bitmap = rss->record_type_bitmap;
-        para.stream_type = fd.oss->root()->stream_type;
+        _qzfs_k4t_stream_open_para_ para = adjacent_segment_request(fd.oss, true);
         para.date_time = *when;
-        const int group = gQzfsManager.Find_group_id(fd.oss->hdd_id);
-        para.group_bitmap = group >= 0 && group < 32 ? 1u << group : 0;
         _opened_stream_segment_* next = nullptr;
         if (Open_stream_segment(&para, rss->read_flag, FS_FIND_AT_OR_NEXT, &next) != 0) {
             QZLOG(" Open_stream_segment failed");

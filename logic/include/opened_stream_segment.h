@@ -148,6 +148,10 @@ int Read_video_data(int ossfd, uint8_t* buffer, int len, uint8_t* new_segment);
 // another disk) and closes the old one. 0, or -1 with the new one closed.
 int close_old_and_set_new_open_segment_info(int ossfd, _opened_stream_segment_* old_oss,
                                             _opened_stream_segment_* new_oss);
+// The request that finds the reader's neighbour segment the same day, on
+// the disks of its disk's group: from its end time going forward, from its
+// start time going back.
+_qzfs_k4t_stream_open_para_ adjacent_segment_request(_opened_stream_segment_* oss, bool forward);
 
 // ---- I-frame playback (qzfs_stream_fast_play.cpp)
 // One whole I-frame from descriptor `ossfd`, the next (`next_iframe` 1) or

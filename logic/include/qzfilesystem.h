@@ -384,6 +384,13 @@ public:
     // Frees every open record with its state and channel (teardown).
     void release_open_segments();
     int clear_read_stream_segment_writing_flag(_opened_stream_segment_* writer);
+    // A segment node as searches and queries see it. A node being recorded
+    // (end hour 255) is replaced by its writer's live node, length less the
+    // head cut away, once the writer has confirmed the start and set an end:
+    // 1 when the node counts, 0 when it is not visible yet, -1 when no writer
+    // is open on it. Disk lock held.
+    int live_segment_node(uint32_t root_index, uint32_t index,
+                          _stream_segment_index_node_men_& node);
 
     // ---- stream creation (qzfs_stream_create.cpp)
     int Create_stream_segment(_qzfs_k4t_create_ss_para_* para, _opened_stream_segment_* oss,

@@ -101,6 +101,9 @@ public:
     void free_all_file_systems();
 
     int Find_group_id(unsigned char hdd_id);
+    // The disks of the groups whose bits are set in `group_bitmap`, as a
+    // mask by hdd_id (bit n: disk n).
+    unsigned long disks_of_groups(uint32_t group_bitmap);
     _disk_group_attr_* find_group(unsigned char group);
     int Get_free_query_stream_segment_handle();
 
@@ -118,9 +121,6 @@ public:
 
     // ---- stream queries (qzfs_stream_query.cpp)
     typedef std::map<int, _stream_segment_query_state_>::iterator query_iterator;
-    // The disks of the groups in `group_bitmap`, OR-ed; taken under the
-    // manager lock.
-    unsigned long query_disk_bitmap(uint32_t group_bitmap);
     // Rows of a free query, disk by disk from its resume point. 0 or -1;
     // `*num` holds the room on entry and the rows on exit.
     int Query_stream_segment_free(query_iterator it, _k4t_stream_query_cmd_ cmd, int* num,

@@ -1,5 +1,6 @@
 // Small pieces shared by the stream paths (write, read, seek, the I-frame
-// index): a scoped disk lock and a reader of I-frame log nodes by position.
+// index): a scoped disk lock, a reader of I-frame log nodes by position, and
+// the snapshot that undoes a reader's failed move.
 #ifndef QZFS_STREAM_SUPPORT_H
 #define QZFS_STREAM_SUPPORT_H
 
@@ -77,5 +78,26 @@ private:
     bool loaded_ = false;
 };
 
+// A reader's position as a failed seek or I-frame step must leave it: the
+// record and the nodes of its list. The frame buffer is owned memory that
+// may have grown meanwhile, so the present one is kept.
+struct reader_snapshot {
+    _read_stream_segment_ state;
+    _iframe_index_node_dev_ list[FS_IFI_BUFFER_NUM];
+
+    explicit reader_snapshot(const _read_stream_segment_* rss) : state(*rss)
+    {
+        memcpy(list, rss->iframe_list, sizeof(list));
+    }
+    void restore(_read_stream_segment_* rss) const
+    {
+        uint8_t* buffer = rss->frame_buffer;
+        const uint32_t buffer_len = rss->frame_buffer_len;
+        *rss = state;
+        memcpy(rss->iframe_list, list, sizeof(list));
+        rss->frame_buffer = buffer;
+        rss->frame_buffer_len = buffer_len;
+    }
+};
 
 #endif

@@ -4,6 +4,7 @@
 #include "qzfs_device.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
+#include "system_resource_manager.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -260,6 +261,27 @@ void writer_node_snapshot(_opened_stream_segment_* writer, _stream_segment_index
     qzfs_lock(wss->lock);
     memcpy(out, writer->ssi_node, sizeof(*out));
     qzfs_unlock(wss->lock);
+}
+
+int CQzFileSystem::live_segment_node(uint32_t root_index, uint32_t index,
+                                     _stream_segment_index_node_men_& node)
+{
+    if (node.end_hour != QZFS_INVALID_END_HOUR)
+        return 1;
+    _k4t_stream_segment_id_ id = {m_hdd_id, root_index, index};
+    _opened_stream_segment_* writer = nullptr;
+    if (find_opening_stream_segment_by_id(&id, &writer, 2) < 0 || writer == nullptr)
+        return -1;
+    _write_stream_segment_* wss = writer->writer();
+    if (wss->confirm_start_iframe != 1)
+        return 0;
+    _stream_segment_index_node_dev_ live;
+    writer_node_snapshot(writer, &live);
+    if (live.end_hour == QZFS_INVALID_END_HOUR)
+        return 0;
+    live.len_in_bytes -= wss->delete_len;
+    Stream_segment_index_endian_trans_dev_mem(&live, gLocal_endian, &node, gLocal_endian, 1);
+    return 1;
 }
 
 // A closing writer hands its readers what they need to go on alone: a

@@ -97,98 +97,79 @@ int CQzFileSystem::Query_calendar(_k4t_calendar_stream_query_* query)
     }
 }
 
-int CQzFileSystem::Get_record_date_list(uint64_t stream_type_bitmap, std::list<_k4t_fs_date_>& dates)
+// Calls `visit(root_index, node)` for every root node of the disk up to its
+// end mark; -1 when one cannot be read, the failure named after `func`.
+template <typename Visit>
+static int for_each_root(CQzFileSystem& fs, const char* func, Visit visit)
 {
     for (unsigned long ri = 0;; ri++) {
         _root_index_node_mem_ node;
-        if (Get_root_index_mem_node(ri, &node) != 0) {
-            QZLOG("Get_root_index_mem_node failed(%ld)", long(ri));
+        if (fs.Get_root_index_mem_node(ri, &node) != 0) {
+            QZLOG_AS(func, "Get_root_index_mem_node failed(%ld)", long(ri));
             return -1;
         }
         if (node.id == END_ROOT_INDEX)
             return 0;
-        trace_root(__func__, ri, node);
+        visit(ri, node);
+    }
+}
+
+int CQzFileSystem::Get_record_date_list(uint64_t stream_type_bitmap, std::list<_k4t_fs_date_>& dates)
+{
+    return for_each_root(*this, __func__, [&](unsigned long ri, const _root_index_node_mem_& node) {
+        trace_root("Get_record_date_list", ri, node);
         if (counts_as_recording(node) && bit_set64(stream_type_bitmap, node.stream_type))
             add_date(dates, node);
-    }
+    });
 }
 
 int CQzFileSystem::Get_record_date_list(std::string& name, std::list<_k4t_fs_date_>& dates)
 {
-    for (unsigned long ri = 0;; ri++) {
-        _root_index_node_mem_ node;
-        if (Get_root_index_mem_node(ri, &node) != 0) {
-            QZLOG("Get_root_index_mem_node failed(%ld)", long(ri));
-            return -1;
-        }
-        if (node.id == END_ROOT_INDEX)
-            return 0;
-        trace_root(__func__, ri, node);
+    return for_each_root(*this, __func__, [&](unsigned long ri, const _root_index_node_mem_& node) {
+        trace_root("Get_record_date_list", ri, node);
         if (counts_as_recording(node) && name == root_name(node))
             add_date(dates, node);
-    }
+    });
 }
 
 int CQzFileSystem::Get_record_date_info(uint64_t stream_type_bitmap, uint64_t channel_bitmap,
                                         std::list<_k4t_fs_record_date_info_>& infos)
 {
-    for (unsigned long ri = 0;; ri++) {
-        _root_index_node_mem_ node;
-        if (Get_root_index_mem_node(ri, &node) != 0) {
-            QZLOG("Get_root_index_mem_node failed(%ld)", long(ri));
-            return -1;
-        }
-        if (node.id == END_ROOT_INDEX)
-            return 0;
-        trace_root(__func__, ri, node);
+    return for_each_root(*this, __func__, [&](unsigned long ri, const _root_index_node_mem_& node) {
+        trace_root("Get_record_date_info", ri, node);
         if (!counts_as_recording(node) || !bit_set64(stream_type_bitmap, node.stream_type) ||
             !bit_set64(channel_bitmap, node.channel))
-            continue;
-        bool found = false;
+            return;
         for (_k4t_fs_record_date_info_& info : infos) {
             if (info.date.year == node.year && info.date.month == node.month &&
                 info.date.day == node.day) {
                 // The lock stays as the first entry of the day left it.
                 info.record_type = uint16_t(info.record_type | node.record_type);
-                found = true;
-                break;
+                return;
             }
         }
-        if (!found) {
-            _k4t_fs_record_date_info_ info;
-            memset(&info, 0, sizeof(info));
-            info.date.year = node.year;
-            info.date.month = node.month;
-            info.date.day = node.day;
-            info.record_type = node.record_type;
-            info.lock = node.lock;
-            infos.push_back(info);
-        }
-    }
+        _k4t_fs_record_date_info_ info;
+        memset(&info, 0, sizeof(info));
+        info.date.year = node.year;
+        info.date.month = node.month;
+        info.date.day = node.day;
+        info.record_type = node.record_type;
+        info.lock = node.lock;
+        infos.push_back(info);
+    });
 }
 
 int CQzFileSystem::Get_device_list(std::list<std::string>& names)
 {
-    for (unsigned long ri = 0;; ri++) {
-        _root_index_node_mem_ node;
-        if (Get_root_index_mem_node(ri, &node) != 0) {
-            QZLOG("Get_root_index_mem_node failed(%ld)", long(ri));
-            return -1;
-        }
-        if (node.id == END_ROOT_INDEX)
-            return 0;
+    return for_each_root(*this, __func__, [&](unsigned long, const _root_index_node_mem_& node) {
         if (!IS_NORMAL_ROOT_INDEX(node.id))
-            continue;
+            return;
         const char* name = root_name(node);
         if (name[0] == '\0')
-            continue;
-        bool known = false;
-        for (const std::string& n : names)
-            if (n == name) {
-                known = true;
-                break;
-            }
-        if (!known)
-            names.push_back(name);
-    }
+            return;
+        for (const std::string& known : names)
+            if (known == name)
+                return;
+        names.push_back(name);
+    });
 }

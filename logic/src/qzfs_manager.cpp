@@ -123,6 +123,17 @@ int CQzfsManager::Find_group_id(unsigned char hdd_id)
     return -1;
 }
 
+unsigned long CQzfsManager::disks_of_groups(uint32_t group_bitmap)
+{
+    unsigned long disks = 0;
+    manager_lock();
+    for (auto& group : m_disk_group_map)
+        if (group.first < 32 && ((group_bitmap >> group.first) & 1u) != 0)
+            disks |= group.second.valid_disk_bitmap;
+    manager_unlock();
+    return disks;
+}
+
 _disk_group_attr_* CQzfsManager::find_group(unsigned char group)
 {
     auto it = m_disk_group_map.find(group);

@@ -29,28 +29,6 @@ namespace {
 const uint32_t kFrameBufferStart = 0x20000;
 const uint32_t kFrameHeaderLen = sizeof(_av_frame_header_);
 
-// The reader's state as an unsuccessful call must leave it: the record and
-// the nodes of its list.
-struct reader_snapshot {
-    _read_stream_segment_ state;
-    _iframe_index_node_dev_ list[FS_IFI_BUFFER_NUM];
-
-    explicit reader_snapshot(const _read_stream_segment_* rss) : state(*rss)
-    {
-        memcpy(list, rss->iframe_list, sizeof(list));
-    }
-    // The frame buffer may have grown meanwhile; the new one is kept.
-    void restore(_read_stream_segment_* rss) const
-    {
-        uint8_t* buffer = rss->frame_buffer;
-        const uint32_t buffer_len = rss->frame_buffer_len;
-        *rss = state;
-        memcpy(rss->iframe_list, list, sizeof(list));
-        rss->frame_buffer = buffer;
-        rss->frame_buffer_len = buffer_len;
-    }
-};
-
 // The live writer behind a reader, looked up with the disk lock held; null
 // when the segment is closed or the writer has gone.
 _opened_stream_segment_* live_writer(CQzFileSystem& fs, _read_stream_segment_* rss)
@@ -84,29 +62,6 @@ bool grow_frame_buffer(_read_stream_segment_* rss, uint32_t len)
     rss->frame_buffer = grown;
     rss->frame_buffer_len = len;
     return true;
-}
-
-// The request that finds the segment beside `oss` the same day: forward
-// from its end time, back from its start time.
-_qzfs_k4t_stream_open_para_ adjacent_segment_request(_opened_stream_segment_* oss, bool forward)
-{
-    const _read_stream_segment_* rss = oss->reader();
-    const _root_index_node_dev_* root = oss->root();
-    const _stream_segment_index_node_dev_* ssi = oss->ssi();
-    _qzfs_k4t_stream_open_para_ para;
-    memset(&para, 0, sizeof(para));
-    para.channel = rss->channel;
-    para.record_type_bitmap = rss->record_type_bitmap;
-    para.stream_type = root->stream_type;
-    if (forward)
-        para.date_time = {root->year, root->month, root->day, ssi->end_hour, ssi->end_minute,
-                          ssi->end_second, 0};
-    else
-        para.date_time = {root->year, root->month, root->day, ssi->start_hour,
-                          ssi->start_minute, ssi->start_second, 0};
-    const int group = gQzfsManager.Find_group_id(oss->hdd_id);
-    para.group_bitmap = group >= 0 && group < 32 ? 1u << group : 0;
-    return para;
 }
 
 }  // namespace

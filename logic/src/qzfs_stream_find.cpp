@@ -63,27 +63,6 @@ verdict judge(unsigned t, unsigned s, unsigned e, bool have_best, unsigned sb, u
 
 }  // namespace
 
-// The segment node as a search sees it: a node being recorded counts only
-// once its writer has confirmed the start, and then with the writer's live
-// times and length. False when the node does not count.
-static bool searchable_node(CQzFileSystem& fs, uint32_t root_index, uint32_t index,
-                            _stream_segment_index_node_men_& node)
-{
-    if (node.end_hour != QZFS_INVALID_END_HOUR)
-        return true;
-    _k4t_stream_segment_id_ id = {fs.Get_hdd_id(), root_index, index};
-    _opened_stream_segment_* writer = nullptr;
-    if (fs.find_opening_stream_segment_by_id(&id, &writer, 2) < 0 || writer == nullptr ||
-        !writer->writer()->confirm_start_iframe)
-        return false;
-    _stream_segment_index_node_dev_ live;
-    writer_node_snapshot(writer, &live);
-    if (live.end_hour == QZFS_INVALID_END_HOUR)
-        return false;
-    fs.Stream_segment_index_endian_trans_dev_mem(&live, gLocal_endian, &node, gLocal_endian, 1);
-    return true;
-}
-
 // True when root node `root` is the day of channel/name/stream type asked for.
 static bool root_matches(CQzFileSystem& fs, uint32_t root_index, const _root_index_node_mem_& root,
                          uint8_t channel, const char* name, uint8_t stream_type,
@@ -136,7 +115,7 @@ int CQzFileSystem::Find_stream_segment(uint8_t channel, char* name, uint8_t stre
             _stream_segment_index_node_men_ node;
             if (Get_stream_segment_index_mem_node(ri, si, &node) != 0 || node.id > 254)
                 break;
-            if (!IS_NORMAL_SSIN(node.id) || !searchable_node(*this, ri, si, node) ||
+            if (!IS_NORMAL_SSIN(node.id) || live_segment_node(ri, si, node) != 1 ||
                 node.record_type > 15 || (record_type_bitmap & (1u << node.record_type)) == 0)
                 continue;
             const bool have_best = best->id != 255;
@@ -173,12 +152,7 @@ int CQzfsManager::Find_stream_segment(_qzfs_k4t_stream_open_para_* para, _fs_fin
               unsigned(para->record_type_bitmap), (unsigned long)para->group_bitmap);
         return -1;
     }
-    unsigned long disks = 0;
-    manager_lock();
-    for (auto& group : m_disk_group_map)
-        if (group.first < 32 && (para->group_bitmap >> group.first) & 1u)
-            disks |= group.second.valid_disk_bitmap;
-    manager_unlock();
+    const unsigned long disks = disks_of_groups(para->group_bitmap);
     if (disks == 0) {
         QZLOG_ABOVE(2, "group have not disk(0x%lx)", (unsigned long)para->group_bitmap);
         return -1;

@@ -264,3 +264,26 @@ int close_old_and_set_new_open_segment_info(int ossfd, _opened_stream_segment_* 
     Destory_opened_stream_segment(&old_oss);
     return 0;
 }
+
+// The request that finds the segment beside `oss` the same day: forward
+// from its end time, back from its start time.
+_qzfs_k4t_stream_open_para_ adjacent_segment_request(_opened_stream_segment_* oss, bool forward)
+{
+    const _read_stream_segment_* rss = oss->reader();
+    const _root_index_node_dev_* root = oss->root();
+    const _stream_segment_index_node_dev_* ssi = oss->ssi();
+    _qzfs_k4t_stream_open_para_ para;
+    memset(&para, 0, sizeof(para));
+    para.channel = rss->channel;
+    para.record_type_bitmap = rss->record_type_bitmap;
+    para.stream_type = root->stream_type;
+    if (forward)
+        para.date_time = {root->year, root->month, root->day, ssi->end_hour, ssi->end_minute,
+                          ssi->end_second, 0};
+    else
+        para.date_time = {root->year, root->month, root->day, ssi->start_hour,
+                          ssi->start_minute, ssi->start_second, 0};
+    const int group = gQzfsManager.Find_group_id(oss->hdd_id);
+    para.group_bitmap = group >= 0 && group < 32 ? 1u << group : 0;
+    return para;
+}

@@ -160,32 +160,6 @@ int CQzFileSystem::Stream_segment_is_finding(_stream_segment_query_state_* state
     return 0;
 }
 
-// The segment node as a query sees it: a node being recorded counts once
-// its writer has written the first I-frame, with the writer's live times
-// and its length less the head cut away. False when it does not count.
-static bool queryable_node(CQzFileSystem& fs, uint32_t root_index, uint32_t index,
-                           _stream_segment_index_node_men_& node)
-{
-    if (node.end_hour != QZFS_INVALID_END_HOUR)
-        return true;
-    _k4t_stream_segment_id_ id = {fs.Get_hdd_id(), root_index, index};
-    _opened_stream_segment_* writer = nullptr;
-    if (fs.find_opening_stream_segment_by_id(&id, &writer, 2) < 0 || writer == nullptr) {
-        QZLOG_AS("Query_stream_segment", "find_opening_stream_segment_by_id failed");
-        return false;
-    }
-    _write_stream_segment_* wss = writer->writer();
-    if (wss->confirm_start_iframe != 1)
-        return false;
-    _stream_segment_index_node_dev_ live;
-    writer_node_snapshot(writer, &live);
-    if (live.end_hour == QZFS_INVALID_END_HOUR)
-        return false;
-    live.len_in_bytes -= wss->delete_len;
-    fs.Stream_segment_index_endian_trans_dev_mem(&live, gLocal_endian, &node, gLocal_endian, 1);
-    return true;
-}
-
 int CQzFileSystem::Query_stream_segment(_stream_segment_query_state_* state, int get_num,
                                         _k4t_stream_query_result_* result)
 {
@@ -237,7 +211,10 @@ int CQzFileSystem::Query_stream_segment(_stream_segment_query_state_* state, int
             if (!IS_NORMAL_SSIN(node.id) || !bit_set(q.record_type_bitmap, node.record_type, 8) ||
                 !bit_set(q.lock_bitmap, node.lock, 8))
                 continue;
-            if (!queryable_node(*this, ri, si, node))
+            const int visible = live_segment_node(ri, si, node);
+            if (visible < 0)
+                QZLOG_AS("Query_stream_segment", "find_opening_stream_segment_by_id failed");
+            if (visible != 1)
                 continue;
             _k4t_stream_query_result_ row;
             memset(&row, 0, sizeof(row));
@@ -497,17 +474,6 @@ int CQzFileSystem::Get_stream_segment_info(unsigned long root_index,
 // The manager: handles over the disks of the groups
 // ---------------------------------------------------------------------------
 
-unsigned long CQzfsManager::query_disk_bitmap(uint32_t group_bitmap)
-{
-    unsigned long disks = 0;
-    manager_lock();
-    for (auto& group : m_disk_group_map)
-        if (group.first < 32 && ((group_bitmap >> group.first) & 1u) != 0)
-            disks |= group.second.valid_disk_bitmap;
-    manager_unlock();
-    return disks;
-}
-
 int CQzfsManager::Query_stream_segment_free(query_iterator it, _k4t_stream_query_cmd_ cmd,
                                             int* num, _k4t_stream_query_result_* result)
 {
@@ -526,7 +492,7 @@ int CQzfsManager::Query_stream_segment_free(query_iterator it, _k4t_stream_query
         QZLOG_ABOVE(2, "Query_stream_segment_free find over");
         return 0;
     }
-    const unsigned long disks = query_disk_bitmap(state.query.group_bitmap);
+    const unsigned long disks = disks_of_groups(state.query.group_bitmap);
     if (disks == 0) {
         QZLOG_ABOVE(2, "group have not disk(0x%lx)", (unsigned long)state.query.group_bitmap);
         return -1;
@@ -562,7 +528,7 @@ int CQzfsManager::find_stream_segment_for_sequence_query(query_iterator it)
     if (state.find_over)
         return 0;
     state.stream_list.clear();
-    const unsigned long disks = query_disk_bitmap(state.query.group_bitmap);
+    const unsigned long disks = disks_of_groups(state.query.group_bitmap);
     if (disks == 0) {
         QZLOG_ABOVE(2, "group have not disk(0x%lx)", (unsigned long)state.query.group_bitmap);
         return -1;

@@ -76,24 +76,6 @@ int find_live_writer(CQzFileSystem& fs, _opened_stream_segment_* oss,
     return 0;
 }
 
-// The request that finds the segment after `oss`, the same day.
-_qzfs_k4t_stream_open_para_ next_segment_request(_opened_stream_segment_* oss)
-{
-    const _read_stream_segment_* rss = oss->reader();
-    const _root_index_node_dev_* root = oss->root();
-    const _stream_segment_index_node_dev_* ssi = oss->ssi();
-    _qzfs_k4t_stream_open_para_ para;
-    memset(&para, 0, sizeof(para));
-    para.channel = rss->channel;
-    para.record_type_bitmap = rss->record_type_bitmap;
-    para.stream_type = root->stream_type;
-    para.date_time = {root->year, root->month, root->day, ssi->end_hour, ssi->end_minute,
-                      ssi->end_second, 0};
-    const int group = gQzfsManager.Find_group_id(oss->hdd_id);
-    para.group_bitmap = group >= 0 && group < 32 ? 1u << group : 0;
-    return para;
-}
-
 }  // namespace
 
 int Read_video_data(int ossfd, uint8_t* buffer, int len, uint8_t* new_segment)
@@ -128,7 +110,7 @@ int Read_video_data(int ossfd, uint8_t* buffer, int len, uint8_t* new_segment)
             QZLOG_ABOVE(2, "Read_video_data (!(pRss->read_flag & QZFS_K4T_OSF_CONTINUE))");
             return 0;
         }
-        _qzfs_k4t_stream_open_para_ para = next_segment_request(fd.oss);
+        _qzfs_k4t_stream_open_para_ para = adjacent_segment_request(fd.oss, true);
         _opened_stream_segment_* next = nullptr;
         if (Open_stream_segment(&para, rss->read_flag, FS_FIND_NEXT, &next) != 0 ||
             close_old_and_set_new_open_segment_info(ossfd, fd.oss, next) != 0) {

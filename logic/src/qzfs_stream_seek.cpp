@@ -211,23 +211,6 @@ static void flush_writer_for_seek(CQzFileSystem& fs, _opened_stream_segment_* wr
                 int(where->second));
 }
 
-// The reader's position as a failed seek must restore it: the record and
-// the block starts listed in it.
-struct reader_snapshot {
-    _read_stream_segment_ state;
-    _iframe_index_node_dev_ list[FS_IFI_BUFFER_NUM];
-
-    explicit reader_snapshot(const _read_stream_segment_* rss) : state(*rss)
-    {
-        memcpy(list, rss->iframe_list, sizeof(list));
-    }
-    void restore(_read_stream_segment_* rss) const
-    {
-        *rss = state;
-        memcpy(rss->iframe_list, list, sizeof(list));
-    }
-};
-
 // What a seek works from: the node, chain and length of the segment, the
 // writer's when it is live.
 struct seek_source {
