@@ -2,13 +2,13 @@
 
 namespace {
 
-// A 256-entry table built on first use. Building it twice from two threads
-// writes equal values, so no lock is needed.
+// The 256-entry table of the reflected polynomial, built once, before its
+// first use, by whichever thread gets there first; the language makes the
+// other threads wait for it.
 struct Crc32Table {
     uint32_t entry[256];
-    bool built = false;
 
-    void build()
+    Crc32Table()
     {
         for (uint32_t i = 0; i < 256; i++) {
             uint32_t crc = i;
@@ -16,35 +16,38 @@ struct Crc32Table {
                 crc = (crc & 1) ? (crc >> 1) ^ 0xEDB88320u : crc >> 1;
             entry[i] = crc;
         }
-        built = true;
-    }
-
-    uint32_t checksum(const unsigned char* p, unsigned long length)
-    {
-        if (!built)
-            build();
-        uint32_t crc = 0xFFFFFFFFu;
-        for (unsigned long i = 0; i < length; i++)
-            crc = entry[(crc ^ p[i]) & 255] ^ (crc >> 8);
-        return ~crc;
     }
 };
 
-Crc32Table core_table;
-Crc32Table partition_table;
+const Crc32Table& crc32_table()
+{
+    static const Crc32Table table;
+    return table;
+}
+
+uint32_t checksum(const unsigned char* p, unsigned long length)
+{
+    const Crc32Table& table = crc32_table();
+    uint32_t crc = 0xFFFFFFFFu;
+    for (unsigned long i = 0; i < length; i++)
+        crc = table.entry[(crc ^ p[i]) & 255] ^ (crc >> 8);
+    return ~crc;
+}
 
 } // namespace
 
-void qzfs_create_crc32_table() { core_table.build(); }
+// Both routines of each pair share the one table; building it early only
+// saves the first checksum the wait.
+void qzfs_create_crc32_table() { crc32_table(); }
 
 unsigned long qzfs_chksum_crc32(const void* data, unsigned long length)
 {
-    return core_table.checksum(static_cast<const unsigned char*>(data), length);
+    return checksum(static_cast<const unsigned char*>(data), length);
 }
 
-void create_crc32_table() { partition_table.build(); }
+void create_crc32_table() { crc32_table(); }
 
 unsigned long chksum_crc32(const unsigned char* data, unsigned long length)
 {
-    return partition_table.checksum(data, length);
+    return checksum(data, length);
 }

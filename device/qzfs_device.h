@@ -67,9 +67,39 @@ int qzfs_fat32_format(const char* dev, int reserve_mib, unsigned long& block_siz
 // ---------------------------------------------------------------------- lock
 
 void* qzfs_create_lock();
+// A lock that its holder may take again; each take needs its own unlock.
+void* qzfs_create_recursive_lock();
 int qzfs_lock(void* lock);
 int qzfs_unlock(void* lock);
 int qzfs_destroy_lock(void* lock);
+
+// Holds a lock of qzfs_create_lock for a scope; a null lock is not taken.
+class QzfsScopedLock {
+public:
+    explicit QzfsScopedLock(void* lock) : lock_(lock)
+    {
+        if (lock_ != nullptr)
+            qzfs_lock(lock_);
+    }
+    ~QzfsScopedLock()
+    {
+        if (lock_ != nullptr)
+            qzfs_unlock(lock_);
+    }
+    QzfsScopedLock(const QzfsScopedLock&) = delete;
+    QzfsScopedLock& operator=(const QzfsScopedLock&) = delete;
+
+private:
+    void* lock_;
+};
+
+// A lock that many may hold shared and one exclusively. A waiting exclusive
+// taker goes before new shared ones, so it is never starved.
+void* qzfs_create_rw_lock();
+int qzfs_read_lock(void* lock);
+int qzfs_write_lock(void* lock);
+int qzfs_rw_unlock(void* lock);
+int qzfs_destroy_rw_lock(void* lock);
 
 // ----------------------------------------------------------------- checksums
 

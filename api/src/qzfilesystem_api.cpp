@@ -4,7 +4,10 @@
  * Each function is a guard around one member of the single CQzfsApi object:
  * while the library is not initialised it returns its failure value at once
  * and touches nothing; otherwise it forwards and returns the member's result
- * unchanged.  The few that hand out arrays build a std::list through the
+ * unchanged.  A call holds the disk registry shared while it runs, so that no
+ * disk object it may reach is destroyed under it; the calls that add or take
+ * out disk objects (format, mount, unmount) take it themselves, exclusively
+ * around the change of the table only.  The few that hand out arrays build a std::list through the
  * member and copy it into the caller's array.
  */
 #include <stdint.h>
@@ -14,17 +17,30 @@
 
 #include "qzfilesystem_api.h"
 #include "qzfs_api.h"
+#include "qzfs_manager.h"
 
 /* The one API object; null while the library is not initialised. */
 static CQzfsApi* gQzfsApiInstance = nullptr;
 
-/* Return `not_init` when there is no API object, else the member's result. */
+/* Return `not_init` when there is no API object, else the member's result,
+ * with the disk registry held shared for the call. */
 #define QZFS_API_FORWARD(not_init, call)         \
     do {                                         \
         if (gQzfsApiInstance == nullptr) {       \
             return (not_init);                   \
         }                                        \
+        DiskRegistryReadGuard registry;          \
         return gQzfsApiInstance->call;           \
+    } while (0)
+
+/* The same for the calls that register or unregister disk objects: they
+ * hold the registry themselves. */
+#define QZFS_API_FORWARD_REGISTRATION(not_init, call) \
+    do {                                              \
+        if (gQzfsApiInstance == nullptr) {            \
+            return (not_init);                        \
+        }                                             \
+        return gQzfsApiInstance->call;                \
     } while (0)
 
 /* Copy at most `capacity` elements of `src` into `dst`; the caller reports the
@@ -77,32 +93,32 @@ int api_qzfs_get_last_error(void)
 
 int api_qzfs_rebuild_rely(unsigned char hdd_id, char* dev)
 {
-    QZFS_API_FORWARD(-1, qzfs_rebuild_rely(hdd_id, dev));
+    QZFS_API_FORWARD_REGISTRATION(-1, qzfs_rebuild_rely(hdd_id, dev));
 }
 
 int api_qzfs_format(unsigned char hdd_id, char* dev, char* label)
 {
-    QZFS_API_FORWARD(-1, Qzfs_format(hdd_id, dev, label));
+    QZFS_API_FORWARD_REGISTRATION(-1, Qzfs_format(hdd_id, dev, label));
 }
 
 int api_qzfs_fast_format(unsigned char hdd_id, char* dev)
 {
-    QZFS_API_FORWARD(-1, Qzfs_fast_format(hdd_id, dev));
+    QZFS_API_FORWARD_REGISTRATION(-1, Qzfs_fast_format(hdd_id, dev));
 }
 
 int api_qzfs_mount(unsigned char hdd_id, char* dev)
 {
-    QZFS_API_FORWARD(-1, Qzfs_mount(hdd_id, dev));
+    QZFS_API_FORWARD_REGISTRATION(-1, Qzfs_mount(hdd_id, dev));
 }
 
 int api_qzfs_mount_for_windows(unsigned char hdd_id, int count, char** devs)
 {
-    QZFS_API_FORWARD(-1, Qzfs_mount_by_partition(hdd_id, count, devs));
+    QZFS_API_FORWARD_REGISTRATION(-1, Qzfs_mount_by_partition(hdd_id, count, devs));
 }
 
 int api_qzfs_umount(unsigned char hdd_id)
 {
-    QZFS_API_FORWARD(-1, Qzfs_umount(hdd_id));
+    QZFS_API_FORWARD_REGISTRATION(-1, Qzfs_umount(hdd_id));
 }
 
 int api_qzfs_get_hdd_info(unsigned char hdd_id, _qzfs_k4t_hdd_info_* info)
@@ -117,7 +133,7 @@ int api_qzfs_test_hdd(unsigned char hdd_id, unsigned long value)
 
 int api_qzfs_disk_recovery(unsigned char hdd_id, char* dev, _qzfs_k4t_recovery_para_* para)
 {
-    QZFS_API_FORWARD(-1, Qzfs_disk_recovery(hdd_id, dev, para));
+    QZFS_API_FORWARD_REGISTRATION(-1, Qzfs_disk_recovery(hdd_id, dev, para));
 }
 
 /* ---- Groups ------------------------------------------------------------- */
@@ -137,6 +153,7 @@ int api_qzfs_get_disk_num_from_group(unsigned char group)
     if (gQzfsApiInstance == nullptr) {
         return -1;
     }
+    DiskRegistryReadGuard registry;
     std::list<unsigned char> hdd_ids;
     if (gQzfsApiInstance->Qzfs_get_disk_list_from_group(group, hdd_ids) < 0) {
         return -1;
@@ -149,6 +166,7 @@ int api_qzfs_get_disk_list_from_group(unsigned char group, unsigned char* hdd_id
     if (gQzfsApiInstance == nullptr) {
         return -1;
     }
+    DiskRegistryReadGuard registry;
     std::list<unsigned char> list;
     if (gQzfsApiInstance->Qzfs_get_disk_list_from_group(group, list) < 0) {
         return -1;
@@ -285,6 +303,7 @@ int api_qzfs_get_stream_date_num(unsigned long group_bitmap, unsigned long long 
     if (gQzfsApiInstance == nullptr) {
         return -1;
     }
+    DiskRegistryReadGuard registry;
     std::list<_k4t_fs_date_> dates;
     if (gQzfsApiInstance->Qzfs_get_stream_date_list(static_cast<uint32_t>(group_bitmap), stream_type_bitmap,
                                                     dates) < 0) {
@@ -299,6 +318,7 @@ int api_qzfs_get_stream_date_list(unsigned long group_bitmap, unsigned long long
     if (gQzfsApiInstance == nullptr) {
         return -1;
     }
+    DiskRegistryReadGuard registry;
     std::list<_k4t_fs_date_> list;
     if (gQzfsApiInstance->Qzfs_get_stream_date_list(static_cast<uint32_t>(group_bitmap), stream_type_bitmap,
                                                     list) < 0) {
@@ -314,6 +334,7 @@ int api_qzfs_get_stream_date_info_num(unsigned long group_bitmap, unsigned long 
     if (gQzfsApiInstance == nullptr) {
         return -1;
     }
+    DiskRegistryReadGuard registry;
     std::list<_k4t_fs_record_date_info_> infos;
     if (gQzfsApiInstance->Qzfs_get_stream_date_info(static_cast<uint32_t>(group_bitmap), stream_type_bitmap,
                                                     channel_bitmap, infos) < 0) {
@@ -329,6 +350,7 @@ int api_qzfs_get_stream_date_info(unsigned long group_bitmap, unsigned long long
     if (gQzfsApiInstance == nullptr) {
         return -1;
     }
+    DiskRegistryReadGuard registry;
     std::list<_k4t_fs_record_date_info_> list;
     if (gQzfsApiInstance->Qzfs_get_stream_date_info(static_cast<uint32_t>(group_bitmap), stream_type_bitmap,
                                                     channel_bitmap, list) < 0) {

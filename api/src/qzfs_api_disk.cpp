@@ -15,6 +15,26 @@ static int free_cached_index(unsigned char hdd_id)
     return pgSystemResourceManager->Free_resource(hdd_id) == 0 ? 0 : -1;
 }
 
+// Takes the disk object out of the table and drops its cached index, in one
+// exclusive hold of the registry: no call is using the object, and no mount
+// of the same hdd_id can come in between and lose its own cache.
+static int unregister_disk(unsigned char hdd_id)
+{
+    DiskRegistryWriteGuard registry;
+    gQzfsManager.unregiseter_qzfilesystem(hdd_id);
+    return free_cached_index(hdd_id);
+}
+
+// Runs `step` on a disk object just registered, with the registry held
+// shared (an unmount waits for it) and the disk lock held.
+template <typename Step>
+static int on_registered_disk(CQzFileSystem* fs, Step step)
+{
+    DiskRegistryReadGuard registry;
+    DiskLockGuard disk(*fs);
+    return step(fs);
+}
+
 // Format and fast format differ only in the label: both lay a new shell and
 // key info block, and leave the disk unmounted.
 static int format_disk(unsigned char hdd_id, char* dev, char* label)
@@ -28,17 +48,16 @@ static int format_disk(unsigned char hdd_id, char* dev, char* label)
         return -1;
     }
     fs->Set_hdd_id(hdd_id);
-    fs->disk_lock(1);
-    int result = fs->Format(dev, label, 1);
+    int result = on_registered_disk(fs, [&](CQzFileSystem* disk) {
+        return disk->Format(dev, label, 1);
+    });
     if (result == 0) {
         QZLOG_ABOVE(2, "format %s success!!!!!!!!!!!!!!!!!!!!!", shown(dev));
     } else {
         QZLOG("format %s failed!!!!!!!!!!!!!!!!!!!!!", shown(dev));
         result = -1;
     }
-    fs->disk_lock(0);
-    gQzfsManager.unregiseter_qzfilesystem(hdd_id);
-    free_cached_index(hdd_id);
+    unregister_disk(hdd_id);
     QZLOG("end format %s!", shown(dev));
     return result;
 }
@@ -64,16 +83,16 @@ static int register_and_mount(unsigned char hdd_id, MountStep mount_step)
     gQzfsManager.manager_unlock();
     if (fs == nullptr) {
         QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
+        DiskRegistryReadGuard registry;
         CQzFileSystem* existing = gQzfsManager.get_file_system(hdd_id);
-        return existing != nullptr && existing->Get_hdd_state() == QZFSS_MOUNTED ? 0 : -1;
+        if (existing == nullptr)
+            return -1;
+        DiskLockGuard disk(*existing);
+        return existing->Get_hdd_state() == QZFSS_MOUNTED ? 0 : -1;
     }
-    fs->disk_lock(1);
-    int result = mount_step(fs);
-    fs->disk_lock(0);
-    if (result != 0) {
+    if (on_registered_disk(fs, mount_step) != 0) {
         QZLOG("pFs->mount failed(HddId:%d)", hdd_id);
-        gQzfsManager.unregiseter_qzfilesystem(hdd_id);
-        free_cached_index(hdd_id);
+        unregister_disk(hdd_id);
         return -1;
     }
     return 0;
@@ -101,19 +120,23 @@ int CQzfsApi::Qzfs_mount_by_partition(unsigned char hdd_id, int count, char** de
 int CQzfsApi::Qzfs_umount(unsigned char hdd_id)
 {
     QZLOG_ABOVE(0, "umount (hdd_id:%d) START", hdd_id);
+    // Exclusive: no other call is inside the disk while it is checked and
+    // taken down.
+    DiskRegistryWriteGuard registry;
     CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
     if (fs == nullptr) {
         QZLOG_ABOVE(1, "NOT MOUNT (hdd_id:%d)", hdd_id);
         return 0;
     }
-    bool busy = !fs->open_stream_segment_is_empty() || qzfs_judge_hdd_open_normal_file(hdd_id) ||
-                gQzfsManager.Find_group_id(hdd_id) != -1;
+    // A disk object that is not mounted is between the registration and
+    // the end of a mount or format on another thread: that thread owns it.
+    bool busy = fs->Get_hdd_state() != QZFSS_MOUNTED || !fs->open_stream_segment_is_empty() ||
+                qzfs_judge_hdd_open_normal_file(hdd_id) || gQzfsManager.Find_group_id(hdd_id) != -1;
     if (busy) {
         QZLOG_ABOVE(1, "hdd_id:%d BUSY!!!!", hdd_id);
         return -1;
     }
-    gQzfsManager.unregiseter_qzfilesystem(hdd_id);
-    int result = free_cached_index(hdd_id);
+    int result = unregister_disk(hdd_id);
     QZLOG_ABOVE(0, "umount (hdd_id:%d) END(%s)", hdd_id, result == 0 ? "SUCC" : "FAILED");
     return result;
 }
@@ -158,9 +181,9 @@ int CQzfsApi::qzfs_rebuild_rely(unsigned char hdd_id, char* dev)
         return -1;
     }
     fs->Set_hdd_id(hdd_id);
-    int result = fs->rebuild_rely(dev) == 0 ? 0 : -1;
-    gQzfsManager.unregiseter_qzfilesystem(hdd_id);
-    free_cached_index(hdd_id);
+    int result = on_registered_disk(fs, [&](CQzFileSystem* disk) { return disk->rebuild_rely(dev); });
+    result = result == 0 ? 0 : -1;
+    unregister_disk(hdd_id);
     return result;
 }
 

@@ -73,7 +73,8 @@ int CQzfsApi::Qzfs_get_disk_list_from_group(unsigned char group, std::list<unsig
     gQzfsManager.manager_lock();
     _disk_group_attr_* attr = gQzfsManager.find_group(group);
     if (attr != nullptr) {
-        for (size_t id = 0; id < gQzfsManager.m_Qzfs_vector.size(); id++)
+        const unsigned int slots = gQzfsManager.disk_slots();
+        for (unsigned int id = 0; id < slots; id++)
             if (attr->valid_disk_bitmap & qzfs_disk_bit((unsigned char)id))
                 hdd_ids.push_back((unsigned char)id);
     }

@@ -107,7 +107,7 @@ int CQzfsApi::Qzfs_find_work_hdd(unsigned char group, unsigned char* hdd_id)
 
     // What the choice needs of the group, taken under the manager lock.
     gQzfsManager.manager_lock();
-    const unsigned int disk_slots = gQzfsManager.m_Qzfs_vector.size();
+    const unsigned int disk_slots = gQzfsManager.disk_slots();
     if (disk_slots == 0) {
         gQzfsManager.manager_unlock();
         QZLOG("(gQzfsManager.m_Qzfs_vector.size() <= 0) failed");

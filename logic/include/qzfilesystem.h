@@ -625,4 +625,16 @@ void qzfs_block_info_seal(_qzfs_block_info_* info);
 // True when a block record's check number holds.
 bool qzfs_block_info_is_sound(const _qzfs_block_info_* info);
 
+// Holds a disk's lock for a scope.
+class DiskLockGuard {
+public:
+    explicit DiskLockGuard(CQzFileSystem& fs) : fs_(fs) { fs_.disk_lock(1); }
+    ~DiskLockGuard() { fs_.disk_lock(0); }
+    DiskLockGuard(const DiskLockGuard&) = delete;
+    DiskLockGuard& operator=(const DiskLockGuard&) = delete;
+
+private:
+    CQzFileSystem& fs_;
+};
+
 #endif

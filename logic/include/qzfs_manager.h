@@ -9,6 +9,7 @@
 
 #include <list>
 #include <map>
+#include <mutex>
 
 class CQzFileSystem;
 struct _opened_stream_segment_;
@@ -94,9 +95,16 @@ public:
     CQzfsManager();
     ~CQzfsManager();
 
+    // Adding a disk object to the table and taking one out (which destroys
+    // it) hold the disk registry exclusively.
     CQzFileSystem* register_qzfilesystem(unsigned char hdd_id);
     int unregiseter_qzfilesystem(unsigned char hdd_id);
+    // The disk object of hdd_id, or null; the table grows to take hdd_id.
+    // The object stays valid while the caller holds the disk registry
+    // (every exported call does).
     CQzFileSystem* get_file_system(unsigned char hdd_id);
+    // Slots of the disk table (hdd_id 0 up to this, exclusive).
+    unsigned int disk_slots();
     // Destroys every disk object (library teardown).
     void free_all_file_systems();
 
@@ -144,11 +152,44 @@ public:
     std::map<int, _stream_segment_query_state_> m_query_handle_map;
     std::map<unsigned char, _disk_group_attr_> m_disk_group_map;
     void* m_manager_lock;
+    void* m_registry_lock;   // the disk registry; see system_resource_manager.h
+    // The disk table's storage, which a lookup may grow while others read
+    // it. A leaf: nothing is taken while it is held.
+    std::mutex m_disk_table_lock;
     int m_ossid_table[QZFS_OSSID_TABLE_SIZE];
     void* m_ossid_lock;
 
 private:
     CQzFileSystem*& slot(unsigned char hdd_id);
+};
+
+// Holds the disk registry shared for a scope: no disk object is destroyed
+// meanwhile. A thread that holds the registry already (shared or exclusive)
+// takes nothing more.
+class DiskRegistryReadGuard {
+public:
+    DiskRegistryReadGuard();
+    ~DiskRegistryReadGuard();
+    DiskRegistryReadGuard(const DiskRegistryReadGuard&) = delete;
+    DiskRegistryReadGuard& operator=(const DiskRegistryReadGuard&) = delete;
+
+private:
+    bool taken_;
+};
+
+// Holds the disk registry exclusively for a scope: every exported call in
+// flight has ended, and none starts until the scope ends. Taking it inside an
+// exclusive scope adds nothing; inside a shared one it would wait for itself,
+// and ends the process instead.
+class DiskRegistryWriteGuard {
+public:
+    DiskRegistryWriteGuard();
+    ~DiskRegistryWriteGuard();
+    DiskRegistryWriteGuard(const DiskRegistryWriteGuard&) = delete;
+    DiskRegistryWriteGuard& operator=(const DiskRegistryWriteGuard&) = delete;
+
+private:
+    bool taken_;
 };
 
 // True when a disk has open streams or normal files.

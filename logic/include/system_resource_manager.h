@@ -7,6 +7,37 @@
 // ever written back from here. Both pools have a fixed budget; a full pool
 // takes nodes from another disk first (RootIndexSwapOut,
 // StreamSegmentIndexSwapOut).
+//
+// Locks, in the one order in which a thread may take them (a thread holding
+// a lock of the list takes only locks further down):
+//
+//   1. disk registry    CQzfsManager::m_registry_lock. Shared for the length
+//                       of every exported call, so that no disk object goes
+//                       while a call may use it; exclusive only to add a
+//                       disk object to the table or to take one out (mount,
+//                       format, unmount). DiskRegistryReadGuard and
+//                       DiskRegistryWriteGuard.
+//   2. manager lock     CQzfsManager::m_manager_lock: the group map and the
+//                       query handle map, when global_lock_enabled is 1.
+//                       Never held together with a disk lock.
+//   3. disk lock        one for each CQzFileSystem (disk_lock): its open map,
+//                       allocator, key info, I/O buffer and index writes. One
+//                       disk at a time. DiskLockGuard.
+//   4. cache lock       m_lock below, recursive: everything in this header,
+//                       the pools, the name table and every disk's root index
+//                       manager with its cached ranges. Held across a whole
+//                       index lookup or cache update, so that an eviction on
+//                       behalf of another disk never frees a range that a
+//                       lookup is walking. CacheLockGuard.
+//   5. writer lock      _write_stream_segment_::lock: a writer's I-frame list
+//                       and its live length and end time.
+//   6. leaves           nothing is taken while one of these is held:
+//                       CQzfsManager::m_ossid_lock (the descriptor table),
+//                       CQzfsManager::m_disk_table_lock (the disk table's
+//                       storage), CQzFileSystem::m_open_map_lock (a disk's
+//                       open map).
+//
+// Payload reads and writes hold none of them.
 #ifndef SYSTEM_RESOURCE_MANAGER_H
 #define SYSTEM_RESOURCE_MANAGER_H
 
@@ -179,6 +210,19 @@ public:
     CQzfsVector<uint32_t, _stream_segment_index_node_men_, SSICacheFunc, 0>
         m_stream_segment_index_node_cache;
     CQzfsVector<unsigned char, _hdd_root_index_manager_*, HddResourceFunc, 0> m_hdd_resource;
+};
+
+// Holds the cache lock of pgSystemResourceManager for a scope; nothing while
+// there are no caches. Taking it again inside its scope is allowed.
+class CacheLockGuard {
+public:
+    CacheLockGuard();
+    ~CacheLockGuard();
+    CacheLockGuard(const CacheLockGuard&) = delete;
+    CacheLockGuard& operator=(const CacheLockGuard&) = delete;
+
+private:
+    void* lock_;
 };
 
 #endif

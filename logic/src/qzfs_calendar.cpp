@@ -103,6 +103,9 @@ template <typename Visit>
 static int for_each_root(CQzFileSystem& fs, const char* func, Visit visit)
 {
     for (unsigned long ri = 0;; ri++) {
+        // The node's name index stays good only while the node is cached:
+        // the lookup and the visit go under one hold of the cache lock.
+        CacheLockGuard cache;
         _root_index_node_mem_ node;
         if (fs.Get_root_index_mem_node(ri, &node) != 0) {
             QZLOG_AS(func, "Get_root_index_mem_node failed(%ld)", long(ri));

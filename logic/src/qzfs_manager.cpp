@@ -4,6 +4,7 @@
 #include "qzfs_log.h"
 
 #include <cstdlib>
+#include <utility>
 
 extern "C" QZFS_API CQzfsManager gQzfsManager;
 CQzfsManager gQzfsManager;
@@ -40,6 +41,7 @@ CQzfsManager::CQzfsManager()
                     (unsigned char)QZFS_DISK_VECTOR_STEP, QZFS_NO_HDD, "CQzfsManager::m_Qzfs_vector")
 {
     m_manager_lock = qzfs_create_lock();
+    m_registry_lock = qzfs_create_rw_lock();
     m_ossid_lock = qzfs_create_lock();
     for (int& value : m_ossid_table)
         value = -1;
@@ -53,8 +55,9 @@ CQzfsManager::~CQzfsManager()
             qzfs_destroy_lock(group.second.group_lock);
     m_disk_group_map.clear();
     qzfs_destroy_lock(m_manager_lock);
+    qzfs_destroy_rw_lock(m_registry_lock);
     qzfs_destroy_lock(m_ossid_lock);
-    m_manager_lock = m_ossid_lock = nullptr;
+    m_manager_lock = m_registry_lock = m_ossid_lock = nullptr;
 }
 
 // The disk vector grows 8 slots at a time up to its maximum; an index at or
@@ -68,6 +71,8 @@ CQzFileSystem*& CQzfsManager::slot(unsigned char hdd_id)
 // nothing.
 void CQzfsManager::free_all_file_systems()
 {
+    DiskRegistryWriteGuard registry;
+    std::lock_guard<std::mutex> table(m_disk_table_lock);
     m_Qzfs_vector.clear();
 }
 
@@ -83,8 +88,54 @@ void CQzfsManager::manager_unlock()
         qzfs_unlock(m_manager_lock);
 }
 
+// ------------------------------------------------------------ disk registry
+
+namespace {
+// What this thread holds of the disk registry: shared scopes and whether
+// it holds it exclusively.
+thread_local int t_registry_shared = 0;
+thread_local bool t_registry_exclusive = false;
+}  // namespace
+
+DiskRegistryReadGuard::DiskRegistryReadGuard()
+    : taken_(!t_registry_exclusive && t_registry_shared == 0 &&
+             gQzfsManager.m_registry_lock != nullptr)
+{
+    if (taken_)
+        qzfs_read_lock(gQzfsManager.m_registry_lock);
+    t_registry_shared++;
+}
+
+DiskRegistryReadGuard::~DiskRegistryReadGuard()
+{
+    t_registry_shared--;
+    if (taken_)
+        qzfs_rw_unlock(gQzfsManager.m_registry_lock);
+}
+
+DiskRegistryWriteGuard::DiskRegistryWriteGuard()
+    : taken_(!t_registry_exclusive && gQzfsManager.m_registry_lock != nullptr)
+{
+    if (!taken_)
+        return;
+    if (t_registry_shared != 0)
+        QZFS_FATAL("the disk registry is taken exclusively inside a shared hold");
+    qzfs_write_lock(gQzfsManager.m_registry_lock);
+    t_registry_exclusive = true;
+}
+
+DiskRegistryWriteGuard::~DiskRegistryWriteGuard()
+{
+    if (!taken_)
+        return;
+    t_registry_exclusive = false;
+    qzfs_rw_unlock(gQzfsManager.m_registry_lock);
+}
+
 CQzFileSystem* CQzfsManager::register_qzfilesystem(unsigned char hdd_id)
 {
+    DiskRegistryWriteGuard registry;
+    std::lock_guard<std::mutex> table(m_disk_table_lock);
     if (m_InitFlag != K4T_FS_TRUE) {
         QZLOG("CQzfsManager::register_qzfilesystem (m_InitFlag != K4T_FS_TRUE) (HddId:%d)", hdd_id);
         return nullptr;
@@ -102,8 +153,15 @@ CQzFileSystem* CQzfsManager::register_qzfilesystem(unsigned char hdd_id)
 
 int CQzfsManager::unregiseter_qzfilesystem(unsigned char hdd_id)
 {
-    if (hdd_id < m_Qzfs_vector.size())
-        m_Qzfs_vector.free_element(hdd_id);
+    DiskRegistryWriteGuard registry;
+    CQzFileSystem* gone = nullptr;
+    {
+        std::lock_guard<std::mutex> table(m_disk_table_lock);
+        if (hdd_id < m_Qzfs_vector.size())
+            std::swap(gone, m_Qzfs_vector.m_data[hdd_id]);
+    }
+    // Destroyed outside the table lock: its destructor closes the device.
+    QzfsVectorFunc(gone, gone, RVFSVO_FREE);
     return 1;
 }
 
@@ -111,16 +169,30 @@ CQzFileSystem* CQzfsManager::get_file_system(unsigned char hdd_id)
 {
     if (m_InitFlag != K4T_FS_TRUE || hdd_id == QZFS_NO_HDD)
         return nullptr;
+    DiskRegistryReadGuard registry;
+    std::lock_guard<std::mutex> table(m_disk_table_lock);
     return slot(hdd_id);
+}
+
+unsigned int CQzfsManager::disk_slots()
+{
+    std::lock_guard<std::mutex> table(m_disk_table_lock);
+    return m_Qzfs_vector.size();
 }
 
 int CQzfsManager::Find_group_id(unsigned char hdd_id)
 {
     unsigned long bit = qzfs_disk_bit(hdd_id);
-    for (auto& group : m_disk_group_map)
-        if (group.second.valid_disk_bitmap & bit)
-            return group.first;
-    return -1;
+    int found = -1;
+    manager_lock();
+    for (auto& group : m_disk_group_map) {
+        if (group.second.valid_disk_bitmap & bit) {
+            found = group.first;
+            break;
+        }
+    }
+    manager_unlock();
+    return found;
 }
 
 unsigned long CQzfsManager::disks_of_groups(uint32_t group_bitmap)

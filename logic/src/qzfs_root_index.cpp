@@ -62,6 +62,7 @@ void CQzFileSystem::Root_index_endian_trans_dev_mem(_root_index_node_dev_* dev,
                                                     _root_index_node_mem_* mem,
                                                     _fs_endian_ mem_endian, int direction)
 {
+    CacheLockGuard cache;
     const bool swap = dev_endian != mem_endian;
     StringIndexManager<unsigned short>& names = pgSystemResourceManager->m_string_index;
     if (direction == 1) {
@@ -121,6 +122,10 @@ _hdd_root_index_manager_* CQzFileSystem::root_manager()
 {
     if (pgSystemResourceManager == nullptr)
         return nullptr;
+    // The disk table may grow under another disk's Get_hdd: the pointer is
+    // read under the cache lock. The manager itself lives until this disk's
+    // own unmount.
+    CacheLockGuard cache;
     return *pgSystemResourceManager->Get_hdd(m_hdd_id, 1);
 }
 
@@ -133,6 +138,7 @@ uint32_t CQzFileSystem::nodes_per_index_block(unsigned long node_size) const
 int CQzFileSystem::Get_root_index_block_list(uint32_t* num, uint32_t** list,
                                              _root_index_header_dev_* header)
 {
+    CacheLockGuard cache;
     auto first = m_manage.root_index_block_map.find(0);
     if (first == m_manage.root_index_block_map.end()) {
         QZLOG("have not root index!");
@@ -211,6 +217,7 @@ int CQzFileSystem::Read_root_index_from_dev(unsigned long root_index, _root_inde
 
 int CQzFileSystem::Get_root_index_dev_node(unsigned long root_index, _root_index_node_dev_* node)
 {
+    CacheLockGuard cache;
     _root_index_node_mem_ mem;
     if (Get_root_index_mem_node(root_index, &mem) != 0)
         return -1;
@@ -220,6 +227,7 @@ int CQzFileSystem::Get_root_index_dev_node(unsigned long root_index, _root_index
 
 int CQzFileSystem::Get_root_index_mem_node(unsigned long root_index, _root_index_node_mem_* out)
 {
+    CacheLockGuard cache;
     memset(out, 0, sizeof(*out));
     _hdd_root_index_manager_* manager = root_manager();
     if (manager == nullptr)
@@ -431,6 +439,7 @@ void CQzFileSystem::cache_root_node(uint32_t slot, _root_index_node_dev_* node)
 int CQzFileSystem::Update_root_index_cache(unsigned long root_index,
                                            const _root_index_node_dev_* node)
 {
+    CacheLockGuard cache;
     if (pgSystemResourceManager == nullptr)
         return -1;
     CSystemResourceManager& resources = *pgSystemResourceManager;
@@ -572,6 +581,7 @@ int CQzFileSystem::Modify_root_index(unsigned long root_index, int mode,
 
 int CQzFileSystem::Get_free_root_index(uint32_t* root_index, int* is_end)
 {
+    CacheLockGuard cache;
     if (m_manage.root_index_block_map.find(0) == m_manage.root_index_block_map.end()) {
         QZLOG("have not root index!");
         return -1;
@@ -764,6 +774,7 @@ int CQzFileSystem::Delete_root_index(unsigned long root_index, int)
 
 int CQzFileSystem::Update_hdd_record_date(int all, uint8_t year, uint8_t month, uint8_t day)
 {
+    CacheLockGuard cache;
     _hdd_root_index_manager_* manager = root_manager();
     if (manager == nullptr)
         return -1;

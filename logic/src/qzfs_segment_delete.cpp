@@ -589,6 +589,7 @@ int CQzFileSystem::delete_stream_segment_by_time(unsigned long root_index,
         return -1;
     }
     if (job.whole) {
+        CacheLockGuard cache;
         _ri_ssi_manager_* entry = cached_root_entry(root_index);
         if (entry != nullptr && entry->free_stream_segment_index > stream_segment_index)
             entry->free_stream_segment_index = uint32_t(stream_segment_index);

@@ -94,6 +94,9 @@ static int find_root_for_request(CQzFileSystem& fs, const _qzfs_k4t_create_ss_pa
             QZLOG_AS("Create_stream_segment", "pOss->root_index >= 0xffffffff");
             return -1;
         }
+        // The name index of the copy is good only while the node stays
+        // cached: the lookup and the name test go under one hold.
+        CacheLockGuard cache;
         _root_index_node_mem_ node;
         if (fs.Get_root_index_mem_node(ri, &node) != 0) {
             QZLOG_AS("Create_stream_segment", "Get_root_index_mem_node failed(root_index:%ld)",

@@ -70,6 +70,7 @@ int CQzFileSystem::Read_stream_segment_index_block_list(unsigned long root_index
 int CQzFileSystem::Get_stream_segment_index_block_list(unsigned long root_index, uint32_t* num,
                                                        uint32_t** list, uint32_t* iframe_block)
 {
+    CacheLockGuard cache;
     _ri_ssi_manager_* entry = cached_root_entry(root_index);
     if (entry != nullptr) {
         if (Read_stream_segment_index_block_list(root_index, entry) != 0) {
@@ -105,6 +106,7 @@ int CQzFileSystem::Get_stream_segment_index_block_list(unsigned long root_index,
 int CQzFileSystem::Set_stream_segment_index_block_list(unsigned long root_index, uint32_t num,
                                                        const uint32_t* list, uint32_t iframe_block)
 {
+    CacheLockGuard cache;
     _ri_ssi_manager_* entry = cached_root_entry(root_index);
     if (entry == nullptr)
         return 0;
@@ -318,6 +320,7 @@ int CQzFileSystem::Read_stream_segment_index_from_dev(unsigned long root_index, 
 int CQzFileSystem::Get_stream_segment_index_mem_node(unsigned long root_index, unsigned long index,
                                                      _stream_segment_index_node_men_* out)
 {
+    CacheLockGuard cache;
     memset(out, 0, sizeof(*out));
     _root_index_node_mem_ root;
     if (Get_root_index_mem_node(root_index, &root) != 0) {
@@ -353,6 +356,7 @@ int CQzFileSystem::Get_stream_segment_index_mem_node(unsigned long root_index,
                                                      _ri_ssi_manager_* manager, unsigned long index,
                                                      _stream_segment_index_node_men_* out)
 {
+    CacheLockGuard cache;
     memset(out, 0, sizeof(*out));
     const uint32_t wanted = uint32_t(index);
     if (wanted >= manager->start_stream_segment_index &&
@@ -386,6 +390,7 @@ int CQzFileSystem::Get_stream_segment_index_mem_node(unsigned long root_index,
 int CQzFileSystem::Get_stream_segment_index_dev_node(unsigned long root_index, unsigned long index,
                                                      _stream_segment_index_node_dev_* node)
 {
+    CacheLockGuard cache;
     _stream_segment_index_node_men_ mem;
     if (Get_stream_segment_index_mem_node(root_index, index, &mem) != 0)
         return -1;
@@ -646,6 +651,7 @@ int CQzFileSystem::update_segment_cache_entry(_ri_ssi_manager_* manager, uint32_
 int CQzFileSystem::Update_stream_segment_index_cache(unsigned long root_index, unsigned long index,
                                                      const _stream_segment_index_node_dev_* node)
 {
+    CacheLockGuard cache;
     _hdd_root_index_manager_* hdd = root_manager();
     if (hdd == nullptr)
         return -1;
@@ -761,6 +767,7 @@ int CQzFileSystem::relock_stream_segment(unsigned long root_index, uint32_t num,
 int CQzFileSystem::Get_free_stream_segment_index(unsigned long root_index, uint32_t* block_num,
                                                  uint32_t** list, uint32_t* index, int* is_end)
 {
+    CacheLockGuard cache;
     const uint64_t total = uint64_t(*block_num) * nodes_per_index_block(QZFS_SSI_NODE_SIZE);
     _ri_ssi_manager_* entry = cached_root_entry(root_index);
     uint32_t position = entry != nullptr ? entry->free_stream_segment_index : 0;

@@ -334,7 +334,7 @@ static uint32_t cache_step(uint32_t size, uint32_t step)
 }
 
 CSystemResourceManager::CSystemResourceManager()
-    : m_lock(qzfs_create_lock()),
+    : m_lock(qzfs_create_recursive_lock()),
       m_string_index(),
       m_root_index_node_cache(RICacheVectorFunc, cache_max_size(gQzfsConfig.root_index_cache_size),
                               cache_step(gQzfsConfig.root_index_cache_size,
@@ -360,6 +360,7 @@ CSystemResourceManager::~CSystemResourceManager()
 
 _hdd_root_index_manager_** CSystemResourceManager::Get_hdd(unsigned char hdd_id, unsigned char create)
 {
+    QzfsScopedLock cache(m_lock);
     _hdd_root_index_manager_*& manager = m_hdd_resource[hdd_id];
     if (manager == nullptr && create == 1) {
         manager = new (std::nothrow) _hdd_root_index_manager_;
@@ -384,26 +385,20 @@ _hdd_root_index_manager_** CSystemResourceManager::Get_hdd(unsigned char hdd_id,
 
 uint32_t CSystemResourceManager::GetRootIndexNodeInCache(unsigned char hdd_id)
 {
-    if (m_lock != nullptr)
-        qzfs_lock(m_lock);
+    QzfsScopedLock cache(m_lock);
     uint32_t slot = find_free_slot(m_root_index_node_cache);
     if (slot == QZFS_CACHE_INVALID_SLOT)
         slot = RootIndexSwapOut(hdd_id);
-    if (m_lock != nullptr)
-        qzfs_unlock(m_lock);
     return slot;
 }
 
 uint32_t CSystemResourceManager::GetStreamSegmentIndexNodeInCache(unsigned char hdd_id,
                                                                   uint32_t root_index)
 {
-    if (m_lock != nullptr)
-        qzfs_lock(m_lock);
+    QzfsScopedLock cache(m_lock);
     uint32_t slot = find_free_slot(m_stream_segment_index_node_cache);
     if (slot == QZFS_CACHE_INVALID_SLOT)
         slot = StreamSegmentIndexSwapOut(hdd_id, root_index);
-    if (m_lock != nullptr)
-        qzfs_unlock(m_lock);
     return slot;
 }
 
@@ -579,14 +574,24 @@ uint32_t CSystemResourceManager::FreeStreamSegmentIndex_all(_ri_ssi_manager_* ma
 // another disk never walks a manager that is being freed.
 int CSystemResourceManager::Free_resource(unsigned char hdd_id)
 {
+    QzfsScopedLock cache(m_lock);
     if (hdd_id >= m_hdd_resource.m_size)
         return 0;
-    if (m_lock != nullptr)
-        qzfs_lock(m_lock);
     _hdd_root_index_manager_*& manager = m_hdd_resource.m_data[hdd_id];
     if (manager != nullptr)
         HddResourceVectorFunc(manager, manager, RVFSVO_FREE);
-    if (m_lock != nullptr)
-        qzfs_unlock(m_lock);
     return 0;
+}
+
+CacheLockGuard::CacheLockGuard()
+    : lock_(pgSystemResourceManager != nullptr ? pgSystemResourceManager->m_lock : nullptr)
+{
+    if (lock_ != nullptr)
+        qzfs_lock(lock_);
+}
+
+CacheLockGuard::~CacheLockGuard()
+{
+    if (lock_ != nullptr)
+        qzfs_unlock(lock_);
 }
