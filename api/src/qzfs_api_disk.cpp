@@ -78,9 +78,14 @@ int CQzfsApi::Qzfs_fast_format(unsigned char hdd_id, char* dev)
 template <typename MountStep>
 static int register_and_mount(unsigned char hdd_id, MountStep mount_step)
 {
-    gQzfsManager.manager_lock();
-    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd_id);
-    gQzfsManager.manager_unlock();
+    CQzFileSystem* fs;
+    {
+        // The registry before the manager lock, as everywhere.
+        DiskRegistryWriteGuard registry;
+        gQzfsManager.manager_lock();
+        fs = gQzfsManager.register_qzfilesystem(hdd_id);
+        gQzfsManager.manager_unlock();
+    }
     if (fs == nullptr) {
         QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
         DiskRegistryReadGuard registry;

@@ -42,6 +42,7 @@ int CQzfsApi::Qzfs_init()
 // Tears everything down without looking at open descriptors.
 int CQzfsApi::Qzfs_uninit()
 {
+    DiskRegistryWriteGuard registry;  // taken before the manager lock
     gQzfsManager.manager_lock();
     gQzfsManager.free_all_file_systems();
     gQzfsManager.m_InitFlag = 0;
