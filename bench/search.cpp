@@ -24,7 +24,13 @@
 //   fast play      one api_qzfs_read_next_iframe with skip 0 on a reader
 //                  opened on channel 0's first segment, with the read flag
 //                  that goes on into the next segment; each call is a
-//                  sample, and the run crosses segments on the way.
+//                  sample, and the run crosses segments on the way;
+//   two threads    50 times as many channel day queries, all by one thread
+//                  and then shared out between two threads at once (even
+//                  and odd channels): the wall time of each, best of 3, and
+//                  the speed-up of two threads over one. Both threads ask
+//                  both disks; the disks' index caches are shared, and a
+//                  lookup holds their lock while it runs.
 // Each query's rows are counted and checked: every row must be the segment
 // recorded at its place (start hour, channel, disk) in ascending order, and
 // a query must give every segment of the day; the calendar must show the
@@ -55,6 +61,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -301,6 +308,47 @@ void time_day_queries(unsigned queries, unsigned page)
     print_times("all channels", text.c_str(), times);
 }
 
+// `queries` channel day queries shared out between `threads` threads running
+// at once (query i goes to thread i % threads, channel i % 32); the wall time
+// in microseconds. Every query's rows are checked as above.
+double parallel_day_queries(unsigned threads, unsigned queries, unsigned page)
+{
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<std::thread> workers;
+    for (unsigned t = 0; t < threads; t++) {
+        workers.emplace_back([=] {
+            std::vector<_k4t_stream_query_result_> buffer;
+            unsigned rows = 0;
+            for (unsigned i = t; i < queries; i += threads) {
+                day_query(1u << (i % kChannels), page, buffer, rows);
+                if (rows != kHours)
+                    die("a channel's day query from a thread did not give its segments",
+                        std::to_string(rows) + " rows");
+            }
+        });
+    }
+    for (std::thread& worker : workers)
+        worker.join();
+    return micros_since(start);
+}
+
+void time_parallel_day_queries(unsigned queries, unsigned page)
+{
+    if (queries < 2)
+        return;
+    double one = 0, two = 0;
+    for (int run = 0; run < 3; run++) {
+        const double a = parallel_day_queries(1, queries, page);
+        const double b = parallel_day_queries(2, queries, page);
+        one = run == 0 ? a : std::min(one, a);
+        two = run == 0 ? b : std::min(two, b);
+    }
+    fprintf(report,
+            "  two threads   %6u channel day queries: one thread %8.1f ms, two threads %8.1f ms, "
+            "speed-up %.2f\n",
+            queries, one / 1000, two / 1000, one / two);
+}
+
 // One calendar query of the month; returns microseconds and the number of
 // (channel, day) entries found.
 double calendar_query(unsigned& days)
@@ -462,6 +510,7 @@ int main(int argc, char** argv)
     time_day_queries(queries, page);
     time_calendar(calendars);
     time_fast_play(first_segment, steps);
+    time_parallel_day_queries(queries * 50, page);
 
     if (api_qzfs_delete_disk_from_group(0, 0) != 0 || api_qzfs_delete_disk_from_group(1, 0) != 0 ||
         api_qzfs_umount(0) != 0 || api_qzfs_umount(1) != 0)
