@@ -230,6 +230,14 @@ int mount_image(const std::string& path)
     return 0;
 }
 
+// Runs `step` under the disk lock of `fs` and gives its result.
+template <typename Step>
+auto with_disk_lock(CQzFileSystem* fs, Step step) -> decltype(step())
+{
+    DiskLockGuard disk(*fs);
+    return step();
+}
+
 // Lists the used root index nodes of the mounted tool disk.
 int print_root_index(CQzFileSystem* fs)
 {
@@ -242,9 +250,7 @@ int print_root_index(CQzFileSystem* fs)
     unsigned long used = 0;
     for (uint32_t ri = 0;; ri++) {
         _root_index_node_dev_ node;
-        fs->disk_lock(1);
-        int rc = fs->Get_root_index_dev_node(ri, &node);
-        fs->disk_lock(0);
+        int rc = with_disk_lock(fs, [&] { return fs->Get_root_index_dev_node(ri, &node); });
         if (rc != 0)
             return fail("cannot read root index position %s", std::to_string(ri));
         if (node.id == END_ROOT_INDEX)
@@ -283,9 +289,7 @@ bool number_option(const Args& args, const char* name, unsigned limit, unsigned 
 // The root node at `ri` when it holds recordings.
 bool normal_root(CQzFileSystem* fs, uint32_t ri, _root_index_node_dev_& root)
 {
-    fs->disk_lock(1);
-    int rc = fs->Get_root_index_dev_node(ri, &root);
-    fs->disk_lock(0);
+    int rc = with_disk_lock(fs, [&] { return fs->Get_root_index_dev_node(ri, &root); });
     return rc == 0 && IS_NORMAL_ROOT_INDEX(root.id);
 }
 
@@ -298,15 +302,16 @@ int print_iframes(CQzFileSystem* fs, uint32_t ri)
     std::vector<_iframe_index_node_dev_> nodes(shown);
     unsigned long count = shown;
     _iframe_block_info_ info = {};
-    fs->disk_lock(1);
-    int rc = fs->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &iframe_head);
-    if (rc == 0)
-        rc = fs->Read_iframe_index_block_list(iframe_head, &num, &list);
-    if (rc == 0)
-        rc = fs->Get_iframe_block_info(iframe_head, &info);
-    if (rc == 0)
-        rc = fs->Read_iframe_index(num, list, 0, &count, nodes.data(), 3);
-    fs->disk_lock(0);
+    int rc = with_disk_lock(fs, [&] {
+        int step = fs->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &iframe_head);
+        if (step == 0)
+            step = fs->Read_iframe_index_block_list(iframe_head, &num, &list);
+        if (step == 0)
+            step = fs->Get_iframe_block_info(iframe_head, &info);
+        if (step == 0)
+            step = fs->Read_iframe_index(num, list, 0, &count, nodes.data(), 3);
+        return step;
+    });
     delete[] ssi_list;
     delete[] list;
     delete[] info.pBlock_list;
@@ -348,9 +353,8 @@ int print_segments(CQzFileSystem* fs, uint32_t ri, bool iframes)
     unsigned long listed = 0;
     for (uint32_t index = 0;; index++) {
         _stream_segment_index_node_dev_ n;
-        fs->disk_lock(1);
-        int rc = fs->Get_stream_segment_index_dev_node(ri, index, &n);
-        fs->disk_lock(0);
+        int rc = with_disk_lock(
+            fs, [&] { return fs->Get_stream_segment_index_dev_node(ri, index, &n); });
         if (rc != 0)
             return fail("cannot read segment %s", std::to_string(index));
         if (n.id == END_STREAM_SEGMENT_INDEX)
@@ -398,11 +402,12 @@ int verb_info(const Args& args)
 
     unsigned char block_start[QZFS_KEY_HEADER_OFFSET + sizeof(_qzfs_key_header_)];
     _qzfs_key_header_ header = {};
-    fs->disk_lock(1);
-    if (fs->Seek_and_read_in_block(fs->io_interface(), manage.key_block, 0, block_start,
-                                   sizeof(block_start)) == (int)sizeof(block_start))
-        memcpy(&header, block_start + QZFS_KEY_HEADER_OFFSET, sizeof(header));
-    fs->disk_lock(0);
+    {
+        DiskLockGuard disk(*fs);
+        if (fs->Seek_and_read_in_block(fs->io_interface(), manage.key_block, 0, block_start,
+                                       sizeof(block_start)) == (int)sizeof(block_start))
+            memcpy(&header, block_start + QZFS_KEY_HEADER_OFFSET, sizeof(header));
+    }
     header.label[sizeof(header.label) - 1] = '\0';
     header.version[sizeof(header.version) - 1] = '\0';
 
@@ -421,9 +426,7 @@ int verb_info(const Args& args)
         "none", "free", "system", "key info", "root index", "segment index",
         "i-frame index", "data", "normal file", "bad", "test"};
     unsigned long counts[11] = {};
-    fs->disk_lock(1);
-    int counted = fs->count_blocks_by_type(counts);
-    fs->disk_lock(0);
+    int counted = with_disk_lock(fs, [&] { return fs->count_blocks_by_type(counts); });
     if (counted == 0) {
         printf("blocks by type:\n");
         for (int type = 1; type <= 10; type++)
@@ -490,9 +493,8 @@ int verb_index_add(const Args& args)
         return 1;
     CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
     uint32_t position = 0;
-    fs->disk_lock(1);
-    int rc = fs->Create_root_index_node(&para, &position, nullptr);
-    fs->disk_lock(0);
+    int rc =
+        with_disk_lock(fs, [&] { return fs->Create_root_index_node(&para, &position, nullptr); });
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("cannot add a root index entry to %s (disk full?)", path);
@@ -644,9 +646,8 @@ int verb_segment_add(const Args& args)
     para.channel = root.channel;
     para.stream_type = root.stream_type;
     uint32_t index = 0;
-    fs->disk_lock(1);
-    int rc = add_synthetic_segment(fs, ri, para, seconds, index);
-    fs->disk_lock(0);
+    int rc =
+        with_disk_lock(fs, [&] { return add_synthetic_segment(fs, ri, para, seconds, index); });
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("cannot add a segment to %s (segment index or disk full?)", path);

@@ -27,9 +27,11 @@ void for_each_disk(unsigned long disks, const char* what, Walk walk)
         CQzFileSystem* fs = gQzfsManager.get_file_system((unsigned char)id);
         if (fs == nullptr)
             continue;
-        fs->disk_lock(1);
-        const int result = walk(fs);
-        fs->disk_lock(0);
+        int result;
+        {
+            DiskLockGuard disk(*fs);
+            result = walk(fs);
+        }
         if (result != 0)
             QZLOG_ABOVE(1, "%s failed(hdd_id:%d)", what, int(id));
     }

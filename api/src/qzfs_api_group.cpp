@@ -26,51 +26,57 @@ int CQzfsApi::Qzfs_add_disk_to_group(unsigned char hdd_id, unsigned char group)
         QZLOG("hdd %d invlaid", hdd_id);
         return -1;
     }
-    gQzfsManager.manager_lock();
+    ManagerLockGuard manager(gQzfsManager);
     auto it = gQzfsManager.m_disk_group_map.find(group);
     if (it == gQzfsManager.m_disk_group_map.end())
         it = gQzfsManager.m_disk_group_map.emplace(group, new_group_attr()).first;
     it->second.valid_disk_bitmap |= qzfs_disk_bit(hdd_id);
     it->second.big_delete_list.clear();
     it->second.small_delete_list.clear();
-    gQzfsManager.manager_unlock();
     return 0;
+}
+
+// Takes a disk out of the group at `it`, and the group out of the map when
+// it was its last disk; the manager lock is held.
+static void drop_disk_from_group(std::map<unsigned char, _disk_group_attr_>::iterator it,
+                                 unsigned char hdd_id)
+{
+    _disk_group_attr_& attr = it->second;
+    attr.valid_disk_bitmap &= ~qzfs_disk_bit(hdd_id);
+    attr.big_delete_list.clear();
+    attr.small_delete_list.clear();
+    if (attr.m_current_record_hdd_id < QZFS_NO_HDD &&
+        !(attr.valid_disk_bitmap & qzfs_disk_bit(attr.m_current_record_hdd_id)))
+        attr.m_current_record_hdd_id = QZFS_NO_HDD;
+    if (attr.valid_disk_bitmap == 0) {
+        qzfs_destroy_lock(attr.group_lock);
+        gQzfsManager.m_disk_group_map.erase(it);
+    }
 }
 
 int CQzfsApi::Qzfs_delete_disk_from_group(unsigned char hdd_id, unsigned char group)
 {
-    // The open-file check walks the groups, which another thread may be
-    // adding or removing: it runs under the manager lock too.
-    gQzfsManager.manager_lock();
-    if (have_open_file(hdd_id)) {
-        gQzfsManager.manager_unlock();
-        QZLOG_ABOVE(1, "hdd %d is busy!", hdd_id);
-        return -1;
-    }
-    auto it = gQzfsManager.m_disk_group_map.find(group);
-    if (it == gQzfsManager.m_disk_group_map.end()) {
-        QZLOG_ABOVE(1, "group %d is invalid!", group);
-    } else {
-        _disk_group_attr_& attr = it->second;
-        attr.valid_disk_bitmap &= ~qzfs_disk_bit(hdd_id);
-        attr.big_delete_list.clear();
-        attr.small_delete_list.clear();
-        if (attr.m_current_record_hdd_id < QZFS_NO_HDD &&
-            !(attr.valid_disk_bitmap & qzfs_disk_bit(attr.m_current_record_hdd_id)))
-            attr.m_current_record_hdd_id = QZFS_NO_HDD;
-        if (attr.valid_disk_bitmap == 0) {
-            qzfs_destroy_lock(attr.group_lock);
-            gQzfsManager.m_disk_group_map.erase(it);
+    {
+        // The open-file check walks the groups, which another thread may be
+        // adding or removing: it runs under the manager lock too.
+        ManagerLockGuard manager(gQzfsManager);
+        if (!have_open_file(hdd_id)) {
+            auto it = gQzfsManager.m_disk_group_map.find(group);
+            if (it == gQzfsManager.m_disk_group_map.end())
+                QZLOG_ABOVE(1, "group %d is invalid!", group);
+            else
+                drop_disk_from_group(it, hdd_id);
+            return 0;
         }
     }
-    gQzfsManager.manager_unlock();
-    return 0;
+    QZLOG_ABOVE(1, "hdd %d is busy!", hdd_id);
+    return -1;
 }
 
 int CQzfsApi::Qzfs_get_disk_list_from_group(unsigned char group, std::list<unsigned char>& hdd_ids)
 {
     hdd_ids.clear();
-    gQzfsManager.manager_lock();
+    ManagerLockGuard manager(gQzfsManager);
     _disk_group_attr_* attr = gQzfsManager.find_group(group);
     if (attr != nullptr) {
         const unsigned int slots = gQzfsManager.disk_slots();
@@ -78,6 +84,5 @@ int CQzfsApi::Qzfs_get_disk_list_from_group(unsigned char group, std::list<unsig
             if (attr->valid_disk_bitmap & qzfs_disk_bit((unsigned char)id))
                 hdd_ids.push_back((unsigned char)id);
     }
-    gQzfsManager.manager_unlock();
     return 0;
 }

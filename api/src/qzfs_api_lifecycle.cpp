@@ -28,14 +28,13 @@ CQzfsApi::~CQzfsApi() { Qzfs_uninit(); }
 
 int CQzfsApi::Qzfs_init()
 {
-    gQzfsManager.manager_lock();
+    ManagerLockGuard manager(gQzfsManager);
     gQzfsManager.m_InitFlag = K4T_FS_TRUE;
     if (pgSystemResourceManager == nullptr) {
         pgSystemResourceManager = new (std::nothrow) CSystemResourceManager();
         if (pgSystemResourceManager == nullptr)
             QZFS_FATAL("CQzfsApi::Qzfs_init out of memory");
     }
-    gQzfsManager.manager_unlock();
     return 0;
 }
 
@@ -43,12 +42,11 @@ int CQzfsApi::Qzfs_init()
 int CQzfsApi::Qzfs_uninit()
 {
     DiskRegistryWriteGuard registry;  // taken before the manager lock
-    gQzfsManager.manager_lock();
+    ManagerLockGuard manager(gQzfsManager);
     gQzfsManager.free_all_file_systems();
     gQzfsManager.m_InitFlag = 0;
     delete pgSystemResourceManager;
     pgSystemResourceManager = nullptr;
-    gQzfsManager.manager_unlock();
     return 0;
 }
 

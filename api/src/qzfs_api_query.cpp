@@ -19,10 +19,12 @@ namespace {
 // message, in the name of `func`) when the handle is not open.
 bool find_query(int handle, const char* func, CQzfsManager::query_iterator& it)
 {
-    gQzfsManager.manager_lock();
-    it = gQzfsManager.m_query_handle_map.find(handle);
-    const bool found = it != gQzfsManager.m_query_handle_map.end();
-    gQzfsManager.manager_unlock();
+    bool found;
+    {
+        ManagerLockGuard manager(gQzfsManager);
+        it = gQzfsManager.m_query_handle_map.find(handle);
+        found = it != gQzfsManager.m_query_handle_map.end();
+    }
     if (!found)
         QZLOG_AS(func, "invalid stream segment query handle(%d)", handle);
     return found;
@@ -74,6 +76,47 @@ CQzFileSystem* segment_disk(const _k4t_stream_segment_id_* id, const char* func,
     return fs;
 }
 
+// Takes a free query handle and fills its state from `query`, under the
+// manager lock. The handle, or 0 or less when none is free.
+int open_query_handle(const _k4t_stream_query_* query)
+{
+    ManagerLockGuard manager(gQzfsManager);
+    const int handle = gQzfsManager.Get_free_query_stream_segment_handle();
+    if (handle <= 0)
+        return handle;
+    _stream_segment_query_state_& state = gQzfsManager.m_query_handle_map[handle];
+    state.query = *query;
+    state.cur_hdd_id = 0;
+    state.cur_root_index = 0;
+    state.cur_stream_segment_index = 0;
+    state.find_over = 0;
+    state.stream_list.clear();
+    state.cur_index = 0;
+    return handle;
+}
+
+// The description of a segment being recorded, from its writer's live
+// nodes. The lock state is left as the caller had it.
+void live_segment_info(_opened_stream_segment_* writer, _k4t_stream_segment_info_* info)
+{
+    const _root_index_node_dev_* root = writer->root();
+    _stream_segment_index_node_dev_ node;
+    writer_node_snapshot(writer, &node);
+    info->year = root->year;
+    info->month = root->month;
+    info->day = root->day;
+    info->start_time = {node.start_hour, node.start_minute, node.start_second};
+    info->end_time = {node.end_hour, node.end_minute, node.end_second};
+    info->dst = node.flags & 1u;
+    info->channel = root->channel;
+    info->segment_type = node.segment_type;
+    info->record_type = node.record_type;
+    info->have_audio = uint8_t(((node.flags >> 2) & 1u) | (((node.flags >> 4) & 1u) << 1));
+    info->tv_system = (node.flags >> 1) & 1u;
+    info->further_flag = (node.flags >> 3) & 1u;
+    info->len = node.len_in_bytes - writer->writer()->delete_len;
+}
+
 }  // namespace
 
 int CQzfsApi::Qzfs_get_query_stream_segment_handle(_k4t_stream_query_* query)
@@ -92,19 +135,7 @@ int CQzfsApi::Qzfs_get_query_stream_segment_handle(_k4t_stream_query_* query)
             return -1;
         }
     }
-    gQzfsManager.manager_lock();
-    const int handle = gQzfsManager.Get_free_query_stream_segment_handle();
-    if (handle > 0) {
-        _stream_segment_query_state_& state = gQzfsManager.m_query_handle_map[handle];
-        state.query = *query;
-        state.cur_hdd_id = 0;
-        state.cur_root_index = 0;
-        state.cur_stream_segment_index = 0;
-        state.find_over = 0;
-        state.stream_list.clear();
-        state.cur_index = 0;
-    }
-    gQzfsManager.manager_unlock();
+    const int handle = open_query_handle(query);
     if (handle <= 0) {
         QZLOG("Get_free_query_stream_segment_handle failed");
         return -1;
@@ -123,9 +154,10 @@ int CQzfsApi::Qzfs_get_query_stream_segment_handle(_k4t_stream_query_* query)
 int CQzfsApi::Qzfs_release_query_stream_segment_handle(int handle)
 {
     QZLOG_ABOVE(2, "START(%d)", handle);
-    gQzfsManager.manager_lock();
-    gQzfsManager.m_query_handle_map.erase(handle);
-    gQzfsManager.manager_unlock();
+    {
+        ManagerLockGuard manager(gQzfsManager);
+        gQzfsManager.m_query_handle_map.erase(handle);
+    }
     QZLOG_ABOVE(2, "END(%d)", handle);
     return 0;
 }
@@ -204,31 +236,14 @@ int CQzfsApi::Qzfs_get_stream_segment_info(const _k4t_stream_segment_id_* id,
     if (fs == nullptr)
         return -1;
     int ret = 0;
-    fs->disk_lock(1);
-    _opened_stream_segment_* writer = nullptr;
-    if (fs->find_opening_stream_segment_by_id(id, &writer, 2) >= 0 && writer != nullptr) {
-        // A segment being recorded: its live images. The lock state is left
-        // as the caller had it.
-        const _root_index_node_dev_* root = writer->root();
-        _stream_segment_index_node_dev_ node;
-        writer_node_snapshot(writer, &node);
-        info->year = root->year;
-        info->month = root->month;
-        info->day = root->day;
-        info->start_time = {node.start_hour, node.start_minute, node.start_second};
-        info->end_time = {node.end_hour, node.end_minute, node.end_second};
-        info->dst = node.flags & 1u;
-        info->channel = root->channel;
-        info->segment_type = node.segment_type;
-        info->record_type = node.record_type;
-        info->have_audio = uint8_t(((node.flags >> 2) & 1u) | (((node.flags >> 4) & 1u) << 1));
-        info->tv_system = (node.flags >> 1) & 1u;
-        info->further_flag = (node.flags >> 3) & 1u;
-        info->len = node.len_in_bytes - writer->writer()->delete_len;
-    } else {
-        ret = fs->Get_stream_segment_info(id->root_index, id->stream_segment_index, info);
+    {
+        DiskLockGuard disk(*fs);
+        _opened_stream_segment_* writer = nullptr;
+        if (fs->find_opening_stream_segment_by_id(id, &writer, 2) >= 0 && writer != nullptr)
+            live_segment_info(writer, info);
+        else
+            ret = fs->Get_stream_segment_info(id->root_index, id->stream_segment_index, info);
     }
-    fs->disk_lock(0);
     if (ret == 0)
         QZLOG_ABOVE(2,
                     "(root_index:%ld)(stream_segment_index:%ld)(len:%lld)(20%02d-%02d-%02d)"
@@ -253,9 +268,7 @@ int CQzfsApi::Qzfs_get_stream_segment_data_info(const _k4t_stream_segment_id_* i
     CQzFileSystem* fs = segment_disk(id, __func__, SAY_NO_HDD);
     if (fs == nullptr)
         return -1;
-    fs->disk_lock(1);
-    const int ret = fs->Get_stream_segment_info(id->root_index, id->stream_segment_index,
-                                                start_time, end_time, offset, len);
-    fs->disk_lock(0);
-    return ret;
+    DiskLockGuard disk(*fs);
+    return fs->Get_stream_segment_info(id->root_index, id->stream_segment_index, start_time,
+                                       end_time, offset, len);
 }

@@ -29,6 +29,26 @@ void set_reader_request(_opened_stream_segment_* oss, int writer_ossid, uint32_t
     rss->record_type_bitmap = record_type_bitmap;
 }
 
+// Gives a reader opened by id its descriptor and the caller's request; the
+// disk lock is held. A reader that gets no descriptor is closed and freed:
+// -1.
+int give_reader_descriptor(CQzFileSystem* fs, _opened_stream_segment_* oss, int writer_ossid,
+                           uint32_t read_flag, uint16_t record_type_bitmap)
+{
+    int ossfd = -1;
+    const int disk_ossid = fs->get_free_oss_fd();
+    if (disk_ossid < 0 || (ossfd = gQzfsManager.apply_and_set_ossid(disk_ossid)) < 0) {
+        QZLOG_AS("Qzfs_open_stream_segment", "gQzfsManager.Get_free_oss_fd failed");
+        if (disk_ossid >= 0)
+            fs->release_oss_fd(disk_ossid);
+        discard_reader(fs, oss);
+        return -1;
+    }
+    fs->set_oss_info(disk_ossid, oss);
+    set_reader_request(oss, writer_ossid, read_flag, oss->root()->channel, record_type_bitmap);
+    return ossfd;
+}
+
 }  // namespace
 
 int CQzfsApi::Qzfs_open_stream_segment(_qzfs_k4t_stream_open_para_* para, uint32_t read_flag)
@@ -43,7 +63,7 @@ int CQzfsApi::Qzfs_open_stream_segment(_qzfs_k4t_stream_open_para_* para, uint32
         QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(oss->hdd_id));
         return -1;
     }
-    fs->disk_lock(1);
+    DiskLockGuard disk(*fs);
     int ossfd = -1;
     const int disk_ossid = fs->get_free_oss_fd();
     if (disk_ossid < 0) {
@@ -58,7 +78,6 @@ int CQzfsApi::Qzfs_open_stream_segment(_qzfs_k4t_stream_open_para_* para, uint32
     }
     if (ossfd < 0)
         discard_reader(fs, oss);
-    fs->disk_lock(0);
     return ossfd;
 }
 
@@ -78,33 +97,20 @@ int CQzfsApi::Qzfs_open_stream_segment(_k4t_stream_segment_id_* id, uint16_t rec
         QZLOG("Formatting(hdd_id:%d)", int(id->hdd_id));
         return -1;
     }
-    fs->disk_lock(1);
     _opened_stream_segment_* oss = nullptr;
-    Init_opened_stream_segment(&oss, K4T_FS_TRUE);
-    oss->hdd_id = id->hdd_id;
-    _opened_stream_segment_* writer = nullptr;
-    const int writer_ossid = fs->find_opening_stream_segment_by_id(id, &writer, 2);
-    if (fs->Open_stream_segment(id, nullptr, oss, writer) != 0) {
-        fs->disk_lock(0);
-        QZLOG("pFs->Open_stream_segment failed");
-        Destory_opened_stream_segment(&oss);
-        return -1;
+    {
+        DiskLockGuard disk(*fs);
+        Init_opened_stream_segment(&oss, K4T_FS_TRUE);
+        oss->hdd_id = id->hdd_id;
+        _opened_stream_segment_* writer = nullptr;
+        const int writer_ossid = fs->find_opening_stream_segment_by_id(id, &writer, 2);
+        if (fs->Open_stream_segment(id, nullptr, oss, writer) == 0)
+            return give_reader_descriptor(fs, oss, writer != nullptr ? writer_ossid : -1,
+                                          read_flag, record_type_bitmap);
     }
-    int ossfd = -1;
-    const int disk_ossid = fs->get_free_oss_fd();
-    if (disk_ossid < 0 || (ossfd = gQzfsManager.apply_and_set_ossid(disk_ossid)) < 0) {
-        QZLOG("gQzfsManager.Get_free_oss_fd failed");
-        if (disk_ossid >= 0)
-            fs->release_oss_fd(disk_ossid);
-        discard_reader(fs, oss);
-        fs->disk_lock(0);
-        return -1;
-    }
-    fs->set_oss_info(disk_ossid, oss);
-    set_reader_request(oss, writer != nullptr ? writer_ossid : -1, read_flag,
-                       oss->root()->channel, record_type_bitmap);
-    fs->disk_lock(0);
-    return ossfd;
+    QZLOG("pFs->Open_stream_segment failed");
+    Destory_opened_stream_segment(&oss);
+    return -1;
 }
 
 int CQzfsApi::Qzfs_read_video_data(int ossfd, unsigned char* buffer, int len,
@@ -116,11 +122,14 @@ int CQzfsApi::Qzfs_read_video_data(int ossfd, unsigned char* buffer, int len,
 // Seek by time inside the reader's segment; the disk lock is taken here.
 static int seek_in_segment(resolved_fd& fd, _k4t_fs_date_time_* when)
 {
-    fd.fs->disk_lock(1);
-    const int writing = fd.oss->reader()->ossfd_writing;
-    _opened_stream_segment_* writer = writing >= 0 ? fd.fs->find_oss_info_by_fd(writing) : nullptr;
-    const int result = fd.fs->Seek_stream_segment(fd.oss, writer, when, FS_FIND_AT_OR_NEXT, 0);
-    fd.fs->disk_lock(0);
+    int result;
+    {
+        DiskLockGuard disk(*fd.fs);
+        const int writing = fd.oss->reader()->ossfd_writing;
+        _opened_stream_segment_* writer =
+            writing >= 0 ? fd.fs->find_oss_info_by_fd(writing) : nullptr;
+        result = fd.fs->Seek_stream_segment(fd.oss, writer, when, FS_FIND_AT_OR_NEXT, 0);
+    }
     if (result != 0)
         QZLOG_AS("Qzfs_seek_stream_segment_by_time", "pFs->Seek_stream_segment failed");
     return result;
@@ -131,12 +140,14 @@ static int seek_in_segment(resolved_fd& fd, _k4t_fs_date_time_* when)
 static bool moment_in_segment(resolved_fd& fd, const _k4t_fs_date_time_& when)
 {
     _stream_segment_index_node_dev_ node = *fd.oss->ssi();
-    fd.fs->disk_lock(1);
-    const int writing = fd.oss->reader()->ossfd_writing;
-    _opened_stream_segment_* writer = writing >= 0 ? fd.fs->find_oss_info_by_fd(writing) : nullptr;
-    if (writer != nullptr)
-        writer_node_snapshot(writer, &node);
-    fd.fs->disk_lock(0);
+    {
+        DiskLockGuard disk(*fd.fs);
+        const int writing = fd.oss->reader()->ossfd_writing;
+        _opened_stream_segment_* writer =
+            writing >= 0 ? fd.fs->find_oss_info_by_fd(writing) : nullptr;
+        if (writer != nullptr)
+            writer_node_snapshot(writer, &node);
+    }
     const _root_index_node_dev_* root = fd.oss->root();
     const unsigned t = qzfs_second_of_day(when.hour, when.minute, when.second);
     return root->year == when.year && root->month == when.month && root->day == when.day &&
@@ -159,9 +170,10 @@ int CQzfsApi::Qzfs_seek_stream_segment_by_time(int ossfd, _k4t_fs_date_time_* wh
         QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(qzfs_ossid_hdd(fd.disk_ossid)));
         return -1;
     }
-    fd.fs->disk_lock(1);
-    fd.oss = fd.fs->find_oss_info_by_fd(fd.disk_ossid);
-    fd.fs->disk_lock(0);
+    {
+        DiskLockGuard disk(*fd.fs);
+        fd.oss = fd.fs->find_oss_info_by_fd(fd.disk_ossid);
+    }
     if (fd.oss == nullptr || fd.oss->read_or_write != K4T_FS_TRUE ||
         fd.oss->exist_error == K4T_FS_TRUE) {
         QZLOG("some error(%d)", ossfd);

@@ -21,6 +21,33 @@ CQzFileSystem* disk_of_fd(int ossfd, const char* func, int& disk_ossid)
     return fs;
 }
 
+// What a seek by offset needs of a descriptor's open record, read under the
+// disk lock.
+struct seek_view {
+    _opened_stream_segment_* oss = nullptr;
+    bool usable = false;     // open and free of errors
+    bool is_writer = false;
+    _k4t_stream_segment_id_ id = {0, 0, 0};
+};
+
+seek_view read_seek_view(CQzFileSystem* fs, int disk_ossid)
+{
+    DiskLockGuard disk(*fs);
+    seek_view view;
+    view.oss = fs->find_oss_info_by_fd(disk_ossid);
+    view.usable = view.oss != nullptr && view.oss->exist_error != K4T_FS_TRUE;
+    view.is_writer = view.usable && view.oss->read_or_write == K4T_FS_FALSE;
+    if (view.usable) {
+        if (g_qzfs_debug_level > 2)
+            QZLOG_AS("Qzfs_seek_stream_segment_by_offset", "seek read:%d",
+                     int(view.oss->read_or_write));
+        view.id.hdd_id = view.oss->hdd_id;
+        view.id.root_index = view.oss->root_index;
+        view.id.stream_segment_index = view.oss->stream_segment_index;
+    }
+    return view;
+}
+
 }  // namespace
 
 int CQzfsApi::Qzfs_seek_stream_segment_by_offset(int ossfd, long long offset, int whence)
@@ -37,44 +64,35 @@ int CQzfsApi::Qzfs_seek_stream_segment_by_offset(int ossfd, long long offset, in
     CQzFileSystem* fs = disk_of_fd(ossfd, __func__, disk_ossid);
     if (fs == nullptr)
         return -1;
-    fs->disk_lock(1);
-    _opened_stream_segment_* oss = fs->find_oss_info_by_fd(disk_ossid);
-    const bool usable = oss != nullptr && oss->exist_error != K4T_FS_TRUE;
-    const bool is_writer = usable && oss->read_or_write == K4T_FS_FALSE;
-    _k4t_stream_segment_id_ id = {0, 0, 0};
-    if (usable) {
-        QZLOG_ABOVE(2, "seek read:%d", int(oss->read_or_write));
-        id.hdd_id = oss->hdd_id;
-        id.root_index = oss->root_index;
-        id.stream_segment_index = oss->stream_segment_index;
-    }
-    fs->disk_lock(0);
-    if (!usable) {
+    seek_view view = read_seek_view(fs, disk_ossid);
+    if (!view.usable) {
         QZLOG("some error(%d)", ossfd);
         return -1;
     }
+    _opened_stream_segment_* oss = view.oss;
 
     // A writer is seeked through its companion reader, made at its first seek.
-    if (is_writer && oss->writer()->seek_ossfd < 0) {
-        const int companion = Qzfs_open_stream_segment_for_write(&id);
+    if (view.is_writer && oss->writer()->seek_ossfd < 0) {
+        const int companion = Qzfs_open_stream_segment_for_write(&view.id);
         if (companion < 0)
             return -1;
         oss->writer()->seek_ossfd = companion;
         QZLOG_ABOVE(2, "this is write seek %d(read:%d)", companion, int(oss->read_or_write));
     }
 
-    fs->disk_lock(1);
     _opened_stream_segment_* target = oss;
-    if (is_writer) {
-        target = fs->find_oss_info_by_fd(oss->writer()->seek_ossfd);
-        if (target == nullptr) {
-            fs->disk_lock(0);
-            QZLOG("invalid ssfd(%d)", oss->writer()->seek_ossfd);
-            return -1;
-        }
+    int result = -1;
+    {
+        DiskLockGuard disk(*fs);
+        if (view.is_writer)
+            target = fs->find_oss_info_by_fd(oss->writer()->seek_ossfd);
+        if (target != nullptr)
+            result = fs->Seek_stream_segment(target, offset, whence);
     }
-    const int result = fs->Seek_stream_segment(target, offset, whence);
-    fs->disk_lock(0);
+    if (target == nullptr) {
+        QZLOG("invalid ssfd(%d)", oss->writer()->seek_ossfd);
+        return -1;
+    }
     QZLOG_ABOVE(3, "end(fd:%d) SEEK TO:(%d, %lld)", ossfd, whence, offset);
     return result;
 }
@@ -85,17 +103,18 @@ int CQzfsApi::Qzfs_stream_segment_tell(int ossfd, long long* position)
     CQzFileSystem* fs = disk_of_fd(ossfd, __func__, disk_ossid);
     if (fs == nullptr)
         return -1;
-    fs->disk_lock(1);
+    DiskLockGuard disk(*fs);
     _opened_stream_segment_* oss = fs->find_oss_info_by_fd(disk_ossid);
-    int result = 0;
     if (oss == nullptr) {
         QZLOG("invalid ssfd(%d)", ossfd);
-        result = -1;
-    } else if (oss->read_or_write != K4T_FS_TRUE || oss->exist_error == K4T_FS_TRUE) {
+        return -1;
+    }
+    if (oss->read_or_write != K4T_FS_TRUE || oss->exist_error == K4T_FS_TRUE) {
         QZLOG("((pOss->read_or_write != K4T_FS_TRUE) || (pOss->exist_error == K4T_FS_TRUE))(%d)",
               ossfd);
-        result = -1;
-    } else if (position != nullptr) {
+        return -1;
+    }
+    if (position != nullptr) {
         // Bytes in the cache that the caller has not had yet are not behind
         // the position.
         const _read_stream_segment_* rss = oss->reader();
@@ -104,8 +123,7 @@ int CQzfsApi::Qzfs_stream_segment_tell(int ossfd, long long* position)
             at -= rss->cache_len - rss->cache_ptr;
         *position = (long long)at;
     }
-    fs->disk_lock(0);
-    return result;
+    return 0;
 }
 
 int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_* id)
@@ -119,13 +137,12 @@ int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_* id)
         QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(id->hdd_id));
         return -1;
     }
-    fs->disk_lock(1);
+    DiskLockGuard disk(*fs);
     _opened_stream_segment_* writer = nullptr;
     const int writer_ossid = fs->find_opening_stream_segment_by_id(id, &writer, 2);
     QZLOG("ossfd_writing:%d", writer_ossid);
     if (writer_ossid < 0 || writer == nullptr) {
         QZLOG("find_opening_stream_segment_by_id failed");
-        fs->disk_lock(0);
         return -1;
     }
     _opened_stream_segment_* oss = nullptr;
@@ -134,7 +151,6 @@ int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_* id)
     if (fs->Open_stream_segment(id, nullptr, oss, writer) != 0) {
         QZLOG("pFs->Open_stream_segment failed");
         Destory_opened_stream_segment(&oss);
-        fs->disk_lock(0);
         return -1;
     }
     const int disk_ossid = fs->get_free_oss_fd();
@@ -142,7 +158,6 @@ int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_* id)
         QZLOG("gQzfsManager.Get_free_oss_fd failed");
         fs->Close_reading_stream_segment(oss);
         Destory_opened_stream_segment(&oss);
-        fs->disk_lock(0);
         return -1;
     }
     // The companion starts at the write head: writes go on appending until
@@ -157,6 +172,5 @@ int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_* id)
     rss->block_index = wss->block_index;
     rss->block_offset = wss->block_offset;
     fs->set_oss_info(disk_ossid, oss);
-    fs->disk_lock(0);
     return disk_ossid;
 }

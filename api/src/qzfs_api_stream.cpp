@@ -24,6 +24,16 @@ bool frame_infos_valid(int ossfd, int len, int frame_num, const _k4t_video_frame
     return true;
 }
 
+// The disk on which group `group_id` records, read under the manager lock;
+// false when the group does not exist.
+bool current_record_disk(int group_id, uint8_t& hdd_id)
+{
+    ManagerLockGuard manager(gQzfsManager);
+    _disk_group_attr_* group = gQzfsManager.find_group(uint8_t(group_id));
+    hdd_id = group != nullptr ? group->m_current_record_hdd_id : QZFS_NO_HDD;
+    return group != nullptr;
+}
+
 }  // namespace
 
 // ossfd -> disk ossid -> disk -> open record. `func` names the caller in
@@ -58,17 +68,39 @@ bool resolve_writer_fd(int ossfd, const char* func, resolved_fd& out)
 }
 
 
+// Gives a new writer its descriptor; the disk lock is held. A writer that
+// gets none is closed and freed, and -1 returned: its segment node stays,
+// blank, since its close never comes.
+static int give_writer_descriptor(CQzFileSystem* fs, _opened_stream_segment_* oss)
+{
+    int ossfd = -1;
+    const int disk_ossid = fs->get_free_oss_fd();
+    if (disk_ossid < 0) {
+        QZLOG_AS("Qzfs_create_stream_segment", "get disk(%d) free oss fd failed",
+                 int(oss->hdd_id));
+    } else if ((ossfd = gQzfsManager.apply_and_set_ossid(disk_ossid)) < 0) {
+        fs->release_oss_fd(disk_ossid);
+        QZLOG_AS("Qzfs_create_stream_segment", "gQzfsManager.apply_and_set_ossid failed");
+    } else {
+        fs->set_oss_info(disk_ossid, oss);
+        return ossfd;
+    }
+    fs->Close_writing_stream_segment(oss);
+    _write_stream_segment_* wss = oss->writer();
+    Destory_write_stream_segment(&wss);
+    Destory_opened_stream_segment(&oss);
+    return -1;
+}
+
 int CQzfsApi::Qzfs_create_stream_segment(_qzfs_k4t_create_ss_para_* para)
 {
     if (para == nullptr || Check_qzfs_create_ss_para(para) != 0) {
         QZLOG("Check_qzfs_create_ss_para failed");
         return -1;
     }
-    gQzfsManager.manager_lock();
-    _disk_group_attr_* group = gQzfsManager.find_group(uint8_t(para->group_id));
-    const uint8_t hdd_id = group != nullptr ? group->m_current_record_hdd_id : QZFS_NO_HDD;
-    gQzfsManager.manager_unlock();
-    if (group == nullptr || para->group_id < 0 || para->group_id > 255) {
+    uint8_t hdd_id = QZFS_NO_HDD;
+    const bool group_found = current_record_disk(para->group_id, hdd_id);
+    if (!group_found || para->group_id < 0 || para->group_id > 255) {
         QZLOG("Group %d is invalid!", int(para->group_id));
         return -1;
     }
@@ -83,32 +115,18 @@ int CQzfsApi::Qzfs_create_stream_segment(_qzfs_k4t_create_ss_para_* para)
     }
 
     int ossfd = -1;
-    fs->disk_lock(1);
-    _opened_stream_segment_* oss = nullptr;
-    Init_opened_stream_segment(&oss, K4T_FS_FALSE);
-    oss->hdd_id = hdd_id;
-    if (fs->Create_stream_segment(para, oss, QZFS_STREAM_IMPORTANCE_NORMAL) != 0) {
-        QZLOG("pFs->Create_stream_segment failed");
-        Destory_opened_stream_segment(&oss);
-    } else {
-        int disk_ossid = fs->get_free_oss_fd();
-        if (disk_ossid < 0) {
-            QZLOG("get disk(%d) free oss fd failed", int(hdd_id));
-        } else if ((ossfd = gQzfsManager.apply_and_set_ossid(disk_ossid)) < 0) {
-            fs->release_oss_fd(disk_ossid);
-            QZLOG("gQzfsManager.apply_and_set_ossid failed");
-        } else {
-            fs->set_oss_info(disk_ossid, oss);
-        }
-        if (ossfd < 0) {
-            // The segment node stays, blank: its close never comes.
-            fs->Close_writing_stream_segment(oss);
-            _write_stream_segment_* wss = oss->writer();
-            Destory_write_stream_segment(&wss);
+    {
+        DiskLockGuard disk(*fs);
+        _opened_stream_segment_* oss = nullptr;
+        Init_opened_stream_segment(&oss, K4T_FS_FALSE);
+        oss->hdd_id = hdd_id;
+        if (fs->Create_stream_segment(para, oss, QZFS_STREAM_IMPORTANCE_NORMAL) != 0) {
+            QZLOG("pFs->Create_stream_segment failed");
             Destory_opened_stream_segment(&oss);
+        } else {
+            ossfd = give_writer_descriptor(fs, oss);
         }
     }
-    fs->disk_lock(0);
     if (ossfd < 0)
         usleep(50000);
     return ossfd;
@@ -163,9 +181,11 @@ int CQzfsApi::Qzfs_fsync(int ossfd)
     resolved_fd fd;
     if (!resolve_writer_fd(ossfd, __func__, fd))
         return -1;
-    fd.fs->disk_lock(1);
-    int result = fd.fs->fsync_segment_data(fd.oss);
-    fd.fs->disk_lock(0);
+    int result;
+    {
+        DiskLockGuard disk(*fd.fs);
+        result = fd.fs->fsync_segment_data(fd.oss);
+    }
     if (fd.fs->fsync_stream_segment(fd.oss) != 0)
         result = -1;
     return result;
@@ -201,7 +221,7 @@ int CQzfsApi::Qzfs_close_stream_segment(int ossfd)
     if (fs == nullptr) {
         QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(hdd_id));
     } else {
-        fs->disk_lock(1);
+        DiskLockGuard disk(*fs);
         _opened_stream_segment_* oss = fs->find_oss_info_by_fd(disk_ossid);
         if (oss == nullptr) {
             QZLOG("invalid ssfd(%d)", ossfd);
@@ -223,7 +243,6 @@ int CQzfsApi::Qzfs_close_stream_segment(int ossfd)
         }
         Destory_opened_stream_segment(&oss);
         QZLOG_ABOVE(2, "erase %d from open list", disk_ossid);
-        fs->disk_lock(0);
     }
     gQzfsManager.free_ossid(ossfd);
     QZLOG_ABOVE(2, "END(fd:%d)(ret_val:%d)", ossfd, 0);
@@ -240,14 +259,13 @@ int CQzfsApi::Qzfs_get_fd_info(int ossfd, _k4t_stream_segment_id_* id)
         return -1;
     }
     {
-        fs->disk_lock(1);
+        DiskLockGuard disk(*fs);
         oss = fs->find_oss_info_by_fd(disk_ossid);
         if (oss != nullptr && id != nullptr) {
             id->hdd_id = oss->hdd_id;
             id->root_index = oss->root_index;
             id->stream_segment_index = oss->stream_segment_index;
         }
-        fs->disk_lock(0);
     }
     if (oss == nullptr) {
         QZLOG("invalid ssfd(%d)", ossfd);

@@ -40,7 +40,7 @@ bool read_work_disk_view(unsigned char hdd_id, work_disk_view& view)
     view.hdd_id = hdd_id;
     view.start_year = view.start_month = view.start_day = NO_RECORD_YEAR;
     view.end_year = view.end_month = view.end_day = NO_RECORD_YEAR;
-    fs->disk_lock(1);
+    DiskLockGuard disk(*fs);
     view.owner_stamp = fs->get_block_owner_stamp();
     view.free_size = (unsigned long long)fs->manage().free_block * fs->manage().block_size;
     const _hdd_root_index_manager_* dates = fs->root_manager();
@@ -52,8 +52,63 @@ bool read_work_disk_view(unsigned char hdd_id, work_disk_view& view)
         view.end_month = dates->end_month;
         view.end_day = dates->end_day;
     }
-    fs->disk_lock(0);
     return true;
+}
+
+// What the choice needs of a group, read under the manager lock.
+struct group_view {
+    unsigned int disk_slots;
+    unsigned char current;
+    unsigned long members;
+    unsigned long long reserve;
+    unsigned long long used_for_recording;
+};
+
+enum group_view_result { GROUP_VIEW_READ, GROUP_VIEW_NO_DISKS, GROUP_VIEW_NO_GROUP };
+
+group_view_result read_group_view(unsigned char group, group_view& view)
+{
+    ManagerLockGuard manager(gQzfsManager);
+    view.disk_slots = gQzfsManager.disk_slots();
+    if (view.disk_slots == 0)
+        return GROUP_VIEW_NO_DISKS;
+    const _disk_group_attr_* attr = gQzfsManager.find_group(group);
+    if (attr == nullptr)
+        return GROUP_VIEW_NO_GROUP;
+    view.current = attr->m_current_record_hdd_id;
+    view.members = attr->valid_disk_bitmap;
+    view.reserve = attr->reserve_free_size_for_record;
+    view.used_for_recording = attr->used_for_recording_free_size;
+    return GROUP_VIEW_READ;
+}
+
+// Records the chosen disk and the group's highest stamp in the group, under
+// the manager lock; gives the group's stamp. `found` becomes QZFS_NO_HDD when
+// the group went away while its disks were looked at.
+unsigned long record_choice(unsigned char group, unsigned long highest_stamp, unsigned char& found)
+{
+    ManagerLockGuard manager(gQzfsManager);
+    _disk_group_attr_* attr = gQzfsManager.find_group(group);
+    if (attr == nullptr) {
+        found = QZFS_NO_HDD;
+        return 0;
+    }
+    if (highest_stamp > attr->max_owner_stamp)
+        attr->max_owner_stamp = highest_stamp;
+    attr->m_current_record_hdd_id = found;
+    return attr->max_owner_stamp;
+}
+
+// Writing on the chosen disk goes on from the group's highest stamp. A stamp
+// that moved on since it was read is not taken back.
+void lift_owner_stamp(unsigned char hdd_id, unsigned long group_stamp)
+{
+    CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
+    if (fs == nullptr)
+        return;
+    DiskLockGuard disk(*fs);
+    if (fs->get_block_owner_stamp() < group_stamp)
+        fs->set_block_owner_stamp(group_stamp);
 }
 
 } // namespace
@@ -82,18 +137,15 @@ int CQzfsApi::Qzfs_config_overwrite(unsigned char group,
               (long long)config->reserve_free_size_for_record);
         return -1;
     }
-    int result = -1;
-    gQzfsManager.manager_lock();
+    ManagerLockGuard manager(gQzfsManager);
     _disk_group_attr_* attr = gQzfsManager.find_group(group);
-    if (attr != nullptr) {
-        attr->reserve_free_size_for_record = config->reserve_free_size_for_record;
-        attr->used_for_recording_free_size = config->used_for_recording_free_size;
-        attr->start_delete_free_size = config->start_delete_free_size;
-        attr->once_delete_size = config->once_delete_size;
-        result = 0;
-    }
-    gQzfsManager.manager_unlock();
-    return result;
+    if (attr == nullptr)
+        return -1;
+    attr->reserve_free_size_for_record = config->reserve_free_size_for_record;
+    attr->used_for_recording_free_size = config->used_for_recording_free_size;
+    attr->start_delete_free_size = config->start_delete_free_size;
+    attr->once_delete_size = config->once_delete_size;
+    return 0;
 }
 
 // Recording stays on the current disk while its free size is above the
@@ -105,25 +157,22 @@ int CQzfsApi::Qzfs_find_work_hdd(unsigned char group, unsigned char* hdd_id)
     if (hdd_id != nullptr)
         *hdd_id = QZFS_NO_HDD;
 
-    // What the choice needs of the group, taken under the manager lock.
-    gQzfsManager.manager_lock();
-    const unsigned int disk_slots = gQzfsManager.disk_slots();
-    if (disk_slots == 0) {
-        gQzfsManager.manager_unlock();
+    group_view view_of_group;
+    switch (read_group_view(group, view_of_group)) {
+    case GROUP_VIEW_NO_DISKS:
         QZLOG("(gQzfsManager.m_Qzfs_vector.size() <= 0) failed");
         return -1;
-    }
-    _disk_group_attr_* attr = gQzfsManager.find_group(group);
-    if (attr == nullptr) {
-        gQzfsManager.manager_unlock();
+    case GROUP_VIEW_NO_GROUP:
         QZLOG("Group %d is invalid!", group);
         return -1;
+    case GROUP_VIEW_READ:
+        break;
     }
-    const unsigned char current = attr->m_current_record_hdd_id;
-    const unsigned long members = attr->valid_disk_bitmap;
-    const unsigned long long reserve = attr->reserve_free_size_for_record;
-    const unsigned long long used_for_recording = attr->used_for_recording_free_size;
-    gQzfsManager.manager_unlock();
+    const unsigned int disk_slots = view_of_group.disk_slots;
+    const unsigned char current = view_of_group.current;
+    const unsigned long members = view_of_group.members;
+    const unsigned long long reserve = view_of_group.reserve;
+    const unsigned long long used_for_recording = view_of_group.used_for_recording;
 
     QZLOG_ABOVE(2, "Find_hdd_for_recording START(group:%d)(current hdd_id:%d)(disk bitmap:%08lx)",
                 group, current, members);
@@ -188,31 +237,9 @@ int CQzfsApi::Qzfs_find_work_hdd(unsigned char group, unsigned char* hdd_id)
         best_stamp = view.owner_stamp;
     }
 
-    unsigned long group_stamp = 0;
-    gQzfsManager.manager_lock();
-    attr = gQzfsManager.find_group(group);
-    if (attr != nullptr) {
-        if (highest_stamp > attr->max_owner_stamp)
-            attr->max_owner_stamp = highest_stamp;
-        attr->m_current_record_hdd_id = found;
-        group_stamp = attr->max_owner_stamp;
-    } else {
-        // The group went away while its disks were looked at.
-        found = QZFS_NO_HDD;
-    }
-    gQzfsManager.manager_unlock();
-
-    // Writing on the chosen disk goes on from the group's highest stamp.
-    // A stamp that moved on since it was read is not taken back.
-    if (found != QZFS_NO_HDD) {
-        CQzFileSystem* fs = gQzfsManager.get_file_system(found);
-        if (fs != nullptr) {
-            fs->disk_lock(1);
-            if (fs->get_block_owner_stamp() < group_stamp)
-                fs->set_block_owner_stamp(group_stamp);
-            fs->disk_lock(0);
-        }
-    }
+    const unsigned long group_stamp = record_choice(group, highest_stamp, found);
+    if (found != QZFS_NO_HDD)
+        lift_owner_stamp(found, group_stamp);
     QZLOG("find result:%02x", found);
     if (hdd_id != nullptr)
         *hdd_id = found;

@@ -177,6 +177,23 @@ private:
     bool taken_;
 };
 
+// Holds the manager lock of `manager` for a scope: the group map and the
+// query handle map. Like manager_lock(), it takes the lock only when
+// gQzfsConfig.global_lock_enabled is 1. Never held together with a disk lock.
+class ManagerLockGuard {
+public:
+    explicit ManagerLockGuard(CQzfsManager& manager) : manager_(manager)
+    {
+        manager_.manager_lock();
+    }
+    ~ManagerLockGuard() { manager_.manager_unlock(); }
+    ManagerLockGuard(const ManagerLockGuard&) = delete;
+    ManagerLockGuard& operator=(const ManagerLockGuard&) = delete;
+
+private:
+    CQzfsManager& manager_;
+};
+
 // Holds the disk registry exclusively for a scope: every exported call in
 // flight has ended, and none starts until the scope ends. Taking it inside an
 // exclusive scope adds nothing; inside a shared one it would wait for itself,

@@ -249,18 +249,15 @@ int CQzFileSystem::Close_reading_stream_segment(_opened_stream_segment_* oss)
 uint64_t writer_visible_len(_opened_stream_segment_* writer)
 {
     _write_stream_segment_* wss = writer->writer();
-    qzfs_lock(wss->lock);
-    const uint64_t len = writer->ssi()->len_in_bytes - wss->delete_len - wss->unit_len;
-    qzfs_unlock(wss->lock);
-    return len;
+    QzfsScopedLock writer_lock(wss->lock);
+    return writer->ssi()->len_in_bytes - wss->delete_len - wss->unit_len;
 }
 
 void writer_node_snapshot(_opened_stream_segment_* writer, _stream_segment_index_node_dev_* out)
 {
     _write_stream_segment_* wss = writer->writer();
-    qzfs_lock(wss->lock);
+    QzfsScopedLock writer_lock(wss->lock);
     memcpy(out, writer->ssi_node, sizeof(*out));
-    qzfs_unlock(wss->lock);
 }
 
 int CQzFileSystem::live_segment_node(uint32_t root_index, uint32_t index,

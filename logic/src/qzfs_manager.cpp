@@ -183,26 +183,20 @@ unsigned int CQzfsManager::disk_slots()
 int CQzfsManager::Find_group_id(unsigned char hdd_id)
 {
     unsigned long bit = qzfs_disk_bit(hdd_id);
-    int found = -1;
-    manager_lock();
-    for (auto& group : m_disk_group_map) {
-        if (group.second.valid_disk_bitmap & bit) {
-            found = group.first;
-            break;
-        }
-    }
-    manager_unlock();
-    return found;
+    ManagerLockGuard manager(*this);
+    for (auto& group : m_disk_group_map)
+        if (group.second.valid_disk_bitmap & bit)
+            return group.first;
+    return -1;
 }
 
 unsigned long CQzfsManager::disks_of_groups(uint32_t group_bitmap)
 {
     unsigned long disks = 0;
-    manager_lock();
+    ManagerLockGuard manager(*this);
     for (auto& group : m_disk_group_map)
         if (group.first < 32 && ((group_bitmap >> group.first) & 1u) != 0)
             disks |= group.second.valid_disk_bitmap;
-    manager_unlock();
     return disks;
 }
 
@@ -230,17 +224,14 @@ int CQzfsManager::Get_free_query_stream_segment_handle()
 
 int CQzfsManager::apply_and_set_ossid(int disk_fd)
 {
-    int found = -1;
-    qzfs_lock(m_ossid_lock);
+    QzfsScopedLock table(m_ossid_lock);
     for (int i = 1; i < QZFS_OSSID_TABLE_SIZE; i++) {
         if (m_ossid_table[i] == -1) {
             m_ossid_table[i] = disk_fd;
-            found = i;
-            break;
+            return i;
         }
     }
-    qzfs_unlock(m_ossid_lock);
-    return found;
+    return -1;
 }
 
 static bool ossid_slot_valid(int slot) { return slot >= 1 && slot < QZFS_OSSID_TABLE_SIZE; }
@@ -250,9 +241,8 @@ int CQzfsManager::free_ossid(int slot)
     if (!ossid_slot_valid(slot))
         return -1;
     // Under the table lock: a concurrent allocation scans every slot.
-    qzfs_lock(m_ossid_lock);
+    QzfsScopedLock table(m_ossid_lock);
     m_ossid_table[slot] = -1;
-    qzfs_unlock(m_ossid_lock);
     return 0;
 }
 

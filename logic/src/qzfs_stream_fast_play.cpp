@@ -100,11 +100,13 @@ int Read_iframe_data(int ossfd, uint8_t** buffer, int* len, uint8_t* new_segment
     }
     // The writer may close between calls: look it up under the disk lock.
     _opened_stream_segment_* writer = nullptr;
-    fs->disk_lock(1);
-    const int writing = rss->ossfd_writing;
-    if (writing >= 0)
-        writer = fs->find_oss_info_by_fd(writing);
-    fs->disk_lock(0);
+    int writing;
+    {
+        DiskLockGuard disk(*fs);
+        writing = rss->ossfd_writing;
+        if (writing >= 0)
+            writer = fs->find_oss_info_by_fd(writing);
+    }
     if (writing >= 0 && writer == nullptr) {
         QZLOG("invalid ssfd(%d)", writing);
         return -1;

@@ -166,12 +166,13 @@ int CQzfsManager::Find_stream_segment(_qzfs_k4t_stream_open_para_* para, _fs_fin
         if (fs == nullptr || fs->Get_hdd_state() != QZFSS_MOUNTED)
             continue;
         uint8_t change_flag = 0;
-        fs->disk_lock(1);
-        const int found = fs->Find_stream_segment(para->channel, nullptr, para->stream_type,
-                                                  para->record_type_bitmap, &para->date_time,
-                                                  policy, root_index, stream_segment_index, best,
-                                                  &change_flag);
-        fs->disk_lock(0);
+        int found;
+        {
+            DiskLockGuard disk(*fs);
+            found = fs->Find_stream_segment(para->channel, nullptr, para->stream_type,
+                                            para->record_type_bitmap, &para->date_time, policy,
+                                            root_index, stream_segment_index, best, &change_flag);
+        }
         if (found != 0 || best->id == 255) {
             QZLOG("find failed(hdd_id:%d)(id:%02x)(change_flag:%d)", int(id), unsigned(best->id),
                   int(change_flag));

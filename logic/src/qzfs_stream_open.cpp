@@ -49,6 +49,29 @@ _k4t_fs_date_time_* open_point(const _qzfs_k4t_stream_open_para_& para, _fs_find
     return nullptr;
 }
 
+// Makes a reader of segment `id` and opens it at `where` under the disk
+// lock, following the segment's live writer if there is one, with the
+// request of `para`. 0, or -1 with the record left in `oss` for the caller
+// to free once the lock is released.
+int open_reader(CQzFileSystem& fs, const _k4t_stream_segment_id_& id, _k4t_fs_date_time_* where,
+                const _qzfs_k4t_stream_open_para_& para, uint32_t read_flag,
+                _opened_stream_segment_*& oss)
+{
+    DiskLockGuard disk(fs);
+    Init_opened_stream_segment(&oss, K4T_FS_TRUE);
+    oss->hdd_id = id.hdd_id;
+    _opened_stream_segment_* writer = nullptr;
+    const int writer_ossid = fs.find_opening_stream_segment_by_id(&id, &writer, 2);
+    if (fs.Open_stream_segment(&id, where, oss, writer) != 0)
+        return -1;
+    _read_stream_segment_* rss = oss->reader();
+    rss->ossfd_writing = writer != nullptr ? writer_ossid : -1;
+    rss->read_flag = read_flag;
+    rss->channel = para.channel;
+    rss->record_type_bitmap = para.record_type_bitmap;
+    return 0;
+}
+
 }  // namespace
 
 int Open_stream_segment(_qzfs_k4t_stream_open_para_* para, uint32_t read_flag,
@@ -80,23 +103,11 @@ int Open_stream_segment(_qzfs_k4t_stream_open_para_* para, uint32_t read_flag,
     _k4t_fs_date_time_* where = open_point(*para, policy, node, id, at);
 
     _opened_stream_segment_* oss = nullptr;
-    fs->disk_lock(1);
-    Init_opened_stream_segment(&oss, K4T_FS_TRUE);
-    oss->hdd_id = id.hdd_id;
-    _opened_stream_segment_* writer = nullptr;
-    const int writer_ossid = fs->find_opening_stream_segment_by_id(&id, &writer, 2);
-    if (fs->Open_stream_segment(&id, where, oss, writer) != 0) {
-        fs->disk_lock(0);
+    if (open_reader(*fs, id, where, *para, read_flag, oss) != 0) {
         QZLOG("pFs->Open_stream_segment failed");
         Destory_opened_stream_segment(&oss);
         return -1;
     }
-    _read_stream_segment_* rss = oss->reader();
-    rss->ossfd_writing = writer != nullptr ? writer_ossid : -1;
-    rss->read_flag = read_flag;
-    rss->channel = para->channel;
-    rss->record_type_bitmap = para->record_type_bitmap;
-    fs->disk_lock(0);
     *out = oss;
     return 0;
 }
@@ -230,6 +241,34 @@ int CQzFileSystem::Open_stream_segment(const _k4t_stream_segment_id_* id, _k4t_f
     return -1;
 }
 
+// Points descriptor `ossfd` at `new_oss` through a new inner fd of its
+// disk, under that disk's lock. False when that fails: `new_oss` is then
+// closed, and its record is left for the caller to free.
+static bool attach_new_reader(CQzFileSystem* new_fs, int ossfd, _opened_stream_segment_* new_oss)
+{
+    DiskLockGuard disk(*new_fs);
+    const int new_ossid = new_fs->get_free_oss_fd();
+    if (new_ossid >= 0) {
+        if (gQzfsManager.modify_disk_ossid(ossfd, new_ossid) == 0) {
+            new_fs->set_oss_info(new_ossid, new_oss);
+            return true;
+        }
+        new_fs->release_oss_fd(new_ossid);
+    }
+    new_fs->Close_reading_stream_segment(new_oss);
+    return false;
+}
+
+// Closes the reader a descriptor left and frees its inner fd, under its
+// disk's lock; the record is left for the caller to free.
+static void detach_old_reader(CQzFileSystem* old_fs, int old_ossid,
+                              _opened_stream_segment_* old_oss)
+{
+    DiskLockGuard disk(*old_fs);
+    old_fs->Close_reading_stream_segment(old_oss);
+    old_fs->release_oss_fd(old_ossid);
+}
+
 int close_old_and_set_new_open_segment_info(int ossfd, _opened_stream_segment_* old_oss,
                                             _opened_stream_segment_* new_oss)
 {
@@ -238,29 +277,12 @@ int close_old_and_set_new_open_segment_info(int ossfd, _opened_stream_segment_* 
     CQzFileSystem* new_fs = gQzfsManager.get_file_system(new_oss->hdd_id);
     if (old_ossid < 0 || old_fs == nullptr || new_fs == nullptr)
         return -1;
-
-    new_fs->disk_lock(1);
-    int new_ossid = new_fs->get_free_oss_fd();
-    if (new_ossid >= 0) {
-        if (gQzfsManager.modify_disk_ossid(ossfd, new_ossid) == 0) {
-            new_fs->set_oss_info(new_ossid, new_oss);
-        } else {
-            new_fs->release_oss_fd(new_ossid);
-            new_ossid = -1;
-        }
-    }
-    if (new_ossid < 0) {
-        new_fs->Close_reading_stream_segment(new_oss);
-        new_fs->disk_lock(0);
+    // The disks are locked one after the other, never together.
+    if (!attach_new_reader(new_fs, ossfd, new_oss)) {
         Destory_opened_stream_segment(&new_oss);
         return -1;
     }
-    new_fs->disk_lock(0);
-
-    old_fs->disk_lock(1);
-    old_fs->Close_reading_stream_segment(old_oss);
-    old_fs->release_oss_fd(old_ossid);
-    old_fs->disk_lock(0);
+    detach_old_reader(old_fs, old_ossid, old_oss);
     Destory_opened_stream_segment(&old_oss);
     return 0;
 }

@@ -501,9 +501,11 @@ int CQzfsManager::Query_stream_segment_free(query_iterator it, _k4t_stream_query
     for (; id < kQueryDiskSlots; id++) {
         CQzFileSystem* fs = (disks >> id) & 1u ? get_file_system(uint8_t(id)) : nullptr;
         if (fs != nullptr && fs->Get_hdd_state() == QZFSS_MOUNTED) {
-            fs->disk_lock(1);
-            const int got = fs->Query_stream_segment(&state, wanted - *num, result + *num);
-            fs->disk_lock(0);
+            int got;
+            {
+                DiskLockGuard disk(*fs);
+                got = fs->Query_stream_segment(&state, wanted - *num, result + *num);
+            }
             if (got < 0)
                 QZLOG_ABOVE(1, "Query_stream_segment failed(hdd_id:%d)", int(id));
             else
@@ -537,9 +539,11 @@ int CQzfsManager::find_stream_segment_for_sequence_query(query_iterator it)
         CQzFileSystem* fs = (disks >> id) & 1u ? get_file_system(uint8_t(id)) : nullptr;
         if (fs == nullptr || fs->Get_hdd_state() != QZFSS_MOUNTED)
             continue;
-        fs->disk_lock(1);
-        const int got = fs->Query_stream_segment(&state, 0, nullptr);
-        fs->disk_lock(0);
+        int got;
+        {
+            DiskLockGuard disk(*fs);
+            got = fs->Query_stream_segment(&state, 0, nullptr);
+        }
         if (got < 0)
             QZLOG_ABOVE(1, "Query_stream_segment failed(hdd_id:%d)", int(id));
     }

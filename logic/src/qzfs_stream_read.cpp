@@ -64,11 +64,13 @@ int find_live_writer(CQzFileSystem& fs, _opened_stream_segment_* oss,
                      _opened_stream_segment_** writer)
 {
     *writer = nullptr;
-    fs.disk_lock(1);
-    const int writing = oss->reader()->ossfd_writing;
-    if (writing >= 0)
-        *writer = fs.find_oss_info_by_fd(writing);
-    fs.disk_lock(0);
+    int writing;
+    {
+        DiskLockGuard disk(fs);
+        writing = oss->reader()->ossfd_writing;
+        if (writing >= 0)
+            *writer = fs.find_oss_info_by_fd(writing);
+    }
     if (writing >= 0 && *writer == nullptr) {
         QZLOG_AS("Read_video_data", "invalid ssfd(%d)", writing);
         return -1;
@@ -129,12 +131,10 @@ uint64_t CQzFileSystem::reader_stream_limit(_opened_stream_segment_* oss,
 {
     if (writer == nullptr)
         return oss->ssi()->len_in_bytes;
-    disk_lock(1);
+    DiskLockGuard disk(*this);
     const int writing = oss->reader()->ossfd_writing;
     _opened_stream_segment_* live = writing >= 0 ? find_oss_info_by_fd(writing) : nullptr;
-    const uint64_t limit = live != nullptr ? writer_visible_len(live) : oss->ssi()->len_in_bytes;
-    disk_lock(0);
-    return limit;
+    return live != nullptr ? writer_visible_len(live) : oss->ssi()->len_in_bytes;
 }
 
 // Serves `len` bytes from the unread part of the cache, as far as it goes.

@@ -7,6 +7,7 @@
 // read looks the chosen I-frame up again and starts there.
 #include "qzfilesystem.h"
 #include "qzfs_datetime.h"
+#include "qzfs_device.h"
 #include "qzfs_log.h"
 #include "qzfs_stream_support.h"
 
@@ -194,10 +195,13 @@ static void flush_writer_for_seek(CQzFileSystem& fs, _opened_stream_segment_* wr
                                   const _k4t_fs_date_time_* where)
 {
     _write_stream_segment_* wss = writer->writer();
-    qzfs_lock(wss->lock);
-    const bool waiting = wss->iframe_list_ptr != 0;
-    _iframe_index_node_dev_ oldest = wss->iframe_list[0];
-    qzfs_unlock(wss->lock);
+    bool waiting;
+    _iframe_index_node_dev_ oldest;
+    {
+        QzfsScopedLock writer_lock(wss->lock);
+        waiting = wss->iframe_list_ptr != 0;
+        oldest = wss->iframe_list[0];
+    }
     if (!waiting ||
         qzfs_second_of_day(oldest.hour, oldest.minute, oldest.second) >
             qzfs_second_of_day(where->hour, where->minute, where->second))

@@ -57,6 +57,26 @@ _qzfs_block_info_ data_block_record(CQzFileSystem& fs, const _opened_stream_segm
     return info;
 }
 
+// Puts the block entry of the writer's new data block `taken` into its
+// list and writes the list to the index, under the writer lock; the disk
+// lock is held when the caller wants it. 0 or -1.
+int add_block_entry(CQzFileSystem& fs, _write_stream_segment_* wss, unsigned long taken)
+{
+    QzfsScopedLock writer_lock(wss->lock);
+    _iframe_index_node_dev_& entry = wss->iframe_list[wss->iframe_list_ptr++];
+    memset(&entry, 0, sizeof(entry));
+    entry.id = IFRAME_INDEX_ID_BLOCK;
+    entry.block_num = uint32_t(taken);
+    entry.block_offset = wss->data_block_num;
+    entry.pts_high = 1;  // share count
+    if (fs.Write_iframe_index(wss, false) != 0) {
+        QZLOG_AS("Write_video_data_free", "Write_iframe_index failed");
+        return -1;
+    }
+    wss->data_block_num++;
+    return 0;
+}
+
 // Takes a new data block and puts its block entry into the index before
 // any byte of the block is written; then moves the channel to its data.
 int open_data_block(CQzFileSystem& fs, _opened_stream_segment_* oss, bool take_disk_lock,
@@ -71,20 +91,8 @@ int open_data_block(CQzFileSystem& fs, _opened_stream_segment_* oss, bool take_d
             QZLOG_AS("Write_video_data_free", "request free block failed");
             return -1;
         }
-        qzfs_lock(wss->lock);
-        _iframe_index_node_dev_& entry = wss->iframe_list[wss->iframe_list_ptr++];
-        memset(&entry, 0, sizeof(entry));
-        entry.id = IFRAME_INDEX_ID_BLOCK;
-        entry.block_num = uint32_t(taken);
-        entry.block_offset = wss->data_block_num;
-        entry.pts_high = 1;  // share count
-        if (fs.Write_iframe_index(wss, false) != 0) {
-            QZLOG_AS("Write_video_data_free", "Write_iframe_index failed");
-            qzfs_unlock(wss->lock);
+        if (add_block_entry(fs, wss, taken) != 0)
             return -1;
-        }
-        wss->data_block_num++;
-        qzfs_unlock(wss->lock);
         *block = uint32_t(taken);
     }
     if (take_disk_lock)
@@ -150,7 +158,7 @@ void buffer_iframe_node(_opened_stream_segment_* oss, const write_cursor& at,
                         const _k4t_video_frame_info_& frame, uint32_t place)
 {
     _write_stream_segment_* wss = oss->writer();
-    qzfs_lock(wss->lock);
+    QzfsScopedLock writer_lock(wss->lock);
     if (!wss->first_frame && g_qzfs_debug_level >= 3) {
         const _k4t_fs_date_time_& last = wss->date_time;
         long before = long(qzfs_second_of_day(last.hour, last.minute, last.second));
@@ -182,7 +190,6 @@ void buffer_iframe_node(_opened_stream_segment_* oss, const write_cursor& at,
     wss->iframe_buffered_num++;
     wss->iframe_list_ptr++;
     wss->iframe_left_num++;
-    qzfs_unlock(wss->lock);
 }
 
 // Every third I-frame, or a full list, goes to the index.
@@ -193,9 +200,8 @@ int flush_if_due(CQzFileSystem& fs, _write_stream_segment_* wss, bool take_disk_
     int result;
     {
         OptionalDiskLock disk(fs, take_disk_lock);
-        qzfs_lock(wss->lock);
+        QzfsScopedLock writer_lock(wss->lock);
         result = fs.Write_iframe_index(wss, false);
-        qzfs_unlock(wss->lock);
     }
     if (take_disk_lock)
         fs.sync_device_if_due();
@@ -277,9 +283,10 @@ int CQzFileSystem::Write_video_data_free(_opened_stream_segment_* oss, uint8_t* 
             return -1;
         if (wss->confirm_start_iframe) {
             // Readers of the live segment read the length under this lock.
-            qzfs_lock(wss->lock);
-            oss->ssi()->len_in_bytes += n - at.skip;
-            qzfs_unlock(wss->lock);
+            {
+                QzfsScopedLock writer_lock(wss->lock);
+                oss->ssi()->len_in_bytes += n - at.skip;
+            }
             at.skip = 0;
         }
         at.done += n;
@@ -381,7 +388,7 @@ int CQzFileSystem::Write_video_data(_opened_stream_segment_* oss, uint8_t* buffe
     if (wss->confirm_start_iframe && frame_num > 0) {
         const _k4t_video_frame_info_& last = frame_info[frame_num - 1];
         // Readers that search or seek copy the live node under this lock.
-        qzfs_lock(wss->lock);
+        QzfsScopedLock writer_lock(wss->lock);
         if (ssi->end_hour == QZFS_INVALID_END_HOUR ||
             qzfs_second_of_day(ssi->end_hour, ssi->end_minute, ssi->end_second) <
                 qzfs_second_of_day(last.hour, last.minute, last.second)) {
@@ -389,7 +396,6 @@ int CQzFileSystem::Write_video_data(_opened_stream_segment_* oss, uint8_t* buffe
             ssi->end_minute = last.minute;
             ssi->end_second = last.second;
         }
-        qzfs_unlock(wss->lock);
     }
     if (oss->root()->stream_type == 3 || oss->root()->stream_type == 4) {
         int synced;
@@ -416,8 +422,7 @@ int CQzFileSystem::Write_video_data(_opened_stream_segment_* oss, uint8_t* buffe
 
 int CQzFileSystem::Write_iframe_index(_write_stream_segment_* wss, bool take_lock)
 {
-    if (take_lock)
-        qzfs_lock(wss->lock);
+    QzfsScopedLock writer_lock(take_lock ? wss->lock : nullptr);
     int result = 0;
     if (wss->iframe_list_ptr != 0) {
         const _k4t_fs_date_time_& dt = wss->date_time;
@@ -436,8 +441,6 @@ int CQzFileSystem::Write_iframe_index(_write_stream_segment_* wss, bool take_loc
         wss->iframe_list_ptr = wss->iframe_left_num = wss->iframe_buffered_num = 0;
         Update_iframe_block_info(wss);
     }
-    if (take_lock)
-        qzfs_unlock(wss->lock);
     return result;
 }
 
