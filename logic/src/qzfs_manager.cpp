@@ -250,6 +250,9 @@ int CQzfsManager::get_disk_ossid(int slot)
 {
     if (!ossid_slot_valid(slot))
         return -1;
+    // Every access goes under the table lock: an allocation on another
+    // thread scans all the slots while this one's owner moves it.
+    QzfsScopedLock table(m_ossid_lock);
     return m_ossid_table[slot];
 }
 
@@ -257,6 +260,7 @@ int CQzfsManager::modify_disk_ossid(int slot, int value)
 {
     if (!ossid_slot_valid(slot))
         return -1;
+    QzfsScopedLock table(m_ossid_lock);
     m_ossid_table[slot] = value;
     return 0;
 }
