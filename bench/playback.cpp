@@ -131,7 +131,8 @@ Channel make_channel(const FrameSourceConfig& config, unsigned seconds)
         ch.frame_at.push_back(batch.bytes.size());
         source.append_frame(batch);
     }
-    if (batch.bytes.size() > 0xFFFFFFFFULL)
+    const uint64_t channel_bytes = batch.bytes.size();  // 64 bits wide on every target
+    if (channel_bytes > 0xFFFFFFFFULL)
         die("a channel of more than 4 GiB is not supported here");
     ch.bytes.swap(batch.bytes);
     ch.iframes.swap(batch.infos);

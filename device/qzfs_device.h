@@ -35,6 +35,11 @@ int qzfs_sync(void* handle);
 int qzfs_fsync(void* handle, unsigned long block, unsigned long offset, unsigned long length);
 int qzfs_seek_and_write(int fd, long long offset, int whence, char* buffer, unsigned int length);
 int qzfs_seek_and_read(int fd, long long offset, int whence, char* buffer, unsigned int length);
+// Pause between the tries of a device open that failed, in microseconds: a
+// disk that has just appeared may take a moment to open. Tests shorten it;
+// the library itself never changes it.
+extern unsigned long qzfs_open_retry_pause_us;
+
 // Size in bytes of a block device (BLKGETSIZE64) or of a regular file (fstat).
 int qzfs_get_block_dev_size(const char* dev, unsigned long long* size);
 

@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 static const int OPEN_TRIES = 5;
-static const useconds_t OPEN_RETRY_PAUSE_US = 500000;
+unsigned long qzfs_open_retry_pause_us = 500000;
 
 static qzfs_dev_info* as_dev(void* handle) { return static_cast<qzfs_dev_info*>(handle); }
 
@@ -35,7 +35,7 @@ void* qzfs_create_io_interface(const char* dev, unsigned char bare_dev)
         if (info->fd >= 0)
             break;
         QZDEVLOG("open %s failed(%s)!", dev, strerror(errno));
-        usleep(OPEN_RETRY_PAUSE_US);
+        usleep(useconds_t(qzfs_open_retry_pause_us));
     }
     if (info->fd < 0) {
         free(info);

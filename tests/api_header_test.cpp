@@ -1,5 +1,5 @@
-// Checks of the public header's record layout and of the memory statistics
-// diagnostics.
+// Checks of the memory statistics diagnostics. (The public records' layout
+// is asserted where they are declared.)
 
 #include <stddef.h>
 #include <stdint.h>
@@ -11,25 +11,6 @@
 #include "qzfilesystem_api.h"
 
 namespace {
-
-// ---------------------------------------------------------------------------
-// Record layout: these records are shared with the application byte for byte.
-// ---------------------------------------------------------------------------
-
-// The header asserts the size; the order of the fields is checked here.
-TEST(ApiRecordLayout, GlobalConfigFieldsInOrder)
-{
-    EXPECT_EQ(0u, offsetof(_qzfs_global_config_, root_index_cache_size));
-    EXPECT_EQ(4u, offsetof(_qzfs_global_config_, root_index_cache_step));
-    EXPECT_EQ(8u, offsetof(_qzfs_global_config_, ssi_cache_size));
-    EXPECT_EQ(12u, offsetof(_qzfs_global_config_, ssi_cache_step));
-    EXPECT_EQ(16u, offsetof(_qzfs_global_config_, config_byte_16));
-    EXPECT_EQ(17u, offsetof(_qzfs_global_config_, simple_index_mode));
-    EXPECT_EQ(18u, offsetof(_qzfs_global_config_, config_byte_18));
-    EXPECT_EQ(19u, offsetof(_qzfs_global_config_, config_byte_19));
-    EXPECT_EQ(20u, offsetof(_qzfs_global_config_, global_lock_enabled));
-    EXPECT_EQ(21u, offsetof(_qzfs_global_config_, reserved));
-}
 
 // ---------------------------------------------------------------------------
 // memory_statistics / print_memory_statistics.  The map is process-wide, so

@@ -150,9 +150,28 @@ void LibraryTest::SetUp()
     api_qzfs_set_debug_level(0);
 }
 
+// The tests open missing devices on purpose: their retries need not wait
+// half a second each.
+static const bool open_retries_shortened = (qzfs_open_retry_pause_us = 1000, true);
+
+// What outlives api_qzfs_uinit by design (the groups, the query handles,
+// the descriptor table) must not outlive a test: the next test in the same
+// process starts from a library as fresh as a new process's.
+static void forget_what_outlives_uinit()
+{
+    for (auto& group : gQzfsManager.m_disk_group_map)
+        if (group.second.group_lock != nullptr)
+            qzfs_destroy_lock(group.second.group_lock);
+    gQzfsManager.m_disk_group_map.clear();
+    gQzfsManager.m_query_handle_map.clear();
+    for (int& slot : gQzfsManager.m_ossid_table)
+        slot = -1;
+}
+
 void LibraryTest::TearDown()
 {
     api_qzfs_uinit();
+    forget_what_outlives_uinit();
     api_qzfs_set_debug_level(0);
 }
 

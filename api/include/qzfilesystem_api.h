@@ -183,6 +183,11 @@ struct _qzfs_global_config_ {
     uint8_t  reserved[3];
 };
 static_assert(sizeof(_qzfs_global_config_) == 24, "gQzfsConfig is 24 bytes");
+static_assert(offsetof(_qzfs_global_config_, ssi_cache_size) == 8 &&
+                  offsetof(_qzfs_global_config_, config_byte_16) == 16 &&
+                  offsetof(_qzfs_global_config_, global_lock_enabled) == 20 &&
+                  offsetof(_qzfs_global_config_, reserved) == 21,
+              "gQzfsConfig fields in the order and at the places the application sees them");
 
 /* ------------------------------------------------------------------------ */
 /* Disks                                                                     */
