@@ -1,12 +1,9 @@
 // qzfs: the host tool. Formats, mounts and inspects disks or disk images
 // through the library, from a shell.
+#include "disk_inspect.h"
 #include "frame_source.h"
 #include "h264_stream.h"
-#include "qzfilesystem.h"
 #include "qzfilesystem_api.h"
-#include "qzfs_datetime.h"
-#include "qzfs_manager.h"
-#include "system_resource_manager.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +14,7 @@
 #include <fcntl.h>
 #include <string>
 #include <ctime>
+#include <tuple>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <memory>
@@ -112,6 +110,16 @@ bool parse_size(const std::string& text, unsigned long long& out)
         return false;
     out = value * scale;
     return true;
+}
+
+// Days of a month of a year counted from 2000 (0..99); 0 for a month out
+// of range. Every fourth year from 2000 to 2099 is a leap year.
+unsigned days_in_month(unsigned year, unsigned month)
+{
+    static const unsigned char kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (year > 99 || month < 1 || month > 12)
+        return 0;
+    return month == 2 && year % 4 == 0 ? 29 : kDays[month - 1];
 }
 
 // Options that stand alone, without a value.
@@ -230,39 +238,28 @@ int mount_image(const std::string& path)
     return 0;
 }
 
-// Runs `step` under the disk lock of `fs` and gives its result.
-template <typename Step>
-auto with_disk_lock(CQzFileSystem* fs, Step step) -> decltype(step())
+// Lists the used root index entries of the mounted tool disk.
+int print_root_index()
 {
-    DiskLockGuard disk(*fs);
-    return step();
-}
-
-// Lists the used root index nodes of the mounted tool disk.
-int print_root_index(CQzFileSystem* fs)
-{
-    auto root = fs->manage().root_index_block_map.find(0);
-    if (root == fs->manage().root_index_block_map.end())
+    unsigned long root_block = 0;
+    if (!disk_root_index_block(TOOL_HDD_ID, root_block))
         return fail("the disk has no root index");
-    printf("root index (block %lu):\n", root->second);
+    printf("root index (block %lu):\n", root_block);
     printf("  %-6s %-10s %4s %6s  %-16s %-12s %s\n", "pos", "date", "chn", "stream", "name",
            "record types", "segment index block");
     unsigned long used = 0;
     for (uint32_t ri = 0;; ri++) {
-        _root_index_node_dev_ node;
-        int rc = with_disk_lock(fs, [&] { return fs->Get_root_index_dev_node(ri, &node); });
-        if (rc != 0)
+        IndexSlot slot = IndexSlot::End;
+        RootEntry e;
+        if (disk_root_entry(TOOL_HDD_ID, ri, slot, e) != 0)
             return fail("cannot read root index position %s", std::to_string(ri));
-        if (node.id == END_ROOT_INDEX)
+        if (slot == IndexSlot::End)
             break;
-        if (!IS_NORMAL_ROOT_INDEX(node.id))
+        if (slot != IndexSlot::Used)
             continue;
-        uint16_t record_types;
-        uint32_t ssi_block;
-        memcpy(&record_types, &node.record_type, 2);
-        memcpy(&ssi_block, &node.stream_segment_index_block, 4);
-        printf("  %-6u 20%02u-%02u-%02u %4u %6u  %-16s 0x%04x       %u\n", ri, node.year, node.month,
-               node.day, node.channel, node.stream_type, node.name, record_types, ssi_block);
+        printf("  %-6u 20%02u-%02u-%02u %4u %6u  %-16s 0x%04x       %u\n", ri, e.year, e.month,
+               e.day, e.channel, e.stream_type, e.name.c_str(), e.record_types,
+               e.segment_index_block);
         used++;
     }
     printf("  %lu used\n", used);
@@ -286,65 +283,44 @@ bool number_option(const Args& args, const char* name, unsigned limit, unsigned 
     return true;
 }
 
-// The root node at `ri` when it holds recordings.
-bool normal_root(CQzFileSystem* fs, uint32_t ri, _root_index_node_dev_& root)
+// The root entry at `ri` when it holds recordings.
+bool normal_root(uint32_t ri, RootEntry& root)
 {
-    int rc = with_disk_lock(fs, [&] { return fs->Get_root_index_dev_node(ri, &root); });
-    return rc == 0 && IS_NORMAL_ROOT_INDEX(root.id);
+    IndexSlot slot = IndexSlot::End;
+    return disk_root_entry(TOOL_HDD_ID, ri, slot, root) == 0 && slot == IndexSlot::Used;
 }
 
 // The first entries of a root's I-frame index.
-int print_iframes(CQzFileSystem* fs, uint32_t ri)
+int print_iframes(uint32_t ri)
 {
     const unsigned long shown = 24;
-    uint32_t ssi_num = 0, iframe_head = 0, num = 0;
-    uint32_t *ssi_list = nullptr, *list = nullptr;
-    std::vector<_iframe_index_node_dev_> nodes(shown);
-    unsigned long count = shown;
-    _iframe_block_info_ info = {};
-    int rc = with_disk_lock(fs, [&] {
-        int step = fs->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &iframe_head);
-        if (step == 0)
-            step = fs->Read_iframe_index_block_list(iframe_head, &num, &list);
-        if (step == 0)
-            step = fs->Get_iframe_block_info(iframe_head, &info);
-        if (step == 0)
-            step = fs->Read_iframe_index(num, list, 0, &count, nodes.data(), 3);
-        return step;
-    });
-    delete[] ssi_list;
-    delete[] list;
-    delete[] info.pBlock_list;
-    if (rc != 0)
+    IframeIndexHead head;
+    std::vector<IframeEntry> entries;
+    if (disk_iframe_index(TOOL_HDD_ID, ri, shown, head, entries) != 0)
         return fail("cannot read the I-frame index of root index entry %s", std::to_string(ri));
     printf("i-frame index (first block %u, %u blocks): %u i-frames, %u data block entries\n",
-           iframe_head, num, info.iframe_index_num, info.block_index_num);
+           head.first_block, head.blocks, head.iframes, head.block_entries);
     printf("  %-8s %-6s %-8s %-8s %-10s %s\n", "number", "kind", "time", "block", "offset",
            "stream offset / share count");
-    for (unsigned long i = 0; i < count; i++) {
-        const _iframe_index_node_dev_& n = nodes[i];
-        uint32_t block, offset, pts_high;
-        uint64_t stream_offset;
-        memcpy(&block, &n.block_num, 4);
-        memcpy(&offset, &n.block_offset, 4);
-        memcpy(&pts_high, &n.pts_high, 4);
-        memcpy(&stream_offset, &n.stream_segment_offset, 8);
-        if (n.id == IFRAME_INDEX_ID_IFRAME)
+    for (unsigned long i = 0; i < entries.size(); i++) {
+        const IframeEntry& n = entries[i];
+        if (n.iframe)
             printf("  %-8lu i-frame  %02u:%02u:%02u %-8u %-10u %llu\n", i, n.hour, n.minute,
-                   n.second, block, offset, (unsigned long long)stream_offset);
+                   n.second, n.block, n.offset, (unsigned long long)n.stream_offset);
         else
-            printf("  %-8lu block    %-8s %-8u #%-9u shared by %u\n", i, "", block, offset, pts_high);
+            printf("  %-8lu block    %-8s %-8u #%-9u shared by %u\n", i, "", n.block, n.offset,
+                   n.shared_by);
     }
-    if (count == shown && info.iframe_index_num + info.block_index_num > shown)
+    if (entries.size() == shown && head.iframes + head.block_entries > shown)
         printf("  ...\n");
     return 0;
 }
 
-// The stream segments of one root node.
-int print_segments(CQzFileSystem* fs, uint32_t ri, bool iframes)
+// The stream segments of one root entry.
+int print_segments(uint32_t ri, bool iframes)
 {
-    _root_index_node_dev_ root;
-    if (!normal_root(fs, ri, root))
+    RootEntry root;
+    if (!normal_root(ri, root))
         return fail("root index entry %s holds no recordings", std::to_string(ri));
     printf("segments of root index entry %u (20%02u-%02u-%02u, channel %u, stream %u):\n", ri,
            root.year, root.month, root.day, root.channel, root.stream_type);
@@ -352,30 +328,44 @@ int print_segments(CQzFileSystem* fs, uint32_t ri, bool iframes)
            "lock", "first i-frame");
     unsigned long listed = 0;
     for (uint32_t index = 0;; index++) {
-        _stream_segment_index_node_dev_ n;
-        int rc = with_disk_lock(
-            fs, [&] { return fs->Get_stream_segment_index_dev_node(ri, index, &n); });
-        if (rc != 0)
+        IndexSlot slot = IndexSlot::End;
+        SegmentEntry n;
+        if (disk_segment_entry(TOOL_HDD_ID, ri, index, slot, n) != 0)
             return fail("cannot read segment %s", std::to_string(index));
-        if (n.id == END_STREAM_SEGMENT_INDEX)
+        if (slot == IndexSlot::End)
             break;
-        if (n.id == FREE_STREAM_SEGMENT_INDEX)
+        if (slot != IndexSlot::Used)
             continue;
         char end[16] = "recording";
-        if (n.end_hour != QZFS_INVALID_END_HOUR)
+        if (n.closed)
             snprintf(end, sizeof(end), "%02u:%02u:%02u", n.end_hour, n.end_minute, n.end_second);
-        uint64_t len;
-        uint32_t start_iframe;
-        memcpy(&len, &n.len_in_bytes, 8);
-        memcpy(&start_iframe, &n.start_iframe, 4);
         printf("  %-6u %02u:%02u:%02u %-8s %14llu %6u %-4s %u%s\n", index, n.start_hour,
-               n.start_minute, n.start_second, end, (unsigned long long)len, n.record_type,
-               n.lock != 0 ? "yes" : "no", start_iframe,
-               n.id == PRE_RECORD_STREAM_SEGMENT_INDEX ? " (pre-record)" : "");
+               n.start_minute, n.start_second, end, (unsigned long long)n.len, n.record_type,
+               n.locked ? "yes" : "no", n.start_iframe, n.pre_record ? " (pre-record)" : "");
         listed++;
     }
     printf("  %lu segments\n", listed);
-    return iframes ? print_iframes(fs, ri) : 0;
+    return iframes ? print_iframes(ri) : 0;
+}
+
+// Sizes and block counts of the mounted tool disk, then where its key info
+// lies and what its header says.
+void print_disk_summary(const std::string& path)
+{
+    _qzfs_k4t_hdd_info_ info = {};
+    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
+    DiskKeyInfo key;
+    disk_key_info(TOOL_HDD_ID, key);
+    printf("device:           %s\n", path.c_str());
+    printf("block size:       %lu (%lu MiB)\n", (unsigned long)info.block_size,
+           (unsigned long)(info.block_size >> 20));
+    printf("total blocks:     %lu\n", (unsigned long)info.total_num);
+    printf("free blocks:      %lu\n", (unsigned long)info.free_num);
+    printf("key block:        %lu\n", key.key_block);
+    printf("backup key block: %lu\n", key.backup_key_block);
+    printf("label:            %s\n", key.label.c_str());
+    printf("version:          %s\n", key.version.c_str());
+    printf("owner stamp:      %lu\n", key.owner_stamp);
 }
 
 int verb_info(const Args& args)
@@ -395,48 +385,19 @@ int verb_info(const Args& args)
     if (mount_image(path) != 0)
         return 1;
 
-    _qzfs_k4t_hdd_info_ info = {};
-    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
-    CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
-    const _qzfs_disk_manage_& manage = fs->manage();
-
-    unsigned char block_start[QZFS_KEY_HEADER_OFFSET + sizeof(_qzfs_key_header_)];
-    _qzfs_key_header_ header = {};
-    {
-        DiskLockGuard disk(*fs);
-        if (fs->Seek_and_read_in_block(fs->io_interface(), manage.key_block, 0, block_start,
-                                       sizeof(block_start)) == (int)sizeof(block_start))
-            memcpy(&header, block_start + QZFS_KEY_HEADER_OFFSET, sizeof(header));
-    }
-    header.label[sizeof(header.label) - 1] = '\0';
-    header.version[sizeof(header.version) - 1] = '\0';
-
-    printf("device:           %s\n", path.c_str());
-    printf("block size:       %lu (%lu MiB)\n", (unsigned long)info.block_size,
-           (unsigned long)(info.block_size >> 20));
-    printf("total blocks:     %lu\n", (unsigned long)info.total_num);
-    printf("free blocks:      %lu\n", (unsigned long)info.free_num);
-    printf("key block:        %lu\n", manage.key_block);
-    printf("backup key block: %lu\n", manage.bak_key_block);
-    printf("label:            %s\n", header.label);
-    printf("version:          %s\n", header.version);
-    printf("owner stamp:      %lu\n", manage.block_owner_stamp);
-
-    static const char* const type_names[] = {
-        "none", "free", "system", "key info", "root index", "segment index",
-        "i-frame index", "data", "normal file", "bad", "test"};
-    unsigned long counts[11] = {};
-    int counted = with_disk_lock(fs, [&] { return fs->count_blocks_by_type(counts); });
+    print_disk_summary(path);
+    unsigned long counts[kDiskBlockTypes] = {};
+    const int counted = disk_count_blocks(TOOL_HDD_ID, counts);
     if (counted == 0) {
         printf("blocks by type:\n");
-        for (int type = 1; type <= 10; type++)
-            printf("  %-14s %lu\n", type_names[type], counts[type]);
+        for (int type = 1; type < kDiskBlockTypes; type++)
+            printf("  %-14s %lu\n", kDiskBlockTypeNames[type], counts[type]);
     }
     int listed = 0;
     if (counted == 0 && args.option("--index") != nullptr)
-        listed = print_root_index(fs);
+        listed = print_root_index();
     if (counted == 0 && listed == 0 && segments)
-        listed = print_segments(fs, segments_of, args.option("--iframes") != nullptr);
+        listed = print_segments(segments_of, args.option("--iframes") != nullptr);
     api_qzfs_umount(TOOL_HDD_ID);
     if (counted != 0)
         return fail("cannot read the block table of %s", path);
@@ -450,9 +411,8 @@ bool parse_date(const std::string& text, _qzfs_k4t_create_ss_para_& para)
     char tail;
     if (sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail) != 3)
         return false;
-    unsigned char days = 0;
     if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        Get_max_day((unsigned char)(year - 2000), (unsigned char)month, &days) != 1 || day > days)
+        day > days_in_month(year - 2000, month))
         return false;
     para.year = (uint8_t)(year - 2000);
     para.month = (uint8_t)month;
@@ -491,10 +451,8 @@ int verb_index_add(const Args& args)
     const std::string& path = args.positional[0];
     if (mount_image(path) != 0)
         return 1;
-    CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
     uint32_t position = 0;
-    int rc =
-        with_disk_lock(fs, [&] { return fs->Create_root_index_node(&para, &position, nullptr); });
+    const int rc = disk_add_root_entry(TOOL_HDD_ID, para, position);
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("cannot add a root index entry to %s (disk full?)", path);
@@ -514,98 +472,6 @@ bool parse_time(const std::string& text, _qzfs_k4t_create_ss_para_& para)
     para.minute = (uint8_t)minute;
     para.second = (uint8_t)second;
     return true;
-}
-
-// The I-frame entries of `seconds` seconds from the start time of `para`:
-// a block entry for every eighth second's data block, one I-frame a second
-// spread over it. `next_ordinal` counts the data blocks of the root.
-int synthetic_iframes(CQzFileSystem* fs, const _qzfs_k4t_create_ss_para_& para, unsigned seconds,
-                      uint32_t next_ordinal, std::vector<_iframe_index_node_dev_>& nodes,
-                      uint64_t& len)
-{
-    const uint32_t step = uint32_t((fs->manage().block_size - 4096) / 8);
-    uint32_t block = 0;
-    for (unsigned s = 0; s < seconds; s++) {
-        unsigned at = para.hour * 3600u + para.minute * 60u + para.second + s;
-        _iframe_index_node_dev_ n = {};
-        if (s % 8 == 0) {
-            _qzfs_block_info_ info = {};
-            info.block_type = QZFS_BLOCK_DATA;
-            info.owner_stamp = uint32_t(fs->get_block_owner_stamp());
-            info.year = para.year;
-            info.month = para.month;
-            info.day = para.day;
-            unsigned long taken = 0;
-            if (fs->Request_free_block(1, &taken, &info, 0) != 0)
-                return -1;
-            block = uint32_t(taken);
-            uint32_t ordinal = next_ordinal++, shared = 1;
-            n.id = IFRAME_INDEX_ID_BLOCK;
-            memcpy(&n.block_num, &block, 4);
-            memcpy(&n.block_offset, &ordinal, 4);
-            memcpy(&n.pts_high, &shared, 4);
-            nodes.push_back(n);
-            n = {};
-        }
-        uint32_t offset = 4096 + (s % 8) * step, pts = s * 90000u;
-        uint64_t stream_offset = uint64_t(s) * step;
-        n.id = IFRAME_INDEX_ID_IFRAME;
-        n.hour = uint8_t(at / 3600 % 24);
-        n.minute = uint8_t(at / 60 % 60);
-        n.second = uint8_t(at % 60);
-        memcpy(&n.block_num, &block, 4);
-        memcpy(&n.block_offset, &offset, 4);
-        memcpy(&n.pts_low, &pts, 4);
-        memcpy(&n.stream_segment_offset, &stream_offset, 8);
-        nodes.push_back(n);
-    }
-    len = uint64_t(seconds) * step;
-    return 0;
-}
-
-// Creates the segment node, appends its I-frame entries as a writer would
-// (at most 70 at a time) and closes the segment.
-int add_synthetic_segment(CQzFileSystem* fs, uint32_t ri, _qzfs_k4t_create_ss_para_& para,
-                          unsigned seconds, uint32_t& index)
-{
-    uint32_t ssi_num = 0, iframe_head = 0, num = 0;
-    uint32_t *ssi_list = nullptr, *list = nullptr;
-    _iframe_block_info_ info = {};
-    if (fs->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &iframe_head) != 0 ||
-        fs->Get_iframe_block_info(iframe_head, &info) != 0 ||
-        fs->Read_iframe_index_block_list(iframe_head, &num, &list) != 0) {
-        delete[] ssi_list;
-        delete[] info.pBlock_list;
-        return -1;
-    }
-    delete[] ssi_list;
-    delete[] info.pBlock_list;
-    uint32_t next = info.iframe_index_num + info.block_index_num;
-    std::vector<_iframe_index_node_dev_> nodes;
-    uint64_t len = 0;
-    _stream_segment_index_node_dev_ node;
-    int rc = fs->Create_stream_segment_index_node(ri, &para, next + 1, &index, &node);
-    if (rc == 0)
-        rc = synthetic_iframes(fs, para, seconds, info.block_index_num, nodes, len);
-    const uint8_t date_time[6] = {para.year, para.month, para.day, para.hour, para.minute, para.second};
-    for (size_t done = 0; rc == 0 && done < nodes.size();) {
-        size_t count = std::min<size_t>(FS_IFI_BUFFER_NUM, nodes.size() - done);
-        rc = fs->Add_iframe_index(&num, &list, next + done, &nodes[done], count, date_time);
-        done += count;
-    }
-    delete[] list;
-    if (rc != 0)
-        return -1;
-    unsigned end = para.hour * 3600u + para.minute * 60u + para.second + seconds - 1;
-    if (end > 86399)
-        end = 86399;
-    node.end_hour = uint8_t(end / 3600);
-    node.end_minute = uint8_t(end / 60 % 60);
-    node.end_second = uint8_t(end % 60);
-    memcpy(&node.len_in_bytes, &len, 8);
-    if (fs->Modify_stream_segment(ri, index, 0, &node) != 0)
-        return -1;
-    return fs->check_and_modify_root_info(ri, nullptr);
 }
 
 int verb_segment_add(const Args& args)
@@ -634,9 +500,8 @@ int verb_segment_add(const Args& args)
     const std::string& path = args.positional[0];
     if (mount_image(path) != 0)
         return 1;
-    CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
-    _root_index_node_dev_ root;
-    if (!normal_root(fs, ri, root)) {
+    RootEntry root;
+    if (!normal_root(ri, root)) {
         api_qzfs_umount(TOOL_HDD_ID);
         return fail("root index entry %s holds no recordings (see info --index)", std::to_string(ri));
     }
@@ -645,9 +510,12 @@ int verb_segment_add(const Args& args)
     para.day = root.day;
     para.channel = root.channel;
     para.stream_type = root.stream_type;
+    // The I-frame entries spread a second's frames over an eighth of a block.
+    _qzfs_k4t_hdd_info_ info = {};
+    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
     uint32_t index = 0;
-    int rc =
-        with_disk_lock(fs, [&] { return add_synthetic_segment(fs, ri, para, seconds, index); });
+    const int rc =
+        disk_add_synthetic_segment(TOOL_HDD_ID, ri, para, seconds, info.block_size, index);
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("cannot add a segment to %s (segment index or disk full?)", path);
@@ -665,10 +533,8 @@ bool parse_date_time(const std::string& text, _k4t_fs_date_time_& out)
                &minute, &second, &tail) != 7 ||
         (sep != 'T' && sep != ' '))
         return false;
-    unsigned char days = 0;
     if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        Get_max_day((unsigned char)(year - 2000), (unsigned char)month, &days) != 1 || day > days ||
-        hour > 23 || minute > 59 || second > 59)
+        day > days_in_month(year - 2000, month) || hour > 23 || minute > 59 || second > 59)
         return false;
     out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, (uint8_t)hour,
            (uint8_t)minute,        (uint8_t)second, 0};
@@ -899,7 +765,7 @@ _k4t_fs_date_time_ at_second_of_day(const _k4t_fs_date_time_& day, unsigned seco
 
 unsigned second_of_day(const _k4t_fs_date_time_& t)
 {
-    return qzfs_second_of_day(t.hour, t.minute, t.second);
+    return t.hour * 3600u + t.minute * 60u + t.second;
 }
 
 // Orders two moments by their fields, the way the recordings store them.
@@ -1365,10 +1231,8 @@ bool parse_date(const std::string& text, _k4t_fs_date_& out, bool month_only)
     char tail;
     const int fields = month_only ? sscanf(text.c_str(), "%4u-%2u%c", &year, &month, &tail)
                                   : sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail);
-    unsigned char days = 0;
     if (fields != (month_only ? 2 : 3) || year < 2000 || year > 2099 || month < 1 || month > 12 ||
-        Get_max_day((unsigned char)(year - 2000), (unsigned char)month, &days) != 1 || day < 1 ||
-        day > days)
+        day < 1 || day > days_in_month(year - 2000, month))
         return false;
     out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, 0};
     return true;
@@ -1445,7 +1309,7 @@ int verb_ls(const Args& args)
             return fail("cannot list the recorded days");
         }
         std::sort(days.begin(), days.end(), [](const _k4t_fs_date_& x, const _k4t_fs_date_& y) {
-            return Compare_date(x.year, x.month, x.day, y.year, y.month, y.day) == 2;
+            return std::make_tuple(x.year, x.month, x.day) < std::make_tuple(y.year, y.month, y.day);
         });
     }
     printf("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
@@ -1492,8 +1356,7 @@ int verb_calendar(const Args& args)
     if (rc != 0)
         return fail("the calendar query failed");
 
-    unsigned char days = 0;
-    Get_max_day(month.year, month.month, &days);
+    const unsigned days = days_in_month(month.year, month.month);
     struct tm first = {};
     first.tm_year = 100 + month.year;
     first.tm_mon = month.month - 1;
