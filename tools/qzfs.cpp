@@ -645,44 +645,49 @@ private:
 
 int verb_record_h264(const Args& args);
 
-int verb_record(const Args& args)
+// What a synthetic recording is asked for.
+struct RecordRequest {
+    unsigned channels = 0;
+    unsigned seconds = 0;
+    unsigned bitrate = 0;
+    _k4t_fs_date_time_ start = {};
+    unsigned first = 0;  // second of the day of the start
+};
+
+// Checks the options of a synthetic recording and fills in `request`.
+int parse_record_request(const Args& args, RecordRequest& request)
 {
-    if (args.option("--h264") != nullptr)
-        return verb_record_h264(args);
     std::string error;
     if (!only_options(args, {"--channels", "--seconds", "--bitrate", "--start"}, error))
         return fail("%s", error);
     if (args.positional.size() != 1)
         return fail("record takes one IMAGE");
-    unsigned count = 0, seconds = 0, bitrate = 0;
     if (args.option("--channels") == nullptr ||
-        !number_option(args, "--channels", 255, 0, count) || count == 0)
+        !number_option(args, "--channels", 255, 0, request.channels) || request.channels == 0)
         return fail("record needs --channels N (1 to 255)");
     if (args.option("--seconds") == nullptr ||
-        !number_option(args, "--seconds", 86400, 0, seconds) || seconds == 0)
+        !number_option(args, "--seconds", 86400, 0, request.seconds) || request.seconds == 0)
         return fail("record needs --seconds S (1 to 86400)");
-    if (!number_option(args, "--bitrate", 50000000, 4000000, bitrate) || bitrate < 64000)
+    if (!number_option(args, "--bitrate", 50000000, 4000000, request.bitrate) ||
+        request.bitrate < 64000)
         return fail("--bitrate takes 64000 to 50000000 bits a second");
-    _k4t_fs_date_time_ start;
+    _k4t_fs_date_time_& start = request.start;
     const std::string* start_text = args.option("--start");
     if (start_text != nullptr ? !parse_date_time(*start_text, start) : !local_now(start))
         return fail("--start takes a local time YYYY-MM-DDTHH:MM:SS (2000 to 2099)");
-    const unsigned first = start.hour * 3600u + start.minute * 60u + start.second;
-    if (first + seconds > 86400)
+    request.first = start.hour * 3600u + start.minute * 60u + start.second;
+    if (request.first + request.seconds > 86400)
         return fail("the recording would run past midnight; start earlier or record less");
+    return 0;
+}
 
-    const std::string& path = args.positional[0];
-    if (mount_image(path) != 0)
-        return 1;
-    std::vector<Recording> channels;
-    channels.reserve(count);
-    if (choose_disk_for_recording(path) != 0) {
-        end_recording(channels);
-        return 1;
-    }
-    for (unsigned c = 0; c < count; c++) {
-        channels.emplace_back(frames_for_bitrate(uint8_t(c), bitrate, start));
-        _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(c), 0, start);
+// Opens a new segment on each channel of the request; on a failure ends
+// the recording and reports it.
+int start_channels(const RecordRequest& request, std::vector<Recording>& channels)
+{
+    for (unsigned c = 0; c < request.channels; c++) {
+        channels.emplace_back(frames_for_bitrate(uint8_t(c), request.bitrate, request.start));
+        _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(c), 0, request.start);
         Recording& r = channels.back();
         r.fd = api_qzfs_create_stream_segment(&para);
         if (r.fd <= 0 || api_qzfs_get_fd_info(r.fd, &r.id) != 0) {
@@ -691,15 +696,19 @@ int verb_record(const Args& args)
                         std::to_string(c));
         }
     }
+    return 0;
+}
 
-    // The channels take turns, a frame each, as a recorder's channels
-    // deliver them, and the simulated clock runs as the frames say.
-    const auto began = std::chrono::steady_clock::now();
-    Progress progress(seconds);
-    unsigned long long bytes = 0;
+// The channels take turns, a frame each, as a recorder's channels deliver
+// them, and the simulated clock runs as the frames say. Adds what was
+// written to `bytes`; on a failed write ends the recording and reports it.
+bool write_channels(std::vector<Recording>& channels, const RecordRequest& request,
+                    unsigned long long& bytes)
+{
+    Progress progress(request.seconds);
     FrameBatch batch;
     const unsigned fps = channels.front().source.config().fps;
-    for (unsigned long frame = 0; frame < (unsigned long)seconds * fps; frame++) {
+    for (unsigned long frame = 0; frame < (unsigned long)request.seconds * fps; frame++) {
         for (Recording& r : channels) {
             batch.clear();
             r.source.append_frame(batch);
@@ -707,13 +716,14 @@ int verb_record(const Args& args)
             if (api_qzfs_write_video_data(r.fd, batch.bytes.data(), len, int(batch.infos.size()),
                                           batch.infos.empty() ? nullptr : batch.infos.data()) != len) {
                 progress.finish();
-                const unsigned at = first + unsigned(frame / fps);
+                const unsigned at = request.first + unsigned(frame / fps);
                 char when[16];
                 snprintf(when, sizeof(when), "%02u:%02u:%02u", at / 3600, at / 60 % 60, at % 60);
                 end_recording(channels);
-                return fail("writing failed (disk full?) %s",
-                            "on channel " + std::to_string(r.source.config().channel) + " at " +
-                                when + "; what came before is kept");
+                fail("writing failed (disk full?) %s",
+                     "on channel " + std::to_string(r.source.config().channel) + " at " + when +
+                         "; what came before is kept");
+                return false;
             }
             bytes += (unsigned long long)len;
         }
@@ -721,6 +731,14 @@ int verb_record(const Args& args)
             progress.update(unsigned(frame / fps) + 1, bytes);
     }
     progress.finish();
+    return true;
+}
+
+// Closes the channels' segments, lets the disk go and says what was
+// recorded, and how fast, since `began`.
+int finish_recording(std::vector<Recording>& channels, const RecordRequest& request,
+                     unsigned long long bytes, std::chrono::steady_clock::time_point began)
+{
     int failed_close = 0;
     for (Recording& r : channels) {
         if (api_qzfs_close_stream_segment(r.fd) != 0)
@@ -735,11 +753,37 @@ int verb_record(const Args& args)
     for (const Recording& r : channels)
         printf("channel %u: root index entry %u, segment %u\n", r.source.config().channel,
                r.id.root_index, r.id.stream_segment_index);
+    const _k4t_fs_date_time_& start = request.start;
     printf("recorded %u channels x %u s from 20%02u-%02u-%02u %02u:%02u:%02u: %llu bytes in %.2f s "
            "(%.1f MB/s)\n",
-           count, seconds, start.year, start.month, start.day, start.hour, start.minute,
-           start.second, bytes, wall, wall > 0 ? double(bytes) / wall / 1e6 : 0.0);
+           request.channels, request.seconds, start.year, start.month, start.day, start.hour,
+           start.minute, start.second, bytes, wall, wall > 0 ? double(bytes) / wall / 1e6 : 0.0);
     return 0;
+}
+
+int verb_record(const Args& args)
+{
+    if (args.option("--h264") != nullptr)
+        return verb_record_h264(args);
+    RecordRequest request;
+    if (parse_record_request(args, request) != 0)
+        return 1;
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    std::vector<Recording> channels;
+    channels.reserve(request.channels);
+    if (choose_disk_for_recording(path) != 0) {
+        end_recording(channels);
+        return 1;
+    }
+    if (start_channels(request, channels) != 0)
+        return 1;
+    const auto began = std::chrono::steady_clock::now();
+    unsigned long long bytes = 0;
+    if (!write_channels(channels, request, bytes))
+        return 1;
+    return finish_recording(channels, request, bytes, began);
 }
 
 // "2026-11-21 08:00:00"
@@ -844,68 +888,71 @@ void end_session(int fd, bool grouped)
     api_qzfs_umount(TOOL_HDD_ID);
 }
 
-int verb_record_h264(const Args& args)
+// What recording an H.264 clip is asked for, with the clip cut into its
+// access units.
+struct H264Request {
+    unsigned channel = 0;
+    unsigned fps = 0;
+    _k4t_fs_date_time_ start = {};
+    unsigned first = 0;      // second of the day of the first frame
+    unsigned long span = 0;  // seconds from the first frame to the last
+    std::string clip_path;
+    std::vector<uint8_t> clip;
+    std::vector<H264AccessUnit> units;
+};
+
+// Checks the options of an H.264 recording, reads the clip and checks that
+// it fits into the day.
+int parse_h264_request(const Args& args, H264Request& request)
 {
     std::string error;
     if (!only_options(args, {"--h264", "--channel", "--start", "--fps"}, error))
         return fail("%s (record --h264 takes --channel, --start and --fps)", error);
     if (args.positional.size() != 1)
         return fail("record takes one IMAGE");
-    unsigned channel = 0, fps = 0;
-    if (args.option("--channel") == nullptr || !number_option(args, "--channel", 254, 0, channel))
+    if (args.option("--channel") == nullptr ||
+        !number_option(args, "--channel", 254, 0, request.channel))
         return fail("record --h264 needs --channel C (0 to 254)");
-    if (!number_option(args, "--fps", 1000, 25, fps) || fps == 0)
+    if (!number_option(args, "--fps", 1000, 25, request.fps) || request.fps == 0)
         return fail("--fps takes 1 to 1000 frames a second");
-    _k4t_fs_date_time_ start;
     const std::string* start_text = args.option("--start");
-    if (start_text == nullptr || !parse_date_time(*start_text, start))
+    if (start_text == nullptr || !parse_date_time(*start_text, request.start))
         return fail("record --h264 needs --start YYYY-MM-DDTHH:MM:SS (local time, 2000 to 2099)");
 
-    const std::string& clip_path = *args.option("--h264");
-    std::vector<uint8_t> clip;
-    std::vector<H264AccessUnit> units;
-    if (!read_whole_file(clip_path, clip, error) ||
-        !access_units_for_recording(clip_path, clip, units, error))
+    request.clip_path = *args.option("--h264");
+    if (!read_whole_file(request.clip_path, request.clip, error) ||
+        !access_units_for_recording(request.clip_path, request.clip, request.units, error))
         return fail("%s", error);
-    const unsigned first = second_of_day(start);
-    const unsigned long span = (units.size() - 1) / fps;  // seconds from first to last frame
-    if (first + span > 86399) {
-        const std::string latest = span <= 86399 ? format_date_time(at_second_of_day(
-                                                       start, unsigned(86399 - span)))
-                                                 : "";
-        return fail("%s", "the clip (" + std::to_string(units.size()) + " frames at " +
-                              std::to_string(fps) + " a second) would run past midnight" +
+    request.first = second_of_day(request.start);
+    request.span = (request.units.size() - 1) / request.fps;
+    if (request.first + request.span > 86399) {
+        const std::string latest =
+            request.span <= 86399
+                ? format_date_time(at_second_of_day(request.start, unsigned(86399 - request.span)))
+                : "";
+        return fail("%s", "the clip (" + std::to_string(request.units.size()) + " frames at " +
+                              std::to_string(request.fps) + " a second) would run past midnight" +
                               (latest.empty() ? std::string("; it is longer than a day")
                                               : "; start at " + latest + " at the latest"));
     }
+    return 0;
+}
 
-    const std::string& path = args.positional[0];
-    if (mount_image(path) != 0)
-        return 1;
-    if (choose_disk_for_recording(path) != 0) {
-        end_session(-1, true);
-        return 1;
-    }
-    _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(channel), 0, start);
-    _k4t_stream_segment_id_ id = {};
-    int fd = api_qzfs_create_stream_segment(&para);
-    if (fd <= 0 || api_qzfs_get_fd_info(fd, &id) != 0) {
-        end_session(fd, true);
-        return fail("cannot start recording channel %s (disk full or too many streams?)",
-                    std::to_string(channel));
-    }
-
-    // One write a frame, as a recorder hands over its frames.
+// Writes the clip to `fd`, one write a frame, as a recorder hands over its
+// frames; counts the bytes of frames and the I-frames. On a failed write
+// ends the session and reports it.
+bool write_h264_frames(int fd, const H264Request& request, unsigned long long& frame_bytes,
+                       unsigned long& iframes)
+{
     std::vector<uint8_t> frame;
-    unsigned long long frame_bytes = 0;
-    unsigned long iframes = 0;
-    for (size_t i = 0; i < units.size(); i++) {
-        const H264AccessUnit& unit = units[i];
-        const _k4t_fs_date_time_ when = at_second_of_day(start, unsigned(first + i / fps));
-        const uint64_t pts = uint64_t(i) * 90000u / fps;
+    for (size_t i = 0; i < request.units.size(); i++) {
+        const H264AccessUnit& unit = request.units[i];
+        const _k4t_fs_date_time_ when =
+            at_second_of_day(request.start, unsigned(request.first + i / request.fps));
+        const uint64_t pts = uint64_t(i) * 90000u / request.fps;
         frame.clear();
-        wrap_stored_frame(frame, uint8_t(channel), unit.idr, when, pts, clip.data() + unit.offset,
-                          unit.length);
+        wrap_stored_frame(frame, uint8_t(request.channel), unit.idr, when, pts,
+                          request.clip.data() + unit.offset, unit.length);
         _k4t_video_frame_info_ info = {};
         if (unit.idr) {
             info.hour = when.hour;
@@ -921,20 +968,50 @@ int verb_record_h264(const Args& args)
         if (api_qzfs_write_video_data(fd, frame.data(), len, unit.idr ? 1 : 0,
                                       unit.idr ? &info : nullptr) != len) {
             end_session(fd, true);
-            return fail("writing frame %s failed (disk full?); what came before is kept",
-                        std::to_string(i) + " at " + format_date_time(when));
+            fail("writing frame %s failed (disk full?); what came before is kept",
+                 std::to_string(i) + " at " + format_date_time(when));
+            return false;
         }
         frame_bytes += (unsigned long long)len;
     }
+    return true;
+}
+
+int verb_record_h264(const Args& args)
+{
+    H264Request request;
+    if (parse_h264_request(args, request) != 0)
+        return 1;
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    if (choose_disk_for_recording(path) != 0) {
+        end_session(-1, true);
+        return 1;
+    }
+    _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(request.channel), 0, request.start);
+    _k4t_stream_segment_id_ id = {};
+    int fd = api_qzfs_create_stream_segment(&para);
+    if (fd <= 0 || api_qzfs_get_fd_info(fd, &id) != 0) {
+        end_session(fd, true);
+        return fail("cannot start recording channel %s (disk full or too many streams?)",
+                    std::to_string(request.channel));
+    }
+    unsigned long long frame_bytes = 0;
+    unsigned long iframes = 0;
+    if (!write_h264_frames(fd, request, frame_bytes, iframes))
+        return 1;
     const int closed = api_qzfs_close_stream_segment(fd);
     end_session(-1, true);
     if (closed != 0)
         return fail("closing the segment failed");
-    const _k4t_fs_date_time_ last = at_second_of_day(start, unsigned(first + span));
+    const _k4t_fs_date_time_ last =
+        at_second_of_day(request.start, unsigned(request.first + request.span));
     printf("recorded %s on channel %u: %zu frames (%lu I-frames), %zu bytes of H.264 in %llu "
            "bytes of frames, from %s to %s at %u frames a second\n",
-           clip_path.c_str(), channel, units.size(), iframes, clip.size(), frame_bytes,
-           format_date_time(start).c_str(), format_date_time(last).c_str(), fps);
+           request.clip_path.c_str(), request.channel, request.units.size(), iframes,
+           request.clip.size(), frame_bytes, format_date_time(request.start).c_str(),
+           format_date_time(last).c_str(), request.fps);
     printf("segment %u:%u:%u\n", id.hdd_id, id.root_index, id.stream_segment_index);
     return 0;
 }
@@ -1064,121 +1141,183 @@ bool export_iframes(int fd, FILE* out, bool raw, unsigned skip, bool reverse,
     }
 }
 
-int verb_export(const Args& args)
+// What an export is asked for: one segment by its id, or a channel's time
+// range; all frames or the I-frames only.
+struct ExportRequest {
+    std::string out_path;
+    bool raw = false;
+    bool iframes = false;
+    bool reverse = false;
+    unsigned skip = 0;
+    bool by_id = false;
+    _k4t_stream_segment_id_ id = {};
+    _qzfs_k4t_stream_open_para_ para = {};  // by time: where the reading starts
+    _k4t_fs_date_time_ to = {};             // by time: where it stops
+};
+
+// --id HDD:ROOT:SEG: one segment of the tool's disk.
+int parse_export_by_id(const Args& args, ExportRequest& request)
+{
+    if (args.option("--channel") || args.option("--from") || args.option("--to") ||
+        args.option("--stream"))
+        return fail("export --id takes no --channel, --from, --to or --stream");
+    if (!parse_segment_id(*args.option("--id"), request.id))
+        return fail("--id takes HDD:ROOT:SEG, as record prints it (e.g. 0:0:0)");
+    if (request.id.hdd_id != TOOL_HDD_ID)
+        return fail("the tool mounts its image as disk %s, so --id begins with it",
+                    std::to_string(TOOL_HDD_ID));
+    return 0;
+}
+
+// --channel C --from TIME --to TIME [--stream T]: a time range within one
+// day. Walking back, the reading starts at its end and stops at its start.
+int parse_export_by_time(const Args& args, ExportRequest& request)
+{
+    unsigned channel = 0, stream = 0;
+    if (args.option("--channel") == nullptr || !number_option(args, "--channel", 254, 0, channel))
+        return fail("export needs --id HDD:ROOT:SEG, or --channel C (0 to 254) with --from "
+                    "and --to");
+    if (!number_option(args, "--stream", 255, 0, stream))
+        return fail("--stream takes 0 to 255");
+    const std::string* from_text = args.option("--from");
+    const std::string* to_text = args.option("--to");
+    _k4t_fs_date_time_ from;
+    _k4t_fs_date_time_& to = request.to;
+    if (from_text == nullptr || !parse_date_time(*from_text, from) || to_text == nullptr ||
+        !parse_date_time(*to_text, to))
+        return fail("export --channel needs --from and --to as YYYY-MM-DDTHH:MM:SS");
+    if (compare_date_time(from, to) > 0)
+        return fail("--to is earlier than --from");
+    if (from.year != to.year || from.month != to.month || from.day != to.day)
+        return fail("--from and --to lie on different days; export one day at a time");
+    _qzfs_k4t_stream_open_para_& para = request.para;
+    para.channel = uint8_t(channel);
+    para.stream_type = uint8_t(stream);
+    para.record_type_bitmap = 0xFFFF;
+    para.group_bitmap = 1u << 0;
+    para.date_time = request.reverse ? to : from;
+    if (request.reverse)
+        to = from;
+    return 0;
+}
+
+// Checks the options of an export and fills in `request`.
+int parse_export_request(const Args& args, ExportRequest& request)
 {
     std::string error;
     if (!only_options(args, {"--id", "--out", "--raw", "--channel", "--from", "--to", "--stream",
                              "--iframes", "--skip", "--reverse"},
                       error))
         return fail("%s", error);
-    const bool iframes = args.option("--iframes") != nullptr;
-    const bool reverse = args.option("--reverse") != nullptr;
-    unsigned skip = 0;
-    if (!number_option(args, "--skip", 255, 0, skip))
+    request.iframes = args.option("--iframes") != nullptr;
+    request.reverse = args.option("--reverse") != nullptr;
+    if (!number_option(args, "--skip", 255, 0, request.skip))
         return fail("--skip takes 0 to 255");
-    if (!iframes && (reverse || args.option("--skip") != nullptr))
+    if (!request.iframes && (request.reverse || args.option("--skip") != nullptr))
         return fail("--skip and --reverse go with --iframes");
     if (args.positional.size() != 1)
         return fail("export takes one IMAGE");
     const std::string* out_path = args.option("--out");
     if (out_path == nullptr || out_path->empty())
         return fail("export needs --out FILE (the library logs to standard output)");
-    const bool raw = args.option("--raw") != nullptr;
-    const bool by_id = args.option("--id") != nullptr;
-    _k4t_stream_segment_id_ id = {};
-    _qzfs_k4t_stream_open_para_ para = {};
-    _k4t_fs_date_time_ to = {};
-    if (by_id) {
-        if (args.option("--channel") || args.option("--from") || args.option("--to") ||
-            args.option("--stream"))
-            return fail("export --id takes no --channel, --from, --to or --stream");
-        if (!parse_segment_id(*args.option("--id"), id))
-            return fail("--id takes HDD:ROOT:SEG, as record prints it (e.g. 0:0:0)");
-        if (id.hdd_id != TOOL_HDD_ID)
-            return fail("the tool mounts its image as disk %s, so --id begins with it",
-                        std::to_string(TOOL_HDD_ID));
-    } else {
-        unsigned channel = 0, stream = 0;
-        if (args.option("--channel") == nullptr ||
-            !number_option(args, "--channel", 254, 0, channel))
-            return fail("export needs --id HDD:ROOT:SEG, or --channel C (0 to 254) with --from "
-                        "and --to");
-        if (!number_option(args, "--stream", 255, 0, stream))
-            return fail("--stream takes 0 to 255");
-        const std::string* from_text = args.option("--from");
-        const std::string* to_text = args.option("--to");
-        _k4t_fs_date_time_ from;
-        if (from_text == nullptr || !parse_date_time(*from_text, from) || to_text == nullptr ||
-            !parse_date_time(*to_text, to))
-            return fail("export --channel needs --from and --to as YYYY-MM-DDTHH:MM:SS");
-        if (compare_date_time(from, to) > 0)
-            return fail("--to is earlier than --from");
-        if (from.year != to.year || from.month != to.month || from.day != to.day)
-            return fail("--from and --to lie on different days; export one day at a time");
-        para.channel = uint8_t(channel);
-        para.stream_type = uint8_t(stream);
-        para.record_type_bitmap = 0xFFFF;
-        para.group_bitmap = 1u << 0;
-        para.date_time = reverse ? to : from;
-        if (reverse)
-            to = from;
-    }
+    request.out_path = *out_path;
+    request.raw = args.option("--raw") != nullptr;
+    request.by_id = args.option("--id") != nullptr;
+    return request.by_id ? parse_export_by_id(args, request) : parse_export_by_time(args, request);
+}
 
-    const std::string& path = args.positional[0];
+// Mounts the image and opens the segment, or the channel at the time, the
+// request reads. The stream's descriptor; -1 when that fails (reported,
+// and the image let go again).
+int open_export_source(const std::string& path, ExportRequest& request)
+{
     if (mount_image(path) != 0)
-        return 1;
+        return -1;
     // A search by time looks at the disks of the groups it is given.
-    if (!by_id && api_qzfs_add_disk_to_group(TOOL_HDD_ID, 0) != 0) {
+    if (!request.by_id && api_qzfs_add_disk_to_group(TOOL_HDD_ID, 0) != 0) {
         end_session(-1, false);
-        return fail("cannot put %s in a group to search it", path);
+        fail("cannot put %s in a group to search it", path);
+        return -1;
     }
-    const int fd = by_id ? api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0)
-                         : api_qzfs_open_stream_segment_by_para(&para, QZFS_K4T_OSF_CONTINUE);
-    if (fd <= 0) {
-        end_session(-1, !by_id);
-        if (by_id)
-            return fail("there is no segment %s (see info --index and --segments)",
-                        std::to_string(id.hdd_id) + ":" + std::to_string(id.root_index) + ":" +
-                            std::to_string(id.stream_segment_index) + " on " + path);
-        return fail("%s", "channel " + std::to_string(para.channel) + " (stream type " +
-                              std::to_string(para.stream_type) + ") recorded nothing on " + path +
-                              " from " + format_date_time(para.date_time) + " to the end of that day");
+    _k4t_stream_segment_id_& id = request.id;
+    _qzfs_k4t_stream_open_para_& para = request.para;
+    const int fd = request.by_id ? api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0)
+                                 : api_qzfs_open_stream_segment_by_para(&para, QZFS_K4T_OSF_CONTINUE);
+    if (fd > 0)
+        return fd;
+    end_session(-1, !request.by_id);
+    if (request.by_id)
+        fail("there is no segment %s (see info --index and --segments)",
+             std::to_string(id.hdd_id) + ":" + std::to_string(id.root_index) + ":" +
+                 std::to_string(id.stream_segment_index) + " on " + path);
+    else
+        fail("%s", "channel " + std::to_string(para.channel) + " (stream type " +
+                       std::to_string(para.stream_type) + ") recorded nothing on " + path +
+                       " from " + format_date_time(para.date_time) + " to the end of that day");
+    return -1;
+}
+
+// Reads the stream of `fd` to `out`: all its frames, or its I-frames
+// forward or back. Walking a segment back starts at its end.
+bool export_stream(int fd, FILE* out, const ExportRequest& request, ExportCount& count,
+                   std::string& error)
+{
+    const _k4t_fs_date_time_* stop = request.by_id ? nullptr : &request.to;
+    if (!request.iframes)
+        return export_frames(fd, out, request.raw, stop, count, error);
+    if (request.reverse && request.by_id &&
+        api_qzfs_seek_stream_segment_by_offset(fd, 0, SEEK_END) != 0) {
+        error = "cannot move to the end of the segment";
+        return false;
     }
-    FILE* out = fopen(out_path->c_str(), "wb");
+    return export_iframes(fd, out, request.raw, request.skip, request.reverse, stop, count, error);
+}
+
+// Writes the stream of `fd` to the request's output file, closes the stream
+// and lets the image go; a failed export leaves no output file behind.
+int write_export(int fd, const ExportRequest& request)
+{
+    const char* out_path = request.out_path.c_str();
+    FILE* out = fopen(out_path, "wb");
     if (out == nullptr) {
-        end_session(fd, !by_id);
-        return fail("cannot create %s", *out_path + ": " + strerror(errno));
+        end_session(fd, !request.by_id);
+        return fail("cannot create %s", request.out_path + ": " + strerror(errno));
     }
     ExportCount count;
-    bool ok = true;
-    if (iframes && reverse && by_id && api_qzfs_seek_stream_segment_by_offset(fd, 0, SEEK_END) != 0) {
-        ok = false;
-        error = "cannot move to the end of the segment";
-    }
-    if (ok)
-        ok = iframes ? export_iframes(fd, out, raw, skip, reverse, by_id ? nullptr : &to, count, error)
-                     : export_frames(fd, out, raw, by_id ? nullptr : &to, count, error);
+    std::string error;
+    bool ok = export_stream(fd, out, request, count, error);
     if (fclose(out) != 0 && ok) {
         ok = false;
         error = std::string("writing the output failed: ") + strerror(errno);
     }
-    end_session(fd, !by_id);
-    if (ok && !by_id && count.frames == 0) {
+    end_session(fd, !request.by_id);
+    if (ok && !request.by_id && count.frames == 0) {
         ok = false;
-        error = "channel " + std::to_string(para.channel) + " recorded nothing from " +
-                format_date_time(para.date_time) + " to " + format_date_time(to) +
+        error = "channel " + std::to_string(request.para.channel) + " recorded nothing from " +
+                format_date_time(request.para.date_time) + " to " + format_date_time(request.to) +
                 " (its next recording begins later)";
     }
     if (!ok) {
-        unlink(out_path->c_str());
+        unlink(out_path);
         return fail("%s", error);
     }
     printf("exported %lu frames (%lu I-frames) from %lu segment%s: %llu bytes %s to %s\n",
            count.frames, count.iframes, count.segments, count.segments == 1 ? "" : "s",
-           count.bytes, raw ? "of stored frames" : "of payload", out_path->c_str());
+           count.bytes, request.raw ? "of stored frames" : "of payload", out_path);
     if (count.audio_left_out > 0)
         printf("%lu audio frames left out\n", count.audio_left_out);
     return 0;
+}
+
+int verb_export(const Args& args)
+{
+    ExportRequest request;
+    if (parse_export_request(args, request) != 0)
+        return 1;
+    const int fd = open_export_source(args.positional[0], request);
+    if (fd <= 0)
+        return 1;
+    return write_export(fd, request);
 }
 
 // ---------------------------------------------------------------- browsing
@@ -1330,6 +1469,41 @@ int verb_ls(const Args& args)
     return 0;
 }
 
+// Prints the month of a calendar query, Monday first, with the days that
+// hold recordings marked, and then those days as a list.
+void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& query)
+{
+    const unsigned days = days_in_month(month.year, month.month);
+    struct tm first = {};
+    first.tm_year = 100 + month.year;
+    first.tm_mon = month.month - 1;
+    first.tm_mday = 1;
+    first.tm_hour = 12;
+    mktime(&first);
+    static const char* const kMonths[] = {"January", "February", "March",     "April",
+                                          "May",     "June",     "July",      "August",
+                                          "September", "October", "November", "December"};
+    printf("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
+           month.year);
+    printf(" Mo  Tu  We  Th  Fr  Sa  Su\n");
+    const int lead = (first.tm_wday + 6) % 7;
+    printf("%*s", lead * 4, "");
+    std::string recorded;
+    for (unsigned day = 1; day <= days; day++) {
+        bool any = false, locked = false;
+        for (unsigned c = 0; c < 32; c++) {
+            any = any || query.day_info[c][day - 1].record_type != 0;
+            locked = locked || query.day_info[c][day - 1].lock != 0;
+        }
+        printf("%3u%c", day, locked ? 'L' : any ? '*' : ' ');
+        if ((lead + day) % 7 == 0 || day == days)
+            printf("\n");
+        if (any)
+            recorded += (recorded.empty() ? "" : ", ") + std::to_string(day);
+    }
+    printf("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
+}
+
 int verb_calendar(const Args& args)
 {
     std::string error;
@@ -1356,35 +1530,7 @@ int verb_calendar(const Args& args)
     if (rc != 0)
         return fail("the calendar query failed");
 
-    const unsigned days = days_in_month(month.year, month.month);
-    struct tm first = {};
-    first.tm_year = 100 + month.year;
-    first.tm_mon = month.month - 1;
-    first.tm_mday = 1;
-    first.tm_hour = 12;
-    mktime(&first);
-    static const char* const kMonths[] = {"January", "February", "March",     "April",
-                                          "May",     "June",     "July",      "August",
-                                          "September", "October", "November", "December"};
-    printf("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
-           month.year);
-    printf(" Mo  Tu  We  Th  Fr  Sa  Su\n");
-    const int lead = (first.tm_wday + 6) % 7;
-    printf("%*s", lead * 4, "");
-    std::string recorded;
-    for (unsigned day = 1; day <= days; day++) {
-        bool any = false, locked = false;
-        for (unsigned c = 0; c < 32; c++) {
-            any = any || query->day_info[c][day - 1].record_type != 0;
-            locked = locked || query->day_info[c][day - 1].lock != 0;
-        }
-        printf("%3u%c", day, locked ? 'L' : any ? '*' : ' ');
-        if ((lead + day) % 7 == 0 || day == days)
-            printf("\n");
-        if (any)
-            recorded += (recorded.empty() ? "" : ", ") + std::to_string(day);
-    }
-    printf("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
+    print_month(month, *query);
     return 0;
 }
 
