@@ -1,12 +1,9 @@
 // qzfs: the host tool. Formats, mounts and inspects disks or disk images
 // through the library, from a shell.
+#include "disk_inspect.h"
 #include "frame_source.h"
 #include "h264_stream.h"
-#include "qzfilesystem.h"
 #include "qzfilesystem_api.h"
-#include "qzfs_datetime.h"
-#include "qzfs_manager.h"
-#include "system_resource_manager.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +14,7 @@
 #include <fcntl.h>
 #include <string>
 #include <ctime>
+#include <tuple>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <memory>
@@ -112,6 +110,16 @@ bool parse_size(const std::string& text, unsigned long long& out)
         return false;
     out = value * scale;
     return true;
+}
+
+// Days of a month of a year counted from 2000 (0..99); 0 for a month out
+// of range. Every fourth year from 2000 to 2099 is a leap year.
+unsigned days_in_month(unsigned year, unsigned month)
+{
+    static const unsigned char kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (year > 99 || month < 1 || month > 12)
+        return 0;
+    return month == 2 && year % 4 == 0 ? 29 : kDays[month - 1];
 }
 
 // Options that stand alone, without a value.
@@ -230,39 +238,28 @@ int mount_image(const std::string& path)
     return 0;
 }
 
-// Runs `step` under the disk lock of `fs` and gives its result.
-template <typename Step>
-auto with_disk_lock(CQzFileSystem* fs, Step step) -> decltype(step())
+// Lists the used root index entries of the mounted tool disk.
+int print_root_index()
 {
-    DiskLockGuard disk(*fs);
-    return step();
-}
-
-// Lists the used root index nodes of the mounted tool disk.
-int print_root_index(CQzFileSystem* fs)
-{
-    auto root = fs->manage().root_index_block_map.find(0);
-    if (root == fs->manage().root_index_block_map.end())
+    unsigned long root_block = 0;
+    if (!disk_root_index_block(TOOL_HDD_ID, root_block))
         return fail("the disk has no root index");
-    printf("root index (block %lu):\n", root->second);
+    printf("root index (block %lu):\n", root_block);
     printf("  %-6s %-10s %4s %6s  %-16s %-12s %s\n", "pos", "date", "chn", "stream", "name",
            "record types", "segment index block");
     unsigned long used = 0;
     for (uint32_t ri = 0;; ri++) {
-        _root_index_node_dev_ node;
-        int rc = with_disk_lock(fs, [&] { return fs->Get_root_index_dev_node(ri, &node); });
-        if (rc != 0)
+        IndexSlot slot = IndexSlot::End;
+        RootEntry e;
+        if (disk_root_entry(TOOL_HDD_ID, ri, slot, e) != 0)
             return fail("cannot read root index position %s", std::to_string(ri));
-        if (node.id == END_ROOT_INDEX)
+        if (slot == IndexSlot::End)
             break;
-        if (!IS_NORMAL_ROOT_INDEX(node.id))
+        if (slot != IndexSlot::Used)
             continue;
-        uint16_t record_types;
-        uint32_t ssi_block;
-        memcpy(&record_types, &node.record_type, 2);
-        memcpy(&ssi_block, &node.stream_segment_index_block, 4);
-        printf("  %-6u 20%02u-%02u-%02u %4u %6u  %-16s 0x%04x       %u\n", ri, node.year, node.month,
-               node.day, node.channel, node.stream_type, node.name, record_types, ssi_block);
+        printf("  %-6u 20%02u-%02u-%02u %4u %6u  %-16s 0x%04x       %u\n", ri, e.year, e.month,
+               e.day, e.channel, e.stream_type, e.name.c_str(), e.record_types,
+               e.segment_index_block);
         used++;
     }
     printf("  %lu used\n", used);
@@ -286,65 +283,44 @@ bool number_option(const Args& args, const char* name, unsigned limit, unsigned 
     return true;
 }
 
-// The root node at `ri` when it holds recordings.
-bool normal_root(CQzFileSystem* fs, uint32_t ri, _root_index_node_dev_& root)
+// The root entry at `ri` when it holds recordings.
+bool normal_root(uint32_t ri, RootEntry& root)
 {
-    int rc = with_disk_lock(fs, [&] { return fs->Get_root_index_dev_node(ri, &root); });
-    return rc == 0 && IS_NORMAL_ROOT_INDEX(root.id);
+    IndexSlot slot = IndexSlot::End;
+    return disk_root_entry(TOOL_HDD_ID, ri, slot, root) == 0 && slot == IndexSlot::Used;
 }
 
 // The first entries of a root's I-frame index.
-int print_iframes(CQzFileSystem* fs, uint32_t ri)
+int print_iframes(uint32_t ri)
 {
     const unsigned long shown = 24;
-    uint32_t ssi_num = 0, iframe_head = 0, num = 0;
-    uint32_t *ssi_list = nullptr, *list = nullptr;
-    std::vector<_iframe_index_node_dev_> nodes(shown);
-    unsigned long count = shown;
-    _iframe_block_info_ info = {};
-    int rc = with_disk_lock(fs, [&] {
-        int step = fs->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &iframe_head);
-        if (step == 0)
-            step = fs->Read_iframe_index_block_list(iframe_head, &num, &list);
-        if (step == 0)
-            step = fs->Get_iframe_block_info(iframe_head, &info);
-        if (step == 0)
-            step = fs->Read_iframe_index(num, list, 0, &count, nodes.data(), 3);
-        return step;
-    });
-    delete[] ssi_list;
-    delete[] list;
-    delete[] info.pBlock_list;
-    if (rc != 0)
+    IframeIndexHead head;
+    std::vector<IframeEntry> entries;
+    if (disk_iframe_index(TOOL_HDD_ID, ri, shown, head, entries) != 0)
         return fail("cannot read the I-frame index of root index entry %s", std::to_string(ri));
     printf("i-frame index (first block %u, %u blocks): %u i-frames, %u data block entries\n",
-           iframe_head, num, info.iframe_index_num, info.block_index_num);
+           head.first_block, head.blocks, head.iframes, head.block_entries);
     printf("  %-8s %-6s %-8s %-8s %-10s %s\n", "number", "kind", "time", "block", "offset",
            "stream offset / share count");
-    for (unsigned long i = 0; i < count; i++) {
-        const _iframe_index_node_dev_& n = nodes[i];
-        uint32_t block, offset, pts_high;
-        uint64_t stream_offset;
-        memcpy(&block, &n.block_num, 4);
-        memcpy(&offset, &n.block_offset, 4);
-        memcpy(&pts_high, &n.pts_high, 4);
-        memcpy(&stream_offset, &n.stream_segment_offset, 8);
-        if (n.id == IFRAME_INDEX_ID_IFRAME)
+    for (unsigned long i = 0; i < entries.size(); i++) {
+        const IframeEntry& n = entries[i];
+        if (n.iframe)
             printf("  %-8lu i-frame  %02u:%02u:%02u %-8u %-10u %llu\n", i, n.hour, n.minute,
-                   n.second, block, offset, (unsigned long long)stream_offset);
+                   n.second, n.block, n.offset, (unsigned long long)n.stream_offset);
         else
-            printf("  %-8lu block    %-8s %-8u #%-9u shared by %u\n", i, "", block, offset, pts_high);
+            printf("  %-8lu block    %-8s %-8u #%-9u shared by %u\n", i, "", n.block, n.offset,
+                   n.shared_by);
     }
-    if (count == shown && info.iframe_index_num + info.block_index_num > shown)
+    if (entries.size() == shown && head.iframes + head.block_entries > shown)
         printf("  ...\n");
     return 0;
 }
 
-// The stream segments of one root node.
-int print_segments(CQzFileSystem* fs, uint32_t ri, bool iframes)
+// The stream segments of one root entry.
+int print_segments(uint32_t ri, bool iframes)
 {
-    _root_index_node_dev_ root;
-    if (!normal_root(fs, ri, root))
+    RootEntry root;
+    if (!normal_root(ri, root))
         return fail("root index entry %s holds no recordings", std::to_string(ri));
     printf("segments of root index entry %u (20%02u-%02u-%02u, channel %u, stream %u):\n", ri,
            root.year, root.month, root.day, root.channel, root.stream_type);
@@ -352,30 +328,44 @@ int print_segments(CQzFileSystem* fs, uint32_t ri, bool iframes)
            "lock", "first i-frame");
     unsigned long listed = 0;
     for (uint32_t index = 0;; index++) {
-        _stream_segment_index_node_dev_ n;
-        int rc = with_disk_lock(
-            fs, [&] { return fs->Get_stream_segment_index_dev_node(ri, index, &n); });
-        if (rc != 0)
+        IndexSlot slot = IndexSlot::End;
+        SegmentEntry n;
+        if (disk_segment_entry(TOOL_HDD_ID, ri, index, slot, n) != 0)
             return fail("cannot read segment %s", std::to_string(index));
-        if (n.id == END_STREAM_SEGMENT_INDEX)
+        if (slot == IndexSlot::End)
             break;
-        if (n.id == FREE_STREAM_SEGMENT_INDEX)
+        if (slot != IndexSlot::Used)
             continue;
         char end[16] = "recording";
-        if (n.end_hour != QZFS_INVALID_END_HOUR)
+        if (n.closed)
             snprintf(end, sizeof(end), "%02u:%02u:%02u", n.end_hour, n.end_minute, n.end_second);
-        uint64_t len;
-        uint32_t start_iframe;
-        memcpy(&len, &n.len_in_bytes, 8);
-        memcpy(&start_iframe, &n.start_iframe, 4);
         printf("  %-6u %02u:%02u:%02u %-8s %14llu %6u %-4s %u%s\n", index, n.start_hour,
-               n.start_minute, n.start_second, end, (unsigned long long)len, n.record_type,
-               n.lock != 0 ? "yes" : "no", start_iframe,
-               n.id == PRE_RECORD_STREAM_SEGMENT_INDEX ? " (pre-record)" : "");
+               n.start_minute, n.start_second, end, (unsigned long long)n.len, n.record_type,
+               n.locked ? "yes" : "no", n.start_iframe, n.pre_record ? " (pre-record)" : "");
         listed++;
     }
     printf("  %lu segments\n", listed);
-    return iframes ? print_iframes(fs, ri) : 0;
+    return iframes ? print_iframes(ri) : 0;
+}
+
+// Sizes and block counts of the mounted tool disk, then where its key info
+// lies and what its header says.
+void print_disk_summary(const std::string& path)
+{
+    _qzfs_k4t_hdd_info_ info = {};
+    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
+    DiskKeyInfo key;
+    disk_key_info(TOOL_HDD_ID, key);
+    printf("device:           %s\n", path.c_str());
+    printf("block size:       %lu (%lu MiB)\n", (unsigned long)info.block_size,
+           (unsigned long)(info.block_size >> 20));
+    printf("total blocks:     %lu\n", (unsigned long)info.total_num);
+    printf("free blocks:      %lu\n", (unsigned long)info.free_num);
+    printf("key block:        %lu\n", key.key_block);
+    printf("backup key block: %lu\n", key.backup_key_block);
+    printf("label:            %s\n", key.label.c_str());
+    printf("version:          %s\n", key.version.c_str());
+    printf("owner stamp:      %lu\n", key.owner_stamp);
 }
 
 int verb_info(const Args& args)
@@ -395,48 +385,19 @@ int verb_info(const Args& args)
     if (mount_image(path) != 0)
         return 1;
 
-    _qzfs_k4t_hdd_info_ info = {};
-    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
-    CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
-    const _qzfs_disk_manage_& manage = fs->manage();
-
-    unsigned char block_start[QZFS_KEY_HEADER_OFFSET + sizeof(_qzfs_key_header_)];
-    _qzfs_key_header_ header = {};
-    {
-        DiskLockGuard disk(*fs);
-        if (fs->Seek_and_read_in_block(fs->io_interface(), manage.key_block, 0, block_start,
-                                       sizeof(block_start)) == (int)sizeof(block_start))
-            memcpy(&header, block_start + QZFS_KEY_HEADER_OFFSET, sizeof(header));
-    }
-    header.label[sizeof(header.label) - 1] = '\0';
-    header.version[sizeof(header.version) - 1] = '\0';
-
-    printf("device:           %s\n", path.c_str());
-    printf("block size:       %lu (%lu MiB)\n", (unsigned long)info.block_size,
-           (unsigned long)(info.block_size >> 20));
-    printf("total blocks:     %lu\n", (unsigned long)info.total_num);
-    printf("free blocks:      %lu\n", (unsigned long)info.free_num);
-    printf("key block:        %lu\n", manage.key_block);
-    printf("backup key block: %lu\n", manage.bak_key_block);
-    printf("label:            %s\n", header.label);
-    printf("version:          %s\n", header.version);
-    printf("owner stamp:      %lu\n", manage.block_owner_stamp);
-
-    static const char* const type_names[] = {
-        "none", "free", "system", "key info", "root index", "segment index",
-        "i-frame index", "data", "normal file", "bad", "test"};
-    unsigned long counts[11] = {};
-    int counted = with_disk_lock(fs, [&] { return fs->count_blocks_by_type(counts); });
+    print_disk_summary(path);
+    unsigned long counts[kDiskBlockTypes] = {};
+    const int counted = disk_count_blocks(TOOL_HDD_ID, counts);
     if (counted == 0) {
         printf("blocks by type:\n");
-        for (int type = 1; type <= 10; type++)
-            printf("  %-14s %lu\n", type_names[type], counts[type]);
+        for (int type = 1; type < kDiskBlockTypes; type++)
+            printf("  %-14s %lu\n", kDiskBlockTypeNames[type], counts[type]);
     }
     int listed = 0;
     if (counted == 0 && args.option("--index") != nullptr)
-        listed = print_root_index(fs);
+        listed = print_root_index();
     if (counted == 0 && listed == 0 && segments)
-        listed = print_segments(fs, segments_of, args.option("--iframes") != nullptr);
+        listed = print_segments(segments_of, args.option("--iframes") != nullptr);
     api_qzfs_umount(TOOL_HDD_ID);
     if (counted != 0)
         return fail("cannot read the block table of %s", path);
@@ -450,9 +411,8 @@ bool parse_date(const std::string& text, _qzfs_k4t_create_ss_para_& para)
     char tail;
     if (sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail) != 3)
         return false;
-    unsigned char days = 0;
     if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        Get_max_day((unsigned char)(year - 2000), (unsigned char)month, &days) != 1 || day > days)
+        day > days_in_month(year - 2000, month))
         return false;
     para.year = (uint8_t)(year - 2000);
     para.month = (uint8_t)month;
@@ -491,10 +451,8 @@ int verb_index_add(const Args& args)
     const std::string& path = args.positional[0];
     if (mount_image(path) != 0)
         return 1;
-    CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
     uint32_t position = 0;
-    int rc =
-        with_disk_lock(fs, [&] { return fs->Create_root_index_node(&para, &position, nullptr); });
+    const int rc = disk_add_root_entry(TOOL_HDD_ID, para, position);
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("cannot add a root index entry to %s (disk full?)", path);
@@ -514,98 +472,6 @@ bool parse_time(const std::string& text, _qzfs_k4t_create_ss_para_& para)
     para.minute = (uint8_t)minute;
     para.second = (uint8_t)second;
     return true;
-}
-
-// The I-frame entries of `seconds` seconds from the start time of `para`:
-// a block entry for every eighth second's data block, one I-frame a second
-// spread over it. `next_ordinal` counts the data blocks of the root.
-int synthetic_iframes(CQzFileSystem* fs, const _qzfs_k4t_create_ss_para_& para, unsigned seconds,
-                      uint32_t next_ordinal, std::vector<_iframe_index_node_dev_>& nodes,
-                      uint64_t& len)
-{
-    const uint32_t step = uint32_t((fs->manage().block_size - 4096) / 8);
-    uint32_t block = 0;
-    for (unsigned s = 0; s < seconds; s++) {
-        unsigned at = para.hour * 3600u + para.minute * 60u + para.second + s;
-        _iframe_index_node_dev_ n = {};
-        if (s % 8 == 0) {
-            _qzfs_block_info_ info = {};
-            info.block_type = QZFS_BLOCK_DATA;
-            info.owner_stamp = uint32_t(fs->get_block_owner_stamp());
-            info.year = para.year;
-            info.month = para.month;
-            info.day = para.day;
-            unsigned long taken = 0;
-            if (fs->Request_free_block(1, &taken, &info, 0) != 0)
-                return -1;
-            block = uint32_t(taken);
-            uint32_t ordinal = next_ordinal++, shared = 1;
-            n.id = IFRAME_INDEX_ID_BLOCK;
-            memcpy(&n.block_num, &block, 4);
-            memcpy(&n.block_offset, &ordinal, 4);
-            memcpy(&n.pts_high, &shared, 4);
-            nodes.push_back(n);
-            n = {};
-        }
-        uint32_t offset = 4096 + (s % 8) * step, pts = s * 90000u;
-        uint64_t stream_offset = uint64_t(s) * step;
-        n.id = IFRAME_INDEX_ID_IFRAME;
-        n.hour = uint8_t(at / 3600 % 24);
-        n.minute = uint8_t(at / 60 % 60);
-        n.second = uint8_t(at % 60);
-        memcpy(&n.block_num, &block, 4);
-        memcpy(&n.block_offset, &offset, 4);
-        memcpy(&n.pts_low, &pts, 4);
-        memcpy(&n.stream_segment_offset, &stream_offset, 8);
-        nodes.push_back(n);
-    }
-    len = uint64_t(seconds) * step;
-    return 0;
-}
-
-// Creates the segment node, appends its I-frame entries as a writer would
-// (at most 70 at a time) and closes the segment.
-int add_synthetic_segment(CQzFileSystem* fs, uint32_t ri, _qzfs_k4t_create_ss_para_& para,
-                          unsigned seconds, uint32_t& index)
-{
-    uint32_t ssi_num = 0, iframe_head = 0, num = 0;
-    uint32_t *ssi_list = nullptr, *list = nullptr;
-    _iframe_block_info_ info = {};
-    if (fs->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &iframe_head) != 0 ||
-        fs->Get_iframe_block_info(iframe_head, &info) != 0 ||
-        fs->Read_iframe_index_block_list(iframe_head, &num, &list) != 0) {
-        delete[] ssi_list;
-        delete[] info.pBlock_list;
-        return -1;
-    }
-    delete[] ssi_list;
-    delete[] info.pBlock_list;
-    uint32_t next = info.iframe_index_num + info.block_index_num;
-    std::vector<_iframe_index_node_dev_> nodes;
-    uint64_t len = 0;
-    _stream_segment_index_node_dev_ node;
-    int rc = fs->Create_stream_segment_index_node(ri, &para, next + 1, &index, &node);
-    if (rc == 0)
-        rc = synthetic_iframes(fs, para, seconds, info.block_index_num, nodes, len);
-    const uint8_t date_time[6] = {para.year, para.month, para.day, para.hour, para.minute, para.second};
-    for (size_t done = 0; rc == 0 && done < nodes.size();) {
-        size_t count = std::min<size_t>(FS_IFI_BUFFER_NUM, nodes.size() - done);
-        rc = fs->Add_iframe_index(&num, &list, next + done, &nodes[done], count, date_time);
-        done += count;
-    }
-    delete[] list;
-    if (rc != 0)
-        return -1;
-    unsigned end = para.hour * 3600u + para.minute * 60u + para.second + seconds - 1;
-    if (end > 86399)
-        end = 86399;
-    node.end_hour = uint8_t(end / 3600);
-    node.end_minute = uint8_t(end / 60 % 60);
-    node.end_second = uint8_t(end % 60);
-    memcpy(&node.len_in_bytes, &len, 8);
-    if (fs->Modify_stream_segment(ri, index, 0, &node) != 0)
-        return -1;
-    return fs->check_and_modify_root_info(ri, nullptr);
 }
 
 int verb_segment_add(const Args& args)
@@ -634,9 +500,8 @@ int verb_segment_add(const Args& args)
     const std::string& path = args.positional[0];
     if (mount_image(path) != 0)
         return 1;
-    CQzFileSystem* fs = gQzfsManager.get_file_system(TOOL_HDD_ID);
-    _root_index_node_dev_ root;
-    if (!normal_root(fs, ri, root)) {
+    RootEntry root;
+    if (!normal_root(ri, root)) {
         api_qzfs_umount(TOOL_HDD_ID);
         return fail("root index entry %s holds no recordings (see info --index)", std::to_string(ri));
     }
@@ -645,9 +510,12 @@ int verb_segment_add(const Args& args)
     para.day = root.day;
     para.channel = root.channel;
     para.stream_type = root.stream_type;
+    // The I-frame entries spread a second's frames over an eighth of a block.
+    _qzfs_k4t_hdd_info_ info = {};
+    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
     uint32_t index = 0;
-    int rc =
-        with_disk_lock(fs, [&] { return add_synthetic_segment(fs, ri, para, seconds, index); });
+    const int rc =
+        disk_add_synthetic_segment(TOOL_HDD_ID, ri, para, seconds, info.block_size, index);
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("cannot add a segment to %s (segment index or disk full?)", path);
@@ -665,10 +533,8 @@ bool parse_date_time(const std::string& text, _k4t_fs_date_time_& out)
                &minute, &second, &tail) != 7 ||
         (sep != 'T' && sep != ' '))
         return false;
-    unsigned char days = 0;
     if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        Get_max_day((unsigned char)(year - 2000), (unsigned char)month, &days) != 1 || day > days ||
-        hour > 23 || minute > 59 || second > 59)
+        day > days_in_month(year - 2000, month) || hour > 23 || minute > 59 || second > 59)
         return false;
     out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, (uint8_t)hour,
            (uint8_t)minute,        (uint8_t)second, 0};
@@ -779,44 +645,49 @@ private:
 
 int verb_record_h264(const Args& args);
 
-int verb_record(const Args& args)
+// What a synthetic recording is asked for.
+struct RecordRequest {
+    unsigned channels = 0;
+    unsigned seconds = 0;
+    unsigned bitrate = 0;
+    _k4t_fs_date_time_ start = {};
+    unsigned first = 0;  // second of the day of the start
+};
+
+// Checks the options of a synthetic recording and fills in `request`.
+int parse_record_request(const Args& args, RecordRequest& request)
 {
-    if (args.option("--h264") != nullptr)
-        return verb_record_h264(args);
     std::string error;
     if (!only_options(args, {"--channels", "--seconds", "--bitrate", "--start"}, error))
         return fail("%s", error);
     if (args.positional.size() != 1)
         return fail("record takes one IMAGE");
-    unsigned count = 0, seconds = 0, bitrate = 0;
     if (args.option("--channels") == nullptr ||
-        !number_option(args, "--channels", 255, 0, count) || count == 0)
+        !number_option(args, "--channels", 255, 0, request.channels) || request.channels == 0)
         return fail("record needs --channels N (1 to 255)");
     if (args.option("--seconds") == nullptr ||
-        !number_option(args, "--seconds", 86400, 0, seconds) || seconds == 0)
+        !number_option(args, "--seconds", 86400, 0, request.seconds) || request.seconds == 0)
         return fail("record needs --seconds S (1 to 86400)");
-    if (!number_option(args, "--bitrate", 50000000, 4000000, bitrate) || bitrate < 64000)
+    if (!number_option(args, "--bitrate", 50000000, 4000000, request.bitrate) ||
+        request.bitrate < 64000)
         return fail("--bitrate takes 64000 to 50000000 bits a second");
-    _k4t_fs_date_time_ start;
+    _k4t_fs_date_time_& start = request.start;
     const std::string* start_text = args.option("--start");
     if (start_text != nullptr ? !parse_date_time(*start_text, start) : !local_now(start))
         return fail("--start takes a local time YYYY-MM-DDTHH:MM:SS (2000 to 2099)");
-    const unsigned first = start.hour * 3600u + start.minute * 60u + start.second;
-    if (first + seconds > 86400)
+    request.first = start.hour * 3600u + start.minute * 60u + start.second;
+    if (request.first + request.seconds > 86400)
         return fail("the recording would run past midnight; start earlier or record less");
+    return 0;
+}
 
-    const std::string& path = args.positional[0];
-    if (mount_image(path) != 0)
-        return 1;
-    std::vector<Recording> channels;
-    channels.reserve(count);
-    if (choose_disk_for_recording(path) != 0) {
-        end_recording(channels);
-        return 1;
-    }
-    for (unsigned c = 0; c < count; c++) {
-        channels.emplace_back(frames_for_bitrate(uint8_t(c), bitrate, start));
-        _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(c), 0, start);
+// Opens a new segment on each channel of the request; on a failure ends
+// the recording and reports it.
+int start_channels(const RecordRequest& request, std::vector<Recording>& channels)
+{
+    for (unsigned c = 0; c < request.channels; c++) {
+        channels.emplace_back(frames_for_bitrate(uint8_t(c), request.bitrate, request.start));
+        _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(c), 0, request.start);
         Recording& r = channels.back();
         r.fd = api_qzfs_create_stream_segment(&para);
         if (r.fd <= 0 || api_qzfs_get_fd_info(r.fd, &r.id) != 0) {
@@ -825,15 +696,19 @@ int verb_record(const Args& args)
                         std::to_string(c));
         }
     }
+    return 0;
+}
 
-    // The channels take turns, a frame each, as a recorder's channels
-    // deliver them, and the simulated clock runs as the frames say.
-    const auto began = std::chrono::steady_clock::now();
-    Progress progress(seconds);
-    unsigned long long bytes = 0;
+// The channels take turns, a frame each, as a recorder's channels deliver
+// them, and the simulated clock runs as the frames say. Adds what was
+// written to `bytes`; on a failed write ends the recording and reports it.
+bool write_channels(std::vector<Recording>& channels, const RecordRequest& request,
+                    unsigned long long& bytes)
+{
+    Progress progress(request.seconds);
     FrameBatch batch;
     const unsigned fps = channels.front().source.config().fps;
-    for (unsigned long frame = 0; frame < (unsigned long)seconds * fps; frame++) {
+    for (unsigned long frame = 0; frame < (unsigned long)request.seconds * fps; frame++) {
         for (Recording& r : channels) {
             batch.clear();
             r.source.append_frame(batch);
@@ -841,13 +716,14 @@ int verb_record(const Args& args)
             if (api_qzfs_write_video_data(r.fd, batch.bytes.data(), len, int(batch.infos.size()),
                                           batch.infos.empty() ? nullptr : batch.infos.data()) != len) {
                 progress.finish();
-                const unsigned at = first + unsigned(frame / fps);
+                const unsigned at = request.first + unsigned(frame / fps);
                 char when[16];
                 snprintf(when, sizeof(when), "%02u:%02u:%02u", at / 3600, at / 60 % 60, at % 60);
                 end_recording(channels);
-                return fail("writing failed (disk full?) %s",
-                            "on channel " + std::to_string(r.source.config().channel) + " at " +
-                                when + "; what came before is kept");
+                fail("writing failed (disk full?) %s",
+                     "on channel " + std::to_string(r.source.config().channel) + " at " + when +
+                         "; what came before is kept");
+                return false;
             }
             bytes += (unsigned long long)len;
         }
@@ -855,6 +731,14 @@ int verb_record(const Args& args)
             progress.update(unsigned(frame / fps) + 1, bytes);
     }
     progress.finish();
+    return true;
+}
+
+// Closes the channels' segments, lets the disk go and says what was
+// recorded, and how fast, since `began`.
+int finish_recording(std::vector<Recording>& channels, const RecordRequest& request,
+                     unsigned long long bytes, std::chrono::steady_clock::time_point began)
+{
     int failed_close = 0;
     for (Recording& r : channels) {
         if (api_qzfs_close_stream_segment(r.fd) != 0)
@@ -869,11 +753,37 @@ int verb_record(const Args& args)
     for (const Recording& r : channels)
         printf("channel %u: root index entry %u, segment %u\n", r.source.config().channel,
                r.id.root_index, r.id.stream_segment_index);
+    const _k4t_fs_date_time_& start = request.start;
     printf("recorded %u channels x %u s from 20%02u-%02u-%02u %02u:%02u:%02u: %llu bytes in %.2f s "
            "(%.1f MB/s)\n",
-           count, seconds, start.year, start.month, start.day, start.hour, start.minute,
-           start.second, bytes, wall, wall > 0 ? double(bytes) / wall / 1e6 : 0.0);
+           request.channels, request.seconds, start.year, start.month, start.day, start.hour,
+           start.minute, start.second, bytes, wall, wall > 0 ? double(bytes) / wall / 1e6 : 0.0);
     return 0;
+}
+
+int verb_record(const Args& args)
+{
+    if (args.option("--h264") != nullptr)
+        return verb_record_h264(args);
+    RecordRequest request;
+    if (parse_record_request(args, request) != 0)
+        return 1;
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    std::vector<Recording> channels;
+    channels.reserve(request.channels);
+    if (choose_disk_for_recording(path) != 0) {
+        end_recording(channels);
+        return 1;
+    }
+    if (start_channels(request, channels) != 0)
+        return 1;
+    const auto began = std::chrono::steady_clock::now();
+    unsigned long long bytes = 0;
+    if (!write_channels(channels, request, bytes))
+        return 1;
+    return finish_recording(channels, request, bytes, began);
 }
 
 // "2026-11-21 08:00:00"
@@ -899,7 +809,7 @@ _k4t_fs_date_time_ at_second_of_day(const _k4t_fs_date_time_& day, unsigned seco
 
 unsigned second_of_day(const _k4t_fs_date_time_& t)
 {
-    return qzfs_second_of_day(t.hour, t.minute, t.second);
+    return t.hour * 3600u + t.minute * 60u + t.second;
 }
 
 // Orders two moments by their fields, the way the recordings store them.
@@ -978,68 +888,71 @@ void end_session(int fd, bool grouped)
     api_qzfs_umount(TOOL_HDD_ID);
 }
 
-int verb_record_h264(const Args& args)
+// What recording an H.264 clip is asked for, with the clip cut into its
+// access units.
+struct H264Request {
+    unsigned channel = 0;
+    unsigned fps = 0;
+    _k4t_fs_date_time_ start = {};
+    unsigned first = 0;      // second of the day of the first frame
+    unsigned long span = 0;  // seconds from the first frame to the last
+    std::string clip_path;
+    std::vector<uint8_t> clip;
+    std::vector<H264AccessUnit> units;
+};
+
+// Checks the options of an H.264 recording, reads the clip and checks that
+// it fits into the day.
+int parse_h264_request(const Args& args, H264Request& request)
 {
     std::string error;
     if (!only_options(args, {"--h264", "--channel", "--start", "--fps"}, error))
         return fail("%s (record --h264 takes --channel, --start and --fps)", error);
     if (args.positional.size() != 1)
         return fail("record takes one IMAGE");
-    unsigned channel = 0, fps = 0;
-    if (args.option("--channel") == nullptr || !number_option(args, "--channel", 254, 0, channel))
+    if (args.option("--channel") == nullptr ||
+        !number_option(args, "--channel", 254, 0, request.channel))
         return fail("record --h264 needs --channel C (0 to 254)");
-    if (!number_option(args, "--fps", 1000, 25, fps) || fps == 0)
+    if (!number_option(args, "--fps", 1000, 25, request.fps) || request.fps == 0)
         return fail("--fps takes 1 to 1000 frames a second");
-    _k4t_fs_date_time_ start;
     const std::string* start_text = args.option("--start");
-    if (start_text == nullptr || !parse_date_time(*start_text, start))
+    if (start_text == nullptr || !parse_date_time(*start_text, request.start))
         return fail("record --h264 needs --start YYYY-MM-DDTHH:MM:SS (local time, 2000 to 2099)");
 
-    const std::string& clip_path = *args.option("--h264");
-    std::vector<uint8_t> clip;
-    std::vector<H264AccessUnit> units;
-    if (!read_whole_file(clip_path, clip, error) ||
-        !access_units_for_recording(clip_path, clip, units, error))
+    request.clip_path = *args.option("--h264");
+    if (!read_whole_file(request.clip_path, request.clip, error) ||
+        !access_units_for_recording(request.clip_path, request.clip, request.units, error))
         return fail("%s", error);
-    const unsigned first = second_of_day(start);
-    const unsigned long span = (units.size() - 1) / fps;  // seconds from first to last frame
-    if (first + span > 86399) {
-        const std::string latest = span <= 86399 ? format_date_time(at_second_of_day(
-                                                       start, unsigned(86399 - span)))
-                                                 : "";
-        return fail("%s", "the clip (" + std::to_string(units.size()) + " frames at " +
-                              std::to_string(fps) + " a second) would run past midnight" +
+    request.first = second_of_day(request.start);
+    request.span = (request.units.size() - 1) / request.fps;
+    if (request.first + request.span > 86399) {
+        const std::string latest =
+            request.span <= 86399
+                ? format_date_time(at_second_of_day(request.start, unsigned(86399 - request.span)))
+                : "";
+        return fail("%s", "the clip (" + std::to_string(request.units.size()) + " frames at " +
+                              std::to_string(request.fps) + " a second) would run past midnight" +
                               (latest.empty() ? std::string("; it is longer than a day")
                                               : "; start at " + latest + " at the latest"));
     }
+    return 0;
+}
 
-    const std::string& path = args.positional[0];
-    if (mount_image(path) != 0)
-        return 1;
-    if (choose_disk_for_recording(path) != 0) {
-        end_session(-1, true);
-        return 1;
-    }
-    _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(channel), 0, start);
-    _k4t_stream_segment_id_ id = {};
-    int fd = api_qzfs_create_stream_segment(&para);
-    if (fd <= 0 || api_qzfs_get_fd_info(fd, &id) != 0) {
-        end_session(fd, true);
-        return fail("cannot start recording channel %s (disk full or too many streams?)",
-                    std::to_string(channel));
-    }
-
-    // One write a frame, as a recorder hands over its frames.
+// Writes the clip to `fd`, one write a frame, as a recorder hands over its
+// frames; counts the bytes of frames and the I-frames. On a failed write
+// ends the session and reports it.
+bool write_h264_frames(int fd, const H264Request& request, unsigned long long& frame_bytes,
+                       unsigned long& iframes)
+{
     std::vector<uint8_t> frame;
-    unsigned long long frame_bytes = 0;
-    unsigned long iframes = 0;
-    for (size_t i = 0; i < units.size(); i++) {
-        const H264AccessUnit& unit = units[i];
-        const _k4t_fs_date_time_ when = at_second_of_day(start, unsigned(first + i / fps));
-        const uint64_t pts = uint64_t(i) * 90000u / fps;
+    for (size_t i = 0; i < request.units.size(); i++) {
+        const H264AccessUnit& unit = request.units[i];
+        const _k4t_fs_date_time_ when =
+            at_second_of_day(request.start, unsigned(request.first + i / request.fps));
+        const uint64_t pts = uint64_t(i) * 90000u / request.fps;
         frame.clear();
-        wrap_stored_frame(frame, uint8_t(channel), unit.idr, when, pts, clip.data() + unit.offset,
-                          unit.length);
+        wrap_stored_frame(frame, uint8_t(request.channel), unit.idr, when, pts,
+                          request.clip.data() + unit.offset, unit.length);
         _k4t_video_frame_info_ info = {};
         if (unit.idr) {
             info.hour = when.hour;
@@ -1055,20 +968,50 @@ int verb_record_h264(const Args& args)
         if (api_qzfs_write_video_data(fd, frame.data(), len, unit.idr ? 1 : 0,
                                       unit.idr ? &info : nullptr) != len) {
             end_session(fd, true);
-            return fail("writing frame %s failed (disk full?); what came before is kept",
-                        std::to_string(i) + " at " + format_date_time(when));
+            fail("writing frame %s failed (disk full?); what came before is kept",
+                 std::to_string(i) + " at " + format_date_time(when));
+            return false;
         }
         frame_bytes += (unsigned long long)len;
     }
+    return true;
+}
+
+int verb_record_h264(const Args& args)
+{
+    H264Request request;
+    if (parse_h264_request(args, request) != 0)
+        return 1;
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    if (choose_disk_for_recording(path) != 0) {
+        end_session(-1, true);
+        return 1;
+    }
+    _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(request.channel), 0, request.start);
+    _k4t_stream_segment_id_ id = {};
+    int fd = api_qzfs_create_stream_segment(&para);
+    if (fd <= 0 || api_qzfs_get_fd_info(fd, &id) != 0) {
+        end_session(fd, true);
+        return fail("cannot start recording channel %s (disk full or too many streams?)",
+                    std::to_string(request.channel));
+    }
+    unsigned long long frame_bytes = 0;
+    unsigned long iframes = 0;
+    if (!write_h264_frames(fd, request, frame_bytes, iframes))
+        return 1;
     const int closed = api_qzfs_close_stream_segment(fd);
     end_session(-1, true);
     if (closed != 0)
         return fail("closing the segment failed");
-    const _k4t_fs_date_time_ last = at_second_of_day(start, unsigned(first + span));
+    const _k4t_fs_date_time_ last =
+        at_second_of_day(request.start, unsigned(request.first + request.span));
     printf("recorded %s on channel %u: %zu frames (%lu I-frames), %zu bytes of H.264 in %llu "
            "bytes of frames, from %s to %s at %u frames a second\n",
-           clip_path.c_str(), channel, units.size(), iframes, clip.size(), frame_bytes,
-           format_date_time(start).c_str(), format_date_time(last).c_str(), fps);
+           request.clip_path.c_str(), request.channel, request.units.size(), iframes,
+           request.clip.size(), frame_bytes, format_date_time(request.start).c_str(),
+           format_date_time(last).c_str(), request.fps);
     printf("segment %u:%u:%u\n", id.hdd_id, id.root_index, id.stream_segment_index);
     return 0;
 }
@@ -1198,121 +1141,183 @@ bool export_iframes(int fd, FILE* out, bool raw, unsigned skip, bool reverse,
     }
 }
 
-int verb_export(const Args& args)
+// What an export is asked for: one segment by its id, or a channel's time
+// range; all frames or the I-frames only.
+struct ExportRequest {
+    std::string out_path;
+    bool raw = false;
+    bool iframes = false;
+    bool reverse = false;
+    unsigned skip = 0;
+    bool by_id = false;
+    _k4t_stream_segment_id_ id = {};
+    _qzfs_k4t_stream_open_para_ para = {};  // by time: where the reading starts
+    _k4t_fs_date_time_ to = {};             // by time: where it stops
+};
+
+// --id HDD:ROOT:SEG: one segment of the tool's disk.
+int parse_export_by_id(const Args& args, ExportRequest& request)
+{
+    if (args.option("--channel") || args.option("--from") || args.option("--to") ||
+        args.option("--stream"))
+        return fail("export --id takes no --channel, --from, --to or --stream");
+    if (!parse_segment_id(*args.option("--id"), request.id))
+        return fail("--id takes HDD:ROOT:SEG, as record prints it (e.g. 0:0:0)");
+    if (request.id.hdd_id != TOOL_HDD_ID)
+        return fail("the tool mounts its image as disk %s, so --id begins with it",
+                    std::to_string(TOOL_HDD_ID));
+    return 0;
+}
+
+// --channel C --from TIME --to TIME [--stream T]: a time range within one
+// day. Walking back, the reading starts at its end and stops at its start.
+int parse_export_by_time(const Args& args, ExportRequest& request)
+{
+    unsigned channel = 0, stream = 0;
+    if (args.option("--channel") == nullptr || !number_option(args, "--channel", 254, 0, channel))
+        return fail("export needs --id HDD:ROOT:SEG, or --channel C (0 to 254) with --from "
+                    "and --to");
+    if (!number_option(args, "--stream", 255, 0, stream))
+        return fail("--stream takes 0 to 255");
+    const std::string* from_text = args.option("--from");
+    const std::string* to_text = args.option("--to");
+    _k4t_fs_date_time_ from;
+    _k4t_fs_date_time_& to = request.to;
+    if (from_text == nullptr || !parse_date_time(*from_text, from) || to_text == nullptr ||
+        !parse_date_time(*to_text, to))
+        return fail("export --channel needs --from and --to as YYYY-MM-DDTHH:MM:SS");
+    if (compare_date_time(from, to) > 0)
+        return fail("--to is earlier than --from");
+    if (from.year != to.year || from.month != to.month || from.day != to.day)
+        return fail("--from and --to lie on different days; export one day at a time");
+    _qzfs_k4t_stream_open_para_& para = request.para;
+    para.channel = uint8_t(channel);
+    para.stream_type = uint8_t(stream);
+    para.record_type_bitmap = 0xFFFF;
+    para.group_bitmap = 1u << 0;
+    para.date_time = request.reverse ? to : from;
+    if (request.reverse)
+        to = from;
+    return 0;
+}
+
+// Checks the options of an export and fills in `request`.
+int parse_export_request(const Args& args, ExportRequest& request)
 {
     std::string error;
     if (!only_options(args, {"--id", "--out", "--raw", "--channel", "--from", "--to", "--stream",
                              "--iframes", "--skip", "--reverse"},
                       error))
         return fail("%s", error);
-    const bool iframes = args.option("--iframes") != nullptr;
-    const bool reverse = args.option("--reverse") != nullptr;
-    unsigned skip = 0;
-    if (!number_option(args, "--skip", 255, 0, skip))
+    request.iframes = args.option("--iframes") != nullptr;
+    request.reverse = args.option("--reverse") != nullptr;
+    if (!number_option(args, "--skip", 255, 0, request.skip))
         return fail("--skip takes 0 to 255");
-    if (!iframes && (reverse || args.option("--skip") != nullptr))
+    if (!request.iframes && (request.reverse || args.option("--skip") != nullptr))
         return fail("--skip and --reverse go with --iframes");
     if (args.positional.size() != 1)
         return fail("export takes one IMAGE");
     const std::string* out_path = args.option("--out");
     if (out_path == nullptr || out_path->empty())
         return fail("export needs --out FILE (the library logs to standard output)");
-    const bool raw = args.option("--raw") != nullptr;
-    const bool by_id = args.option("--id") != nullptr;
-    _k4t_stream_segment_id_ id = {};
-    _qzfs_k4t_stream_open_para_ para = {};
-    _k4t_fs_date_time_ to = {};
-    if (by_id) {
-        if (args.option("--channel") || args.option("--from") || args.option("--to") ||
-            args.option("--stream"))
-            return fail("export --id takes no --channel, --from, --to or --stream");
-        if (!parse_segment_id(*args.option("--id"), id))
-            return fail("--id takes HDD:ROOT:SEG, as record prints it (e.g. 0:0:0)");
-        if (id.hdd_id != TOOL_HDD_ID)
-            return fail("the tool mounts its image as disk %s, so --id begins with it",
-                        std::to_string(TOOL_HDD_ID));
-    } else {
-        unsigned channel = 0, stream = 0;
-        if (args.option("--channel") == nullptr ||
-            !number_option(args, "--channel", 254, 0, channel))
-            return fail("export needs --id HDD:ROOT:SEG, or --channel C (0 to 254) with --from "
-                        "and --to");
-        if (!number_option(args, "--stream", 255, 0, stream))
-            return fail("--stream takes 0 to 255");
-        const std::string* from_text = args.option("--from");
-        const std::string* to_text = args.option("--to");
-        _k4t_fs_date_time_ from;
-        if (from_text == nullptr || !parse_date_time(*from_text, from) || to_text == nullptr ||
-            !parse_date_time(*to_text, to))
-            return fail("export --channel needs --from and --to as YYYY-MM-DDTHH:MM:SS");
-        if (compare_date_time(from, to) > 0)
-            return fail("--to is earlier than --from");
-        if (from.year != to.year || from.month != to.month || from.day != to.day)
-            return fail("--from and --to lie on different days; export one day at a time");
-        para.channel = uint8_t(channel);
-        para.stream_type = uint8_t(stream);
-        para.record_type_bitmap = 0xFFFF;
-        para.group_bitmap = 1u << 0;
-        para.date_time = reverse ? to : from;
-        if (reverse)
-            to = from;
-    }
+    request.out_path = *out_path;
+    request.raw = args.option("--raw") != nullptr;
+    request.by_id = args.option("--id") != nullptr;
+    return request.by_id ? parse_export_by_id(args, request) : parse_export_by_time(args, request);
+}
 
-    const std::string& path = args.positional[0];
+// Mounts the image and opens the segment, or the channel at the time, the
+// request reads. The stream's descriptor; -1 when that fails (reported,
+// and the image let go again).
+int open_export_source(const std::string& path, ExportRequest& request)
+{
     if (mount_image(path) != 0)
-        return 1;
+        return -1;
     // A search by time looks at the disks of the groups it is given.
-    if (!by_id && api_qzfs_add_disk_to_group(TOOL_HDD_ID, 0) != 0) {
+    if (!request.by_id && api_qzfs_add_disk_to_group(TOOL_HDD_ID, 0) != 0) {
         end_session(-1, false);
-        return fail("cannot put %s in a group to search it", path);
+        fail("cannot put %s in a group to search it", path);
+        return -1;
     }
-    const int fd = by_id ? api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0)
-                         : api_qzfs_open_stream_segment_by_para(&para, QZFS_K4T_OSF_CONTINUE);
-    if (fd <= 0) {
-        end_session(-1, !by_id);
-        if (by_id)
-            return fail("there is no segment %s (see info --index and --segments)",
-                        std::to_string(id.hdd_id) + ":" + std::to_string(id.root_index) + ":" +
-                            std::to_string(id.stream_segment_index) + " on " + path);
-        return fail("%s", "channel " + std::to_string(para.channel) + " (stream type " +
-                              std::to_string(para.stream_type) + ") recorded nothing on " + path +
-                              " from " + format_date_time(para.date_time) + " to the end of that day");
+    _k4t_stream_segment_id_& id = request.id;
+    _qzfs_k4t_stream_open_para_& para = request.para;
+    const int fd = request.by_id ? api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0)
+                                 : api_qzfs_open_stream_segment_by_para(&para, QZFS_K4T_OSF_CONTINUE);
+    if (fd > 0)
+        return fd;
+    end_session(-1, !request.by_id);
+    if (request.by_id)
+        fail("there is no segment %s (see info --index and --segments)",
+             std::to_string(id.hdd_id) + ":" + std::to_string(id.root_index) + ":" +
+                 std::to_string(id.stream_segment_index) + " on " + path);
+    else
+        fail("%s", "channel " + std::to_string(para.channel) + " (stream type " +
+                       std::to_string(para.stream_type) + ") recorded nothing on " + path +
+                       " from " + format_date_time(para.date_time) + " to the end of that day");
+    return -1;
+}
+
+// Reads the stream of `fd` to `out`: all its frames, or its I-frames
+// forward or back. Walking a segment back starts at its end.
+bool export_stream(int fd, FILE* out, const ExportRequest& request, ExportCount& count,
+                   std::string& error)
+{
+    const _k4t_fs_date_time_* stop = request.by_id ? nullptr : &request.to;
+    if (!request.iframes)
+        return export_frames(fd, out, request.raw, stop, count, error);
+    if (request.reverse && request.by_id &&
+        api_qzfs_seek_stream_segment_by_offset(fd, 0, SEEK_END) != 0) {
+        error = "cannot move to the end of the segment";
+        return false;
     }
-    FILE* out = fopen(out_path->c_str(), "wb");
+    return export_iframes(fd, out, request.raw, request.skip, request.reverse, stop, count, error);
+}
+
+// Writes the stream of `fd` to the request's output file, closes the stream
+// and lets the image go; a failed export leaves no output file behind.
+int write_export(int fd, const ExportRequest& request)
+{
+    const char* out_path = request.out_path.c_str();
+    FILE* out = fopen(out_path, "wb");
     if (out == nullptr) {
-        end_session(fd, !by_id);
-        return fail("cannot create %s", *out_path + ": " + strerror(errno));
+        end_session(fd, !request.by_id);
+        return fail("cannot create %s", request.out_path + ": " + strerror(errno));
     }
     ExportCount count;
-    bool ok = true;
-    if (iframes && reverse && by_id && api_qzfs_seek_stream_segment_by_offset(fd, 0, SEEK_END) != 0) {
-        ok = false;
-        error = "cannot move to the end of the segment";
-    }
-    if (ok)
-        ok = iframes ? export_iframes(fd, out, raw, skip, reverse, by_id ? nullptr : &to, count, error)
-                     : export_frames(fd, out, raw, by_id ? nullptr : &to, count, error);
+    std::string error;
+    bool ok = export_stream(fd, out, request, count, error);
     if (fclose(out) != 0 && ok) {
         ok = false;
         error = std::string("writing the output failed: ") + strerror(errno);
     }
-    end_session(fd, !by_id);
-    if (ok && !by_id && count.frames == 0) {
+    end_session(fd, !request.by_id);
+    if (ok && !request.by_id && count.frames == 0) {
         ok = false;
-        error = "channel " + std::to_string(para.channel) + " recorded nothing from " +
-                format_date_time(para.date_time) + " to " + format_date_time(to) +
+        error = "channel " + std::to_string(request.para.channel) + " recorded nothing from " +
+                format_date_time(request.para.date_time) + " to " + format_date_time(request.to) +
                 " (its next recording begins later)";
     }
     if (!ok) {
-        unlink(out_path->c_str());
+        unlink(out_path);
         return fail("%s", error);
     }
     printf("exported %lu frames (%lu I-frames) from %lu segment%s: %llu bytes %s to %s\n",
            count.frames, count.iframes, count.segments, count.segments == 1 ? "" : "s",
-           count.bytes, raw ? "of stored frames" : "of payload", out_path->c_str());
+           count.bytes, request.raw ? "of stored frames" : "of payload", out_path);
     if (count.audio_left_out > 0)
         printf("%lu audio frames left out\n", count.audio_left_out);
     return 0;
+}
+
+int verb_export(const Args& args)
+{
+    ExportRequest request;
+    if (parse_export_request(args, request) != 0)
+        return 1;
+    const int fd = open_export_source(args.positional[0], request);
+    if (fd <= 0)
+        return 1;
+    return write_export(fd, request);
 }
 
 // ---------------------------------------------------------------- browsing
@@ -1365,10 +1370,8 @@ bool parse_date(const std::string& text, _k4t_fs_date_& out, bool month_only)
     char tail;
     const int fields = month_only ? sscanf(text.c_str(), "%4u-%2u%c", &year, &month, &tail)
                                   : sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail);
-    unsigned char days = 0;
     if (fields != (month_only ? 2 : 3) || year < 2000 || year > 2099 || month < 1 || month > 12 ||
-        Get_max_day((unsigned char)(year - 2000), (unsigned char)month, &days) != 1 || day < 1 ||
-        day > days)
+        day < 1 || day > days_in_month(year - 2000, month))
         return false;
     out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, 0};
     return true;
@@ -1445,7 +1448,7 @@ int verb_ls(const Args& args)
             return fail("cannot list the recorded days");
         }
         std::sort(days.begin(), days.end(), [](const _k4t_fs_date_& x, const _k4t_fs_date_& y) {
-            return Compare_date(x.year, x.month, x.day, y.year, y.month, y.day) == 2;
+            return std::make_tuple(x.year, x.month, x.day) < std::make_tuple(y.year, y.month, y.day);
         });
     }
     printf("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
@@ -1464,6 +1467,41 @@ int verb_ls(const Args& args)
     leave_group(mounted);
     printf("%ld segment%s\n", total, total == 1 ? "" : "s");
     return 0;
+}
+
+// Prints the month of a calendar query, Monday first, with the days that
+// hold recordings marked, and then those days as a list.
+void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& query)
+{
+    const unsigned days = days_in_month(month.year, month.month);
+    struct tm first = {};
+    first.tm_year = 100 + month.year;
+    first.tm_mon = month.month - 1;
+    first.tm_mday = 1;
+    first.tm_hour = 12;
+    mktime(&first);
+    static const char* const kMonths[] = {"January", "February", "March",     "April",
+                                          "May",     "June",     "July",      "August",
+                                          "September", "October", "November", "December"};
+    printf("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
+           month.year);
+    printf(" Mo  Tu  We  Th  Fr  Sa  Su\n");
+    const int lead = (first.tm_wday + 6) % 7;
+    printf("%*s", lead * 4, "");
+    std::string recorded;
+    for (unsigned day = 1; day <= days; day++) {
+        bool any = false, locked = false;
+        for (unsigned c = 0; c < 32; c++) {
+            any = any || query.day_info[c][day - 1].record_type != 0;
+            locked = locked || query.day_info[c][day - 1].lock != 0;
+        }
+        printf("%3u%c", day, locked ? 'L' : any ? '*' : ' ');
+        if ((lead + day) % 7 == 0 || day == days)
+            printf("\n");
+        if (any)
+            recorded += (recorded.empty() ? "" : ", ") + std::to_string(day);
+    }
+    printf("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
 }
 
 int verb_calendar(const Args& args)
@@ -1492,36 +1530,7 @@ int verb_calendar(const Args& args)
     if (rc != 0)
         return fail("the calendar query failed");
 
-    unsigned char days = 0;
-    Get_max_day(month.year, month.month, &days);
-    struct tm first = {};
-    first.tm_year = 100 + month.year;
-    first.tm_mon = month.month - 1;
-    first.tm_mday = 1;
-    first.tm_hour = 12;
-    mktime(&first);
-    static const char* const kMonths[] = {"January", "February", "March",     "April",
-                                          "May",     "June",     "July",      "August",
-                                          "September", "October", "November", "December"};
-    printf("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
-           month.year);
-    printf(" Mo  Tu  We  Th  Fr  Sa  Su\n");
-    const int lead = (first.tm_wday + 6) % 7;
-    printf("%*s", lead * 4, "");
-    std::string recorded;
-    for (unsigned day = 1; day <= days; day++) {
-        bool any = false, locked = false;
-        for (unsigned c = 0; c < 32; c++) {
-            any = any || query->day_info[c][day - 1].record_type != 0;
-            locked = locked || query->day_info[c][day - 1].lock != 0;
-        }
-        printf("%3u%c", day, locked ? 'L' : any ? '*' : ' ');
-        if ((lead + day) % 7 == 0 || day == days)
-            printf("\n");
-        if (any)
-            recorded += (recorded.empty() ? "" : ", ") + std::to_string(day);
-    }
-    printf("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
+    print_month(month, *query);
     return 0;
 }
 

@@ -1,0 +1,115 @@
+// disk_inspect: what the host tool does below the exported interface.
+//
+// An application reaches a disk through the api_qzfs_... calls alone, and so
+// does the tool wherever they do the job. A few of its verbs look at, or
+// write, what those calls keep hidden: the root and segment index entries
+// one by one, the I-frame index of a root entry, the key info block and the
+// block table. This is the one place where the tool does that; the records
+// below carry what it prints, so the rest of the tool needs nothing but the
+// public header. Every function takes the id of a mounted disk and holds
+// that disk's lock while it reads or writes.
+#ifndef QZFS_TOOL_DISK_INSPECT_H
+#define QZFS_TOOL_DISK_INSPECT_H
+
+#include "qzfilesystem_api.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// The key info block and what its header says.
+struct DiskKeyInfo {
+    unsigned long key_block = 0;
+    unsigned long backup_key_block = 0;
+    unsigned long owner_stamp = 0;
+    std::string label;    // empty when the header cannot be read
+    std::string version;  // likewise
+};
+
+// The block table counted by block type: counts[type] for types 1 to 10.
+const int kDiskBlockTypes = 11;
+extern const char* const kDiskBlockTypeNames[kDiskBlockTypes];
+
+// What a position of the root or segment index holds.
+enum class IndexSlot {
+    End,     // the end of the index: no used entry follows
+    Unused,  // a free (or otherwise not normal) entry
+    Used     // an entry with recordings
+};
+
+// One used root index entry: a day, channel, stream type and name.
+struct RootEntry {
+    uint8_t year = 0, month = 0, day = 0;
+    uint8_t channel = 0, stream_type = 0;
+    std::string name;
+    uint16_t record_types = 0;
+    uint32_t segment_index_block = 0;
+};
+
+// One stream segment entry of a root entry.
+struct SegmentEntry {
+    uint8_t start_hour = 0, start_minute = 0, start_second = 0;
+    bool closed = false;  // false while it records: no end time yet
+    uint8_t end_hour = 0, end_minute = 0, end_second = 0;
+    uint64_t len = 0;
+    uint8_t record_type = 0;
+    bool locked = false;
+    uint32_t start_iframe = 0;
+    bool pre_record = false;
+};
+
+// The head of the I-frame index of a root entry.
+struct IframeIndexHead {
+    uint32_t first_block = 0;
+    uint32_t blocks = 0;
+    uint32_t iframes = 0;      // I-frame entries
+    uint32_t block_entries = 0; // entries that stand for a data block
+};
+
+// One entry of an I-frame index: an I-frame, or a data block the writer
+// opened (its ordinal among the root's data blocks and its share count).
+struct IframeEntry {
+    bool iframe = false;
+    uint8_t hour = 0, minute = 0, second = 0;
+    uint32_t block = 0;
+    uint32_t offset = 0;  // offset in the block; for a block entry its ordinal
+    uint64_t stream_offset = 0;
+    uint32_t shared_by = 0;
+};
+
+// Key block places, owner stamp, label and version of the disk.
+bool disk_key_info(unsigned char hdd, DiskKeyInfo& out);
+
+// Counts the blocks of the disk by type; 0 on success.
+int disk_count_blocks(unsigned char hdd, unsigned long counts[kDiskBlockTypes]);
+
+// The first block of the root index; false when the disk has none.
+bool disk_root_index_block(unsigned char hdd, unsigned long& block);
+
+// Reads root index position `position`; 0 on success, with `slot` saying
+// what it holds and `entry` filled in for a used one.
+int disk_root_entry(unsigned char hdd, uint32_t position, IndexSlot& slot, RootEntry& entry);
+
+// Reads segment `index` of root entry `root`, as disk_root_entry does.
+int disk_segment_entry(unsigned char hdd, uint32_t root, uint32_t index, IndexSlot& slot,
+                       SegmentEntry& entry);
+
+// The head of the I-frame index of root entry `root` and at most `limit`
+// of its first entries; 0 on success.
+int disk_iframe_index(unsigned char hdd, uint32_t root, unsigned long limit, IframeIndexHead& head,
+                      std::vector<IframeEntry>& entries);
+
+// Adds an empty root index entry for the day, channel, stream type, name and
+// record type of `para`, with its segment and I-frame index blocks; 0 on
+// success, with its position.
+int disk_add_root_entry(unsigned char hdd, const _qzfs_k4t_create_ss_para_& para,
+                        uint32_t& position);
+
+// Adds a closed segment of `seconds` seconds from the start time of `para`
+// to root entry `root`: one I-frame a second in its I-frame index and a data
+// block taken for every eight seconds, spread over blocks of `block_size`
+// bytes; no frames are written. 0 on success, with the segment's index.
+int disk_add_synthetic_segment(unsigned char hdd, uint32_t root, const _qzfs_k4t_create_ss_para_& para,
+                               unsigned seconds, unsigned long block_size, uint32_t& index);
+
+#endif
