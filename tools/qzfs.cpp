@@ -229,14 +229,21 @@ int verb_format(const Args& args)
     return 0;
 }
 
-// Mounts IMAGE as the tool's disk; the caller unmounts.
-int mount_image(const std::string& path)
+// Mounts IMAGE as disk `hdd_id`. A path that is not there is named at once:
+// the library would try to open it a few times, half a second apart, as a
+// disk that has just appeared may need.
+int mount_disk(unsigned char hdd_id, const std::string& path)
 {
+    if (access(path.c_str(), F_OK) != 0)
+        return fail("no such image: %s", path);
     std::string copy = path;
-    if (api_qzfs_mount(TOOL_HDD_ID, &copy[0]) != 0)
+    if (api_qzfs_mount(hdd_id, &copy[0]) != 0)
         return fail("cannot mount %s (not formatted, or its key info is damaged)", path);
     return 0;
 }
+
+// Mounts IMAGE as the tool's disk; the caller unmounts.
+int mount_image(const std::string& path) { return mount_disk(TOOL_HDD_ID, path); }
 
 // Lists the used root index entries of the mounted tool disk.
 int print_root_index()
@@ -1332,9 +1339,8 @@ int mount_group(const std::vector<std::string>& paths, unsigned& mounted)
     if (paths.empty() || paths.size() > kMaxGroupImages)
         return fail("give 1 to %s images", std::to_string(kMaxGroupImages));
     for (const std::string& path : paths) {
-        std::string copy = path;
-        if (api_qzfs_mount((unsigned char)mounted, &copy[0]) != 0)
-            return fail("cannot mount %s (not formatted, or its key info is damaged)", path);
+        if (mount_disk((unsigned char)mounted, path) != 0)
+            return 1;
         mounted++;
         if (api_qzfs_add_disk_to_group((unsigned char)(mounted - 1), 0) != 0)
             return fail("cannot put %s in a group", path);
