@@ -266,10 +266,14 @@ TEST_F(DeviceIo, NonBareDeviceIsRefused)
 TEST_F(DeviceIo, MissingDeviceIsTriedFiveTimesWithPauses)
 {
     std::string missing = scratch_.path("no-such-disk");
+    // The tests shorten the pause; here it is long enough to be seen.
+    const unsigned long shortened = qzfs_open_retry_pause_us;
+    qzfs_open_retry_pause_us = 50000;
     auto begin = std::chrono::steady_clock::now();
     std::string out = captured_stdout([&] { EXPECT_EQ(nullptr, qzfs_create_io_interface(missing.c_str(), 1)); });
     auto elapsed = std::chrono::steady_clock::now() - begin;
-    EXPECT_GE(elapsed, std::chrono::milliseconds(2500));
+    qzfs_open_retry_pause_us = shortened;
+    EXPECT_GE(elapsed, std::chrono::milliseconds(4 * 50));
     EXPECT_EQ(5u, count_of(out, "open " + missing + " failed("));
 }
 
