@@ -160,24 +160,151 @@ int CQzFileSystem::Stream_segment_is_finding(_stream_segment_query_state_* state
     return 0;
 }
 
+namespace {
+
+const char kQuery[] = "Query_stream_segment";
+
+// Whether the query's date lies inside the disk's record dates.
+bool date_on_disk(const _hdd_root_index_manager_* range, const _k4t_stream_query_& q)
+{
+    if (range != nullptr &&
+        Compare_date(q.year, q.month, q.day, range->start_year, range->start_month,
+                     range->start_day) != 2 &&
+        Compare_date(q.year, q.month, q.day, range->end_year, range->end_month, range->end_day) !=
+            1)
+        return true;
+    if (g_qzfs_debug_level > 2)
+        QZLOG_AS(kQuery, "START[20%02d-%02d-%02d]END[20%02d-%02d-%02d]QUERY[20%02d-%02d-%02d]",
+                 range ? range->start_year : 255, range ? range->start_month : 255,
+                 range ? range->start_day : 255, range ? range->end_year : 255,
+                 range ? range->end_month : 255, range ? range->end_day : 255, q.year, q.month,
+                 q.day);
+    return false;
+}
+
+// A root in use whose channel, stream type, record types and date the
+// query asks for.
+bool root_matches(const _root_index_node_mem_& root, const _k4t_stream_query_& q)
+{
+    return IS_NORMAL_ROOT_INDEX(root.id) && bit_set(q.channel_bitmap, root.channel, 32) &&
+           bit_set(q.stream_type_bitmap, root.stream_type, 64) &&
+           (root.record_type & q.record_type_bitmap) != 0 &&
+           Compare_date(root.year, root.month, root.day, q.year, q.month, q.day) == 0;
+}
+
+// A segment in use whose record type and lock the query asks for.
+bool segment_matches(const _stream_segment_index_node_men_& node, const _k4t_stream_query_& q)
+{
+    return IS_NORMAL_SSIN(node.id) && bit_set(q.record_type_bitmap, node.record_type, 8) &&
+           bit_set(q.lock_bitmap, node.lock, 8);
+}
+
+// A hit of a sequence query: the segment's whole times, sorted later.
+_stream_query_list_node_ list_node_of(const _root_index_node_mem_& root,
+                                      const _stream_segment_index_node_men_& node,
+                                      uint8_t hdd_id, uint32_t ri, uint32_t si)
+{
+    _stream_query_list_node_ hit;
+    hit.start_hour = node.start_hour;
+    hit.start_minute = node.start_minute;
+    hit.start_second = node.start_second;
+    hit.end_hour = node.end_hour;
+    hit.end_minute = node.end_minute;
+    hit.end_second = node.end_second;
+    hit.channel = root.channel;
+    hit.stream_type = root.stream_type;
+    hit.record_type = node.record_type;
+    hit.lock = node.lock;
+    hit.segment_type = node.segment_type;
+    hit.flags = node.flags;
+    hit.lock_type = node.lock_type;
+    hit.alarm_type = node.alarm_type;
+    hit.len_in_bytes = node.len_in_bytes;
+    hit.hdd_id = hdd_id;
+    hit.root_index = ri;
+    hit.stream_segment_index = si;
+    return hit;
+}
+
+// The rest of a free query's row, whose times are already cut to the
+// query's range. A cut segment counts the bytes of its I-frame periods
+// inside the range.
+void fill_free_row(CQzFileSystem& fs, _k4t_stream_query_result_* row,
+                   const _root_index_node_mem_& root, const _stream_segment_index_node_men_& node,
+                   uint32_t ri, uint32_t si)
+{
+    fill_row_fields(row, root.channel, root.stream_type, node.record_type, node.lock,
+                    node.segment_type, node.flags, node.lock_type, node.alarm_type,
+                    fs.Get_hdd_id(), ri, si);
+    row->len = node.len_in_bytes;
+    if (row->start_hour != node.start_hour || row->start_minute != node.start_minute ||
+        row->start_second != node.start_second || row->end_hour != node.end_hour ||
+        row->end_minute != node.end_minute || row->end_second != node.end_second) {
+        const _k4t_fs_time_ from = {row->start_hour, row->start_minute, row->start_second};
+        const _k4t_fs_time_ to = {row->end_hour, row->end_minute, row->end_second};
+        unsigned long long offset = 0, len = 0;
+        if (fs.Get_stream_segment_info(ri, si, &from, &to, &offset, &len) == 0)
+            row->len = len;
+    }
+}
+
+enum root_scan { ROOT_DONE, ROWS_FULL, SCAN_FAILED };
+
+// Scans the segments of root `ri` from `first_si` on. A sequence query
+// appends its hits to the state's list; a free query writes rows to
+// `result` and, once `get_num` rows are there, keeps where it stopped.
+root_scan scan_root(CQzFileSystem& fs, _stream_segment_query_state_* state,
+                    const _root_index_node_mem_& root, uint32_t ri, uint32_t first_si,
+                    int get_num, _k4t_stream_query_result_* result, int* rows)
+{
+    const _k4t_stream_query_& q = state->query;
+    for (uint32_t si = first_si;; si++) {
+        _stream_segment_index_node_men_ node;
+        if (fs.Get_stream_segment_index_mem_node(ri, si, &node) != 0) {
+            QZLOG_AS(kQuery,
+                     "Get_stream_segment_index_mem_node FAILED(root_index:%ld)(stream_segment_index:%ld)",
+                     long(ri), long(si));
+            return SCAN_FAILED;
+        }
+        if (node.id > 254) {
+            if (g_qzfs_debug_level > 2)
+                QZLOG_AS(kQuery, "end stream segment index:%ld, %ld", long(ri), long(si));
+            return ROOT_DONE;
+        }
+        if (!segment_matches(node, q))
+            continue;
+        const int visible = fs.live_segment_node(ri, si, node);
+        if (visible < 0)
+            QZLOG_AS(kQuery, "find_opening_stream_segment_by_id failed");
+        if (visible != 1)
+            continue;
+        _k4t_stream_query_result_ row;
+        memset(&row, 0, sizeof(row));
+        if (fs.Stream_segment_is_finding(state, &node, &row) != 0)
+            continue;
+        if (q.sequence != _K4T_NO_SEQUECE_) {
+            state->stream_list.push_back(list_node_of(root, node, fs.Get_hdd_id(), ri, si));
+            continue;
+        }
+        fill_free_row(fs, &row, root, node, ri, si);
+        result[(*rows)++] = row;
+        if (*rows >= get_num) {
+            state->cur_root_index = ri;
+            state->cur_stream_segment_index = si + 1;
+            return ROWS_FULL;
+        }
+    }
+}
+
+}  // namespace
+
 int CQzFileSystem::Query_stream_segment(_stream_segment_query_state_* state, int get_num,
                                         _k4t_stream_query_result_* result)
 {
     const _k4t_stream_query_& q = state->query;
     const bool free_query = q.sequence == _K4T_NO_SEQUECE_;
-    const _hdd_root_index_manager_* range = root_manager();
-    if (range == nullptr ||
-        Compare_date(q.year, q.month, q.day, range->start_year, range->start_month,
-                     range->start_day) == 2 ||
-        Compare_date(q.year, q.month, q.day, range->end_year, range->end_month, range->end_day) ==
-            1) {
-        QZLOG_ABOVE(2, "START[20%02d-%02d-%02d]END[20%02d-%02d-%02d]QUERY[20%02d-%02d-%02d]",
-                    range ? range->start_year : 255, range ? range->start_month : 255,
-                    range ? range->start_day : 255, range ? range->end_year : 255,
-                    range ? range->end_month : 255, range ? range->end_day : 255, q.year, q.month,
-                    q.day);
+    if (!date_on_disk(root_manager(), q))
         return 0;
-    }
 
     int rows = 0;
     uint32_t ri = free_query ? state->cur_root_index : 0;
@@ -192,78 +319,13 @@ int CQzFileSystem::Query_stream_segment(_stream_segment_query_state_* state, int
             QZLOG_ABOVE(2, "Query_stream_segment end root index:%ld", long(ri));
             break;
         }
-        if (!IS_NORMAL_ROOT_INDEX(root.id) || !bit_set(q.channel_bitmap, root.channel, 32) ||
-            !bit_set(q.stream_type_bitmap, root.stream_type, 64) ||
-            (root.record_type & q.record_type_bitmap) == 0 ||
-            Compare_date(root.year, root.month, root.day, q.year, q.month, q.day) != 0)
+        if (!root_matches(root, q))
             continue;
-        for (uint32_t si = first_si;; si++) {
-            _stream_segment_index_node_men_ node;
-            if (Get_stream_segment_index_mem_node(ri, si, &node) != 0) {
-                QZLOG("Get_stream_segment_index_mem_node FAILED(root_index:%ld)(stream_segment_index:%ld)",
-                      long(ri), long(si));
-                return -1;
-            }
-            if (node.id > 254) {
-                QZLOG_ABOVE(2, "end stream segment index:%ld, %ld", long(ri), long(si));
-                break;
-            }
-            if (!IS_NORMAL_SSIN(node.id) || !bit_set(q.record_type_bitmap, node.record_type, 8) ||
-                !bit_set(q.lock_bitmap, node.lock, 8))
-                continue;
-            const int visible = live_segment_node(ri, si, node);
-            if (visible < 0)
-                QZLOG_AS("Query_stream_segment", "find_opening_stream_segment_by_id failed");
-            if (visible != 1)
-                continue;
-            _k4t_stream_query_result_ row;
-            memset(&row, 0, sizeof(row));
-            if (Stream_segment_is_finding(state, &node, &row) != 0)
-                continue;
-            if (!free_query) {
-                _stream_query_list_node_ hit;
-                hit.start_hour = node.start_hour;
-                hit.start_minute = node.start_minute;
-                hit.start_second = node.start_second;
-                hit.end_hour = node.end_hour;
-                hit.end_minute = node.end_minute;
-                hit.end_second = node.end_second;
-                hit.channel = root.channel;
-                hit.stream_type = root.stream_type;
-                hit.record_type = node.record_type;
-                hit.lock = node.lock;
-                hit.segment_type = node.segment_type;
-                hit.flags = node.flags;
-                hit.lock_type = node.lock_type;
-                hit.alarm_type = node.alarm_type;
-                hit.len_in_bytes = node.len_in_bytes;
-                hit.hdd_id = m_hdd_id;
-                hit.root_index = ri;
-                hit.stream_segment_index = si;
-                state->stream_list.push_back(hit);
-                continue;
-            }
-            fill_row_fields(&row, root.channel, root.stream_type, node.record_type, node.lock,
-                            node.segment_type, node.flags, node.lock_type, node.alarm_type,
-                            m_hdd_id, ri, si);
-            row.len = node.len_in_bytes;
-            if (row.start_hour != node.start_hour || row.start_minute != node.start_minute ||
-                row.start_second != node.start_second || row.end_hour != node.end_hour ||
-                row.end_minute != node.end_minute || row.end_second != node.end_second) {
-                // A cut segment: the bytes of the I-frame periods inside the range.
-                const _k4t_fs_time_ from = {row.start_hour, row.start_minute, row.start_second};
-                const _k4t_fs_time_ to = {row.end_hour, row.end_minute, row.end_second};
-                unsigned long long offset = 0, len = 0;
-                if (Get_stream_segment_info(ri, si, &from, &to, &offset, &len) == 0)
-                    row.len = len;
-            }
-            result[rows++] = row;
-            if (rows >= get_num) {
-                state->cur_root_index = ri;
-                state->cur_stream_segment_index = si + 1;
-                return rows;
-            }
-        }
+        const root_scan scan = scan_root(*this, state, root, ri, first_si, get_num, result, &rows);
+        if (scan == SCAN_FAILED)
+            return -1;
+        if (scan == ROWS_FULL)
+            return rows;
     }
     if (free_query) {
         state->cur_root_index = ri;
