@@ -497,6 +497,88 @@ int hand_out_frame(_read_stream_segment_* rss, const frame_read& f, uint8_t** bu
     return int(f.need);
 }
 
+// The walk below logs in the name of the member that starts playback with it.
+const char kSpecialPlay[] = "Find_iframe_for_special_play";
+#define SPECIAL_PLAY_LOG_ABOVE(level, ...)                \
+    do {                                                  \
+        if (g_qzfs_debug_level > (uint32_t)(level))       \
+            QZLOG_AS(kSpecialPlay, __VA_ARGS__);          \
+    } while (0)
+
+// Walks the log from `position` to the read point: forward, to the first
+// I-frame at or past it; back, to the last one before it. The walk ends at
+// the end of the log, at an I-frame out of order and at one before the
+// segment's first. 0, or -1 when no I-frame is found.
+int walk_to_read_point(CQzFileSystem& fs, iframe_log_reader& log,
+                       const _read_stream_segment_* rss, uint32_t position, bool forward,
+                       uint32_t start_iframe_index, uint32_t* found_index)
+{
+    uint32_t remembered = start_iframe_index;
+    bool have_remembered = false;
+    _iframe_index_node_dev_ node;
+    _iframe_index_node_dev_ last;
+    memset(&last, 0, sizeof(last));
+    bool have_last = false;
+    for (;; position++) {
+        const int got = log.fetch(position, &node);
+        if (got == iframe_log_reader::PAST_CHAIN)
+            break;
+        if (got == iframe_log_reader::READ_FAILED) {
+            QZLOG_AS(kSpecialPlay,
+                     "Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)",
+                     log.block(), log.unit_offset());
+            break;
+        }
+        if (fs.Check_iframe_index_dev_node(&node) != 0) {
+            QZLOG_AS(kSpecialPlay, "Check_iframe_index_dev_node failed(index:%ld)",
+                     long(position));
+            node.id = IFRAME_INDEX_ID_FREE_AND_END;
+        }
+        if (node.id == IFRAME_INDEX_ID_BLOCK)
+            continue;
+        if (node.id != IFRAME_INDEX_ID_IFRAME) {
+            SPECIAL_PLAY_LOG_ABOVE(0, "Check_iframe_index_dev_node IFRAME_INDEX_ID_FREE_AND_END");
+            break;
+        }
+        if (have_last && last.stream_segment_offset >= node.stream_segment_offset) {
+            SPECIAL_PLAY_LOG_ABOVE(
+                0, "(last_ifind.stream_segment_offset >= pIFind->stream_segment_offset)(%lld, %lld)",
+                (long long)last.stream_segment_offset, (long long)node.stream_segment_offset);
+            break;
+        }
+        if (node.stream_segment_offset < rss->first_iframe_offset) {
+            QZLOG_AS(kSpecialPlay, "OUT OF RANGE");
+            break;
+        }
+        const uint64_t rel = node.stream_segment_offset - rss->first_iframe_offset;
+        if (rel >= rss->already_read_len) {
+            if (forward) {
+                *found_index = position;
+                SPECIAL_PLAY_LOG_ABOVE(0, "FAST PLAY index:%ld(%02d:%02d:%02d)", long(position),
+                                       int(node.hour), int(node.minute), int(node.second));
+                return 0;
+            }
+            // Nothing before the read point yet, and this frame lies past it.
+            if (!have_remembered && rel > rss->already_read_len)
+                return -1;
+            *found_index = remembered;
+            SPECIAL_PLAY_LOG_ABOVE(0, "FAST BACK index:%ld(%02d:%02d:%02d)", long(remembered),
+                                   int(last.hour), int(last.minute), int(last.second));
+            return 0;
+        }
+        remembered = position;
+        have_remembered = true;
+        last = node;
+        have_last = true;
+    }
+    if (forward || !have_remembered) {
+        QZLOG_AS(kSpecialPlay, "FAILED");
+        return -1;
+    }
+    *found_index = remembered;
+    return 0;
+}
+
 }  // namespace
 
 int Read_iframe_data(int ossfd, uint8_t** buffer, int* len, uint8_t* new_segment,
@@ -636,8 +718,6 @@ int CQzFileSystem::Find_iframe_for_special_play(_read_stream_segment_* rss,
     // The walk starts at the head of the index unit holding the latest
     // known position of the read point, which may lie a little behind it.
     uint32_t position = rss->latest_iframe_index;
-    uint32_t remembered = start_iframe_index;
-    bool have_remembered = false;
     _qzfs_data_offset_ at;
     Calculate_index_info(m_manage.block_size, QZFS_IFRAME_NODE_SIZE, position,
                          m_file_system_io_buffer_len, &at);
@@ -654,65 +734,11 @@ int CQzFileSystem::Find_iframe_for_special_play(_read_stream_segment_* rss,
               log.unit_offset());
         scan = false;
     }
-    position = std::max(at.unit_first_index, start_iframe_index);
-
-    _iframe_index_node_dev_ last;
-    memset(&last, 0, sizeof(last));
-    bool have_last = false;
-    for (; scan; position++) {
-        const int got = log.fetch(position, &node);
-        if (got == iframe_log_reader::PAST_CHAIN)
-            break;
-        if (got == iframe_log_reader::READ_FAILED) {
-            QZLOG("Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)", log.block(),
-                  log.unit_offset());
-            break;
-        }
-        if (Check_iframe_index_dev_node(&node) != 0) {
-            QZLOG("Check_iframe_index_dev_node failed(index:%ld)", long(position));
-            node.id = IFRAME_INDEX_ID_FREE_AND_END;
-        }
-        if (node.id == IFRAME_INDEX_ID_BLOCK)
-            continue;
-        if (node.id != IFRAME_INDEX_ID_IFRAME) {
-            QZLOG_ABOVE(0, "Check_iframe_index_dev_node IFRAME_INDEX_ID_FREE_AND_END");
-            break;
-        }
-        if (have_last && last.stream_segment_offset >= node.stream_segment_offset) {
-            QZLOG_ABOVE(0, "(last_ifind.stream_segment_offset >= pIFind->stream_segment_offset)(%lld, %lld)",
-                        (long long)last.stream_segment_offset,
-                        (long long)node.stream_segment_offset);
-            break;
-        }
-        if (node.stream_segment_offset < rss->first_iframe_offset) {
-            QZLOG("OUT OF RANGE");
-            break;
-        }
-        const uint64_t rel = node.stream_segment_offset - rss->first_iframe_offset;
-        if (rel >= rss->already_read_len) {
-            if (forward) {
-                *found_index = position;
-                QZLOG_ABOVE(0, "FAST PLAY index:%ld(%02d:%02d:%02d)", long(position),
-                            int(node.hour), int(node.minute), int(node.second));
-                return 0;
-            }
-            // Nothing before the read point yet, and this frame lies past it.
-            if (!have_remembered && rel > rss->already_read_len)
-                return -1;
-            *found_index = remembered;
-            QZLOG_ABOVE(0, "FAST BACK index:%ld(%02d:%02d:%02d)", long(remembered),
-                        int(last.hour), int(last.minute), int(last.second));
-            return 0;
-        }
-        remembered = position;
-        have_remembered = true;
-        last = node;
-        have_last = true;
-    }
-    if (forward || !have_remembered) {
+    if (!scan) {
         QZLOG("FAILED");
         return -1;
     }
-    *found_index = remembered;
-    return 0;
+    return walk_to_read_point(*this, log, rss, std::max(at.unit_first_index, start_iframe_index),
+                              forward, start_iframe_index, found_index);
 }
+
