@@ -111,6 +111,82 @@ void lift_owner_stamp(unsigned char hdd_id, unsigned long group_stamp)
         fs->set_block_owner_stamp(group_stamp);
 }
 
+// The choice logs in the name of the call that makes it.
+const char kFindWorkHdd[] = "Qzfs_find_work_hdd";
+
+// Recording stays on the group's current disk while that disk keeps its
+// record reserve.
+bool stays_on_current(const group_view& group)
+{
+    const unsigned char current = group.current;
+    if (current >= QZFS_NO_HDD)
+        return false;
+    work_disk_view view;
+    const bool present = current < group.disk_slots && read_work_disk_view(current, view);
+    if (present && view.free_size > group.reserve) {
+        if (g_qzfs_debug_level > 2)
+            QZLOG_AS(kFindWorkHdd, "Find_hdd_for_recording stay(hdd_id:%d)(free_size:%lld)",
+                     current, (long long)view.free_size);
+        return true;
+    }
+    QZLOG_AS(kFindWorkHdd,
+             "(current hdd_id:%d)(free_size:%lld)(reserve_free_size_for_record:%lld) NOT ENOUGH",
+             current, present ? (long long)view.free_size : 0LL, (long long)group.reserve);
+    return false;
+}
+
+// Walks the members from the highest id down and gives the disk to record
+// on, or QZFS_NO_HDD, with the group's highest stamp in `highest_stamp`.
+// A disk that holds recordings wins over an empty one; among disks with
+// recordings the highest stamp wins, a tie going to the lower id. The
+// first disk with recordings to become candidate does not set best_stamp,
+// so the next qualifying disk with recordings always displaces it: only
+// from then on do the stamps decide.
+unsigned char choose_member(const group_view& group, unsigned long* highest_stamp)
+{
+    unsigned char found = QZFS_NO_HDD;
+    uint8_t found_end_year = NO_RECORD_YEAR;
+    unsigned long best_stamp = 0;
+    *highest_stamp = 0;
+    for (int id = int(group.disk_slots) - 1; id >= 0; id--) {
+        if (!(group.members & qzfs_disk_bit((unsigned char)id)))
+            continue;
+        work_disk_view view;
+        if (!read_work_disk_view((unsigned char)id, view))
+            continue;
+        // Every member counts for the group's highest stamp, also one that
+        // does not qualify.
+        if (view.owner_stamp > *highest_stamp)
+            *highest_stamp = view.owner_stamp;
+        if (g_qzfs_debug_level > 2)
+            QZLOG_AS(kFindWorkHdd,
+                     "Find_hdd_for_recording (hdd_id:%d)(owner_stamp:%lu)(free_size:%lld)"
+                     "(record date:%d-%d-%d ~ %d-%d-%d)",
+                     id, view.owner_stamp, (long long)view.free_size, view.start_year,
+                     view.start_month, view.start_day, view.end_year, view.end_month,
+                     view.end_day);
+        if (!(view.free_size > group.used_for_recording)) {
+            QZLOG_AS(kFindWorkHdd,
+                     "(hdd_id:%d)(free_size:%lld)(used_for_recording_free_size:%lld) NOT ENOUGH",
+                     id, (long long)view.free_size, (long long)group.used_for_recording);
+            continue;
+        }
+        if (found_end_year == NO_RECORD_YEAR) {
+            found = (unsigned char)id;
+            found_end_year = view.end_year;
+            continue;
+        }
+        if (view.start_year == NO_RECORD_YEAR)
+            continue;
+        if (best_stamp > view.owner_stamp)
+            continue;
+        found = (unsigned char)id;
+        found_end_year = view.end_year;
+        best_stamp = view.owner_stamp;
+    }
+    return found;
+}
+
 } // namespace
 
 int CQzfsApi::Qzfs_config_overwrite(unsigned char group,
@@ -168,75 +244,15 @@ int CQzfsApi::Qzfs_find_work_hdd(unsigned char group, unsigned char* hdd_id)
     case GROUP_VIEW_READ:
         break;
     }
-    const unsigned int disk_slots = view_of_group.disk_slots;
-    const unsigned char current = view_of_group.current;
-    const unsigned long members = view_of_group.members;
-    const unsigned long long reserve = view_of_group.reserve;
-    const unsigned long long used_for_recording = view_of_group.used_for_recording;
-
     QZLOG_ABOVE(2, "Find_hdd_for_recording START(group:%d)(current hdd_id:%d)(disk bitmap:%08lx)",
-                group, current, members);
-
-    // Stay where recording goes on while the disk keeps its reserve.
-    if (current < QZFS_NO_HDD) {
-        work_disk_view view;
-        const bool present = current < disk_slots && read_work_disk_view(current, view);
-        if (present && view.free_size > reserve) {
-            QZLOG_ABOVE(2, "Find_hdd_for_recording stay(hdd_id:%d)(free_size:%lld)", current,
-                        (long long)view.free_size);
-            if (hdd_id != nullptr)
-                *hdd_id = current;
-            return 0;
-        }
-        QZLOG("(current hdd_id:%d)(free_size:%lld)(reserve_free_size_for_record:%lld) NOT ENOUGH",
-              current, present ? (long long)view.free_size : 0LL, (long long)reserve);
+                group, view_of_group.current, view_of_group.members);
+    if (stays_on_current(view_of_group)) {
+        if (hdd_id != nullptr)
+            *hdd_id = view_of_group.current;
+        return 0;
     }
-
-    // Walk the members from the highest id down. A disk that holds
-    // recordings wins over an empty one; among disks with recordings the
-    // highest stamp wins, a tie going to the lower id. The first disk with
-    // recordings to become candidate does not set best_stamp, so the next
-    // qualifying disk with recordings always displaces it: only from then
-    // on do the stamps decide.
-    unsigned char found = QZFS_NO_HDD;
-    uint8_t found_end_year = NO_RECORD_YEAR;
-    unsigned long best_stamp = 0;
     unsigned long highest_stamp = 0;
-    for (int id = int(disk_slots) - 1; id >= 0; id--) {
-        if (!(members & qzfs_disk_bit((unsigned char)id)))
-            continue;
-        work_disk_view view;
-        if (!read_work_disk_view((unsigned char)id, view))
-            continue;
-        // Every member counts for the group's highest stamp, also one that
-        // does not qualify.
-        if (view.owner_stamp > highest_stamp)
-            highest_stamp = view.owner_stamp;
-        QZLOG_ABOVE(2,
-                    "Find_hdd_for_recording (hdd_id:%d)(owner_stamp:%lu)(free_size:%lld)"
-                    "(record date:%d-%d-%d ~ %d-%d-%d)",
-                    id, view.owner_stamp, (long long)view.free_size, view.start_year,
-                    view.start_month, view.start_day, view.end_year, view.end_month,
-                    view.end_day);
-        if (!(view.free_size > used_for_recording)) {
-            QZLOG("(hdd_id:%d)(free_size:%lld)(used_for_recording_free_size:%lld) NOT ENOUGH", id,
-                  (long long)view.free_size, (long long)used_for_recording);
-            continue;
-        }
-        if (found_end_year == NO_RECORD_YEAR) {
-            found = (unsigned char)id;
-            found_end_year = view.end_year;
-            continue;
-        }
-        if (view.start_year == NO_RECORD_YEAR)
-            continue;
-        if (best_stamp > view.owner_stamp)
-            continue;
-        found = (unsigned char)id;
-        found_end_year = view.end_year;
-        best_stamp = view.owner_stamp;
-    }
-
+    unsigned char found = choose_member(view_of_group, &highest_stamp);
     const unsigned long group_stamp = record_choice(group, highest_stamp, found);
     if (found != QZFS_NO_HDD)
         lift_owner_stamp(found, group_stamp);

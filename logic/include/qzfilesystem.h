@@ -453,11 +453,6 @@ public:
                                _fs_find_policy_ policy, _iframe_index_node_dev_* first,
                                uint32_t* found_index, _iframe_index_node_dev_* found,
                                uint64_t* found_offset, uint64_t pts);
-    int Find_iframe_index(uint32_t iframe_block_num, uint32_t* iframe_block_list,
-                          uint32_t start_iframe, _k4t_fs_date_time_* where, uint64_t stream_len,
-                          _fs_find_policy_ policy, _iframe_index_node_dev_* first,
-                          uint32_t* found_index, _iframe_index_node_dev_* found,
-                          uint64_t* found_offset, uint64_t pts);
 
     // ---- seek by offset (qzfs_stream_seek_offset.cpp); disk lock held.
     int Seek_stream_segment(_opened_stream_segment_* oss, long long offset, int whence);

@@ -531,6 +531,146 @@ int CQzFileSystem::Find_iframe_block_index(uint32_t block_num, const uint32_t* l
     }
 }
 
+namespace {
+
+const char kTimeArea[] = "get_stream_segment_time_area_iframe_info";
+
+// A scan for the time area of a segment: what it looks for, and where it
+// has got to.
+struct time_area_scan {
+    uint32_t start_iframe;
+    uint64_t len;
+    const _k4t_fs_time_* start_time;
+    const _k4t_fs_time_* end_time;
+    uint64_t block_size;
+    uint32_t last_block = 0;      // the segment's last data block, once reached
+    uint32_t last_iframe = 0;     // the last I-frame taken
+    _iframe_index_place_ prev_block = {};  // the latest block entry
+
+    time_area_scan(uint32_t start_iframe_, uint64_t len_, const _k4t_fs_time_* start_time_,
+                   const _k4t_fs_time_* end_time_, uint64_t block_size_)
+        : start_iframe(start_iframe_), len(len_), start_time(start_time_), end_time(end_time_),
+          block_size(block_size_)
+    {
+    }
+};
+
+// A block entry of the segment: the latest one, and the end's until the
+// end I-frame is found. False when it comes before the first I-frame.
+bool take_area_block_entry(const _iframe_index_node_dev_& node, uint32_t i, time_area_scan& scan,
+                           _time_area_iframe_info_& info)
+{
+    if (info.first.node.id == 0) {
+        QZLOG_AS(kTimeArea, "can not find frist iframe index");
+        return false;
+    }
+    scan.prev_block = place(node, i);
+    if (info.end.node.id == 0)
+        info.end_block = scan.prev_block;
+    return true;
+}
+
+// An I-frame of the segment. The first must sit at start_iframe; the last
+// one not after the start time is the start, the first one not before the
+// end time the end. False where the first is misplaced or the log runs
+// into older data.
+bool take_area_iframe(const _iframe_index_node_dev_& node, uint32_t i, time_area_scan& scan,
+                      _time_area_iframe_info_& info)
+{
+    if (info.first.node.id == 0) {
+        if (i != scan.start_iframe) {
+            QZLOG_AS(kTimeArea, "start iframe is not iframe index(iframe_index:%lu,start:%lu)",
+                     (unsigned long)i, (unsigned long)scan.start_iframe);
+            return false;
+        }
+        info.first = place(node, i);
+    } else if (node.stream_segment_offset < info.first.node.stream_segment_offset &&
+               node.block_num != info.first.node.block_num) {
+        return false;  // the log has run into older data
+    }
+    const _k4t_fs_time_ at = time_of(node);
+    if (Compare_time(&at, scan.start_time) != 1) {
+        info.start = place(node, i);
+        if (scan.prev_block.node.id == IFRAME_INDEX_ID_BLOCK)
+            info.start_block = scan.prev_block;
+    } else if (info.end.node.id == 0 && Compare_time(&at, scan.end_time) != 2) {
+        info.end = place(node, i);
+    }
+    // Stream length up to the end of this node's data block.
+    const uint64_t reach = node.stream_segment_offset - info.first.node.stream_segment_offset +
+                           scan.block_size - node.block_offset;
+    if (reach >= scan.len) {
+        if (g_qzfs_debug_level > 3)
+            QZLOG_AS(kTimeArea, "this is last block!");
+        scan.last_block = node.block_num;
+    }
+    scan.last_iframe = i;
+    return true;
+}
+
+// Scans the log from position `from` up to the end of the segment's last
+// data block. Block entries before start_iframe only place the first one.
+void scan_time_area(CQzFileSystem& fs, iframe_log_reader& log, uint32_t block_num,
+                    uint32_t from, time_area_scan& scan, _time_area_iframe_info_& info)
+{
+    for (uint32_t i = from;; i++) {
+        _iframe_index_node_dev_ node;
+        const int got = log.fetch(i, &node);
+        if (got == iframe_log_reader::PAST_CHAIN) {
+            QZLOG_AS(kTimeArea, "FATAL(%ld)(%ld)", log.chain_position(), long(block_num));
+            return;
+        }
+        if (got == iframe_log_reader::READ_FAILED) {
+            if (g_qzfs_debug_level > 2)
+                QZLOG_AS(kTimeArea,
+                         "Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)",
+                         log.block(), log.unit_offset());
+            return;
+        }
+        if (fs.Check_iframe_index_dev_node(&node) != 0) {
+            if (g_qzfs_debug_level > 1)
+                QZLOG_AS(kTimeArea, "Check_iframe_index_dev_node failed(index:%ld)", long(i));
+            node.id = IFRAME_INDEX_ID_FREE_AND_END;
+        }
+        if (scan.last_block != 0 && node.block_num != scan.last_block)
+            return;
+        if (i < scan.start_iframe) {
+            if (node.id == IFRAME_INDEX_ID_BLOCK)
+                info.first_block = info.start_block = info.end_block = place(node, i);
+            continue;
+        }
+        if (node.id == IFRAME_INDEX_ID_BLOCK) {
+            if (!take_area_block_entry(node, i, scan, info))
+                return;
+            continue;
+        }
+        if (node.id != IFRAME_INDEX_ID_IFRAME) {
+            if (g_qzfs_debug_level > 1)
+                QZLOG_AS(kTimeArea, " IFRAME_INDEX_ID_FREE_AND_END FATAL(index:%ld)", long(i));
+            return;
+        }
+        if (!take_area_iframe(node, i, scan, info))
+            return;
+    }
+}
+
+void log_time_area(const _time_area_iframe_info_& info)
+{
+    if (g_qzfs_debug_level <= 2)
+        return;
+    QZLOG_AS(kTimeArea, "first:%d:%d:%d(index=%lu,block index=%lu)", info.first.node.hour,
+             info.first.node.minute, info.first.node.second, (unsigned long)info.first.index,
+             (unsigned long)info.first_block.index);
+    QZLOG_AS(kTimeArea, "start:%d:%d:%d(index=%lu,block index=%lu)", info.start.node.hour,
+             info.start.node.minute, info.start.node.second, (unsigned long)info.start.index,
+             (unsigned long)info.start_block.index);
+    QZLOG_AS(kTimeArea, "end:%d:%d:%d(index=%lu,block index=%lu)", info.end.node.hour,
+             info.end.node.minute, info.end.node.second, (unsigned long)info.end.index,
+             (unsigned long)info.end_block.index);
+}
+
+}  // namespace
+
 // Scans a segment from the unit that holds the node before start_iframe (so
 // that its block entry is seen) up to the end of the segment's last data
 // block, and keeps the places a split by time needs.
@@ -544,83 +684,19 @@ int CQzFileSystem::get_stream_segment_time_area_iframe_info(
                          m_file_system_io_buffer_len, &from);
     iframe_log_reader log(*this, block_num, list, m_file_system_io_buffer,
                           m_file_system_io_buffer_len);
-    uint32_t last_block = 0, last_iframe = 0;
-    _iframe_index_place_ prev_block;
-    memset(&prev_block, 0, sizeof(prev_block));
-    for (uint32_t i = from.unit_first_index;; i++) {
-        _iframe_index_node_dev_ node;
-        const int got = log.fetch(i, &node);
-        if (got == iframe_log_reader::PAST_CHAIN) {
-            QZLOG("FATAL(%ld)(%ld)", log.chain_position(), long(block_num));
-            break;
-        }
-        if (got == iframe_log_reader::READ_FAILED) {
-            QZLOG_ABOVE(2, "Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)",
-                        log.block(), log.unit_offset());
-            break;
-        }
-        if (Check_iframe_index_dev_node(&node) != 0) {
-            QZLOG_ABOVE(1, "Check_iframe_index_dev_node failed(index:%ld)", long(i));
-            node.id = IFRAME_INDEX_ID_FREE_AND_END;
-        }
-        if (last_block != 0 && node.block_num != last_block)
-            break;
-        if (i < start_iframe) {
-            if (node.id == IFRAME_INDEX_ID_BLOCK)
-                info.first_block = info.start_block = info.end_block = place(node, i);
-            continue;
-        }
-        if (node.id != IFRAME_INDEX_ID_IFRAME && node.id != IFRAME_INDEX_ID_BLOCK) {
-            QZLOG_ABOVE(1, " IFRAME_INDEX_ID_FREE_AND_END FATAL(index:%ld)", long(i));
-            break;
-        }
-        if (node.id == IFRAME_INDEX_ID_BLOCK) {
-            if (info.first.node.id == 0) {
-                QZLOG("can not find frist iframe index");
-                break;
-            }
-            prev_block = place(node, i);
-            if (info.end.node.id == 0)
-                info.end_block = prev_block;
-            continue;
-        }
-        if (info.first.node.id == 0) {
-            if (i != start_iframe) {
-                QZLOG("start iframe is not iframe index(iframe_index:%lu,start:%lu)",
-                      (unsigned long)i, (unsigned long)start_iframe);
-                break;
-            }
-            info.first = place(node, i);
-        } else if (node.stream_segment_offset < info.first.node.stream_segment_offset &&
-                   node.block_num != info.first.node.block_num) {
-            break;  // the log has run into older data
-        }
-        const _k4t_fs_time_ at = time_of(node);
-        if (Compare_time(&at, start_time) != 1) {
-            info.start = place(node, i);
-            if (prev_block.node.id == IFRAME_INDEX_ID_BLOCK)
-                info.start_block = prev_block;
-        } else if (info.end.node.id == 0 && Compare_time(&at, end_time) != 2) {
-            info.end = place(node, i);
-        }
-        // Stream length up to the end of this node's data block.
-        const uint64_t reach = node.stream_segment_offset - info.first.node.stream_segment_offset +
-                               m_manage.block_size - node.block_offset;
-        if (reach >= len) {
-            QZLOG_ABOVE(3, "this is last block!");
-            last_block = node.block_num;
-        }
-        last_iframe = i;
-    }
+    time_area_scan scan(start_iframe, len, start_time, end_time, m_manage.block_size);
+    scan_time_area(*this, log, block_num, from.unit_first_index, scan, info);
 
     if (info.start.node.id == 0) {
         QZLOG_ABOVE(1, "can not find start iframe index(%d)!", int(start_iframe));
         return -1;
     }
-    if (info.end.node.id != 0 && info.end.index == last_iframe) {
+    if (info.end.node.id != 0 && info.end.index == scan.last_iframe) {
         QZLOG_ABOVE(2, "end iframe is last iframe");
         memset(&info.end, 0, sizeof(info.end));
     }
+    // No block entry was seen ahead of the segment: the log is searched
+    // back from start_iframe for the nearest one.
     if (info.first_block.node.id != IFRAME_INDEX_ID_BLOCK) {
         _iframe_index_place_ entry;
         const int found = Find_iframe_block_index(block_num, list, start_iframe, &entry.index,
@@ -635,15 +711,7 @@ int CQzFileSystem::get_stream_segment_time_area_iframe_info(
         if (info.end.node.id != 0 && info.end_block.node.id != IFRAME_INDEX_ID_BLOCK)
             info.end_block = entry;
     }
-    QZLOG_ABOVE(2, "first:%d:%d:%d(index=%lu,block index=%lu)", info.first.node.hour,
-                info.first.node.minute, info.first.node.second, (unsigned long)info.first.index,
-                (unsigned long)info.first_block.index);
-    QZLOG_ABOVE(2, "start:%d:%d:%d(index=%lu,block index=%lu)", info.start.node.hour,
-                info.start.node.minute, info.start.node.second, (unsigned long)info.start.index,
-                (unsigned long)info.start_block.index);
-    QZLOG_ABOVE(2, "end:%d:%d:%d(index=%lu,block index=%lu)", info.end.node.hour,
-                info.end.node.minute, info.end.node.second, (unsigned long)info.end.index,
-                (unsigned long)info.end_block.index);
+    log_time_area(info);
     return 0;
 }
 

@@ -160,24 +160,151 @@ int CQzFileSystem::Stream_segment_is_finding(_stream_segment_query_state_* state
     return 0;
 }
 
+namespace {
+
+const char kQuery[] = "Query_stream_segment";
+
+// Whether the query's date lies inside the disk's record dates.
+bool date_on_disk(const _hdd_root_index_manager_* range, const _k4t_stream_query_& q)
+{
+    if (range != nullptr &&
+        Compare_date(q.year, q.month, q.day, range->start_year, range->start_month,
+                     range->start_day) != 2 &&
+        Compare_date(q.year, q.month, q.day, range->end_year, range->end_month, range->end_day) !=
+            1)
+        return true;
+    if (g_qzfs_debug_level > 2)
+        QZLOG_AS(kQuery, "START[20%02d-%02d-%02d]END[20%02d-%02d-%02d]QUERY[20%02d-%02d-%02d]",
+                 range ? range->start_year : 255, range ? range->start_month : 255,
+                 range ? range->start_day : 255, range ? range->end_year : 255,
+                 range ? range->end_month : 255, range ? range->end_day : 255, q.year, q.month,
+                 q.day);
+    return false;
+}
+
+// A root in use whose channel, stream type, record types and date the
+// query asks for.
+bool root_matches(const _root_index_node_mem_& root, const _k4t_stream_query_& q)
+{
+    return IS_NORMAL_ROOT_INDEX(root.id) && bit_set(q.channel_bitmap, root.channel, 32) &&
+           bit_set(q.stream_type_bitmap, root.stream_type, 64) &&
+           (root.record_type & q.record_type_bitmap) != 0 &&
+           Compare_date(root.year, root.month, root.day, q.year, q.month, q.day) == 0;
+}
+
+// A segment in use whose record type and lock the query asks for.
+bool segment_matches(const _stream_segment_index_node_men_& node, const _k4t_stream_query_& q)
+{
+    return IS_NORMAL_SSIN(node.id) && bit_set(q.record_type_bitmap, node.record_type, 8) &&
+           bit_set(q.lock_bitmap, node.lock, 8);
+}
+
+// A hit of a sequence query: the segment's whole times, sorted later.
+_stream_query_list_node_ list_node_of(const _root_index_node_mem_& root,
+                                      const _stream_segment_index_node_men_& node,
+                                      uint8_t hdd_id, uint32_t ri, uint32_t si)
+{
+    _stream_query_list_node_ hit;
+    hit.start_hour = node.start_hour;
+    hit.start_minute = node.start_minute;
+    hit.start_second = node.start_second;
+    hit.end_hour = node.end_hour;
+    hit.end_minute = node.end_minute;
+    hit.end_second = node.end_second;
+    hit.channel = root.channel;
+    hit.stream_type = root.stream_type;
+    hit.record_type = node.record_type;
+    hit.lock = node.lock;
+    hit.segment_type = node.segment_type;
+    hit.flags = node.flags;
+    hit.lock_type = node.lock_type;
+    hit.alarm_type = node.alarm_type;
+    hit.len_in_bytes = node.len_in_bytes;
+    hit.hdd_id = hdd_id;
+    hit.root_index = ri;
+    hit.stream_segment_index = si;
+    return hit;
+}
+
+// The rest of a free query's row, whose times are already cut to the
+// query's range. A cut segment counts the bytes of its I-frame periods
+// inside the range.
+void fill_free_row(CQzFileSystem& fs, _k4t_stream_query_result_* row,
+                   const _root_index_node_mem_& root, const _stream_segment_index_node_men_& node,
+                   uint32_t ri, uint32_t si)
+{
+    fill_row_fields(row, root.channel, root.stream_type, node.record_type, node.lock,
+                    node.segment_type, node.flags, node.lock_type, node.alarm_type,
+                    fs.Get_hdd_id(), ri, si);
+    row->len = node.len_in_bytes;
+    if (row->start_hour != node.start_hour || row->start_minute != node.start_minute ||
+        row->start_second != node.start_second || row->end_hour != node.end_hour ||
+        row->end_minute != node.end_minute || row->end_second != node.end_second) {
+        const _k4t_fs_time_ from = {row->start_hour, row->start_minute, row->start_second};
+        const _k4t_fs_time_ to = {row->end_hour, row->end_minute, row->end_second};
+        unsigned long long offset = 0, len = 0;
+        if (fs.Get_stream_segment_info(ri, si, &from, &to, &offset, &len) == 0)
+            row->len = len;
+    }
+}
+
+enum root_scan { ROOT_DONE, ROWS_FULL, SCAN_FAILED };
+
+// Scans the segments of root `ri` from `first_si` on. A sequence query
+// appends its hits to the state's list; a free query writes rows to
+// `result` and, once `get_num` rows are there, keeps where it stopped.
+root_scan scan_root(CQzFileSystem& fs, _stream_segment_query_state_* state,
+                    const _root_index_node_mem_& root, uint32_t ri, uint32_t first_si,
+                    int get_num, _k4t_stream_query_result_* result, int* rows)
+{
+    const _k4t_stream_query_& q = state->query;
+    for (uint32_t si = first_si;; si++) {
+        _stream_segment_index_node_men_ node;
+        if (fs.Get_stream_segment_index_mem_node(ri, si, &node) != 0) {
+            QZLOG_AS(kQuery,
+                     "Get_stream_segment_index_mem_node FAILED(root_index:%ld)(stream_segment_index:%ld)",
+                     long(ri), long(si));
+            return SCAN_FAILED;
+        }
+        if (node.id > 254) {
+            if (g_qzfs_debug_level > 2)
+                QZLOG_AS(kQuery, "end stream segment index:%ld, %ld", long(ri), long(si));
+            return ROOT_DONE;
+        }
+        if (!segment_matches(node, q))
+            continue;
+        const int visible = fs.live_segment_node(ri, si, node);
+        if (visible < 0)
+            QZLOG_AS(kQuery, "find_opening_stream_segment_by_id failed");
+        if (visible != 1)
+            continue;
+        _k4t_stream_query_result_ row;
+        memset(&row, 0, sizeof(row));
+        if (fs.Stream_segment_is_finding(state, &node, &row) != 0)
+            continue;
+        if (q.sequence != _K4T_NO_SEQUECE_) {
+            state->stream_list.push_back(list_node_of(root, node, fs.Get_hdd_id(), ri, si));
+            continue;
+        }
+        fill_free_row(fs, &row, root, node, ri, si);
+        result[(*rows)++] = row;
+        if (*rows >= get_num) {
+            state->cur_root_index = ri;
+            state->cur_stream_segment_index = si + 1;
+            return ROWS_FULL;
+        }
+    }
+}
+
+}  // namespace
+
 int CQzFileSystem::Query_stream_segment(_stream_segment_query_state_* state, int get_num,
                                         _k4t_stream_query_result_* result)
 {
     const _k4t_stream_query_& q = state->query;
     const bool free_query = q.sequence == _K4T_NO_SEQUECE_;
-    const _hdd_root_index_manager_* range = root_manager();
-    if (range == nullptr ||
-        Compare_date(q.year, q.month, q.day, range->start_year, range->start_month,
-                     range->start_day) == 2 ||
-        Compare_date(q.year, q.month, q.day, range->end_year, range->end_month, range->end_day) ==
-            1) {
-        QZLOG_ABOVE(2, "START[20%02d-%02d-%02d]END[20%02d-%02d-%02d]QUERY[20%02d-%02d-%02d]",
-                    range ? range->start_year : 255, range ? range->start_month : 255,
-                    range ? range->start_day : 255, range ? range->end_year : 255,
-                    range ? range->end_month : 255, range ? range->end_day : 255, q.year, q.month,
-                    q.day);
+    if (!date_on_disk(root_manager(), q))
         return 0;
-    }
 
     int rows = 0;
     uint32_t ri = free_query ? state->cur_root_index : 0;
@@ -192,78 +319,13 @@ int CQzFileSystem::Query_stream_segment(_stream_segment_query_state_* state, int
             QZLOG_ABOVE(2, "Query_stream_segment end root index:%ld", long(ri));
             break;
         }
-        if (!IS_NORMAL_ROOT_INDEX(root.id) || !bit_set(q.channel_bitmap, root.channel, 32) ||
-            !bit_set(q.stream_type_bitmap, root.stream_type, 64) ||
-            (root.record_type & q.record_type_bitmap) == 0 ||
-            Compare_date(root.year, root.month, root.day, q.year, q.month, q.day) != 0)
+        if (!root_matches(root, q))
             continue;
-        for (uint32_t si = first_si;; si++) {
-            _stream_segment_index_node_men_ node;
-            if (Get_stream_segment_index_mem_node(ri, si, &node) != 0) {
-                QZLOG("Get_stream_segment_index_mem_node FAILED(root_index:%ld)(stream_segment_index:%ld)",
-                      long(ri), long(si));
-                return -1;
-            }
-            if (node.id > 254) {
-                QZLOG_ABOVE(2, "end stream segment index:%ld, %ld", long(ri), long(si));
-                break;
-            }
-            if (!IS_NORMAL_SSIN(node.id) || !bit_set(q.record_type_bitmap, node.record_type, 8) ||
-                !bit_set(q.lock_bitmap, node.lock, 8))
-                continue;
-            const int visible = live_segment_node(ri, si, node);
-            if (visible < 0)
-                QZLOG_AS("Query_stream_segment", "find_opening_stream_segment_by_id failed");
-            if (visible != 1)
-                continue;
-            _k4t_stream_query_result_ row;
-            memset(&row, 0, sizeof(row));
-            if (Stream_segment_is_finding(state, &node, &row) != 0)
-                continue;
-            if (!free_query) {
-                _stream_query_list_node_ hit;
-                hit.start_hour = node.start_hour;
-                hit.start_minute = node.start_minute;
-                hit.start_second = node.start_second;
-                hit.end_hour = node.end_hour;
-                hit.end_minute = node.end_minute;
-                hit.end_second = node.end_second;
-                hit.channel = root.channel;
-                hit.stream_type = root.stream_type;
-                hit.record_type = node.record_type;
-                hit.lock = node.lock;
-                hit.segment_type = node.segment_type;
-                hit.flags = node.flags;
-                hit.lock_type = node.lock_type;
-                hit.alarm_type = node.alarm_type;
-                hit.len_in_bytes = node.len_in_bytes;
-                hit.hdd_id = m_hdd_id;
-                hit.root_index = ri;
-                hit.stream_segment_index = si;
-                state->stream_list.push_back(hit);
-                continue;
-            }
-            fill_row_fields(&row, root.channel, root.stream_type, node.record_type, node.lock,
-                            node.segment_type, node.flags, node.lock_type, node.alarm_type,
-                            m_hdd_id, ri, si);
-            row.len = node.len_in_bytes;
-            if (row.start_hour != node.start_hour || row.start_minute != node.start_minute ||
-                row.start_second != node.start_second || row.end_hour != node.end_hour ||
-                row.end_minute != node.end_minute || row.end_second != node.end_second) {
-                // A cut segment: the bytes of the I-frame periods inside the range.
-                const _k4t_fs_time_ from = {row.start_hour, row.start_minute, row.start_second};
-                const _k4t_fs_time_ to = {row.end_hour, row.end_minute, row.end_second};
-                unsigned long long offset = 0, len = 0;
-                if (Get_stream_segment_info(ri, si, &from, &to, &offset, &len) == 0)
-                    row.len = len;
-            }
-            result[rows++] = row;
-            if (rows >= get_num) {
-                state->cur_root_index = ri;
-                state->cur_stream_segment_index = si + 1;
-                return rows;
-            }
-        }
+        const root_scan scan = scan_root(*this, state, root, ri, first_si, get_num, result, &rows);
+        if (scan == SCAN_FAILED)
+            return -1;
+        if (scan == ROWS_FULL)
+            return rows;
     }
     if (free_query) {
         state->cur_root_index = ri;
@@ -310,35 +372,156 @@ int CQzFileSystem::Get_stream_segment_info(unsigned long root_index,
     return 0;
 }
 
+namespace {
+
+const char kInfo[] = "Get_stream_segment_info";
+
 // The I-frame chain of a root read from the disk, through its segment index
 // header. 0 or -1.
-static int read_iframe_chain(CQzFileSystem& fs, unsigned long root_index, iframe_chain& chain)
+int read_iframe_chain(CQzFileSystem& fs, unsigned long root_index, iframe_chain& chain)
 {
     _root_index_node_dev_ root;
     if (fs.Get_root_index_dev_node(root_index, &root) != 0) {
-        QZLOG_AS("Get_stream_segment_info", "Get_root_index_dev_node failed(root_index:%ld)",
-                 long(root_index));
+        QZLOG_AS(kInfo, "Get_root_index_dev_node failed(root_index:%ld)", long(root_index));
         return -1;
     }
     _stream_segment_block_header_dev_ header;
     if (fs.Read_stream_segment_index_block_header(root.stream_segment_index_block, &header) != 0) {
-        QZLOG_AS("Get_stream_segment_info", "Read_stream_segment_index_block_header failed(:%ld)",
+        QZLOG_AS(kInfo, "Read_stream_segment_index_block_header failed(:%ld)",
                  long(root.stream_segment_index_block));
         return -1;
     }
     if (header.magic != QZFS_STREAM_SEGMENT_MAGIC) {
-        QZLOG_AS("Get_stream_segment_info", "invalid magic(%08lx)(%08lx)",
-                 (unsigned long)header.magic, (unsigned long)QZFS_STREAM_SEGMENT_MAGIC);
+        QZLOG_AS(kInfo, "invalid magic(%08lx)(%08lx)", (unsigned long)header.magic,
+                 (unsigned long)QZFS_STREAM_SEGMENT_MAGIC);
         return -1;
     }
     if (fs.Read_iframe_index_block_list(header.iframe_index_block, &chain.num, &chain.list) != 0) {
-        QZLOG_AS("Get_stream_segment_info", "Read_iframe_index_block_list failed(:%ld)",
+        QZLOG_AS(kInfo, "Read_iframe_index_block_list failed(:%ld)",
                  long(header.iframe_index_block));
         return -1;
     }
     chain.owned = true;
     return 0;
 }
+
+// The segment node a byte range is cut from: a writer's live one, a
+// reader's copy, or the index's. An open segment lends its I-frame chain
+// and must have an end time. False when no node can be had.
+bool segment_node_for_range(CQzFileSystem& fs, unsigned long root_index,
+                            unsigned long stream_segment_index,
+                            _stream_segment_index_node_dev_* node, iframe_chain* chain,
+                            bool* is_open)
+{
+    _k4t_stream_segment_id_ id = {fs.Get_hdd_id(), uint32_t(root_index),
+                                  uint32_t(stream_segment_index)};
+    _opened_stream_segment_* open = nullptr;
+    if (fs.find_opening_stream_segment_by_id(&id, &open, 2) >= 0 && open != nullptr) {
+        _write_stream_segment_* wss = open->writer();
+        writer_node_snapshot(open, node);
+        node->len_in_bytes -= wss->delete_len;
+        chain->num = wss->iframe_block_num;
+        chain->list = wss->iframe_block_list;
+    } else if (fs.find_opening_stream_segment_by_id(&id, &open, 1) >= 0 && open != nullptr) {
+        *node = *open->ssi();
+        chain->num = open->reader()->iframe_block_num;
+        chain->list = open->reader()->iframe_block_list;
+    } else {
+        open = nullptr;
+    }
+    *is_open = open != nullptr;
+    if (open != nullptr) {
+        if (node->end_hour == QZFS_INVALID_END_HOUR) {
+            if (g_qzfs_debug_level > 1)
+                QZLOG_AS(kInfo, "(ssinm.end_hour == QZFS_INVALID_END_HOUR)");
+            return false;
+        }
+        return true;
+    }
+    _stream_segment_index_node_men_ mem;
+    if (fs.Get_stream_segment_index_mem_node(root_index, stream_segment_index, &mem) != 0) {
+        QZLOG_AS(kInfo, "Get_stream_segment_index_mem_node failed(%ld)(%ld)", long(root_index),
+                 long(stream_segment_index));
+        return false;
+    }
+    if (!IS_NORMAL_SSIN(mem.id)) {
+        QZLOG_AS(kInfo, "(IS_NORMAL_SSIN(ssinm.id) == 0)(%ld)(%ld)(%02x)", long(root_index),
+                 long(stream_segment_index), unsigned(mem.id));
+        return false;
+    }
+    fs.Stream_segment_index_endian_trans_dev_mem(node, gLocal_endian, &mem, gLocal_endian, 0);
+    return true;
+}
+
+// What the walk of a segment's log found for a time range: the segment's
+// first I-frame, the last I-frame not after the range's start (`found`),
+// and the first I-frame after its end (`stop`).
+struct range_walk {
+    _iframe_index_node_dev_ first = {}, last = {}, found = {}, stop = {};
+    bool have_first = false, have_found = false, stopped_at_node = false;
+};
+
+enum range_step { RANGE_NEXT, RANGE_END, RANGE_BROKEN };
+
+// Takes one log node into the walk. The walk ends at a node that is no
+// I-frame or block entry, at an I-frame out of the segment's data or out
+// of order, and at the first I-frame after `end`; a block entry ahead of
+// every I-frame breaks it.
+range_step take_range_node(const _iframe_index_node_dev_& n, uint64_t segment_len,
+                           const _k4t_fs_time_* start, const _k4t_fs_time_* end, range_walk* w)
+{
+    if (n.id == IFRAME_INDEX_ID_BLOCK)
+        return w->have_first ? RANGE_NEXT : RANGE_BROKEN;
+    if (n.id != IFRAME_INDEX_ID_IFRAME)
+        return RANGE_END;
+    if (w->have_first &&
+        (n.stream_segment_offset < w->first.stream_segment_offset ||
+         n.stream_segment_offset - w->first.stream_segment_offset >= segment_len ||
+         n.stream_segment_offset <= w->last.stream_segment_offset))
+        return RANGE_END;
+    if (!w->have_first) {
+        w->first = n;
+        w->have_first = true;
+    }
+    if (Compare_time(n.hour, n.minute, n.second, end->hour, end->minute, end->second) == 1) {
+        w->stop = n;
+        w->stopped_at_node = true;
+        return RANGE_END;
+    }
+    if (Compare_time(n.hour, n.minute, n.second, start->hour, start->minute, start->second) != 1) {
+        w->found = n;
+        w->have_found = true;
+    }
+    w->last = n;
+    return RANGE_NEXT;
+}
+
+// Walks the segment's log from its first I-frame, a batch of nodes at a
+// time. False when the log is broken.
+bool walk_range(CQzFileSystem& fs, const iframe_chain& chain,
+                const _stream_segment_index_node_dev_& node, const _k4t_fs_time_* start,
+                const _k4t_fs_time_* end, range_walk* w)
+{
+    std::vector<_iframe_index_node_dev_> batch(kIframeBatch);
+    uint32_t index = node.start_iframe;
+    bool walking = chain.num != 0 && chain.list != nullptr;
+    while (walking) {
+        unsigned long count = kIframeBatch;
+        fs.Read_iframe_index(chain.num, chain.list, index, &count, batch.data(), 3);
+        for (unsigned long i = 0; i < count && walking; i++) {
+            const range_step step = take_range_node(batch[i], node.len_in_bytes, start, end, w);
+            if (step == RANGE_BROKEN)
+                return false;
+            walking = step == RANGE_NEXT;
+        }
+        if (count < kIframeBatch)
+            walking = false;
+        index += uint32_t(count);
+    }
+    return true;
+}
+
+}  // namespace
 
 int CQzFileSystem::Get_stream_segment_info(unsigned long root_index,
                                            unsigned long stream_segment_index,
@@ -350,46 +533,13 @@ int CQzFileSystem::Get_stream_segment_info(unsigned long root_index,
                     start->minute, start->second, end->hour, end->minute, end->second);
         return -1;
     }
-
-    // The segment node: a writer's live one, a reader's copy, or the index's.
-    _k4t_stream_segment_id_ id = {m_hdd_id, uint32_t(root_index), uint32_t(stream_segment_index)};
-    _opened_stream_segment_* open = nullptr;
     _stream_segment_index_node_dev_ node;
     iframe_chain chain;
-    if (find_opening_stream_segment_by_id(&id, &open, 2) >= 0 && open != nullptr) {
-        _write_stream_segment_* wss = open->writer();
-        writer_node_snapshot(open, &node);
-        node.len_in_bytes -= wss->delete_len;
-        chain.num = wss->iframe_block_num;
-        chain.list = wss->iframe_block_list;
-    } else if (find_opening_stream_segment_by_id(&id, &open, 1) >= 0 && open != nullptr) {
-        node = *open->ssi();
-        chain.num = open->reader()->iframe_block_num;
-        chain.list = open->reader()->iframe_block_list;
-    } else {
-        open = nullptr;
-    }
-    if (open != nullptr) {
-        if (node.end_hour == QZFS_INVALID_END_HOUR) {
-            QZLOG_ABOVE(1, "(ssinm.end_hour == QZFS_INVALID_END_HOUR)");
-            return -1;
-        }
-    } else {
-        _stream_segment_index_node_men_ mem;
-        if (Get_stream_segment_index_mem_node(root_index, stream_segment_index, &mem) != 0) {
-            QZLOG("Get_stream_segment_index_mem_node failed(%ld)(%ld)", long(root_index),
-                  long(stream_segment_index));
-            return -1;
-        }
-        if (!IS_NORMAL_SSIN(mem.id)) {
-            QZLOG("(IS_NORMAL_SSIN(ssinm.id) == 0)(%ld)(%ld)(%02x)", long(root_index),
-                  long(stream_segment_index), unsigned(mem.id));
-            return -1;
-        }
-        Stream_segment_index_endian_trans_dev_mem(&node, gLocal_endian, &mem, gLocal_endian, 0);
-    }
+    bool open = false;
+    if (!segment_node_for_range(*this, root_index, stream_segment_index, &node, &chain, &open))
+        return -1;
 
-    // The range must lie in the segment.
+    // The range must lie in the segment; the whole segment needs no walk.
     const unsigned seg_start = qzfs_second_of_day(node.start_hour, node.start_minute, node.start_second);
     const unsigned seg_end = qzfs_second_of_day(node.end_hour, node.end_minute, node.end_second);
     const unsigned want_start = qzfs_second_of_day(start->hour, start->minute, start->second);
@@ -399,74 +549,24 @@ int CQzFileSystem::Get_stream_segment_info(unsigned long root_index,
                     start->minute, start->second, end->hour, end->minute, end->second);
         return -1;
     }
-    if (want_start == seg_start && want_end == seg_end) {
+    range_walk walk;
+    if (!(want_start == seg_start && want_end == seg_end)) {
+        if (!open && read_iframe_chain(*this, root_index, chain) != 0)
+            return -1;
+        if (!walk_range(*this, chain, node, start, end, &walk))
+            return -1;
+    }
+    if (!walk.have_found) {
         *offset = 0;
         *len = node.len_in_bytes;
         return 0;
     }
-    if (open == nullptr && read_iframe_chain(*this, root_index, chain) != 0)
-        return -1;
-
-    // Walk the log from the segment's first I-frame: `found` is the last
-    // I-frame not after the wanted start, and the walk ends at the first
-    // I-frame after the wanted end or where the segment's data ends.
-    _iframe_index_node_dev_ first = {}, last = {}, found = {}, stop = {};
-    bool have_first = false, have_found = false, stopped_at_node = false;
-    std::vector<_iframe_index_node_dev_> batch(kIframeBatch);
-    uint32_t index = node.start_iframe;
-    bool walking = chain.num != 0 && chain.list != nullptr;
-    while (walking) {
-        unsigned long count = kIframeBatch;
-        Read_iframe_index(chain.num, chain.list, index, &count, batch.data(), 3);
-        for (unsigned long i = 0; i < count && walking; i++) {
-            const _iframe_index_node_dev_& n = batch[i];
-            if (n.id == IFRAME_INDEX_ID_BLOCK) {
-                if (!have_first)
-                    return -1;
-                continue;
-            }
-            if (n.id != IFRAME_INDEX_ID_IFRAME) {
-                walking = false;
-                break;
-            }
-            if (have_first &&
-                (n.stream_segment_offset < first.stream_segment_offset ||
-                 n.stream_segment_offset - first.stream_segment_offset >= node.len_in_bytes ||
-                 n.stream_segment_offset <= last.stream_segment_offset)) {
-                walking = false;
-                break;
-            }
-            if (!have_first) {
-                first = n;
-                have_first = true;
-            }
-            if (Compare_time(n.hour, n.minute, n.second, end->hour, end->minute, end->second) == 1) {
-                stop = n;
-                stopped_at_node = true;
-                walking = false;
-                break;
-            }
-            if (Compare_time(n.hour, n.minute, n.second, start->hour, start->minute,
-                             start->second) != 1) {
-                found = n;
-                have_found = true;
-            }
-            last = n;
-        }
-        if (count < kIframeBatch)
-            walking = false;
-        index += uint32_t(count);
-    }
-    if (!have_found) {
-        *offset = 0;
-        *len = node.len_in_bytes;
-        return 0;
-    }
-    *offset = found.stream_segment_offset - first.stream_segment_offset;
-    if (stopped_at_node)
-        *len = stop.stream_segment_offset - found.stream_segment_offset;
+    *offset = walk.found.stream_segment_offset - walk.first.stream_segment_offset;
+    if (walk.stopped_at_node)
+        *len = walk.stop.stream_segment_offset - walk.found.stream_segment_offset;
     else
-        *len = node.len_in_bytes + first.stream_segment_offset - found.stream_segment_offset;
+        *len = node.len_in_bytes + walk.first.stream_segment_offset -
+               walk.found.stream_segment_offset;
     return 0;
 }
 

@@ -80,16 +80,15 @@ step judge_iframe(unsigned t, unsigned want, uint64_t node_pts, uint64_t pts,
 
 }  // namespace
 
-// The walk behind both I-frame searches, through `buffer` (the disk's
-// shared one: the disk lock is held). With `strict_order` a node whose
-// offset is not above the previous I-frame's ends the walk; without, it is
-// reported and passed over.
+// The walk behind the I-frame search, through `buffer` (the disk's shared
+// one: the disk lock is held). A node whose offset is not above the
+// previous I-frame's is reported and passed over.
 static int find_iframe(CQzFileSystem& fs, unsigned char* buffer, unsigned long buffer_len,
                        uint32_t block_num, const uint32_t* list, uint32_t start_iframe,
                        const _k4t_fs_date_time_* where, uint64_t stream_len,
                        _fs_find_policy_ policy, _iframe_index_node_dev_* first,
                        uint32_t* found_index, _iframe_index_node_dev_* found,
-                       uint64_t* found_offset, uint64_t pts, bool strict_order)
+                       uint64_t* found_offset, uint64_t pts)
 {
     memset(first, 0, sizeof(*first));
     memset(found, 0, sizeof(*found));
@@ -130,8 +129,6 @@ static int find_iframe(CQzFileSystem& fs, unsigned char* buffer, unsigned long b
             head = {node, index, true};
         if (prev.valid && prev.node.stream_segment_offset >= node.stream_segment_offset) {
             print_out_of_order(node, index, prev.node, prev.index);
-            if (strict_order)
-                break;
             continue;
         }
         // Nodes past the logical end do not count.
@@ -174,19 +171,9 @@ int CQzFileSystem::Find_iframe_index_fast(_stream_segment_index_node_dev_*, uint
                                           uint32_t* found_index, _iframe_index_node_dev_* found,
                                           uint64_t* found_offset, uint64_t pts)
 {
-    return find_iframe(*this, m_file_system_io_buffer, m_file_system_io_buffer_len, iframe_block_num, iframe_block_list, start_iframe, where, stream_len,
-                       policy, first, found_index, found, found_offset, pts, false);
-}
-
-int CQzFileSystem::Find_iframe_index(uint32_t iframe_block_num, uint32_t* iframe_block_list,
-                                     uint32_t start_iframe, _k4t_fs_date_time_* where,
-                                     uint64_t stream_len, _fs_find_policy_ policy,
-                                     _iframe_index_node_dev_* first, uint32_t* found_index,
-                                     _iframe_index_node_dev_* found, uint64_t* found_offset,
-                                     uint64_t pts)
-{
-    return find_iframe(*this, m_file_system_io_buffer, m_file_system_io_buffer_len, iframe_block_num, iframe_block_list, start_iframe, where, stream_len,
-                       policy, first, found_index, found, found_offset, pts, true);
+    return find_iframe(*this, m_file_system_io_buffer, m_file_system_io_buffer_len,
+                       iframe_block_num, iframe_block_list, start_iframe, where, stream_len, policy,
+                       first, found_index, found, found_offset, pts);
 }
 
 // A writer's nodes waiting in its list go to the log when the moment sought
@@ -215,6 +202,8 @@ static void flush_writer_for_seek(CQzFileSystem& fs, _opened_stream_segment_* wr
                 int(where->second));
 }
 
+namespace {
+
 // What a seek works from: the node, chain and length of the segment, the
 // writer's when it is live.
 struct seek_source {
@@ -223,6 +212,8 @@ struct seek_source {
     uint32_t* list;
     uint64_t stream_len;
 };
+
+}  // namespace
 
 static seek_source source_of(_opened_stream_segment_* oss, _opened_stream_segment_* writer)
 {
