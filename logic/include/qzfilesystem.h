@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <list>
 #include <map>
 #include <mutex>
@@ -555,26 +554,15 @@ private:
                                 size_t header_len);
     // Nodes of `node_size` bytes in one index block.
     uint32_t nodes_per_index_block(unsigned long node_size) const;
-    int scan_root_index(_hdd_root_index_manager_* manager, uint32_t wanted,
-                        _root_index_node_mem_* out);
-    uint32_t release_own_root_slot(_hdd_root_index_manager_* manager, bool below,
-                                   std::deque<_ri_ssi_manager_*>& gathered,
-                                   uint32_t& gathered_low);
-    void merge_root_range(_hdd_root_index_manager_* manager,
-                          std::deque<_ri_ssi_manager_*>& gathered, uint32_t low);
-    void cache_root_node(uint32_t slot, _root_index_node_dev_* node);
-    int update_root_cache_entry(_hdd_root_index_manager_* manager, uint32_t root_index,
-                                const _root_index_node_dev_* node);
+    // The two cached index levels, as the shared range code of
+    // qzfs_cached_range.h sees them.
+    struct root_index_level;
+    struct segment_index_level;
+    template <typename Level>
+    int scan_index_range(Level& level, uint32_t wanted, typename Level::Mem* out);
     _ri_ssi_manager_* cached_root_entry(unsigned long root_index);
     int read_segment_node_uncached(unsigned long root_index, unsigned long index,
                                    _stream_segment_index_node_men_* out);
-    int scan_stream_segment_index(unsigned long root_index, _ri_ssi_manager_* manager,
-                                  uint32_t wanted, _stream_segment_index_node_men_* out);
-    uint32_t release_own_segment_slot(_ri_ssi_manager_* manager, bool below,
-                                      std::deque<uint32_t>& gathered, uint32_t& gathered_low);
-    void cache_segment_node(uint32_t slot, const _stream_segment_index_node_dev_* node);
-    int update_segment_cache_entry(_ri_ssi_manager_* manager, uint32_t root_index, uint32_t index,
-                                   const _stream_segment_index_node_dev_* node);
     int relock_stream_segment(unsigned long root_index, uint32_t num, const uint32_t* list,
                               unsigned long index, const _stream_segment_index_node_dev_* node);
     int place_stream_segment_node(unsigned long root_index, uint32_t* block_num, uint32_t** list,
