@@ -119,7 +119,6 @@ public:
     unsigned char Get_hdd_id() const { return m_hdd_id; }
     // The disk number a format works under (mount takes it as an argument).
     void Set_hdd_id(unsigned char hdd_id) { m_hdd_id = hdd_id; }
-    const std::string& Get_dev_path() const { return m_dev_path; }
     // 0 makes the disk read-only, as a disk reached through a partition is.
     void Set_bare_dev(unsigned char value) { bare_dev = value; }
 
@@ -194,14 +193,11 @@ public:
     int get_disk_invalid_data_block_num();
 
     // ---- index blocks and chains (qzfs_index_chain.cpp)
-    int Init_root_index_block(unsigned long block, unsigned long last, unsigned long next);
     int Init_stream_segment_block(unsigned long block, unsigned long last, unsigned long next,
                                   unsigned long iframe_block, unsigned long first_iframe_block);
     int Init_iframe_index_block(unsigned long block, unsigned long last, unsigned long next);
-    int Read_root_index_block_header(unsigned long block, _root_index_header_dev_* header);
     int Read_stream_segment_index_block_header(unsigned long block,
                                                _stream_segment_block_header_dev_* header);
-    int Read_iframe_index_block_header(unsigned long block, _iframe_index_block_header_dev_* header);
     // The chain readers allocate *list (delete[]) in chain order.
     int Read_root_index_block_list(unsigned long first_block, uint32_t* num, uint32_t** list,
                                    _root_index_header_dev_* header);
@@ -222,7 +218,6 @@ public:
                          const _root_index_node_dev_* node, int new_node, int is_end);
     int Write_root_index(unsigned long root_index, const _root_index_node_dev_* node, int new_node,
                          int is_end);
-    int Read_root_index_from_dev(unsigned long root_index, _root_index_node_dev_* node);
     int Get_root_index_mem_node(unsigned long root_index, _root_index_node_mem_* node);
     int Get_root_index_dev_node(unsigned long root_index, _root_index_node_dev_* node);
     int Update_root_index_cache(unsigned long root_index, const _root_index_node_dev_* node);
@@ -306,8 +301,6 @@ public:
                                                   const _qzfs_k4t_create_ss_para_* para,
                                                   uint32_t start_iframe, uint32_t* index,
                                                   _stream_segment_index_node_dev_* node);
-    int add_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
-                                      uint32_t** list, _stream_segment_index_node_dev_* node);
     int check_stream_segment_index_block(unsigned long block, uint32_t* iframe_block);
     int write_stream_segment_index(unsigned long block,
                                    std::list<_stream_segment_index_node_dev_>& nodes);
@@ -378,7 +371,6 @@ public:
     int find_opening_stream_segment_by_root_index(uint32_t root_index,
                                                   _opened_stream_segment_** out, uint8_t mask);
     int open_stream_segment_is_empty();
-    int get_cur_record_date(_k4t_fs_date_& date);
     int Close_reading_stream_segment(_opened_stream_segment_* oss);
     // Frees every open record with its state and channel (teardown).
     void release_open_segments();
@@ -531,8 +523,6 @@ public:
     void* io_interface() const { return m_pIo_interface; }
 
 private:
-    int read_key_table_piece(unsigned long key_block, unsigned long offset, unsigned char* buf,
-                             int length);
     int write_record_to_places(unsigned long key_block, unsigned long bak_block,
                                unsigned long block, _qzfs_block_info_* record, char where,
                                const char* key_fail, const char* bak_fail);
@@ -540,7 +530,6 @@ private:
                              unsigned long first_key, std::list<unsigned long>& bad,
                              std::list<unsigned long>& system);
     int repair_bak_key_block(unsigned long first_key);
-    int load_key_table(unsigned long key_block);
 
     int read_index_header_unit(unsigned long block);
     int read_index_chain(const index_chain_kind& kind, unsigned long first_block, uint32_t* num,

@@ -733,14 +733,6 @@ int CQzFileSystem::Create_stream_segment_index_node_simple(unsigned long root_in
     return 0;
 }
 
-int CQzFileSystem::add_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
-                                                 uint32_t** list,
-                                                 _stream_segment_index_node_dev_* node)
-{
-    uint32_t position = 0;
-    return place_stream_segment_node(root_index, block_num, list, node, &position);
-}
-
 // Finds the slot for a finished node, writes it (behind a fresh end mark
 // when it goes at the end) and brings the cache in line.
 int CQzFileSystem::place_stream_segment_node(unsigned long root_index, uint32_t* block_num,
