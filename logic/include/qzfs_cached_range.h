@@ -11,6 +11,7 @@
 //                            (local order), node as the cache holds it
 //   node_size, end_id,       node size on the disk, the id of an end mark
 //   free_id                  and of a free cache slot
+//   scan_log_name            the name a scan's lines are logged under
 //   array(), start(), end()  the range; end_mark() its known end mark
 //   chain(), chain_length()  the level's index block chain
 //   none()                   the entry of a position without a cached node
@@ -253,8 +254,9 @@ int CQzFileSystem::scan_index_range(Level& level, uint32_t wanted, typename Leve
         uint32_t block = level.chain()[chain_pos];
         uint32_t offset = uint32_t((u % units_per_block) * unit);
         if (read_in_block(block, offset, m_file_system_io_buffer, unit) != 0) {
-            QZLOG("Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)(len:%ld)",
-                  long(block), long(offset), long(unit));
+            QZLOG_AS(Level::scan_log_name,
+                     "Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)(len:%ld)",
+                     long(block), long(offset), long(unit));
             for (typename Level::Entry& entry : gathered)
                 Level::release(entry);
             return -1;

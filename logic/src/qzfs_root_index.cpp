@@ -117,6 +117,17 @@ void CQzFileSystem::Root_index_endian_trans_dev_mem(_root_index_node_dev_* dev,
 
 // ------------------------------------------------------------ cached range
 
+// A new cache entry for a normal node whose cached form goes in `slot`.
+static _ri_ssi_manager_* new_root_entry(uint32_t slot, const char* out_of_memory)
+{
+    _ri_ssi_manager_* entry = new (std::nothrow) _ri_ssi_manager_;
+    if (entry == nullptr)
+        QZFS_FATAL("%s", out_of_memory);
+    InitRiSsiManager(entry);
+    entry->root_node_slot = slot;
+    return entry;
+}
+
 // The root level of the cached index. An entry is the heap manager of a
 // normal root node, which owns the node's cache slot and, through the
 // cached node, a reference on its stream name; null stands for any other
@@ -128,6 +139,8 @@ struct CQzFileSystem::root_index_level {
     static constexpr unsigned long node_size = QZFS_ROOT_NODE_SIZE;
     static constexpr uint8_t end_id = END_ROOT_INDEX;
     static constexpr uint8_t free_id = FREE_ROOT_INDEX;
+    // The name the scan's lines are logged under.
+    static constexpr const char* scan_log_name = "scan_root_index";
 
     CQzFileSystem& fs;
     _hdd_root_index_manager_* manager;
@@ -153,6 +166,8 @@ struct CQzFileSystem::root_index_level {
     }
     static bool cached(const Dev& node) { return IS_NORMAL_ROOT_INDEX(node.id); }
 
+    // A failure to update or extend the range is logged under the name of
+    // the update.
     uint32_t take_slot(cache_use use)
     {
         if (use == cache_use::scan)
@@ -160,9 +175,10 @@ struct CQzFileSystem::root_index_level {
         uint32_t slot = pgSystemResourceManager->GetRootIndexNodeInCache(255);
         if (slot == QZFS_CACHE_INVALID_SLOT) {
             if (use == cache_use::update)
-                QZLOG("GetRootIndexNodeInCache failed");
+                QZLOG_AS("update_root_cache_entry", "GetRootIndexNodeInCache failed");
             else
-                QZLOG("CQzFileSystem::Create_root_index_node_simple GetRootIndexNodeInCache failed");
+                QZLOG_AS("update_root_cache_entry", "CQzFileSystem::Create_root_index_node_simple "
+                                                    "GetRootIndexNodeInCache failed");
         }
         return slot;
     }
@@ -170,18 +186,16 @@ struct CQzFileSystem::root_index_level {
     void abandon_slot(uint32_t) {}
     Entry make_entry(uint32_t slot, cache_use use)
     {
-        const char* out_of_memory =
-            use == cache_use::scan     ? "CQzFileSystem::Get_root_index_mem_node out of memory"
-            : use == cache_use::update ? "CQzFileSystem::Update_root_index_cache out of memory"
-                                       : "CQzFileSystem::Create_root_index_node_simple out of memory";
-        _ri_ssi_manager_* entry = new (std::nothrow) _ri_ssi_manager_;
-        if (entry == nullptr)
-            QZFS_FATAL("%s", out_of_memory);
-        InitRiSsiManager(entry);
-        entry->root_node_slot = slot;
-        return entry;
+        if (use == cache_use::scan)
+            return new_root_entry(slot, "CQzFileSystem::Get_root_index_mem_node out of memory");
+        if (use == cache_use::update)
+            return new_root_entry(slot, "CQzFileSystem::Update_root_index_cache out of memory");
+        return new_root_entry(slot, "CQzFileSystem::Create_root_index_node_simple out of memory");
     }
-    Mem& cache_node(uint32_t slot) { return pgSystemResourceManager->m_root_index_node_cache[slot]; }
+    Mem& cache_node(uint32_t slot)
+    {
+        return pgSystemResourceManager->m_root_index_node_cache[slot];
+    }
     // Converting takes a name reference, which the cached node owns.
     void to_mem(const Dev& node, Mem* mem)
     {
@@ -200,11 +214,11 @@ struct CQzFileSystem::root_index_level {
     Dev decode(unsigned char* raw, uint32_t pos, uint32_t wanted)
     {
         Dev node;
-        Endian_trans_root_index_node_dev(reinterpret_cast<Dev*>(raw), fs.m_manage.disk_endian, &node,
-                                         gLocal_endian);
+        Endian_trans_root_index_node_dev(reinterpret_cast<Dev*>(raw), fs.m_manage.disk_endian,
+                                         &node, gLocal_endian);
         if (fs.Check_root_index_dev_node(&node) != 0) {
-            QZLOG("Check_root_index_dev_node failed(%lu)(%lu)", (unsigned long)pos,
-                  (unsigned long)wanted);
+            QZLOG_AS(scan_log_name, "Check_root_index_dev_node failed(%lu)(%lu)",
+                     (unsigned long)pos, (unsigned long)wanted);
             node.id = FREE_ROOT_INDEX;
         }
         return node;

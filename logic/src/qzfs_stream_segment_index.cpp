@@ -329,6 +329,8 @@ struct CQzFileSystem::segment_index_level {
     static constexpr unsigned long node_size = QZFS_SSI_NODE_SIZE;
     static constexpr uint8_t end_id = END_STREAM_SEGMENT_INDEX;
     static constexpr uint8_t free_id = 0;
+    // The name the scan's lines are logged under.
+    static constexpr const char* scan_log_name = "scan_stream_segment_index";
 
     CQzFileSystem& fs;
     uint32_t root_index;
@@ -363,7 +365,7 @@ struct CQzFileSystem::segment_index_level {
             return resources.GetStreamSegmentIndexNodeInCache(fs.m_hdd_id, root_index);
         uint32_t slot = resources.GetStreamSegmentIndexNodeInCache(255, root_index);
         if (slot == QZFS_CACHE_INVALID_SLOT)
-            QZLOG("GetStreamSegmentIndexNodeInCache failed");
+            QZLOG_AS("take_segment_slot", "GetStreamSegmentIndexNodeInCache failed");
         return slot;
     }
     // Moves the cache's search cursor back to the slot.
@@ -393,9 +395,10 @@ struct CQzFileSystem::segment_index_level {
         Endian_trans_stream_segment_index(image, fs.m_manage.disk_endian, &node, gLocal_endian);
         if (fs.Check_stream_segment_index_dev_node(&node) != 0) {
             damaged++;
-            QZLOG("Check_stream_segment_index_dev_node failed(root_index:%lu)"
-                  "(stream_segment_index:%lu)(%lu)(%d)",
-                  (unsigned long)root_index, (unsigned long)pos, (unsigned long)wanted, damaged);
+            QZLOG_AS(scan_log_name,
+                     "Check_stream_segment_index_dev_node failed(root_index:%lu)"
+                     "(stream_segment_index:%lu)(%lu)(%d)",
+                     (unsigned long)root_index, (unsigned long)pos, (unsigned long)wanted, damaged);
             node.id = damaged < 10 ? FREE_STREAM_SEGMENT_INDEX : END_STREAM_SEGMENT_INDEX;
         }
         return node;
