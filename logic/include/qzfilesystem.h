@@ -185,7 +185,8 @@ public:
                                   unsigned long block);
     void init_normal_file_cache();
 
-    // ---- mount steps whose subsystems come later (qzfs_recovery.cpp)
+    // ---- mount repair steps (qzfs_recovery.cpp, the root index check in
+    // qzfs_root_index_check.cpp)
     int fast_recovery_key_info();
     int scan_recovery_key_info();
     int check_root_index_block_integrity_and_recovery();
