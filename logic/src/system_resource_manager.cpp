@@ -433,32 +433,25 @@ uint32_t CSystemResourceManager::RootIndexSwapOut(unsigned char hdd_id)
         if (id == hdd_id || hdd == nullptr || hdd->end_root_index <= hdd->start_root_index)
             continue;
         uint32_t count = hdd->end_root_index - hdd->start_root_index;
-        // The range must stay contiguous: only its two ends can go.
-        for (uint32_t i = 0; i < count; i++) {
+        // The range must stay contiguous: only its two ends can go, that is
+        // the lowest and the highest entry that holds a node. False for an
+        // empty entry, which the search passes over.
+        auto candidate = [&](uint32_t i, bool at_low_end) {
             _ri_ssi_manager_* entry = root_entry(hdd->pRoot_index_array, i);
             if (entry == nullptr)
-                continue;
+                return false;
             if (better_candidate(entry->access_time, winner != nullptr,
                                  winner ? winner->access_time : 0)) {
                 winner_hdd = hdd;
                 winner = entry;
                 winner_position = hdd->start_root_index + i;
-                winner_at_low_end = true;
+                winner_at_low_end = at_low_end;
             }
-            break;
+            return true;
+        };
+        for (uint32_t i = 0; i < count && !candidate(i, true); i++) {
         }
-        for (uint32_t i = count - 1; i >= 1; i--) {
-            _ri_ssi_manager_* entry = root_entry(hdd->pRoot_index_array, i);
-            if (entry == nullptr)
-                continue;
-            if (better_candidate(entry->access_time, winner != nullptr,
-                                 winner ? winner->access_time : 0)) {
-                winner_hdd = hdd;
-                winner = entry;
-                winner_position = hdd->start_root_index + i;
-                winner_at_low_end = false;
-            }
-            break;
+        for (uint32_t i = count - 1; i >= 1 && !candidate(i, false); i--) {
         }
     }
     if (winner == nullptr)
