@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <list>
 #include <map>
 #include <mutex>
@@ -120,7 +119,6 @@ public:
     unsigned char Get_hdd_id() const { return m_hdd_id; }
     // The disk number a format works under (mount takes it as an argument).
     void Set_hdd_id(unsigned char hdd_id) { m_hdd_id = hdd_id; }
-    const std::string& Get_dev_path() const { return m_dev_path; }
     // 0 makes the disk read-only, as a disk reached through a partition is.
     void Set_bare_dev(unsigned char value) { bare_dev = value; }
 
@@ -187,7 +185,8 @@ public:
                                   unsigned long block);
     void init_normal_file_cache();
 
-    // ---- mount steps whose subsystems come later (qzfs_recovery.cpp)
+    // ---- mount repair steps (qzfs_recovery.cpp, the root index check in
+    // qzfs_root_index_check.cpp)
     int fast_recovery_key_info();
     int scan_recovery_key_info();
     int check_root_index_block_integrity_and_recovery();
@@ -195,14 +194,11 @@ public:
     int get_disk_invalid_data_block_num();
 
     // ---- index blocks and chains (qzfs_index_chain.cpp)
-    int Init_root_index_block(unsigned long block, unsigned long last, unsigned long next);
     int Init_stream_segment_block(unsigned long block, unsigned long last, unsigned long next,
                                   unsigned long iframe_block, unsigned long first_iframe_block);
     int Init_iframe_index_block(unsigned long block, unsigned long last, unsigned long next);
-    int Read_root_index_block_header(unsigned long block, _root_index_header_dev_* header);
     int Read_stream_segment_index_block_header(unsigned long block,
                                                _stream_segment_block_header_dev_* header);
-    int Read_iframe_index_block_header(unsigned long block, _iframe_index_block_header_dev_* header);
     // The chain readers allocate *list (delete[]) in chain order.
     int Read_root_index_block_list(unsigned long first_block, uint32_t* num, uint32_t** list,
                                    _root_index_header_dev_* header);
@@ -223,7 +219,6 @@ public:
                          const _root_index_node_dev_* node, int new_node, int is_end);
     int Write_root_index(unsigned long root_index, const _root_index_node_dev_* node, int new_node,
                          int is_end);
-    int Read_root_index_from_dev(unsigned long root_index, _root_index_node_dev_* node);
     int Get_root_index_mem_node(unsigned long root_index, _root_index_node_mem_* node);
     int Get_root_index_dev_node(unsigned long root_index, _root_index_node_dev_* node);
     int Update_root_index_cache(unsigned long root_index, const _root_index_node_dev_* node);
@@ -307,8 +302,6 @@ public:
                                                   const _qzfs_k4t_create_ss_para_* para,
                                                   uint32_t start_iframe, uint32_t* index,
                                                   _stream_segment_index_node_dev_* node);
-    int add_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
-                                      uint32_t** list, _stream_segment_index_node_dev_* node);
     int check_stream_segment_index_block(unsigned long block, uint32_t* iframe_block);
     int write_stream_segment_index(unsigned long block,
                                    std::list<_stream_segment_index_node_dev_>& nodes);
@@ -379,7 +372,6 @@ public:
     int find_opening_stream_segment_by_root_index(uint32_t root_index,
                                                   _opened_stream_segment_** out, uint8_t mask);
     int open_stream_segment_is_empty();
-    int get_cur_record_date(_k4t_fs_date_& date);
     int Close_reading_stream_segment(_opened_stream_segment_* oss);
     // Frees every open record with its state and channel (teardown).
     void release_open_segments();
@@ -527,8 +519,6 @@ public:
     void* io_interface() const { return m_pIo_interface; }
 
 private:
-    int read_key_table_piece(unsigned long key_block, unsigned long offset, unsigned char* buf,
-                             int length);
     int write_record_to_places(unsigned long key_block, unsigned long bak_block,
                                unsigned long block, _qzfs_block_info_* record, char where,
                                const char* key_fail, const char* bak_fail);
@@ -536,7 +526,6 @@ private:
                              unsigned long first_key, std::list<unsigned long>& bad,
                              std::list<unsigned long>& system);
     int repair_bak_key_block(unsigned long first_key);
-    int load_key_table(unsigned long key_block);
 
     int read_index_header_unit(unsigned long block);
     int read_index_chain(const index_chain_kind& kind, unsigned long first_block, uint32_t* num,
@@ -550,26 +539,15 @@ private:
                                 size_t header_len);
     // Nodes of `node_size` bytes in one index block.
     uint32_t nodes_per_index_block(unsigned long node_size) const;
-    int scan_root_index(_hdd_root_index_manager_* manager, uint32_t wanted,
-                        _root_index_node_mem_* out);
-    uint32_t release_own_root_slot(_hdd_root_index_manager_* manager, bool below,
-                                   std::deque<_ri_ssi_manager_*>& gathered,
-                                   uint32_t& gathered_low);
-    void merge_root_range(_hdd_root_index_manager_* manager,
-                          std::deque<_ri_ssi_manager_*>& gathered, uint32_t low);
-    void cache_root_node(uint32_t slot, _root_index_node_dev_* node);
-    int update_root_cache_entry(_hdd_root_index_manager_* manager, uint32_t root_index,
-                                const _root_index_node_dev_* node);
+    // The two cached index levels, as the shared range code of
+    // qzfs_cached_range.h sees them.
+    struct root_index_level;
+    struct segment_index_level;
+    template <typename Level>
+    int scan_index_range(Level& level, uint32_t wanted, typename Level::Mem* out);
     _ri_ssi_manager_* cached_root_entry(unsigned long root_index);
     int read_segment_node_uncached(unsigned long root_index, unsigned long index,
                                    _stream_segment_index_node_men_* out);
-    int scan_stream_segment_index(unsigned long root_index, _ri_ssi_manager_* manager,
-                                  uint32_t wanted, _stream_segment_index_node_men_* out);
-    uint32_t release_own_segment_slot(_ri_ssi_manager_* manager, bool below,
-                                      std::deque<uint32_t>& gathered, uint32_t& gathered_low);
-    void cache_segment_node(uint32_t slot, const _stream_segment_index_node_dev_* node);
-    int update_segment_cache_entry(_ri_ssi_manager_* manager, uint32_t root_index, uint32_t index,
-                                   const _stream_segment_index_node_dev_* node);
     int relock_stream_segment(unsigned long root_index, uint32_t num, const uint32_t* list,
                               unsigned long index, const _stream_segment_index_node_dev_* node);
     int place_stream_segment_node(unsigned long root_index, uint32_t* block_num, uint32_t** list,

@@ -215,21 +215,6 @@ int CQzFileSystem::open_stream_segment_is_empty()
     return 0;
 }
 
-int CQzFileSystem::get_cur_record_date(_k4t_fs_date_& date)
-{
-    for (auto& entry : m_manage.opened_stream_segment_map) {
-        const _opened_stream_segment_* oss = entry.second;
-        if (oss == nullptr || oss->read_or_write != K4T_FS_FALSE)
-            continue;
-        date.year = oss->root()->year;
-        date.month = oss->root()->month;
-        date.day = oss->root()->day;
-        date.reserve = 0;
-        return 0;
-    }
-    return -1;
-}
-
 // --------------------------------------------------------------- readers
 
 int CQzFileSystem::Close_reading_stream_segment(_opened_stream_segment_* oss)

@@ -64,15 +64,6 @@ int CQzFileSystem::read_index_header_unit(unsigned long block)
                                   m_file_system_io_buffer, int(m_file_system_io_buffer_len));
 }
 
-int CQzFileSystem::Read_root_index_block_header(unsigned long block, _root_index_header_dev_* header)
-{
-    if (read_index_header_unit(block) != 0)
-        return -1;
-    Endian_trans_root_index_block_header(m_file_system_io_buffer, m_manage.disk_endian, header,
-                                         gLocal_endian);
-    return 0;
-}
-
 int CQzFileSystem::Read_stream_segment_index_block_header(unsigned long block,
                                                           _stream_segment_block_header_dev_* header)
 {
@@ -80,16 +71,6 @@ int CQzFileSystem::Read_stream_segment_index_block_header(unsigned long block,
         return -1;
     Endian_trans_stream_segment_index_block_header(m_file_system_io_buffer, m_manage.disk_endian,
                                                    header, gLocal_endian);
-    return 0;
-}
-
-int CQzFileSystem::Read_iframe_index_block_header(unsigned long block,
-                                                  _iframe_index_block_header_dev_* header)
-{
-    if (read_index_header_unit(block) != 0)
-        return -1;
-    Endian_trans_iframe_index_block_header(m_file_system_io_buffer, m_manage.disk_endian, header,
-                                           gLocal_endian);
     return 0;
 }
 
@@ -225,18 +206,6 @@ int CQzFileSystem::write_empty_index_block(unsigned long block, unsigned char fi
     memcpy(m_file_system_io_buffer, header, header_len);
     return write_in_block(block, QZFS_INDEX_HEADER_OFFSET,
                                    m_file_system_io_buffer, int(m_file_system_io_buffer_len));
-}
-
-int CQzFileSystem::Init_root_index_block(unsigned long block, unsigned long last,
-                                         unsigned long next)
-{
-    _root_index_header_dev_ header;
-    memset(&header, 0, sizeof(header));
-    header.magic = QZFS_ROOT_INDEX_MAGIC;
-    header.last = uint32_t(last);
-    header.next = uint32_t(next);
-    Endian_trans_root_index_block_header(&header, gLocal_endian, &header, m_manage.disk_endian);
-    return write_empty_index_block(block, END_ROOT_INDEX, &header, sizeof(header));
 }
 
 int CQzFileSystem::Init_stream_segment_block(unsigned long block, unsigned long last,

@@ -1,6 +1,8 @@
-// Mount-time repair steps. The key info recoveries, the root index check,
-// the action journal and the orphan count arrive with the root index and
-// journal code; until then a disk carries no index for them to look at.
+// Mount-time repair steps that are not built: the key info recoveries, the
+// roll-back of the action journal (segment deletion arms and clears it),
+// the repair of segments left open by a power cut, and the orphan count.
+// The repairs that are built live elsewhere: the backup key table's in
+// qzfs_key_info_block.cpp, the root index check in qzfs_root_index_check.cpp.
 #include "qzfilesystem.h"
 #include "qzfs_log.h"
 
@@ -20,7 +22,9 @@ int CQzFileSystem::Power_down_recovery()
     return 0;
 }
 
-// No data blocks exist before recording is built.
+// The orphan count is not built: the list of data blocks that no segment
+// owns any more (left by a power cut or a deletion cut short) is only
+// emptied, so such blocks stay allocated and uncounted.
 int CQzFileSystem::get_disk_invalid_data_block_num()
 {
     m_manage.invalid_block_list.clear();

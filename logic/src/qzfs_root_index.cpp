@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <deque>
 
 static const uint32_t kNoIndex = 0xFFFFFFFF;
 
@@ -116,6 +115,116 @@ void CQzFileSystem::Root_index_endian_trans_dev_mem(_root_index_node_dev_* dev,
     dev->check_sum = qzfs_root_node_byte_sum(reinterpret_cast<unsigned char*>(dev));
 }
 
+// ------------------------------------------------------------ cached range
+
+// A new cache entry for a normal node whose cached form goes in `slot`.
+static _ri_ssi_manager_* new_root_entry(uint32_t slot, const char* out_of_memory)
+{
+    _ri_ssi_manager_* entry = new (std::nothrow) _ri_ssi_manager_;
+    if (entry == nullptr)
+        QZFS_FATAL("%s", out_of_memory);
+    InitRiSsiManager(entry);
+    entry->root_node_slot = slot;
+    return entry;
+}
+
+// The root level of the cached index. An entry is the heap manager of a
+// normal root node, which owns the node's cache slot and, through the
+// cached node, a reference on its stream name; null stands for any other
+// node. A damaged node reads as free.
+struct CQzFileSystem::root_index_level {
+    typedef _ri_ssi_manager_* Entry;
+    typedef _root_index_node_dev_ Dev;
+    typedef _root_index_node_mem_ Mem;
+    static constexpr unsigned long node_size = QZFS_ROOT_NODE_SIZE;
+    static constexpr uint8_t end_id = END_ROOT_INDEX;
+    static constexpr uint8_t free_id = FREE_ROOT_INDEX;
+    // The name the scan's lines are logged under.
+    static constexpr const char* scan_log_name = "scan_root_index";
+
+    CQzFileSystem& fs;
+    _hdd_root_index_manager_* manager;
+
+    RISSIMVector& array() { return *manager->pRoot_index_array; }
+    uint32_t& start() { return manager->start_root_index; }
+    uint32_t& end() { return manager->end_root_index; }
+    uint32_t& end_mark() { return manager->end_mark_index; }
+    const uint32_t* chain() const { return manager->pRoot_index_block; }
+    uint32_t chain_length() const { return manager->root_index_block_num; }
+
+    static Entry none() { return nullptr; }
+    static void release(Entry& entry) { RISSIMVectorFunc(entry, entry, RVFSVO_FREE); }
+    // Freeing the manager frees its cache slot too; the slot is then
+    // handed over empty.
+    static uint32_t give_back(Entry& entry)
+    {
+        if (entry == nullptr)
+            return QZFS_CACHE_INVALID_SLOT;
+        uint32_t slot = entry->root_node_slot;
+        release(entry);
+        return slot;
+    }
+    static bool cached(const Dev& node) { return IS_NORMAL_ROOT_INDEX(node.id); }
+
+    // A failure to update or extend the range is logged under the name of
+    // the update.
+    uint32_t take_slot(cache_use use)
+    {
+        if (use == cache_use::scan)
+            return pgSystemResourceManager->GetRootIndexNodeInCache(fs.m_hdd_id);
+        uint32_t slot = pgSystemResourceManager->GetRootIndexNodeInCache(255);
+        if (slot == QZFS_CACHE_INVALID_SLOT) {
+            if (use == cache_use::update)
+                QZLOG_AS("update_root_cache_entry", "GetRootIndexNodeInCache failed");
+            else
+                QZLOG_AS("update_root_cache_entry", "CQzFileSystem::Create_root_index_node_simple "
+                                                    "GetRootIndexNodeInCache failed");
+        }
+        return slot;
+    }
+    // An unfilled slot still reads as free: nothing to give back.
+    void abandon_slot(uint32_t) {}
+    Entry make_entry(uint32_t slot, cache_use use)
+    {
+        if (use == cache_use::scan)
+            return new_root_entry(slot, "CQzFileSystem::Get_root_index_mem_node out of memory");
+        if (use == cache_use::update)
+            return new_root_entry(slot, "CQzFileSystem::Update_root_index_cache out of memory");
+        return new_root_entry(slot, "CQzFileSystem::Create_root_index_node_simple out of memory");
+    }
+    Mem& cache_node(uint32_t slot)
+    {
+        return pgSystemResourceManager->m_root_index_node_cache[slot];
+    }
+    // Converting takes a name reference, which the cached node owns.
+    void to_mem(const Dev& node, Mem* mem)
+    {
+        Dev copy = node;
+        fs.Root_index_endian_trans_dev_mem(&copy, gLocal_endian, mem, gLocal_endian, 1);
+    }
+    void fill(uint32_t slot, const Dev& node) { to_mem(node, &cache_node(slot)); }
+    // The old node's name reference goes before the new one is taken.
+    void refill(Entry entry, const Dev& node)
+    {
+        pgSystemResourceManager->m_root_index_node_cache.free_element(entry->root_node_slot);
+        fill(entry->root_node_slot, node);
+    }
+    // A lookup of a node that is not normal gets only the cleared node.
+    void read_free(const Dev&, Mem*) {}
+    Dev decode(unsigned char* raw, uint32_t pos, uint32_t wanted)
+    {
+        Dev node;
+        Endian_trans_root_index_node_dev(reinterpret_cast<Dev*>(raw), fs.m_manage.disk_endian,
+                                         &node, gLocal_endian);
+        if (fs.Check_root_index_dev_node(&node) != 0) {
+            QZLOG_AS(scan_log_name, "Check_root_index_dev_node failed(%lu)(%lu)",
+                     (unsigned long)pos, (unsigned long)wanted);
+            node.id = FREE_ROOT_INDEX;
+        }
+        return node;
+    }
+};
+
 // ------------------------------------------------------------------ chain
 
 _hdd_root_index_manager_* CQzFileSystem::root_manager()
@@ -191,30 +300,6 @@ int CQzFileSystem::Write_root_index(unsigned long root_index, const _root_index_
 
 // -------------------------------------------------------------- reading
 
-int CQzFileSystem::Read_root_index_from_dev(unsigned long root_index, _root_index_node_dev_* node)
-{
-    uint32_t num = 0;
-    uint32_t* list = nullptr;
-    if (Get_root_index_block_list(&num, &list, nullptr) != 0)
-        return -1;
-    _qzfs_data_offset_ at;
-    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, root_index,
-                         m_file_system_io_buffer_len, &at);
-    if (at.its_block_num >= num) {
-        memset(node, END_ROOT_INDEX, sizeof(*node));
-        return 0;
-    }
-    if (read_in_block(list[at.its_block_num], at.unit_offset,
-                               m_file_system_io_buffer, int(m_file_system_io_buffer_len)) != 0)
-        return -1;
-    Endian_trans_root_index_node_dev(
-        reinterpret_cast<_root_index_node_dev_*>(m_file_system_io_buffer + at.offset_in_unit),
-        m_manage.disk_endian, node, gLocal_endian);
-    if (Check_root_index_dev_node(node) != 0)
-        node->id = END_ROOT_INDEX;
-    return 0;
-}
-
 int CQzFileSystem::Get_root_index_dev_node(unsigned long root_index, _root_index_node_dev_* node)
 {
     CacheLockGuard cache;
@@ -254,186 +339,11 @@ int CQzFileSystem::Get_root_index_mem_node(unsigned long root_index, _root_index
         out->id = END_ROOT_INDEX;
         return 0;
     }
-    return scan_root_index(manager, wanted, out);
-}
-
-// A new cache entry for a normal node whose cached form goes in `slot`.
-static _ri_ssi_manager_* new_root_entry(uint32_t slot, const char* out_of_memory)
-{
-    _ri_ssi_manager_* entry = new (std::nothrow) _ri_ssi_manager_;
-    if (entry == nullptr)
-        QZFS_FATAL("%s", out_of_memory);
-    InitRiSsiManager(entry);
-    entry->root_node_slot = slot;
-    return entry;
-}
-
-// Drops one cached entry of this disk to reuse its cache slot while a scan
-// gathers nodes: the top of the range when the scan runs below it, the
-// bottom when it runs above, and the oldest gathered entry when the range is
-// empty. Returns the freed slot, or kNoIndex when nothing could be given.
-uint32_t CQzFileSystem::release_own_root_slot(_hdd_root_index_manager_* manager, bool below,
-                                              std::deque<_ri_ssi_manager_*>& gathered,
-                                              uint32_t& gathered_low)
-{
-    RISSIMVector& array = *manager->pRoot_index_array;
-    while (manager->end_root_index > manager->start_root_index) {
-        _ri_ssi_manager_* entry;
-        if (below) {
-            uint32_t top = manager->end_root_index - 1 - manager->start_root_index;
-            entry = array[top];
-            array[top] = nullptr;
-            manager->end_root_index--;
-        } else {
-            entry = array[0];
-            array[0] = nullptr;
-            uint32_t count = manager->end_root_index - manager->start_root_index;
-            if (count > 1)
-                array.move(1, count - 1, 0);
-            manager->start_root_index++;
-        }
-        if (manager->end_root_index == manager->start_root_index)
-            manager->start_root_index = manager->end_root_index = 0;
-        if (entry != nullptr) {
-            uint32_t slot = entry->root_node_slot;
-            RISSIMVectorFunc(entry, entry, RVFSVO_FREE);
-            return slot;
-        }
-    }
-    while (!gathered.empty()) {
-        _ri_ssi_manager_* entry = gathered.front();
-        gathered.pop_front();
-        gathered_low++;
-        if (entry != nullptr) {
-            uint32_t slot = entry->root_node_slot;
-            RISSIMVectorFunc(entry, entry, RVFSVO_FREE);
-            return slot;
-        }
-    }
-    return kNoIndex;
-}
-
-// Joins the entries gathered by a scan to the cached range.
-void CQzFileSystem::merge_root_range(_hdd_root_index_manager_* manager,
-                                     std::deque<_ri_ssi_manager_*>& gathered, uint32_t low)
-{
-    merge_cached_range(*manager->pRoot_index_array, manager->start_root_index,
-                       manager->end_root_index, gathered, low,
-                       [](_ri_ssi_manager_*& entry) { RISSIMVectorFunc(entry, entry, RVFSVO_FREE); });
-}
-
-// Reads the units around `wanted` and brings the nodes between the cached
-// range and `wanted` into the cache, so that the range stays contiguous and
-// grows a whole unit at a time.
-int CQzFileSystem::scan_root_index(_hdd_root_index_manager_* manager, uint32_t wanted,
-                                   _root_index_node_mem_* out)
-{
-    const unsigned long unit = m_file_system_io_buffer_len;
-    const unsigned long units_per_block = m_manage.block_size / unit;
-    _qzfs_data_offset_ at;
-    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, wanted, unit, &at);
-
-    const bool empty = manager->end_root_index == 0;
-    const bool below = !empty && wanted < manager->start_root_index;
-    uint32_t low, high;
-    if (below) {
-        low = at.unit_first_index;
-        high = manager->start_root_index;
-    } else {
-        low = empty ? 0 : manager->end_root_index;
-        high = at.unit_last_index + 1;
-    }
-    _qzfs_data_offset_ first;
-    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, low, unit, &first);
-
-    CSystemResourceManager& resources = *pgSystemResourceManager;
-    std::deque<_ri_ssi_manager_*> gathered;
-    uint32_t gathered_low = low;
-    uint32_t position = first.unit_first_index;
-    bool stop = false;
-    for (uint32_t u = first.unit_in_chain; !stop; u++) {
-        uint32_t chain_pos = uint32_t(u / units_per_block);
-        if (chain_pos >= manager->root_index_block_num)
-            break;
-        uint32_t block = manager->pRoot_index_block[chain_pos];
-        uint32_t offset = uint32_t((u % units_per_block) * unit);
-        if (read_in_block(block, offset, m_file_system_io_buffer,
-                                   int(unit)) != 0) {
-            QZLOG("Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)(len:%ld)",
-                  long(block), long(offset), long(unit));
-            for (_ri_ssi_manager_*& entry : gathered)
-                RISSIMVectorFunc(entry, entry, RVFSVO_FREE);
-            return -1;
-        }
-        unsigned long sector = offset == 0 ? QZFS_INDEX_HEAD_SECTORS : 0;
-        for (; sector < unit / QZFS_SECTOR_SIZE && !stop; sector++) {
-            for (unsigned long k = 0; k < QZFS_SECTOR_SIZE / QZFS_ROOT_NODE_SIZE; k++) {
-                uint32_t pos = position++;
-                if (pos < low)
-                    continue;
-                if (pos >= high) {
-                    stop = true;
-                    break;
-                }
-                _root_index_node_dev_ node;
-                Endian_trans_root_index_node_dev(
-                    reinterpret_cast<_root_index_node_dev_*>(
-                        m_file_system_io_buffer + sector * QZFS_SECTOR_SIZE + k * QZFS_ROOT_NODE_SIZE),
-                    m_manage.disk_endian, &node, gLocal_endian);
-                if (Check_root_index_dev_node(&node) != 0) {
-                    QZLOG("Check_root_index_dev_node failed(%lu)(%lu)", (unsigned long)pos,
-                          (unsigned long)wanted);
-                    node.id = FREE_ROOT_INDEX;
-                }
-                if (node.id == END_ROOT_INDEX) {
-                    if (wanted >= pos)
-                        out->id = END_ROOT_INDEX;
-                    manager->end_mark_index = pos;
-                    stop = true;
-                    break;
-                }
-                if (!IS_NORMAL_ROOT_INDEX(node.id)) {
-                    gathered.push_back(nullptr);
-                    continue;
-                }
-                if (pos == wanted)
-                    Root_index_endian_trans_dev_mem(&node, gLocal_endian, out, gLocal_endian, 1);
-                uint32_t slot = resources.GetRootIndexNodeInCache(m_hdd_id);
-                if (slot == kNoIndex) {
-                    bool range_empty = manager->end_root_index == 0;
-                    if (pos >= wanted && (range_empty || !below)) {
-                        stop = true;
-                        break;
-                    }
-                    slot = release_own_root_slot(manager, below, gathered, gathered_low);
-                    if (slot == kNoIndex) {
-                        stop = true;
-                        break;
-                    }
-                }
-                _ri_ssi_manager_* entry =
-                    new_root_entry(slot, "CQzFileSystem::Get_root_index_mem_node out of memory");
-                if (pos == wanted)
-                    resources.m_root_index_node_cache[slot] = *out;
-                else
-                    cache_root_node(slot, &node);
-                gathered.push_back(entry);
-            }
-        }
-    }
-    merge_root_range(manager, gathered, gathered_low);
-    return 0;
+    root_index_level level{*this, manager};
+    return scan_index_range(level, wanted, out);
 }
 
 // ------------------------------------------------------------ cache update
-
-// Puts a node (local order) into a root cache slot, taking a name reference.
-void CQzFileSystem::cache_root_node(uint32_t slot, _root_index_node_dev_* node)
-{
-    Root_index_endian_trans_dev_mem(node, gLocal_endian,
-                                    &pgSystemResourceManager->m_root_index_node_cache[slot],
-                                    gLocal_endian, 1);
-}
 
 // Brings the cache in line with a node just written at `root_index`.
 int CQzFileSystem::Update_root_index_cache(unsigned long root_index,
@@ -442,105 +352,8 @@ int CQzFileSystem::Update_root_index_cache(unsigned long root_index,
     CacheLockGuard cache;
     if (pgSystemResourceManager == nullptr)
         return -1;
-    CSystemResourceManager& resources = *pgSystemResourceManager;
-    _hdd_root_index_manager_* manager = *resources.Get_hdd(m_hdd_id, 1);
-    const uint32_t ri = uint32_t(root_index);
-    int result = update_root_cache_entry(manager, ri, node);
-    if (node->id == END_ROOT_INDEX)
-        manager->end_mark_index = ri;
-    else if (manager->end_mark_index != kNoIndex && ri >= manager->end_mark_index)
-        manager->end_mark_index = ri + 1;  // a node written over the end mark moves it up
-    return result;
-}
-
-// Drops the cached entries from position `ri` up: an end mark there means
-// nothing above it is in use.
-static void cut_root_range(_hdd_root_index_manager_* manager, uint32_t ri)
-{
-    RISSIMVector& array = *manager->pRoot_index_array;
-    for (uint32_t p = ri; p < manager->end_root_index; p++)
-        RISSIMVectorFunc(array[p - manager->start_root_index],
-                         array[p - manager->start_root_index], RVFSVO_FREE);
-    manager->end_root_index = ri;
-    if (manager->end_root_index <= manager->start_root_index)
-        manager->start_root_index = manager->end_root_index = 0;
-}
-
-int CQzFileSystem::update_root_cache_entry(_hdd_root_index_manager_* manager, uint32_t ri,
-                                           const _root_index_node_dev_* written)
-{
-    CSystemResourceManager& resources = *pgSystemResourceManager;
-    _root_index_node_dev_ node = *written;
-    auto in_range = [&]() {
-        return ri >= manager->start_root_index && ri < manager->end_root_index;
-    };
-    if (in_range()) {
-        _ri_ssi_manager_*& entry = (*manager->pRoot_index_array)[ri - manager->start_root_index];
-        if (node.id == END_ROOT_INDEX) {
-            cut_root_range(manager, ri);
-            return 0;
-        }
-        if (entry != nullptr) {
-            if (IS_NORMAL_ROOT_INDEX(node.id)) {
-                resources.m_root_index_node_cache.free_element(entry->root_node_slot);
-                cache_root_node(entry->root_node_slot, &node);
-            } else {
-                RISSIMVectorFunc(entry, entry, RVFSVO_FREE);
-            }
-            return 0;
-        }
-        if (!IS_NORMAL_ROOT_INDEX(node.id))
-            return 0;
-        uint32_t slot = resources.GetRootIndexNodeInCache(255);
-        if (slot == kNoIndex) {
-            // Nowhere to keep the node: drop the range rather than let the
-            // empty entry read as a free node.
-            QZLOG("GetRootIndexNodeInCache failed");
-            cut_root_range(manager, manager->start_root_index);
-            return 0;
-        }
-        if (!in_range()) {
-            resources.m_root_index_node_cache[slot].id = FREE_ROOT_INDEX;
-            return 0;
-        }
-        (*manager->pRoot_index_array)[ri - manager->start_root_index] =
-            new_root_entry(slot, "CQzFileSystem::Update_root_index_cache out of memory");
-        cache_root_node(slot, &node);
-        return 0;
-    }
-    auto adjacent = [&]() {
-        return ri == manager->end_root_index || ri + 1 == manager->start_root_index;
-    };
-    if (node.id == END_ROOT_INDEX || !adjacent())
-        return 0;
-    uint32_t slot = kNoIndex;
-    if (IS_NORMAL_ROOT_INDEX(node.id)) {
-        slot = resources.GetRootIndexNodeInCache(255);
-        if (slot == kNoIndex) {
-            QZLOG("CQzFileSystem::Create_root_index_node_simple GetRootIndexNodeInCache failed");
-            return 0;
-        }
-        if (!adjacent()) {
-            resources.m_root_index_node_cache[slot].id = FREE_ROOT_INDEX;
-            return 0;
-        }
-    }
-    RISSIMVector& array = *manager->pRoot_index_array;
-    uint32_t at = manager->end_root_index - manager->start_root_index;
-    if (ri + 1 == manager->start_root_index) {
-        if (array.move(0, at, 1) != 0)
-            return -1;
-        manager->start_root_index--;
-        at = 0;
-    } else {
-        manager->end_root_index++;
-    }
-    array[at] = nullptr;
-    if (slot != kNoIndex) {
-        array[at] = new_root_entry(slot, "CQzFileSystem::Create_root_index_node_simple out of memory");
-        cache_root_node(slot, &node);
-    }
-    return 0;
+    root_index_level level{*this, *pgSystemResourceManager->Get_hdd(m_hdd_id, 1)};
+    return update_cached_range(level, uint32_t(root_index), *node);
 }
 
 // ------------------------------------------------------------- changing

@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <deque>
 
 static const uint32_t kNoIndex = 0xFFFFFFFF;
 
@@ -315,6 +314,97 @@ int CQzFileSystem::Read_stream_segment_index_from_dev(unsigned long root_index, 
     return result;
 }
 
+// ------------------------------------------------------------ cached range
+
+// The segment level of the cached index, below one cached root node. An
+// entry is a slot of the segment node cache, QZFS_SSA_FREE_NODE for a free
+// node; every other node, pre-record ones included, is cached. The slot is
+// the whole of what an entry holds, so it is handed over as it is, to be
+// overwritten. Up to nine damaged nodes in one scan read as free; the tenth
+// ends the array where it stands.
+struct CQzFileSystem::segment_index_level {
+    typedef uint32_t Entry;
+    typedef _stream_segment_index_node_dev_ Dev;
+    typedef _stream_segment_index_node_men_ Mem;
+    static constexpr unsigned long node_size = QZFS_SSI_NODE_SIZE;
+    static constexpr uint8_t end_id = END_STREAM_SEGMENT_INDEX;
+    static constexpr uint8_t free_id = 0;
+    // The name the scan's lines are logged under.
+    static constexpr const char* scan_log_name = "scan_stream_segment_index";
+
+    CQzFileSystem& fs;
+    uint32_t root_index;
+    _ri_ssi_manager_* manager;
+    int damaged = 0;
+
+    SSAVector& array() { return *manager->pStream_segment_array; }
+    uint32_t& start() { return manager->start_stream_segment_index; }
+    uint32_t& end() { return manager->end_stream_segment_index; }
+    uint32_t& end_mark() { return manager->end_mark_index; }
+    const uint32_t* chain() const { return manager->pStream_segment_index_block; }
+    uint32_t chain_length() const { return manager->stream_segment_index_block_num; }
+
+    static Entry none() { return QZFS_SSA_FREE_NODE; }
+    static void release(Entry& entry) { SSAVectorFunc(entry, entry, RVFSVO_FREE); }
+    static uint32_t give_back(Entry& entry)
+    {
+        return entry == QZFS_SSA_FREE_NODE || entry == QZFS_SSA_RESERVED ? QZFS_CACHE_INVALID_SLOT
+                                                                         : entry;
+    }
+    static bool cached(const Dev& node)
+    {
+        return node.id != FREE_STREAM_SEGMENT_INDEX && node.id != END_STREAM_SEGMENT_INDEX;
+    }
+
+    // Every disk may give a slot, this root included, so the caller checks
+    // its position again.
+    uint32_t take_slot(cache_use use)
+    {
+        CSystemResourceManager& resources = *pgSystemResourceManager;
+        if (use == cache_use::scan)
+            return resources.GetStreamSegmentIndexNodeInCache(fs.m_hdd_id, root_index);
+        uint32_t slot = resources.GetStreamSegmentIndexNodeInCache(255, root_index);
+        if (slot == QZFS_CACHE_INVALID_SLOT)
+            QZLOG_AS("take_segment_slot", "GetStreamSegmentIndexNodeInCache failed");
+        return slot;
+    }
+    // Moves the cache's search cursor back to the slot.
+    void abandon_slot(uint32_t slot) { release(slot); }
+    Entry make_entry(uint32_t slot, cache_use) { return slot; }
+    Mem& cache_node(uint32_t slot)
+    {
+        return pgSystemResourceManager->m_stream_segment_index_node_cache[slot];
+    }
+    void to_mem(const Dev& node, Mem* mem)
+    {
+        Dev copy = node;
+        fs.Stream_segment_index_endian_trans_dev_mem(&copy, gLocal_endian, mem, gLocal_endian, 1);
+    }
+    void fill(uint32_t slot, const Dev& node) { to_mem(node, &cache_node(slot)); }
+    void refill(Entry slot, const Dev& node) { fill(slot, node); }
+    // A lookup of a free node gets the node as it stands.
+    void read_free(const Dev& node, Mem* out) { to_mem(node, out); }
+    // A node repaired in memory on a read-only disk stands in for the one
+    // on the disk.
+    Dev decode(unsigned char* raw, uint32_t pos, uint32_t wanted)
+    {
+        auto* image = reinterpret_cast<Dev*>(raw);
+        if (fs.bare_dev == 0)
+            fs.get_ssid_from_cache(root_index, pos, image);
+        Dev node;
+        Endian_trans_stream_segment_index(image, fs.m_manage.disk_endian, &node, gLocal_endian);
+        if (fs.Check_stream_segment_index_dev_node(&node) != 0) {
+            damaged++;
+            QZLOG_AS(scan_log_name,
+                     "Check_stream_segment_index_dev_node failed(root_index:%lu)"
+                     "(stream_segment_index:%lu)(%lu)(%d)",
+                     (unsigned long)root_index, (unsigned long)pos, (unsigned long)wanted, damaged);
+            node.id = damaged < 10 ? FREE_STREAM_SEGMENT_INDEX : END_STREAM_SEGMENT_INDEX;
+        }
+        return node;
+    }
+};
+
 // ------------------------------------------------------------- lookups
 
 int CQzFileSystem::Get_stream_segment_index_mem_node(unsigned long root_index, unsigned long index,
@@ -384,7 +474,11 @@ int CQzFileSystem::Get_stream_segment_index_mem_node(unsigned long root_index,
         out->id = END_STREAM_SEGMENT_INDEX;
         return 0;
     }
-    return scan_stream_segment_index(root_index, manager, wanted, out);
+    segment_index_level level{*this, uint32_t(root_index), manager};
+    if (scan_index_range(level, wanted, out) != 0)
+        return -1;
+    manager->ssi_access_time = time(nullptr);
+    return 0;
 }
 
 int CQzFileSystem::Get_stream_segment_index_dev_node(unsigned long root_index, unsigned long index,
@@ -405,248 +499,7 @@ int CQzFileSystem::Get_stream_segment_index_dev_node(unsigned long root_index, u
     return Get_stream_segment_index_dev_node(root_index, index, node);
 }
 
-// Takes one cache slot back from this root's own cached range while a scan
-// gathers nodes: the top of the range when the scan runs below it, the
-// bottom when it runs above, and the oldest gathered node when the range is
-// empty. The slot is handed over as it is, to be overwritten.
-uint32_t CQzFileSystem::release_own_segment_slot(_ri_ssi_manager_* manager, bool below,
-                                                 std::deque<uint32_t>& gathered,
-                                                 uint32_t& gathered_low)
-{
-    SSAVector& array = *manager->pStream_segment_array;
-    uint32_t& start = manager->start_stream_segment_index;
-    uint32_t& end = manager->end_stream_segment_index;
-    while (end > start) {
-        uint32_t value;
-        if (below) {
-            uint32_t top = end - 1 - start;
-            value = array[top];
-            array[top] = QZFS_SSA_FREE_NODE;
-            end--;
-        } else {
-            value = array[0];
-            array[0] = QZFS_SSA_FREE_NODE;
-            if (end - start > 1)
-                array.move(1, end - start - 1, 0);
-            start++;
-        }
-        if (end == start)
-            start = end = 0;
-        if (value != QZFS_SSA_FREE_NODE && value != QZFS_SSA_RESERVED)
-            return value;
-    }
-    while (!gathered.empty()) {
-        uint32_t value = gathered.front();
-        gathered.pop_front();
-        gathered_low++;
-        if (value != QZFS_SSA_FREE_NODE)
-            return value;
-    }
-    return kNoIndex;
-}
-
-static void release_segment_entry(uint32_t& entry) { SSAVectorFunc(entry, entry, RVFSVO_FREE); }
-
-// Reads the units around `wanted` and brings the nodes between the cached
-// range and `wanted` into the cache, a whole unit at a time. Up to nine
-// damaged nodes read as free; the tenth ends the array where it stands.
-int CQzFileSystem::scan_stream_segment_index(unsigned long root_index, _ri_ssi_manager_* manager,
-                                             uint32_t wanted, _stream_segment_index_node_men_* out)
-{
-    const unsigned long unit = m_file_system_io_buffer_len;
-    const unsigned long units_per_block = m_manage.block_size / unit;
-    _qzfs_data_offset_ at;
-    Calculate_index_info(m_manage.block_size, QZFS_SSI_NODE_SIZE, wanted, unit, &at);
-    const bool empty = manager->end_stream_segment_index == manager->start_stream_segment_index;
-    const bool below = !empty && wanted < manager->start_stream_segment_index;
-    const uint32_t low = below ? at.unit_first_index
-                               : (empty ? 0 : manager->end_stream_segment_index);
-    const uint32_t high = below ? manager->start_stream_segment_index : at.unit_last_index + 1;
-    _qzfs_data_offset_ first;
-    Calculate_index_info(m_manage.block_size, QZFS_SSI_NODE_SIZE, low, unit, &first);
-
-    CSystemResourceManager& resources = *pgSystemResourceManager;
-    std::deque<uint32_t> gathered;
-    uint32_t gathered_low = low, position = first.unit_first_index;
-    int damaged = 0;
-    bool stop = false;
-    for (uint32_t u = first.unit_in_chain; !stop; u++) {
-        uint32_t chain_pos = uint32_t(u / units_per_block);
-        if (chain_pos >= manager->stream_segment_index_block_num)
-            break;
-        uint32_t block = manager->pStream_segment_index_block[chain_pos];
-        uint32_t offset = uint32_t((u % units_per_block) * unit);
-        if (read_in_block(block, offset, m_file_system_io_buffer, unit) != 0) {
-            QZLOG("Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)(len:%ld)",
-                  long(block), long(offset), long(unit));
-            for (uint32_t& entry : gathered)
-                release_segment_entry(entry);
-            return -1;
-        }
-        unsigned long sector = offset == 0 ? QZFS_INDEX_HEAD_SECTORS : 0;
-        for (; sector < unit / QZFS_SECTOR_SIZE && !stop; sector++) {
-            for (unsigned long k = 0; k < QZFS_SECTOR_SIZE / QZFS_SSI_NODE_SIZE; k++) {
-                uint32_t pos = position++;
-                if (pos < low)
-                    continue;
-                if (pos >= high) {
-                    stop = true;
-                    break;
-                }
-                auto* raw = reinterpret_cast<_stream_segment_index_node_dev_*>(
-                    m_file_system_io_buffer + sector * QZFS_SECTOR_SIZE + k * QZFS_SSI_NODE_SIZE);
-                if (bare_dev == 0)
-                    get_ssid_from_cache(root_index, pos, raw);
-                _stream_segment_index_node_dev_ node;
-                Endian_trans_stream_segment_index(raw, m_manage.disk_endian, &node, gLocal_endian);
-                if (Check_stream_segment_index_dev_node(&node) != 0) {
-                    damaged++;
-                    QZLOG("Check_stream_segment_index_dev_node failed(root_index:%lu)"
-                          "(stream_segment_index:%lu)(%lu)(%d)",
-                          root_index, (unsigned long)pos, (unsigned long)wanted, damaged);
-                    node.id = damaged < 10 ? FREE_STREAM_SEGMENT_INDEX : END_STREAM_SEGMENT_INDEX;
-                }
-                if (node.id == END_STREAM_SEGMENT_INDEX) {
-                    if (wanted >= pos)
-                        out->id = END_STREAM_SEGMENT_INDEX;
-                    manager->end_mark_index = pos;
-                    stop = true;
-                    break;
-                }
-                if (pos == wanted)
-                    Stream_segment_index_endian_trans_dev_mem(&node, gLocal_endian, out,
-                                                              gLocal_endian, 1);
-                if (node.id == FREE_STREAM_SEGMENT_INDEX) {
-                    gathered.push_back(QZFS_SSA_FREE_NODE);
-                    continue;
-                }
-                uint32_t slot = resources.GetStreamSegmentIndexNodeInCache(m_hdd_id,
-                                                                           uint32_t(root_index));
-                if (slot == kNoIndex) {
-                    bool range_empty = manager->end_stream_segment_index ==
-                                       manager->start_stream_segment_index;
-                    if (pos >= wanted && (range_empty || !below)) {
-                        stop = true;
-                        break;
-                    }
-                    slot = release_own_segment_slot(manager, below, gathered, gathered_low);
-                    if (slot == kNoIndex) {
-                        stop = true;
-                        break;
-                    }
-                }
-                Stream_segment_index_endian_trans_dev_mem(
-                    &node, gLocal_endian, &resources.m_stream_segment_index_node_cache[slot],
-                    gLocal_endian, 1);
-                gathered.push_back(slot);
-            }
-        }
-    }
-    merge_cached_range(*manager->pStream_segment_array, manager->start_stream_segment_index,
-                       manager->end_stream_segment_index, gathered, gathered_low,
-                       release_segment_entry);
-    manager->ssi_access_time = time(nullptr);
-    return 0;
-}
-
 // ------------------------------------------------------------ cache update
-
-// Drops the cached positions from `index` up, giving their slots back.
-static void cut_segment_range(_ri_ssi_manager_* manager, uint32_t index)
-{
-    SSAVector& array = *manager->pStream_segment_array;
-    for (uint32_t p = index; p < manager->end_stream_segment_index; p++)
-        release_segment_entry(array[p - manager->start_stream_segment_index]);
-    manager->end_stream_segment_index = index;
-    if (manager->end_stream_segment_index <= manager->start_stream_segment_index)
-        manager->start_stream_segment_index = manager->end_stream_segment_index = 0;
-}
-
-// A cache slot for a node of this root, or kNoIndex. Every disk may give
-// one, this root included, so the caller checks its position again.
-static uint32_t take_segment_slot(uint32_t root_index)
-{
-    uint32_t slot = pgSystemResourceManager->GetStreamSegmentIndexNodeInCache(255, root_index);
-    if (slot == kNoIndex)
-        QZLOG("GetStreamSegmentIndexNodeInCache failed");
-    return slot;
-}
-
-void CQzFileSystem::cache_segment_node(uint32_t slot, const _stream_segment_index_node_dev_* node)
-{
-    _stream_segment_index_node_dev_ copy = *node;
-    Stream_segment_index_endian_trans_dev_mem(
-        &copy, gLocal_endian, &pgSystemResourceManager->m_stream_segment_index_node_cache[slot],
-        gLocal_endian, 1);
-}
-
-int CQzFileSystem::update_segment_cache_entry(_ri_ssi_manager_* manager, uint32_t root_index,
-                                              uint32_t index,
-                                              const _stream_segment_index_node_dev_* node)
-{
-    SSAVector& array = *manager->pStream_segment_array;
-    uint32_t& start = manager->start_stream_segment_index;
-    uint32_t& end = manager->end_stream_segment_index;
-    auto in_range = [&]() { return index >= start && index < end; };
-    const bool used = node->id != FREE_STREAM_SEGMENT_INDEX && node->id != END_STREAM_SEGMENT_INDEX;
-    if (in_range()) {
-        if (node->id == END_STREAM_SEGMENT_INDEX) {
-            cut_segment_range(manager, index);
-            return 0;
-        }
-        uint32_t entry = array[index - start];
-        if (entry != QZFS_SSA_FREE_NODE) {
-            if (used)
-                cache_segment_node(entry, node);
-            else
-                release_segment_entry(array[index - start]);
-            return 0;
-        }
-        if (!used)
-            return 0;
-        uint32_t slot = take_segment_slot(root_index);
-        if (slot == kNoIndex) {
-            // Nowhere to keep the node: drop the range rather than let the
-            // empty entry read as a free node.
-            cut_segment_range(manager, start);
-            return 0;
-        }
-        if (!in_range()) {
-            pgSystemResourceManager->m_stream_segment_index_node_cache[slot].id = 0;
-            return 0;
-        }
-        cache_segment_node(slot, node);
-        array[index - start] = slot;
-        return 0;
-    }
-    auto adjacent = [&]() { return index == end || index + 1 == start; };
-    if (node->id == END_STREAM_SEGMENT_INDEX || !adjacent())
-        return 0;
-    uint32_t slot = QZFS_SSA_FREE_NODE;
-    if (used) {
-        slot = take_segment_slot(root_index);
-        if (slot == kNoIndex)
-            return 0;
-        if (!adjacent()) {
-            pgSystemResourceManager->m_stream_segment_index_node_cache[slot].id = 0;
-            return 0;
-        }
-        cache_segment_node(slot, node);
-    }
-    uint32_t at = end - start;
-    if (index + 1 == start) {
-        if (array.move(0, at, 1) != 0) {
-            release_segment_entry(slot);
-            return -1;
-        }
-        start--;
-        at = 0;
-    } else {
-        end++;
-    }
-    array[at] = slot;
-    return 0;
-}
 
 int CQzFileSystem::Update_stream_segment_index_cache(unsigned long root_index, unsigned long index,
                                                      const _stream_segment_index_node_dev_* node)
@@ -664,13 +517,8 @@ int CQzFileSystem::Update_stream_segment_index_cache(unsigned long root_index, u
                    long(root_index), long(index));
     }
     manager->ssi_access_time = time(nullptr);
-    const uint32_t position = uint32_t(index);
-    int result = update_segment_cache_entry(manager, uint32_t(root_index), position, node);
-    if (node->id == END_STREAM_SEGMENT_INDEX)
-        manager->end_mark_index = position;
-    else if (manager->end_mark_index != kNoIndex && position >= manager->end_mark_index)
-        manager->end_mark_index = position + 1;  // a node written over the end mark moves it up
-    return result;
+    segment_index_level level{*this, uint32_t(root_index), manager};
+    return update_cached_range(level, uint32_t(index), *node);
 }
 
 // ------------------------------------------------------------- changing
@@ -886,14 +734,6 @@ int CQzFileSystem::Create_stream_segment_index_node_simple(unsigned long root_in
     if (out != nullptr)
         *out = node;
     return 0;
-}
-
-int CQzFileSystem::add_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
-                                                 uint32_t** list,
-                                                 _stream_segment_index_node_dev_* node)
-{
-    uint32_t position = 0;
-    return place_stream_segment_node(root_index, block_num, list, node, &position);
 }
 
 // Finds the slot for a finished node, writes it (behind a fresh end mark

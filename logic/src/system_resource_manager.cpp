@@ -124,42 +124,14 @@ unsigned char SSAVectorFunc(uint32_t& a, uint32_t& b, unsigned char op)
     }
 }
 
-unsigned char RISSIMVectorFunc(_ri_ssi_manager_*& a, _ri_ssi_manager_*& b, unsigned char op)
-{
-    switch (op) {
-    case RVFSVO_INIT:
-        a = nullptr;
-        return 1;
-    case RVFSVO_UNINIT:
-    case RVFSVO_FREE: {
-        if (a == nullptr)
-            return 1;
-        delete[] a->pStream_segment_index_block;
-        a->pStream_segment_index_block = nullptr;
-        if (a->root_node_slot != QZFS_CACHE_INVALID_SLOT && pgSystemResourceManager != nullptr) {
-            RootNodeCache& cache = pgSystemResourceManager->m_root_index_node_cache;
-            if (a->root_node_slot < cache.m_size)
-                cache.free_element(a->root_node_slot);
-        }
-        // The array's destructor releases every segment slot it holds.
-        delete a->pStream_segment_array;
-        delete a;
-        a = nullptr;
-        return 1;
-    }
-    case RVFSVO_COPY:
-        b = a;
-        return 1;
-    case RVFSVO_IS_FREE:
-        return a == nullptr ? 1 : 0;
-    default:
-        QZLOG("RISSIMVectorFunc NOT support operator(operator:%d)", op);
-        exit(1);
-    }
-}
-
-unsigned char HddResourceVectorFunc(_hdd_root_index_manager_*& a, _hdd_root_index_manager_*& b,
-                                    unsigned char op)
+// The callback of an array of owned pointers (a disk's root entries, the
+// disk table): null is a free element, and freeing hands a non-null element
+// to `drop`, which deletes it with all it owns, and leaves null behind. An
+// unknown operation is logged under the callback's name and ends the
+// process.
+template <typename T>
+static unsigned char owned_pointer_op(const char* name, T*& a, T*& b, unsigned char op,
+                                      void (*drop)(T*, unsigned char))
 {
     switch (op) {
     case RVFSVO_INIT:
@@ -167,15 +139,8 @@ unsigned char HddResourceVectorFunc(_hdd_root_index_manager_*& a, _hdd_root_inde
         return 1;
     case RVFSVO_UNINIT:
     case RVFSVO_FREE:
-        if (a == nullptr)
-            return 1;
-        QZLOG_ABOVE(0, "HddResourceVectorFunc RVFSVO_FREE or RVFSVO_UNINIT(operator:%d)(%08lx)", op,
-                    (unsigned long)(uintptr_t)a);
-        // The array's destructor frees every root entry, their cache slots
-        // and their segment ranges.
-        delete a->pRoot_index_array;
-        delete[] a->pRoot_index_block;
-        delete a;
+        if (a != nullptr)
+            drop(a, op);
         a = nullptr;
         return 1;
     case RVFSVO_COPY:
@@ -184,9 +149,49 @@ unsigned char HddResourceVectorFunc(_hdd_root_index_manager_*& a, _hdd_root_inde
     case RVFSVO_IS_FREE:
         return a == nullptr ? 1 : 0;
     default:
-        QZLOG("HddResourceVectorFunc NOT support operator(operator:%d)", op);
+        QZLOG_AS(name, "%s NOT support operator(operator:%d)", name, op);
         exit(1);
     }
+}
+
+// A root entry goes with its chain copy, its root cache slot (and with it
+// the name reference) and its segment range.
+static void drop_root_entry(_ri_ssi_manager_* a, unsigned char)
+{
+    delete[] a->pStream_segment_index_block;
+    a->pStream_segment_index_block = nullptr;
+    if (a->root_node_slot != QZFS_CACHE_INVALID_SLOT && pgSystemResourceManager != nullptr) {
+        RootNodeCache& cache = pgSystemResourceManager->m_root_index_node_cache;
+        if (a->root_node_slot < cache.m_size)
+            cache.free_element(a->root_node_slot);
+    }
+    // The array's destructor releases every segment slot it holds.
+    delete a->pStream_segment_array;
+    delete a;
+}
+
+unsigned char RISSIMVectorFunc(_ri_ssi_manager_*& a, _ri_ssi_manager_*& b, unsigned char op)
+{
+    return owned_pointer_op("RISSIMVectorFunc", a, b, op, drop_root_entry);
+}
+
+static void drop_disk_manager(_hdd_root_index_manager_* a, unsigned char op)
+{
+    if (g_qzfs_debug_level > 0)
+        QZLOG_AS("HddResourceVectorFunc",
+                 "HddResourceVectorFunc RVFSVO_FREE or RVFSVO_UNINIT(operator:%d)(%08lx)", op,
+                 (unsigned long)(uintptr_t)a);
+    // The array's destructor frees every root entry, their cache slots
+    // and their segment ranges.
+    delete a->pRoot_index_array;
+    delete[] a->pRoot_index_block;
+    delete a;
+}
+
+unsigned char HddResourceVectorFunc(_hdd_root_index_manager_*& a, _hdd_root_index_manager_*& b,
+                                    unsigned char op)
+{
+    return owned_pointer_op("HddResourceVectorFunc", a, b, op, drop_disk_manager);
 }
 
 void InitRiSsiManager(_ri_ssi_manager_*& manager)
@@ -428,32 +433,25 @@ uint32_t CSystemResourceManager::RootIndexSwapOut(unsigned char hdd_id)
         if (id == hdd_id || hdd == nullptr || hdd->end_root_index <= hdd->start_root_index)
             continue;
         uint32_t count = hdd->end_root_index - hdd->start_root_index;
-        // The range must stay contiguous: only its two ends can go.
-        for (uint32_t i = 0; i < count; i++) {
+        // The range must stay contiguous: only its two ends can go, that is
+        // the lowest and the highest entry that holds a node. False for an
+        // empty entry, which the search passes over.
+        auto candidate = [&](uint32_t i, bool at_low_end) {
             _ri_ssi_manager_* entry = root_entry(hdd->pRoot_index_array, i);
             if (entry == nullptr)
-                continue;
+                return false;
             if (better_candidate(entry->access_time, winner != nullptr,
                                  winner ? winner->access_time : 0)) {
                 winner_hdd = hdd;
                 winner = entry;
                 winner_position = hdd->start_root_index + i;
-                winner_at_low_end = true;
+                winner_at_low_end = at_low_end;
             }
-            break;
+            return true;
+        };
+        for (uint32_t i = 0; i < count && !candidate(i, true); i++) {
         }
-        for (uint32_t i = count - 1; i >= 1; i--) {
-            _ri_ssi_manager_* entry = root_entry(hdd->pRoot_index_array, i);
-            if (entry == nullptr)
-                continue;
-            if (better_candidate(entry->access_time, winner != nullptr,
-                                 winner ? winner->access_time : 0)) {
-                winner_hdd = hdd;
-                winner = entry;
-                winner_position = hdd->start_root_index + i;
-                winner_at_low_end = false;
-            }
-            break;
+        for (uint32_t i = count - 1; i >= 1 && !candidate(i, false); i--) {
         }
     }
     if (winner == nullptr)
