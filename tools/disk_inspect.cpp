@@ -27,21 +27,19 @@ int with_disk(unsigned char hdd, int missing, Step step)
     return step(*fs);
 }
 
-// Index records are packed: their wider fields are read byte-wise.
-template <typename T, typename Field>
-T unaligned(const Field& field)
+// Index records are packed: their wider fields are copied byte by byte from
+// and to their address, never bound to a reference of their own type (which
+// would be misaligned).
+template <typename T, size_t Width>
+T read_packed(const void* field)
 {
-    static_assert(sizeof(T) == sizeof(Field), "field width");
+    static_assert(sizeof(T) == Width, "field width");
     T value;
-    memcpy(&value, &field, sizeof(T));
+    memcpy(&value, field, sizeof(T));
     return value;
 }
-
-template <typename Field>
-void store_unaligned(Field& field, const void* value)
-{
-    memcpy(&field, value, sizeof(Field));
-}
+#define READ_PACKED(T, field) read_packed<T, sizeof(field)>(&(field))
+#define WRITE_PACKED(field, value) memcpy(&(field), (value), sizeof(field))
 
 // A character array of a record as a string, up to its first NUL; its last
 // byte is kept for the NUL, whatever the disk holds there.
@@ -103,9 +101,9 @@ int synthetic_iframes(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para, 
                 return -1;
             uint32_t ordinal = next_ordinal++, shared = 1;
             n.id = IFRAME_INDEX_ID_BLOCK;
-            store_unaligned(n.block_num, &block);
-            store_unaligned(n.block_offset, &ordinal);
-            store_unaligned(n.pts_high, &shared);
+            WRITE_PACKED(n.block_num, &block);
+            WRITE_PACKED(n.block_offset, &ordinal);
+            WRITE_PACKED(n.pts_high, &shared);
             nodes.push_back(n);
             n = {};
         }
@@ -115,10 +113,10 @@ int synthetic_iframes(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para, 
         n.hour = uint8_t(at / 3600 % 24);
         n.minute = uint8_t(at / 60 % 60);
         n.second = uint8_t(at % 60);
-        store_unaligned(n.block_num, &block);
-        store_unaligned(n.block_offset, &offset);
-        store_unaligned(n.pts_low, &pts);
-        store_unaligned(n.stream_segment_offset, &stream_offset);
+        WRITE_PACKED(n.block_num, &block);
+        WRITE_PACKED(n.block_offset, &offset);
+        WRITE_PACKED(n.pts_low, &pts);
+        WRITE_PACKED(n.stream_segment_offset, &stream_offset);
         nodes.push_back(n);
     }
     len = uint64_t(seconds) * step;
@@ -138,7 +136,7 @@ int close_synthetic_segment(CQzFileSystem& fs, uint32_t root, uint32_t index,
     node.end_hour = uint8_t(end / 3600);
     node.end_minute = uint8_t(end / 60 % 60);
     node.end_second = uint8_t(end % 60);
-    store_unaligned(node.len_in_bytes, &len);
+    WRITE_PACKED(node.len_in_bytes, &len);
     if (fs.Modify_stream_segment(root, index, 0, &node) != 0)
         return -1;
     return fs.check_and_modify_root_info(root, nullptr);
@@ -235,8 +233,8 @@ int disk_root_entry(unsigned char hdd, uint32_t position, IndexSlot& slot, RootE
     entry.channel = node.channel;
     entry.stream_type = node.stream_type;
     entry.name = text_of(node.name);
-    entry.record_types = unaligned<uint16_t>(node.record_type);
-    entry.segment_index_block = unaligned<uint32_t>(node.stream_segment_index_block);
+    entry.record_types = READ_PACKED(uint16_t, node.record_type);
+    entry.segment_index_block = READ_PACKED(uint32_t, node.stream_segment_index_block);
     return 0;
 }
 
@@ -261,10 +259,10 @@ int disk_segment_entry(unsigned char hdd, uint32_t root, uint32_t index, IndexSl
     entry.end_hour = n.end_hour;
     entry.end_minute = n.end_minute;
     entry.end_second = n.end_second;
-    entry.len = unaligned<uint64_t>(n.len_in_bytes);
+    entry.len = READ_PACKED(uint64_t, n.len_in_bytes);
     entry.record_type = n.record_type;
     entry.locked = n.lock != 0;
-    entry.start_iframe = unaligned<uint32_t>(n.start_iframe);
+    entry.start_iframe = READ_PACKED(uint32_t, n.start_iframe);
     entry.pre_record = n.id == PRE_RECORD_STREAM_SEGMENT_INDEX;
     return 0;
 }
@@ -297,10 +295,10 @@ int disk_iframe_index(unsigned char hdd, uint32_t root, unsigned long limit, Ifr
         e.hour = n.hour;
         e.minute = n.minute;
         e.second = n.second;
-        e.block = unaligned<uint32_t>(n.block_num);
-        e.offset = unaligned<uint32_t>(n.block_offset);
-        e.shared_by = unaligned<uint32_t>(n.pts_high);
-        e.stream_offset = unaligned<uint64_t>(n.stream_segment_offset);
+        e.block = READ_PACKED(uint32_t, n.block_num);
+        e.offset = READ_PACKED(uint32_t, n.block_offset);
+        e.shared_by = READ_PACKED(uint32_t, n.pts_high);
+        e.stream_offset = READ_PACKED(uint64_t, n.stream_segment_offset);
         entries.push_back(e);
     }
     return 0;
