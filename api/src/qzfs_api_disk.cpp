@@ -146,6 +146,24 @@ int CQzfsApi::Qzfs_umount(unsigned char hdd_id)
     return result;
 }
 
+// The reserve that the group of a disk keeps on it, read under the manager
+// lock (which the disk lock is never held with): the record reserve on the
+// group's current disk, the recording reserve on the others. False outside a
+// group.
+static bool group_reserve_of(unsigned char hdd_id, unsigned long long& reserve)
+{
+    const int group_id = gQzfsManager.Find_group_id(hdd_id);
+    if (group_id < 0)
+        return false;
+    ManagerLockGuard manager(gQzfsManager);
+    const _disk_group_attr_* group = gQzfsManager.find_group((unsigned char)group_id);
+    if (group == nullptr)
+        return false;
+    reserve = group->m_current_record_hdd_id == hdd_id ? group->reserve_free_size_for_record
+                                                       : group->used_for_recording_free_size;
+    return true;
+}
+
 // The free count an application sees leaves room for the group's reserve:
 // the record reserve on the group's current disk, the recording reserve on
 // the others.
@@ -157,16 +175,12 @@ int CQzfsApi::Qzfs_get_hdd_info(unsigned char hdd_id, _qzfs_k4t_hdd_info_* info)
         QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", hdd_id);
         return -1;
     }
-    fs->disk_lock(1);
-    fs->Get_hdd_info(info);
-    fs->disk_lock(0);
-    int group_id = gQzfsManager.Find_group_id(hdd_id);
-    _disk_group_attr_* group = group_id >= 0 ? gQzfsManager.find_group((unsigned char)group_id)
-                                             : nullptr;
-    if (group != nullptr && info->block_size != 0) {
-        unsigned long long reserve = group->m_current_record_hdd_id == hdd_id
-                                         ? group->reserve_free_size_for_record
-                                         : group->used_for_recording_free_size;
+    {
+        DiskLockGuard disk(*fs);
+        fs->Get_hdd_info(info);
+    }
+    unsigned long long reserve = 0;
+    if (group_reserve_of(hdd_id, reserve) && info->block_size != 0) {
         unsigned long long reserve_blocks = (reserve + info->block_size - 1) / info->block_size;
         info->free_num = info->free_num > reserve_blocks
                              ? (unsigned long)(info->free_num - reserve_blocks)
@@ -200,9 +214,11 @@ int CQzfsApi::Qzfs_test_hdd(unsigned char hdd_id, unsigned long value)
         QZLOG_ABOVE(0, "disk is umount(%d)", hdd_id);
         return -1;
     }
-    fs->disk_lock(1);
-    int result = fs->Test_hdd(value);
-    fs->disk_lock(0);
+    int result;
+    {
+        DiskLockGuard disk(*fs);
+        result = fs->Test_hdd(value);
+    }
     QZLOG_ABOVE(0, "end test disk(%s)", result == 0 ? "success" : "failed");
     return result;
 }
