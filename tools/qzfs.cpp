@@ -1,6 +1,6 @@
-// qzfs: the host tool. Formats, mounts and inspects disks or disk images
+// qzfs: the host tool. Formats, mounts and examines disks or disk images
 // through the library, from a shell.
-#include "disk_inspect.h"
+#include "disk_access.h"
 #include "frame_source.h"
 #include "h264_stream.h"
 #include "qzfilesystem_api.h"
@@ -110,16 +110,6 @@ bool parse_size(const std::string& text, unsigned long long& out)
         return false;
     out = value * scale;
     return true;
-}
-
-// Days of a month of a year counted from 2000 (0..99); 0 for a month out
-// of range. Every fourth year from 2000 to 2099 is a leap year.
-unsigned days_in_month(unsigned year, unsigned month)
-{
-    static const unsigned char kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    if (year > 99 || month < 1 || month > 12)
-        return 0;
-    return month == 2 && year % 4 == 0 ? 29 : kDays[month - 1];
 }
 
 // Options that stand alone, without a value.
@@ -419,7 +409,7 @@ bool parse_date(const std::string& text, _qzfs_k4t_create_ss_para_& para)
     if (sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail) != 3)
         return false;
     if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        day > days_in_month(year - 2000, month))
+        day > library_days_in_month(year - 2000, month))
         return false;
     para.year = (uint8_t)(year - 2000);
     para.month = (uint8_t)month;
@@ -541,7 +531,7 @@ bool parse_date_time(const std::string& text, _k4t_fs_date_time_& out)
         (sep != 'T' && sep != ' '))
         return false;
     if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        day > days_in_month(year - 2000, month) || hour > 23 || minute > 59 || second > 59)
+        day > library_days_in_month(year - 2000, month) || hour > 23 || minute > 59 || second > 59)
         return false;
     out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, (uint8_t)hour,
            (uint8_t)minute,        (uint8_t)second, 0};
@@ -1377,7 +1367,7 @@ bool parse_date(const std::string& text, _k4t_fs_date_& out, bool month_only)
     const int fields = month_only ? sscanf(text.c_str(), "%4u-%2u%c", &year, &month, &tail)
                                   : sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail);
     if (fields != (month_only ? 2 : 3) || year < 2000 || year > 2099 || month < 1 || month > 12 ||
-        day < 1 || day > days_in_month(year - 2000, month))
+        day < 1 || day > library_days_in_month(year - 2000, month))
         return false;
     out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, 0};
     return true;
@@ -1479,7 +1469,7 @@ int verb_ls(const Args& args)
 // hold recordings marked, and then those days as a list.
 void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& query)
 {
-    const unsigned days = days_in_month(month.year, month.month);
+    const unsigned days = library_days_in_month(month.year, month.month);
     struct tm first = {};
     first.tm_year = 100 + month.year;
     first.tm_mon = month.month - 1;

@@ -7,8 +7,8 @@
  * unchanged.  A call holds the disk registry shared while it runs, so that no
  * disk object it may reach is destroyed under it; the calls that add or take
  * out disk objects (format, mount, unmount) take it themselves, exclusively
- * around the change of the table only.  The few that hand out arrays build a std::list through the
- * member and copy it into the caller's array.
+ * around the change of the table only.  The few that hand out arrays build a
+ * std::list through the member and copy it into the caller's array.
  */
 #include <stdint.h>
 #include <string.h>

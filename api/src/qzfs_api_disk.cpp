@@ -82,9 +82,8 @@ static int register_and_mount(unsigned char hdd_id, MountStep mount_step)
     {
         // The registry before the manager lock, as everywhere.
         DiskRegistryWriteGuard registry;
-        gQzfsManager.manager_lock();
+        ManagerLockGuard manager(gQzfsManager);
         fs = gQzfsManager.register_qzfilesystem(hdd_id);
-        gQzfsManager.manager_unlock();
     }
     if (fs == nullptr) {
         QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);

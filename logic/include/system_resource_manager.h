@@ -41,6 +41,7 @@
 #ifndef SYSTEM_RESOURCE_MANAGER_H
 #define SYSTEM_RESOURCE_MANAGER_H
 
+#include "qzfs_device.h"
 #include "qzfs_vector.h"
 
 #include <cstddef>
@@ -214,15 +215,9 @@ public:
 
 // Holds the cache lock of pgSystemResourceManager for a scope; nothing while
 // there are no caches. Taking it again inside its scope is allowed.
-class CacheLockGuard {
+class CacheLockGuard : public QzfsScopedLock {
 public:
     CacheLockGuard();
-    ~CacheLockGuard();
-    CacheLockGuard(const CacheLockGuard&) = delete;
-    CacheLockGuard& operator=(const CacheLockGuard&) = delete;
-
-private:
-    void* lock_;
 };
 
 #endif

@@ -125,7 +125,7 @@ unsigned char SSAVectorFunc(uint32_t& a, uint32_t& b, unsigned char op)
 }
 
 // The callback of an array of owned pointers (a disk's root entries, the
-// disk table): null is a free element, and freeing hands a non-null element
+// per-disk root index managers): null is a free element, and freeing hands a non-null element
 // to `drop`, which deletes it with all it owns, and leaves null behind. An
 // unknown operation is logged under the callback's name and ends the
 // process.
@@ -582,14 +582,6 @@ int CSystemResourceManager::Free_resource(unsigned char hdd_id)
 }
 
 CacheLockGuard::CacheLockGuard()
-    : lock_(pgSystemResourceManager != nullptr ? pgSystemResourceManager->m_lock : nullptr)
+    : QzfsScopedLock(pgSystemResourceManager != nullptr ? pgSystemResourceManager->m_lock : nullptr)
 {
-    if (lock_ != nullptr)
-        qzfs_lock(lock_);
-}
-
-CacheLockGuard::~CacheLockGuard()
-{
-    if (lock_ != nullptr)
-        qzfs_unlock(lock_);
 }

@@ -1,4 +1,4 @@
-// disk_inspect: what the host tool does below the exported interface.
+// disk_access: what the host tool does below the exported interface.
 //
 // An application reaches a disk through the api_qzfs_... calls alone, and so
 // does the tool wherever they do the job. A few of its verbs look at, or
@@ -8,8 +8,8 @@
 // below carry what it prints, so the rest of the tool needs nothing but the
 // public header. Every function takes the id of a mounted disk and holds
 // that disk's lock while it reads or writes.
-#ifndef QZFS_TOOL_DISK_INSPECT_H
-#define QZFS_TOOL_DISK_INSPECT_H
+#ifndef QZFS_TOOL_DISK_ACCESS_H
+#define QZFS_TOOL_DISK_ACCESS_H
 
 #include "qzfilesystem_api.h"
 
@@ -111,5 +111,10 @@ int disk_add_root_entry(unsigned char hdd, const _qzfs_k4t_create_ss_para_& para
 // bytes; no frames are written. 0 on success, with the segment's index.
 int disk_add_synthetic_segment(unsigned char hdd, uint32_t root, const _qzfs_k4t_create_ss_para_& para,
                                unsigned seconds, unsigned long block_size, uint32_t& index);
+
+// Days of a month of a year counted from 2000 (0..99), by the library's own
+// calendar, so that the tool accepts exactly the dates the library does; 0
+// for a year or month out of range.
+unsigned library_days_in_month(unsigned year, unsigned month);
 
 #endif

@@ -1,9 +1,10 @@
-// disk_inspect: the host tool's way to the disk object. Each function finds
+// disk_access: the host tool's way to the disk object. Each function finds
 // the mounted disk, takes its lock for the reads and writes it makes, and
 // hands back plain records.
-#include "disk_inspect.h"
+#include "disk_access.h"
 
 #include "qzfilesystem.h"
+#include "qzfs_datetime.h"
 #include "qzfs_manager.h"
 
 #include <algorithm>
@@ -318,4 +319,12 @@ int disk_add_synthetic_segment(unsigned char hdd, uint32_t root, const _qzfs_k4t
     return with_disk(hdd, -1, [&](CQzFileSystem& fs) {
         return add_synthetic_segment(fs, root, para, seconds, block_size, index);
     });
+}
+
+unsigned library_days_in_month(unsigned year, unsigned month)
+{
+    unsigned char days = 0;
+    if (year > 99 || month > 12 || Get_max_day(uint8_t(year), uint8_t(month), &days) != 1)
+        return 0;
+    return days;
 }
