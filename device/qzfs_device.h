@@ -11,6 +11,30 @@ const unsigned long QZFS_SECTOR_SIZE = 512;
 
 // ---------------------------------------------------------------- I/O handle
 
+struct qzfs_dev_info;
+
+// The operations of the device behind an I/O handle. Every byte the library
+// moves to or from a disk, and every flush, goes through one of these. The
+// file or raw device is the one production implementation; a test puts an
+// emulated device in its place (one that counts writes and cuts the power).
+struct qzfs_block_device_ops {
+    // Moves up to `length` bytes at byte `where`: the count moved (0 at the
+    // device end on a read), or -1 with errno set.
+    long long (*write)(qzfs_dev_info* dev, unsigned long long where, const void* data,
+                       unsigned long length);
+    long long (*read)(qzfs_dev_info* dev, unsigned long long where, void* data,
+                      unsigned long length);
+    // Flushes the whole device, or the `length` bytes at byte `where`.
+    int (*sync)(qzfs_dev_info* dev);
+    int (*sync_range)(qzfs_dev_info* dev, unsigned long long where, unsigned long length);
+};
+
+// The device itself: pwrite, pread, fsync and a msync of the range.
+extern const qzfs_block_device_ops qzfs_file_device_ops;
+// The operations that handles opened from now on use; null means the device
+// itself. Only tests and the host tool change it, before opening a disk.
+extern const qzfs_block_device_ops* qzfs_block_device_ops_for_new_handles;
+
 // An open device (a raw block device, or a regular file used as a disk image).
 // `block_size` and `key_block` come from the device size alone. `dev_size` and
 // `is_regular` let an image behave like a block device: a seek past its end
@@ -23,6 +47,7 @@ struct qzfs_dev_info {
     unsigned long long dev_size; // device size in bytes
     unsigned long long pos;      // current byte position of fd
     bool is_regular;             // a regular file rather than a block device
+    const qzfs_block_device_ops* ops;  // how bytes reach the device
 };
 
 void* qzfs_create_io_interface(const char* dev, unsigned char bare_dev);

@@ -16,6 +16,44 @@ unsigned long qzfs_open_retry_pause_us = 500000;
 
 static qzfs_dev_info* as_dev(void* handle) { return static_cast<qzfs_dev_info*>(handle); }
 
+// ------------------------------------------------------- the device itself
+
+static long long file_write(qzfs_dev_info* dev, unsigned long long where, const void* data,
+                            unsigned long length)
+{
+    return (long long)pwrite(dev->fd, data, length, (off_t)where);
+}
+
+static long long file_read(qzfs_dev_info* dev, unsigned long long where, void* data,
+                           unsigned long length)
+{
+    return (long long)pread(dev->fd, data, length, (off_t)where);
+}
+
+static int file_sync(qzfs_dev_info* dev) { return fsync(dev->fd); }
+
+// Maps the range and schedules its write-back, as the recorder's own
+// platform does for a flush of part of a disk.
+static int file_sync_range(qzfs_dev_info* dev, unsigned long long where, unsigned long length)
+{
+    unsigned long map_length = qzfs_fsync_map_length(length);
+    void* map = mmap(nullptr, map_length, PROT_READ | PROT_WRITE, MAP_SHARED, dev->fd,
+                     (off_t)where);
+    if (map == MAP_FAILED || map == nullptr) {
+        QZDEVLOG("mmap failed(map size:%lu,offset:%llu)!", map_length, where);
+        return -1;
+    }
+    int result = msync(map, map_length, MS_ASYNC);
+    munmap(map, map_length);
+    return result;
+}
+
+const qzfs_block_device_ops qzfs_file_device_ops = {file_write, file_read, file_sync,
+                                                    file_sync_range};
+const qzfs_block_device_ops* qzfs_block_device_ops_for_new_handles = nullptr;
+
+// ----------------------------------------------------------- the I/O handle
+
 void* qzfs_create_io_interface(const char* dev, unsigned char bare_dev)
 {
     if (dev == nullptr) {
@@ -29,6 +67,9 @@ void* qzfs_create_io_interface(const char* dev, unsigned char bare_dev)
     }
     strncpy(info->dev_name, dev, sizeof(info->dev_name) - 1);
     info->fd = -1;
+    info->ops = qzfs_block_device_ops_for_new_handles != nullptr
+                    ? qzfs_block_device_ops_for_new_handles
+                    : &qzfs_file_device_ops;
 
     for (int attempt = 0; attempt < OPEN_TRIES; attempt++) {
         info->fd = open(dev, O_RDWR);
@@ -99,14 +140,9 @@ int qzfs_seek(void* handle, unsigned long block, unsigned long offset)
     unsigned long long target =
         (unsigned long long)offset + (unsigned long long)block * info->block_size;
     // A block device refuses a position past its end; an image does the same.
-    if (info->is_regular && target > info->dev_size) {
+    if ((info->is_regular || info->dev_size != 0) && target > info->dev_size) {
         QZDEVLOG("seek failed(seek %s failed, local offset:%lld)(%s)", info->dev_name,
                  (long long)target, strerror(EINVAL));
-        return -1;
-    }
-    if (lseek(info->fd, (off_t)target, SEEK_SET) == (off_t)-1) {
-        QZDEVLOG("seek failed(seek %s failed, local offset:%lld)(%s)", info->dev_name,
-                 (long long)target, strerror(errno));
         return -1;
     }
     info->pos = target;
@@ -128,7 +164,8 @@ static ssize_t transfer_once(qzfs_dev_info* info, void* buffer, size_t length, b
         if (length > room)
             length = (size_t)room;
     }
-    ssize_t done = writing ? write(info->fd, buffer, length) : read(info->fd, buffer, length);
+    long long done = writing ? info->ops->write(info, info->pos, buffer, length)
+                             : info->ops->read(info, info->pos, buffer, length);
     if (done > 0)
         info->pos += (unsigned long long)done;
     return done;
@@ -195,7 +232,7 @@ int qzfs_sync(void* handle)
         QZDEVLOG("p_dev_info is NULL!");
         return -1;
     }
-    return fsync(info->fd);
+    return info->ops->sync(info);
 }
 
 unsigned long qzfs_fsync_map_length(unsigned long length)
@@ -212,16 +249,7 @@ int qzfs_fsync(void* handle, unsigned long block, unsigned long offset, unsigned
     }
     unsigned long long where =
         (unsigned long long)offset + (unsigned long long)block * info->block_size;
-    unsigned long map_length = qzfs_fsync_map_length(length);
-    void* map = mmap(nullptr, map_length, PROT_READ | PROT_WRITE, MAP_SHARED, info->fd,
-                     (off_t)where);
-    if (map == MAP_FAILED || map == nullptr) {
-        QZDEVLOG("mmap failed(map size:%lu,offset:%llu)!", map_length, where);
-        return -1;
-    }
-    int result = msync(map, map_length, MS_ASYNC);
-    munmap(map, map_length);
-    return result;
+    return info->ops->sync_range(info, where, length);
 }
 
 int qzfs_seek_and_write(int fd, long long offset, int whence, char* buffer, unsigned int length)
