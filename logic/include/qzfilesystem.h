@@ -192,6 +192,11 @@ public:
     int check_root_index_block_integrity_and_recovery();
     int Power_down_recovery();
     int get_disk_invalid_data_block_num();
+    // Closes a segment that a power cut left being written (end hour 255) at
+    // the true end found from its frames, or deletes it when nothing usable
+    // is left: 0 closed, -1 deleted or not looked at
+    // (qzfs_stream_end_repair.cpp).
+    int Get_stream_segment_end_info(unsigned long root_index, unsigned long stream_segment_index);
 
     // ---- index blocks and chains (qzfs_index_chain.cpp)
     int Init_stream_segment_block(unsigned long block, unsigned long last, unsigned long next,
