@@ -20,6 +20,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 // Byte offset of the index block header inside a block.
 const unsigned long QZFS_INDEX_HEADER_OFFSET = 4096;
@@ -220,6 +221,39 @@ static_assert(sizeof(_iframe_index_node_dev_) == 29, "I-frame node is 29 bytes")
 static_assert(offsetof(_iframe_index_node_dev_, stream_segment_offset) == 21, "offset at 21");
 
 #pragma pack(pop)
+
+// The packed segment node's wide fields, read and written by copy since
+// they are not aligned.
+inline uint64_t segment_len_of(const _stream_segment_index_node_dev_& node)
+{
+    uint64_t len;
+    memcpy(&len, &node.len_in_bytes, sizeof(len));
+    return len;
+}
+
+inline void set_segment_len(_stream_segment_index_node_dev_& node, uint64_t len)
+{
+    memcpy(&node.len_in_bytes, &len, sizeof(len));
+}
+
+inline uint32_t segment_start_iframe_of(const _stream_segment_index_node_dev_& node)
+{
+    uint32_t value;
+    memcpy(&value, &node.start_iframe, sizeof(value));
+    return value;
+}
+
+inline void set_segment_start_iframe(_stream_segment_index_node_dev_& node, uint32_t value)
+{
+    memcpy(&node.start_iframe, &value, sizeof(value));
+}
+
+inline uint32_t segment_owner_stamp_of(const _stream_segment_index_node_dev_& node)
+{
+    uint32_t value;
+    memcpy(&value, &node.owner_stamp, sizeof(value));
+    return value;
+}
 
 // Values of a segment node's id.
 const uint8_t FREE_STREAM_SEGMENT_INDEX = 0;

@@ -65,32 +65,6 @@ struct segment_delete {
     }
 };
 
-uint64_t len_of(const _stream_segment_index_node_dev_& node)
-{
-    uint64_t len;
-    memcpy(&len, &node.len_in_bytes, sizeof(len));
-    return len;
-}
-
-void set_len(_stream_segment_index_node_dev_& node, uint64_t len)
-{
-    memcpy(&node.len_in_bytes, &len, sizeof(len));
-}
-
-uint32_t start_iframe_of(const _stream_segment_index_node_dev_& node)
-{
-    uint32_t value;
-    memcpy(&value, &node.start_iframe, sizeof(value));
-    return value;
-}
-
-uint32_t owner_stamp_of(const _stream_segment_index_node_dev_& node)
-{
-    uint32_t value;
-    memcpy(&value, &node.owner_stamp, sizeof(value));
-    return value;
-}
-
 _k4t_fs_time_ time_of(const _iframe_index_node_dev_& node)
 {
     _k4t_fs_time_ t = {node.hour, node.minute, node.second};
@@ -178,10 +152,10 @@ int gather_from_writer(segment_delete& job)
     const _write_stream_segment_* wss = job.writer->writer();
     memcpy(&job.root, job.writer->root_node, sizeof(job.root));
     memcpy(&job.node, job.writer->ssi_node, sizeof(job.node));
-    const uint64_t live = len_of(job.node);
-    set_len(job.node, live >= wss->delete_len ? live - wss->delete_len : 0);
-    if (wss->confirm_start_iframe == K4T_FS_FALSE || len_of(job.node) == 0 ||
-        start_iframe_of(job.node) == 0) {
+    const uint64_t live = segment_len_of(job.node);
+    set_segment_len(job.node, live >= wss->delete_len ? live - wss->delete_len : 0);
+    if (wss->confirm_start_iframe == K4T_FS_FALSE || segment_len_of(job.node) == 0 ||
+        segment_start_iframe_of(job.node) == 0) {
         QZLOG("FATAL((pWss->confirm_start_iframe == K4T_FS_FALSE) || (ssind.len_in_bytes == 0))");
         return -1;
     }
@@ -212,9 +186,9 @@ int gather_from_index(CQzFileSystem& fs, segment_delete& job)
     read = read && fs.Get_stream_segment_index_dev_node(job.root_index, ssi_num,
                                                         job.ssi_blocks.data(), job.segment,
                                                         &job.node) == 0;
-    if (!read || start_iframe_of(job.node) == 0) {
+    if (!read || segment_start_iframe_of(job.node) == 0) {
         QZLOG("Get_stream_segment_index_dev_node failed(%ld)(%ld)(%lu)", long(job.root_index),
-              long(job.segment), (unsigned long)start_iframe_of(job.node));
+              long(job.segment), (unsigned long)segment_start_iframe_of(job.node));
         return -1;
     }
     if (job.node.id != NORMAL_STREAM_SEGMENT_INDEX &&
@@ -264,7 +238,7 @@ enum scan_step { SCAN_ON, SCAN_STOP, SCAN_FAIL };
 scan_step scan_iframe(CQzFileSystem& fs, segment_delete& job, const _iframe_index_node_dev_& n,
                       uint32_t i, uint32_t& last_block)
 {
-    const uint32_t start = start_iframe_of(job.node);
+    const uint32_t start = segment_start_iframe_of(job.node);
     if (job.first.node.id == 0) {
         if (i != start) {
             QZLOG("start iframe is not iframe index(iframe_index:%lu,start:%lu)",
@@ -290,7 +264,7 @@ scan_step scan_iframe(CQzFileSystem& fs, segment_delete& job, const _iframe_inde
     }
     const uint64_t reach = n.stream_segment_offset - job.first.node.stream_segment_offset +
                            fs.manage().block_size - n.block_offset;
-    if (reach >= len_of(job.node)) {
+    if (reach >= segment_len_of(job.node)) {
         QZLOG("this is last block!");
         last_block = n.block_num;
     }
@@ -305,7 +279,7 @@ scan_step scan_entry(CQzFileSystem& fs, segment_delete& job, const _iframe_index
         job.stop_index = 0;
         return SCAN_STOP;
     }
-    if (i < start_iframe_of(job.node)) {
+    if (i < segment_start_iframe_of(job.node)) {
         if (n.id == IFRAME_INDEX_ID_BLOCK)
             job.first_block = place(n, i);
         return SCAN_ON;
@@ -329,7 +303,7 @@ scan_step scan_entry(CQzFileSystem& fs, segment_delete& job, const _iframe_index
 int scan_log(CQzFileSystem& fs, segment_delete& job, unsigned char* buffer,
              unsigned long buffer_len)
 {
-    const uint32_t start = start_iframe_of(job.node);
+    const uint32_t start = segment_start_iframe_of(job.node);
     log_units log(fs, job.iframe_blocks, buffer, buffer_len);
     uint32_t last_block = 0;
     for (uint32_t i = start - 1;; i++) {
@@ -363,7 +337,7 @@ int judge_scan(CQzFileSystem& fs, segment_delete& job)
     if (job.first_block.node.id != IFRAME_INDEX_ID_BLOCK) {
         _iframe_index_place_ entry;
         if (fs.Find_iframe_block_index(uint32_t(job.iframe_blocks.size()),
-                                       job.iframe_blocks.data(), start_iframe_of(job.node),
+                                       job.iframe_blocks.data(), segment_start_iframe_of(job.node),
                                        &entry.index, &entry.node, nullptr, 0) != 0) {
             QZLOG("Find_iframe_block_index failed");
             return -1;
@@ -391,8 +365,8 @@ void build_action_record(const segment_delete& job, uint8_t record[QZFS_ACTION_D
     memset(record, 0, QZFS_ACTION_DELETE_LEN);
     put_le(record + 0, job.root_index, 4);
     put_le(record + 4, job.segment, 4);
-    put_le(record + 8, start_iframe_of(job.node), 4);
-    put_le(record + 12, len_of(job.node), 8);
+    put_le(record + 8, segment_start_iframe_of(job.node), 4);
+    put_le(record + 12, segment_len_of(job.node), 8);
     record[20] = job.root.id;
     record[21] = job.node.id;
     record[22] = job.node.start_hour;
@@ -451,12 +425,12 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
     if (job.whole) {
         node.id = FREE_STREAM_SEGMENT_INDEX;
     } else if (job.backwards == 1) {
-        set_len(node, job.cut.node.stream_segment_offset - first_off);
+        set_segment_len(node, job.cut.node.stream_segment_offset - first_off);
         node.end_hour = job.cut.node.hour;
         node.end_minute = job.cut.node.minute;
         node.end_second = job.cut.node.second;
     } else {
-        set_len(node, len_of(node) + first_off - job.end.node.stream_segment_offset);
+        set_segment_len(node, segment_len_of(node) + first_off - job.end.node.stream_segment_offset);
         memcpy(&node.start_iframe, &job.end.index, sizeof(job.end.index));
         node.start_hour = job.end.node.hour;
         node.start_minute = job.end.node.minute;
@@ -468,7 +442,7 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
     }
     QZLOG("new %d:%d:%d-%d:%d:%d len:%llu owner_stamp:%lu", node.start_hour, node.start_minute,
           node.start_second, node.end_hour, node.end_minute, node.end_second,
-          (unsigned long long)len_of(node), (unsigned long)owner_stamp_of(node));
+          (unsigned long long)segment_len_of(node), (unsigned long)segment_owner_stamp_of(node));
     const int mode = job.writer != nullptr ? 1 : 0;
     if (fs.Modify_stream_segment(job.root_index, uint32_t(job.ssi_blocks.size()),
                                  job.ssi_blocks.data(), job.segment, mode, &node) != 0) {
@@ -578,7 +552,7 @@ int CQzFileSystem::delete_stream_segment_by_time(unsigned long root_index,
     uint8_t record[QZFS_ACTION_DELETE_LEN];
     build_action_record(job, record);
     QZLOG("Register_qzfs_action(%02x)(%02x)(%ld)(%lld)", job.root.id, job.node.id,
-          long(start_iframe_of(job.node)), (long long)len_of(job.node));
+          long(segment_start_iframe_of(job.node)), (long long)segment_len_of(job.node));
     Register_qzfs_action(journal, QZFS_ACTION_DELETE, record);
 
     if (change_node(*this, job) != 0) {

@@ -83,30 +83,6 @@ struct end_repair {
     end_repair& operator=(const end_repair&) = delete;
 };
 
-uint64_t len_of(const _stream_segment_index_node_dev_& node)
-{
-    uint64_t len;
-    memcpy(&len, &node.len_in_bytes, sizeof(len));
-    return len;
-}
-
-void set_len(_stream_segment_index_node_dev_& node, uint64_t len)
-{
-    memcpy(&node.len_in_bytes, &len, sizeof(len));
-}
-
-uint32_t start_iframe_of(const _stream_segment_index_node_dev_& node)
-{
-    uint32_t start;
-    memcpy(&start, &node.start_iframe, sizeof(start));
-    return start;
-}
-
-void set_start_iframe(_stream_segment_index_node_dev_& node, uint32_t start)
-{
-    memcpy(&node.start_iframe, &start, sizeof(start));
-}
-
 // The start line, the end line and the delete line share their fields.
 #define QZFS_SEGMENT_FIELDS(r)                                                                   \
     int((r).root.channel), int((r).root.stream_type), int((r).root.year) + 2000,                \
@@ -114,12 +90,7 @@ void set_start_iframe(_stream_segment_index_node_dev_& node, uint32_t start)
         int((r).node.start_minute), int((r).node.start_second), int((r).node.end_hour),        \
         int((r).node.end_minute), int((r).node.end_second)
 
-unsigned long stamp_of(const end_repair& r)
-{
-    uint32_t stamp;
-    memcpy(&stamp, &r.node.owner_stamp, sizeof(stamp));
-    return stamp;
-}
+unsigned long stamp_of(const end_repair& r) { return segment_owner_stamp_of(r.node); }
 
 // A block that the index names but the bitmap calls free goes back to the
 // segment, in the key tables and in its own head.
@@ -165,7 +136,7 @@ int load_segment(CQzFileSystem& fs, end_repair& r)
         QZLOG("Get_stream_segment_index_dev_node failed(root_index:%ld)", long(r.root_index));
         return -1;
     }
-    if (start_iframe_of(r.node) == 0) {
+    if (segment_start_iframe_of(r.node) == 0) {
         QZLOG("(ssind.start_iframe == 0)(%ld)(%ld)", long(r.root_index), long(r.segment));
         return 1;
     }
@@ -183,7 +154,7 @@ enum walk_step { WALK_ON, WALK_END, WALK_DELETE };
 walk_step walk_entry(CQzFileSystem& fs, end_repair& r, const _iframe_index_node_dev_& n,
                      uint32_t i)
 {
-    if (i + 1 == start_iframe_of(r.node)) {
+    if (i + 1 == segment_start_iframe_of(r.node)) {
         r.before.node = n;
         r.before.index = i;
         if (n.id == IFRAME_INDEX_ID_BLOCK)
@@ -228,7 +199,7 @@ int walk_index(CQzFileSystem& fs, end_repair& r)
 {
     iframe_log_reader log(fs, r.iframe_block_num, r.iframe_blocks, fs.io_buffer(),
                           QZFS_IO_UNIT);
-    for (uint32_t i = start_iframe_of(r.node) - 1;; i++) {
+    for (uint32_t i = segment_start_iframe_of(r.node) - 1;; i++) {
         _iframe_index_node_dev_ n;
         const int got = log.fetch(i, &n);
         if (got == iframe_log_reader::PAST_CHAIN) {
@@ -486,7 +457,7 @@ _iframe_index_node_dev_ iframe_entry(const end_repair& r, const data_run& run, u
     run.place(at, e.block_num, e.block_offset);
     e.pts_high = uint32_t(f.pts >> 32);
     e.pts_low = uint32_t(f.pts);
-    e.stream_segment_offset = len_of(r.node) + r.search_data_len;
+    e.stream_segment_offset = segment_len_of(r.node) + r.search_data_len;
     return e;
 }
 
@@ -568,16 +539,16 @@ bool prepare_scan(end_repair& r, scan_state& state)
         r.node.start_hour = first.hour;
         r.node.start_minute = first.minute;
         r.node.start_second = first.second;
-        set_start_iframe(r.node, r.first.index);
+        set_segment_start_iframe(r.node, r.first.index);
         r.node.end_hour = last.hour;
         r.node.end_minute = last.minute;
         r.node.end_second = last.second;
-        set_len(r.node, last.stream_segment_offset - first.stream_segment_offset);
+        set_segment_len(r.node, last.stream_segment_offset - first.stream_segment_offset);
         r.last_time = {last.hour, last.minute, last.second};
         state = EXPECT_LAST_IFRAME;
         return true;
     }
-    set_len(r.node, 0);
+    set_segment_len(r.node, 0);
     if (r.before.node.id < IFRAME_INDEX_ID_BLOCK)
         return false;
     r.scan_block = r.before.node.block_num;
@@ -613,13 +584,13 @@ void settle_data_blocks(CQzFileSystem& fs, end_repair& r)
 
 int close_segment(CQzFileSystem& fs, end_repair& r)
 {
-    if (len_of(r.node) + r.search_data_len == 0) {
+    if (segment_len_of(r.node) + r.search_data_len == 0) {
         QZLOG("((ssind.len_in_bytes + search_data_len) == 0)");
         return 1;
     }
     settle_data_blocks(fs, r);
-    if (len_of(r.node) == 0)
-        set_start_iframe(r.node, r.end_index);
+    if (segment_len_of(r.node) == 0)
+        set_segment_start_iframe(r.node, r.end_index);
     if (!r.new_iframes.empty()) {
         const _iframe_index_node_dev_& newest = r.new_iframes.back();
         r.node.end_hour = newest.hour;
@@ -631,7 +602,7 @@ int close_segment(CQzFileSystem& fs, end_repair& r)
                                 r.new_iframes.data(), r.new_iframes.size(), date_time) != 0)
             QZLOG("Add_iframe_index failed(root_index:%ld)", long(r.root_index));
     }
-    set_len(r.node, len_of(r.node) + r.search_data_len);
+    set_segment_len(r.node, segment_len_of(r.node) + r.search_data_len);
     if (fs.Modify_stream_segment(r.root_index, uint32_t(r.ssi_blocks.size()), r.ssi_blocks.data(),
                                  r.segment, 0, &r.node) != 0) {
         QZLOG("Modify_stream_segment failed(root_index:%ld)(%ld)", long(r.root_index),
