@@ -84,6 +84,12 @@ unsigned long long Sweep::prepare_base()
     if (!p.finished || w.lines.empty())
         throw std::runtime_error("the uncut workload fails: " + p.failure + " (" +
                                  w.describe() + ")");
+    // The checks themselves must pass on the disk of the whole workload.
+    const CheckResult whole = read_check(run_child(
+        [&](const LineWriter& out) { check_recovery(o_.workload, p, cut_, out); }, o_.verbose));
+    if (!whole.failures.empty())
+        throw std::runtime_error("the disk of the uncut workload fails the checks: " +
+                                 whole.failures[0]);
     return std::stoull(words(w.lines.back()).at(1));
 }
 
