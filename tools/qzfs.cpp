@@ -3,6 +3,7 @@
 #include "disk_access.h"
 #include "frame_source.h"
 #include "h264_stream.h"
+#include "power_cut.h"
 #include "qzfilesystem_api.h"
 
 #include <algorithm>
@@ -49,11 +50,16 @@ const char* USAGE =
     "      one I-frame a second in its I-frame index and a data block taken for\n"
     "      every eight (index entries only: no frames are written)\n"
     "  record IMAGE --channels N --seconds S [--bitrate B]\n"
-    "         [--start YYYY-MM-DDTHH:MM:SS]\n"
+    "         [--start YYYY-MM-DDTHH:MM:SS] [--cut-after-writes W]\n"
     "      record S seconds of synthetic frames (25 a second, an I-frame each\n"
     "      second) on channels 0 to N-1, one new stream segment a channel, as\n"
     "      fast as the disk takes them; B is each channel's rate in bits a\n"
-    "      second (default 4000000), the start local time (default now)\n"
+    "      second (default 4000000), the start local time (default now);\n"
+    "      --cut-after-writes W pulls the plug: the W-th device write of the\n"
+    "      run never reaches the image and the tool stops at once (no close,\n"
+    "      no unmount), saying how many frames it had written, with exit\n"
+    "      status 0; the next mount (info, ls, export) repairs the segments\n"
+    "      left unfinished\n"
     "  record IMAGE --h264 FILE --channel C --start YYYY-MM-DDTHH:MM:SS [--fps N]\n"
     "      record an H.264 Annex-B file as one new segment of channel C: a frame\n"
     "      per access unit, an I-frame per IDR picture, N frames a second\n"
@@ -649,16 +655,22 @@ struct RecordRequest {
     unsigned bitrate = 0;
     _k4t_fs_date_time_ start = {};
     unsigned first = 0;  // second of the day of the start
+    unsigned cut_after_writes = 0;  // the device write that cuts the power; 0 none
 };
 
 // Checks the options of a synthetic recording and fills in `request`.
 int parse_record_request(const Args& args, RecordRequest& request)
 {
     std::string error;
-    if (!only_options(args, {"--channels", "--seconds", "--bitrate", "--start"}, error))
+    if (!only_options(args, {"--channels", "--seconds", "--bitrate", "--start", "--cut-after-writes"},
+                      error))
         return fail("%s", error);
     if (args.positional.size() != 1)
         return fail("record takes one IMAGE");
+    if (args.option("--cut-after-writes") != nullptr &&
+        (!number_option(args, "--cut-after-writes", 0xFFFFFFFEu, 0, request.cut_after_writes) ||
+         request.cut_after_writes == 0))
+        return fail("--cut-after-writes takes a device write number from 1 on");
     if (args.option("--channels") == nullptr ||
         !number_option(args, "--channels", 255, 0, request.channels) || request.channels == 0)
         return fail("record needs --channels N (1 to 255)");
@@ -696,6 +708,30 @@ int start_channels(const RecordRequest& request, std::vector<Recording>& channel
     return 0;
 }
 
+// Frames whose write call has returned, for the message of a power cut.
+unsigned long frames_written = 0;
+
+void report_power_cut(const power_cut::CutReport& report)
+{
+    printf("power cut at device write %llu: %lu frames handed to the library (their write "
+           "calls returned); no segment was closed and the disk was not unmounted\n",
+           report.write_number, frames_written);
+}
+
+// With --cut-after-writes, every device handle opened from now on counts
+// the writes and cuts the power at the one asked for.
+void arm_power_cut(const RecordRequest& request)
+{
+    if (request.cut_after_writes == 0)
+        return;
+    power_cut::Settings settings;
+    settings.mode = power_cut::Mode::Drop;
+    settings.cut_at = request.cut_after_writes;
+    settings.exit_code = 0;
+    settings.on_cut = report_power_cut;
+    power_cut::install(settings);
+}
+
 // The channels take turns, a frame each, as a recorder's channels deliver
 // them, and the simulated clock runs as the frames say. Adds what was
 // written to `bytes`; on a failed write ends the recording and reports it.
@@ -723,6 +759,7 @@ bool write_channels(std::vector<Recording>& channels, const RecordRequest& reque
                 return false;
             }
             bytes += (unsigned long long)len;
+            frames_written++;
         }
         if (frame % fps == fps - 1)
             progress.update(unsigned(frame / fps) + 1, bytes);
@@ -755,6 +792,9 @@ int finish_recording(std::vector<Recording>& channels, const RecordRequest& requ
            "(%.1f MB/s)\n",
            request.channels, request.seconds, start.year, start.month, start.day, start.hour,
            start.minute, start.second, bytes, wall, wall > 0 ? double(bytes) / wall / 1e6 : 0.0);
+    if (request.cut_after_writes != 0)
+        printf("no power cut: the whole run made %llu device writes\n",
+               power_cut::counts().writes);
     return 0;
 }
 
@@ -766,6 +806,7 @@ int verb_record(const Args& args)
     if (parse_record_request(args, request) != 0)
         return 1;
     const std::string& path = args.positional[0];
+    arm_power_cut(request);
     if (mount_image(path) != 0)
         return 1;
     std::vector<Recording> channels;

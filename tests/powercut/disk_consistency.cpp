@@ -1,0 +1,191 @@
+#include "disk_consistency.h"
+
+#include "qzfilesystem.h"
+#include "qzfs_av_frame.h"
+#include "qzfs_disk_format.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <unistd.h>
+
+namespace powercut {
+
+namespace {
+
+// Who owns a block, by the index: a description and the block type its
+// record must carry.
+struct Owner {
+    std::string what;
+    uint8_t type;
+};
+using Owners = std::map<uint32_t, std::vector<Owner>>;
+
+// The image, read straight from the file.
+class Image {
+public:
+    explicit Image(const std::string& path) : fd_(open(path.c_str(), O_RDONLY)) {}
+    ~Image()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    bool read(unsigned long long at, void* out, size_t length) const
+    {
+        return fd_ >= 0 && pread(fd_, out, length, off_t(at)) == ssize_t(length);
+    }
+
+private:
+    int fd_;
+};
+
+bool allocated(CQzFileSystem* fs, uint32_t block)
+{
+    return (fs->manage().block_bitmap[block >> 3] >> (block & 7)) & 1;
+}
+
+void add_owner(Owners& owners, uint32_t block, const std::string& what, uint8_t type)
+{
+    owners[block].push_back({what, type});
+}
+
+// Data blocks belong to a root (segments of one root may share a block).
+void add_data_owners(const RootWalk& root, unsigned long block_size, Owners& owners,
+                     Consistency& result)
+{
+    std::map<uint32_t, bool> mine;
+    for (const SegmentSlot& slot : root.segments) {
+        if (!is_live(slot.node))
+            continue;
+        SegmentExtent extent;
+        std::string error;
+        if (!segment_extent(root, slot.node, block_size, extent, error)) {
+            result.failures.push_back("segment " + std::to_string(root.position) + ":" +
+                                      std::to_string(slot.index) + ": " + error);
+            continue;
+        }
+        for (uint32_t block : extent.data_blocks)
+            mine[block] = true;
+    }
+    for (const auto& b : mine)
+        add_owner(owners, b.first, "data of root " + std::to_string(root.position), QZFS_BLOCK_DATA);
+}
+
+Owners index_owners(const DiskWalk& walk, unsigned long block_size, Consistency& result)
+{
+    Owners owners;
+    for (uint32_t block : walk.root_blocks)
+        add_owner(owners, block, "root index chain", QZFS_BLOCK_ROOT_INDEX);
+    for (const RootWalk& root : walk.roots) {
+        const std::string r = std::to_string(root.position);
+        for (uint32_t block : root.segment_blocks)
+            add_owner(owners, block, "segment index of root " + r, QZFS_BLOCK_SEGMENT_INDEX);
+        for (uint32_t block : root.iframe_blocks)
+            add_owner(owners, block, "I-frame index of root " + r, QZFS_BLOCK_IFRAME_INDEX);
+        add_data_owners(root, block_size, owners, result);
+    }
+    return owners;
+}
+
+// The record of `block` in both key tables and in its own head.
+bool block_records(CQzFileSystem* fs, const Image& image, uint32_t block,
+                   _qzfs_block_info_ records[3])
+{
+    const _qzfs_disk_manage_& m = fs->manage();
+    const unsigned long long slot = (block + QZFS_KEY_TABLE_FIRST_SLOT) * sizeof(_qzfs_block_info_);
+    return image.read((unsigned long long)m.key_block * m.block_size + slot, &records[0], 32) &&
+           image.read((unsigned long long)m.bak_key_block * m.block_size + slot, &records[1], 32) &&
+           image.read((unsigned long long)block * m.block_size, &records[2], 32);
+}
+
+// An allocated block: its three records agree, it has one owner of its
+// type, or, unowned, it is counted as an orphan.
+void check_block(CQzFileSystem* fs, const Image& image, uint32_t block, const Owners& owners,
+                 Consistency& result)
+{
+    _qzfs_block_info_ r[3];
+    const std::string b = "block " + std::to_string(block);
+    if (!block_records(fs, image, block, r)) {
+        result.failures.push_back(b + ": its records cannot be read");
+        return;
+    }
+    const uint8_t type = r[0].block_type;
+    if (type == QZFS_BLOCK_SYSTEM || type == QZFS_BLOCK_KEY_INFO)
+        return;
+    if (memcmp(&r[0], &r[1], 32) != 0 || memcmp(&r[0], &r[2], 32) != 0)
+        result.failures.push_back(b + ": the key table, backup table and block head disagree "
+                                      "(types " + std::to_string(r[0].block_type) + ", " +
+                                  std::to_string(r[1].block_type) + ", " +
+                                  std::to_string(r[2].block_type) + ")");
+    auto found = owners.find(block);
+    if (found == owners.end()) {
+        result.orphans++;
+        return;
+    }
+    const std::vector<Owner>& own = found->second;
+    if (own.size() > 1)
+        result.failures.push_back(b + ": owned twice, by " + own[0].what + " and " + own[1].what);
+    if (own[0].type != type)
+        result.failures.push_back(b + ": " + own[0].what + " but its record has type " +
+                                  std::to_string(type));
+}
+
+// Every block the index names must be allocated.
+void check_owned_allocated(CQzFileSystem* fs, const Owners& owners, Consistency& result)
+{
+    for (const auto& o : owners)
+        if (o.first >= fs->manage().total_block || !allocated(fs, o.first))
+            result.failures.push_back("block " + std::to_string(o.first) + " (" +
+                                      o.second[0].what + ") is not allocated");
+}
+
+// The I-frame entries of live segments point at I-frame headers of the
+// root's channel.
+void check_iframe_entries(const RootWalk& root, unsigned long block_size, const Image& image,
+                          Consistency& result)
+{
+    for (const SegmentSlot& slot : root.segments) {
+        SegmentExtent extent;
+        std::string error;
+        if (!is_live(slot.node) || !segment_extent(root, slot.node, block_size, extent, error))
+            continue;
+        for (const _iframe_index_node_dev_& e : extent.iframes) {
+            const uint32_t block = e.block_num, offset = e.block_offset;
+            uint8_t head[4] = {};
+            const bool whole = offset + 4 <= block_size;
+            if (!whole || !image.read((unsigned long long)block * block_size + offset, head, 4) ||
+                head[0] != root.node.channel || head[1] != QZFS_FRAME_CHAR_IFRAME ||
+                head[2] != QZFS_FRAME_MAGIC_0 || head[3] != QZFS_FRAME_MAGIC_1) {
+                result.failures.push_back("segment " + std::to_string(root.position) + ":" +
+                                          std::to_string(slot.index) +
+                                          ": an I-frame entry points at no I-frame of channel " +
+                                          std::to_string(root.node.channel) + " (block " +
+                                          std::to_string(block) + ", offset " +
+                                          std::to_string(offset) + ")");
+                return;
+            }
+        }
+    }
+}
+
+} // namespace
+
+Consistency check_consistency(CQzFileSystem* fs, const std::string& path, const DiskWalk& walk)
+{
+    Consistency result;
+    const Image image(path);
+    const unsigned long block_size = fs->manage().block_size;
+    const Owners owners = index_owners(walk, block_size, result);
+    check_owned_allocated(fs, owners, result);
+    for (uint32_t block = 0; block < fs->manage().total_block; block++) {
+        if (!allocated(fs, block))
+            continue;
+        result.allocated++;
+        check_block(fs, image, block, owners, result);
+    }
+    for (const RootWalk& root : walk.roots)
+        check_iframe_entries(root, block_size, image, result);
+    return result;
+}
+
+} // namespace powercut

@@ -1,0 +1,27 @@
+// The block-level consistency of a mounted disk: every allocated block has
+// one owner in the index (or is counted as an orphan), its record agrees in
+// its three places, and every I-frame entry of a live segment points at an
+// I-frame of the root's channel.
+#ifndef QZFS_POWERCUT_DISK_CONSISTENCY_H
+#define QZFS_POWERCUT_DISK_CONSISTENCY_H
+
+#include "disk_walk.h"
+
+#include <string>
+#include <vector>
+
+class CQzFileSystem;
+
+namespace powercut {
+
+struct Consistency {
+    std::vector<std::string> failures;
+    unsigned long allocated = 0;  // bitmap bits set
+    unsigned long orphans = 0;    // allocated data or index blocks that nothing owns
+};
+
+Consistency check_consistency(CQzFileSystem* fs, const std::string& image, const DiskWalk& walk);
+
+} // namespace powercut
+
+#endif

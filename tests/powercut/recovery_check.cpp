@@ -1,0 +1,360 @@
+#include "recovery_check.h"
+
+#include "disk_consistency.h"
+#include "disk_walk.h"
+#include "qzfilesystem.h"
+#include "qzfs_manager.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace powercut {
+
+namespace {
+
+const unsigned char kHdd = 0;
+
+std::string segment_name(uint32_t root, uint32_t index)
+{
+    return std::to_string(root) + ":" + std::to_string(index);
+}
+
+bool mount(const std::string& image)
+{
+    std::string path = image;
+    return api_qzfs_mount(kHdd, &path[0]) == 0;
+}
+
+// The segment's bytes through the reading calls, from its first I-frame.
+bool read_stream(uint32_t root, uint32_t index, std::vector<uint8_t>& out)
+{
+    _k4t_stream_segment_id_ id = {kHdd, root, index};
+    const int fd = api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0);
+    if (fd <= 0)
+        return false;
+    std::vector<uint8_t> chunk(0x10000);
+    int got = 0;
+    unsigned char new_segment = 0;
+    while ((got = api_qzfs_read_video_data(fd, chunk.data(), int(chunk.size()), &new_segment)) > 0)
+        out.insert(out.end(), chunk.begin(), chunk.begin() + got);
+    api_qzfs_close_stream_segment(fd);
+    return got == 0;
+}
+
+// FNV-1a, to name a stream's content in a summary line.
+uint64_t hash_bytes(const std::vector<uint8_t>& bytes)
+{
+    uint64_t h = 1469598103934665603ULL;
+    for (uint8_t b : bytes)
+        h = (h ^ b) * 1099511628211ULL;
+    return h;
+}
+
+// The live segment of a channel, and a failure for each segment left
+// unfinished or more than one.
+const SegmentSlot* channel_segment(const DiskWalk& walk, unsigned channel, const RootWalk*& root,
+                                   const LineWriter& out)
+{
+    const SegmentSlot* found = nullptr;
+    for (const RootWalk& r : walk.roots) {
+        if (r.node.channel != channel)
+            continue;
+        for (const SegmentSlot& s : r.segments) {
+            if (s.node.end_hour == QZFS_INVALID_END_HOUR)
+                out.line("fail segment " + segment_name(r.position, s.index) +
+                         " is left unfinished (end hour 255)");
+            else if (found != nullptr)
+                out.line("fail channel " + std::to_string(channel) + " has two segments");
+            else {
+                found = &s;
+                root = &r;
+            }
+        }
+    }
+    return found;
+}
+
+// Fast play walks the I-frames of the first `frames` frames.
+void check_fast_play(uint32_t root, uint32_t index, const ExpectedStream& expected, size_t frames,
+                     const LineWriter& out)
+{
+    _k4t_stream_segment_id_ id = {kHdd, root, index};
+    const int fd = api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0);
+    if (fd <= 0) {
+        out.line("fail fast play cannot open segment " + segment_name(root, index));
+        return;
+    }
+    size_t frame = 0;
+    for (;;) {
+        unsigned char* data = nullptr;
+        int len = 0;
+        unsigned char new_segment = 0;
+        const int got = api_qzfs_read_next_iframe(fd, 0, &data, &len, &new_segment);
+        while (frame < frames && !expected.iframe[frame])
+            frame++;
+        if (got <= 0 || frame >= frames) {
+            if (got != 0 || frame < frames)
+                out.line("fail fast play of " + segment_name(root, index) + " ends at frame " +
+                         std::to_string(frame) + " of " + std::to_string(frames) +
+                         " (result " + std::to_string(got) + ")");
+            break;
+        }
+        const size_t begin = frame == 0 ? 0 : expected.ends[frame - 1];
+        if (size_t(got) != expected.ends[frame] - begin ||
+            memcmp(data, expected.bytes.data() + begin, size_t(got)) != 0) {
+            out.line("fail fast play of " + segment_name(root, index) +
+                     " returns another I-frame than frame " + std::to_string(frame));
+            break;
+        }
+        frame++;
+    }
+    api_qzfs_close_stream_segment(fd);
+}
+
+// The recovered stream is a prefix of what was written, ends on a whole
+// frame and holds every synced frame. Returns the frames it holds.
+size_t compare_stream(unsigned c, const std::vector<uint8_t>& got, const ExpectedStream& expected,
+                      const ChannelProgress& progress, const LineWriter& out)
+{
+    const std::string ch = "channel " + std::to_string(c);
+    if (got.size() > expected.bytes.size() ||
+        !std::equal(got.begin(), got.end(), expected.bytes.begin())) {
+        size_t at = 0;
+        while (at < got.size() && at < expected.bytes.size() && got[at] == expected.bytes[at])
+            at++;
+        out.line("fail " + ch + ": the recovered stream (" + std::to_string(got.size()) +
+                 " bytes) differs from what was written at byte " + std::to_string(at));
+        return 0;
+    }
+    auto end = std::find(expected.ends.begin(), expected.ends.end(), got.size());
+    if (!got.empty() && end == expected.ends.end()) {
+        out.line("fail " + ch + ": the recovered stream ends inside a frame (" +
+                 std::to_string(got.size()) + " bytes)");
+        return 0;
+    }
+    const size_t frames = got.empty() ? 0 : size_t(end - expected.ends.begin()) + 1;
+    out.line("frames " + std::to_string(c) + " " + std::to_string(frames));
+    if (frames < progress.synced) {
+        out.line("fail " + ch + ": " + std::to_string(frames) + " frames recovered, " +
+                 std::to_string(progress.synced) + " were synced");
+        out.line("lost " + std::to_string(c) + " " + std::to_string(progress.synced - frames));
+    } else {
+        out.line("beyond " + std::to_string(c) + " " + std::to_string(frames - progress.synced));
+    }
+    return frames;
+}
+
+void check_channel(const DiskWalk& walk, unsigned c, const Workload& workload,
+                   const ChannelProgress& progress, const LineWriter& out)
+{
+    const RootWalk* root = nullptr;
+    const SegmentSlot* segment = channel_segment(walk, c, root, out);
+    std::vector<uint8_t> got;
+    if (segment != nullptr && !read_stream(root->position, segment->index, got))
+        out.line("fail channel " + std::to_string(c) + ": reading segment " +
+                 segment_name(root->position, segment->index) + " failed");
+    if (segment != nullptr && got.size() != segment->node.len_in_bytes)
+        out.line("fail channel " + std::to_string(c) + ": " + std::to_string(got.size()) +
+                 " bytes read, the segment's length is " +
+                 std::to_string((unsigned long long)segment->node.len_in_bytes));
+    // The frame in flight at the cut may have reached the disk whole.
+    const unsigned long all = (unsigned long)workload.seconds * workload_frames(0).fps;
+    const ExpectedStream expected = expected_stream(uint8_t(c), std::min(progress.written + 1, all));
+    const size_t frames = compare_stream(c, got, expected, progress, out);
+    if (segment != nullptr && frames > 0)
+        check_fast_play(root->position, segment->index, expected, frames, out);
+}
+
+// The day's query lists exactly the live segments, with their lengths.
+void check_listing(const DiskWalk& walk, const LineWriter& out)
+{
+    const _k4t_fs_date_time_ day = workload_start();
+    _k4t_stream_query_ query = {};
+    query.group_bitmap = 1;
+    query.channel_bitmap = 0xFFFFFFFFu;
+    query.year = day.year;
+    query.month = day.month;
+    query.day = day.day;
+    query.end_hour = 23;
+    query.end_minute = 59;
+    query.end_second = 59;
+    query.sequence = _K4T_SEQUECE_ASCEND_;
+    query.lock_bitmap = 0xFF;
+    query.record_type_bitmap = 0xFF;
+    query.stream_type_bitmap = ~0ULL;
+    query.item_num_per_page = 64;
+    size_t live = 0;
+    for (const RootWalk& r : walk.roots)
+        for (const SegmentSlot& s : r.segments)
+            live += is_live(s.node);
+    const int handle = api_qzfs_get_query_stream_segment_handle(&query);
+    std::vector<_k4t_stream_query_result_> rows(64);
+    int num = int(rows.size());
+    if (handle <= 0) {
+        if (live > 0)
+            out.line("fail the query of the day finds nothing, " + std::to_string(live) +
+                     " segments are live");
+        return;
+    }
+    if (api_qzfs_query_stream_segment(handle, K4T_QUERY_FIRST, &num, rows.data()) != 0)
+        num = 0;
+    api_qzfs_close_query_stream_segment_handle(handle);
+    if (size_t(num) != live)
+        out.line("fail the query of the day lists " + std::to_string(num) + " segments, " +
+                 std::to_string(live) + " are live");
+}
+
+// A logical summary of the repaired disk: every root and segment node,
+// each live segment's stream (a hash) and I-frame entries, the number of
+// allocated blocks.
+void write_summary(const DiskWalk& walk, unsigned long block_size, unsigned long allocated,
+                   const LineWriter& out)
+{
+    for (const RootWalk& r : walk.roots) {
+        const _root_index_node_dev_& n = r.node;
+        out.line("summary root " + std::to_string(r.position) + " id " + std::to_string(n.id) +
+                 " chn " + std::to_string(n.channel) + " types " +
+                 std::to_string((unsigned)n.record_type) + " lock " + std::to_string(n.lock) +
+                 " pre " + std::to_string(n.only_pre_record));
+        for (const SegmentSlot& s : r.segments) {
+            const _stream_segment_index_node_dev_& g = s.node;
+            char line[200];
+            snprintf(line, sizeof(line),
+                     "summary segment %u:%u id %u %02u:%02u:%02u-%02u:%02u:%02u len %llu "
+                     "type %u lock %u first %u",
+                     r.position, s.index, g.id, g.start_hour, g.start_minute, g.start_second,
+                     g.end_hour, g.end_minute, g.end_second,
+                     (unsigned long long)g.len_in_bytes, g.record_type, g.lock,
+                     (unsigned)g.start_iframe);
+            out.line(line);
+            std::vector<uint8_t> bytes;
+            if (is_live(g) && read_stream(r.position, s.index, bytes))
+                out.line("summary stream " + segment_name(r.position, s.index) + " " +
+                         std::to_string(bytes.size()) + " bytes, hash " +
+                         std::to_string(hash_bytes(bytes)));
+            SegmentExtent extent;
+            std::string error;
+            if (is_live(g) && segment_extent(r, g, block_size, extent, error)) {
+                std::vector<uint8_t> entries;
+                for (const _iframe_index_node_dev_& e : extent.iframes) {
+                    const uint8_t* p = reinterpret_cast<const uint8_t*>(&e);
+                    entries.insert(entries.end(), p, p + sizeof(e));
+                }
+                out.line("summary iframes " + segment_name(r.position, s.index) + " " +
+                         std::to_string(extent.iframes.size()) + " entries, hash " +
+                         std::to_string(hash_bytes(entries)));
+            }
+        }
+    }
+    out.line("summary allocated blocks " + std::to_string(allocated));
+}
+
+bool walk_mounted(DiskWalk& walk, const LineWriter& out)
+{
+    CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
+    std::string error;
+    if (fs == nullptr || !walk_disk(fs, walk, error)) {
+        out.line("fail the repaired index cannot be read: " + error);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+void check_recovery(const Workload& workload, const WorkloadProgress& progress,
+                    const std::string& image, const LineWriter& out)
+{
+    api_qzfs_init();
+    api_qzfs_set_debug_level(0);
+    power_cut::install(power_cut::Settings());
+    if (!mount(image)) {
+        out.line("fail the mount after the cut fails");
+        return;
+    }
+    api_qzfs_umount(kHdd);
+    out.line("recovery_writes " + std::to_string(power_cut::counts().writes));
+    power_cut::install(power_cut::Settings());
+    if (!mount(image)) {
+        out.line("fail the second mount fails");
+        return;
+    }
+    const power_cut::Counts second = power_cut::counts();
+    if (second.changed_writes != 0)
+        out.line("fail the second mount changes the image (" +
+                 std::to_string(second.changed_writes) + " writes, " +
+                 std::to_string(second.changed_bytes) + " bytes)");
+    api_qzfs_add_disk_to_group(kHdd, 0);
+    DiskWalk walk;
+    if (!walk_mounted(walk, out))
+        return;
+    for (unsigned c = 0; c < workload.channels; c++)
+        check_channel(walk, c, workload, progress.channels[c], out);
+    const Consistency consistency =
+        check_consistency(gQzfsManager.get_file_system(kHdd), image, walk);
+    for (const std::string& f : consistency.failures)
+        out.line("fail " + f);
+    out.line("orphans " + std::to_string(consistency.orphans));
+    check_listing(walk, out);
+    write_summary(walk, gQzfsManager.get_file_system(kHdd)->manage().block_size,
+                  consistency.allocated, out);
+}
+
+void mount_and_unmount(const std::string& image, const power_cut::Settings& device,
+                       const LineWriter& out)
+{
+    api_qzfs_init();
+    api_qzfs_set_debug_level(0);
+    power_cut::install(device);
+    if (!mount(image)) {
+        out.line("fail mount");
+        return;
+    }
+    api_qzfs_umount(kHdd);
+    out.line("done " + std::to_string(power_cut::counts().writes));
+}
+
+void summarize_recovered(const std::string& image, const LineWriter& out)
+{
+    api_qzfs_init();
+    api_qzfs_set_debug_level(0);
+    if (!mount(image)) {
+        out.line("fail mount");
+        return;
+    }
+    DiskWalk walk;
+    if (!walk_mounted(walk, out))
+        return;
+    CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
+    const Consistency consistency = check_consistency(fs, image, walk);
+    write_summary(walk, fs->manage().block_size, consistency.allocated, out);
+}
+
+CheckResult read_check(const ChildResult& child)
+{
+    CheckResult result;
+    for (const std::string& line : child.lines) {
+        const std::vector<std::string> w = words(line);
+        if (w.empty())
+            continue;
+        const unsigned long last = strtoul(w.back().c_str(), nullptr, 10);
+        if (w[0] == "fail")
+            result.failures.push_back(line.substr(5));
+        else if (w[0] == "summary")
+            result.summary.push_back(line.substr(8));
+        else if (w[0] == "beyond")
+            result.frames_beyond_sync += last;
+        else if (w[0] == "lost")
+            result.frames_lost += last;
+        else if (w[0] == "recovery_writes")
+            result.recovery_writes = last;
+        else if (w[0] == "orphans")
+            result.orphans = last;
+    }
+    if (!child.exited || child.exit_code != 0)
+        result.failures.push_back("the checking process ended with " + child.describe());
+    return result;
+}
+
+} // namespace powercut

@@ -1,0 +1,47 @@
+// What the rig asks of a disk after a power cut, run in a fresh child
+// process: the mount that repairs it, a second mount that changes nothing,
+// each channel's stream against what the workload wrote, the consistency
+// of the blocks, and the reading calls (query, read by id, fast play).
+// A summary of the repaired disk lets the rig compare two recoveries.
+#ifndef QZFS_POWERCUT_RECOVERY_CHECK_H
+#define QZFS_POWERCUT_RECOVERY_CHECK_H
+
+#include "power_cut.h"
+#include "rig_process.h"
+#include "workload.h"
+
+#include <string>
+#include <vector>
+
+namespace powercut {
+
+// In a child: the whole check of `image`. Lines: "fail REASON",
+// "frames C N" (whole frames recovered), "beyond C N" (of them, written
+// after the last sync), "lost C N" (synced frames missing),
+// "recovery_writes N" (writes of the repairing mount and its unmount),
+// "orphans N", "summary TEXT".
+void check_recovery(const Workload& workload, const WorkloadProgress& progress,
+                    const std::string& image, const LineWriter& out);
+
+// In a child: mounts `image` through `device` and unmounts it; "done N"
+// with the number of writes when the power was not cut on the way.
+void mount_and_unmount(const std::string& image, const power_cut::Settings& device,
+                       const LineWriter& out);
+
+// In a child: mounts `image` (which repairs it) and writes its summary.
+void summarize_recovered(const std::string& image, const LineWriter& out);
+
+// The outcome of check_recovery, as the rig reads it.
+struct CheckResult {
+    std::vector<std::string> failures;
+    std::vector<std::string> summary;
+    unsigned long frames_beyond_sync = 0;
+    unsigned long frames_lost = 0;
+    unsigned long recovery_writes = 0;
+    unsigned long orphans = 0;
+};
+CheckResult read_check(const ChildResult& child);
+
+} // namespace powercut
+
+#endif

@@ -1,0 +1,229 @@
+#include "sweep.h"
+
+#include "recovery_check.h"
+#include "rig_process.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <stdexcept>
+
+namespace powercut {
+
+namespace {
+
+const int kCutExit = 86;
+
+// Figures of the whole sweep.
+struct Totals {
+    unsigned long points = 0;
+    unsigned long failed_points = 0;
+    unsigned long beyond_sum = 0, beyond_max = 0;
+    unsigned long lost_sum = 0, lost_max = 0;
+    unsigned long orphans_max = 0;
+    unsigned long recut_points = 0, recuts = 0, recut_failures = 0;
+};
+
+class Sweep {
+public:
+    explicit Sweep(const SweepOptions& options)
+        : o_(options), dir_(options.dir), base_(dir_.path("base.img")),
+          cut_(dir_.path("cut.img")), check_(dir_.path("check.img")),
+          recut_(dir_.path("recut.img"))
+    {
+    }
+    int run();
+
+private:
+    void copy(const std::string& from, const std::string& to);
+    unsigned long long prepare_base();
+    power_cut::Settings device(unsigned long long cut_at, bool reorder) const;
+    bool cut_point(unsigned long long n);
+    std::vector<std::string> recut_recovery(const CheckResult& uncut);
+    void report(unsigned long long n, const std::vector<std::string>& failures,
+                const CheckResult& check);
+    void print_totals(unsigned long long writes, double seconds) const;
+
+    SweepOptions o_;
+    ScratchDir dir_;
+    std::string base_, cut_, check_, recut_;
+    Totals t_;
+};
+
+void Sweep::copy(const std::string& from, const std::string& to)
+{
+    std::string error;
+    if (!copy_sparse(from, to, error))
+        throw std::runtime_error(error);
+}
+
+power_cut::Settings Sweep::device(unsigned long long cut_at, bool reorder) const
+{
+    power_cut::Settings s;
+    s.mode = cut_at == 0 ? power_cut::Mode::Observe : o_.mode;
+    s.cut_at = cut_at;
+    s.reorder = reorder;
+    s.seed = o_.seed;
+    s.exit_code = kCutExit;
+    return s;
+}
+
+// Formats the base image and runs the workload on a copy without a cut:
+// the number of device writes it makes.
+unsigned long long Sweep::prepare_base()
+{
+    ChildResult f = run_child([&](const LineWriter& out) { format_base_image(base_, out); },
+                              o_.verbose);
+    if (f.lines.empty() || f.lines.back() != "done")
+        throw std::runtime_error("cannot format the base image");
+    copy(base_, cut_);
+    const power_cut::Settings observe = device(0, false);
+    ChildResult w = run_child(
+        [&](const LineWriter& out) { run_workload(o_.workload, cut_, observe, out); }, o_.verbose);
+    const WorkloadProgress p = read_progress(o_.workload, w.lines);
+    if (!p.finished || w.lines.empty())
+        throw std::runtime_error("the uncut workload fails: " + p.failure + " (" +
+                                 w.describe() + ")");
+    // The checks themselves must pass on the disk of the whole workload.
+    const CheckResult whole = read_check(run_child(
+        [&](const LineWriter& out) { check_recovery(o_.workload, p, cut_, out); }, o_.verbose));
+    if (!whole.failures.empty())
+        throw std::runtime_error("the disk of the uncut workload fails the checks: " +
+                                 whole.failures[0]);
+    return std::stoull(words(w.lines.back()).at(1));
+}
+
+// The repairing mount of cut point `n`, cut at each of its own writes in
+// turn; each time the mount after must end as the uncut repair did.
+std::vector<std::string> Sweep::recut_recovery(const CheckResult& uncut)
+{
+    std::vector<std::string> failures;
+    t_.recut_points++;
+    for (unsigned long long k = 1; k <= uncut.recovery_writes; k++) {
+        copy(cut_, recut_);
+        const power_cut::Settings cut_at_k = device(k, false);
+        ChildResult m = run_child(
+            [&](const LineWriter& out) { mount_and_unmount(recut_, cut_at_k, out); }, o_.verbose);
+        if (!m.exited || m.exit_code != kCutExit) {
+            failures.push_back("the repairing mount cut at its write " + std::to_string(k) +
+                               " was not cut (" + m.describe() + ")");
+            break;
+        }
+        t_.recuts++;
+        ChildResult s =
+            run_child([&](const LineWriter& out) { summarize_recovered(recut_, out); }, o_.verbose);
+        const CheckResult again = read_check(s);
+        if (again.summary == uncut.summary && again.failures.empty())
+            continue;
+        std::string what = again.failures.empty() ? "" : again.failures[0];
+        for (size_t i = 0; what.empty(); i++) {
+            const std::string a = i < uncut.summary.size() ? uncut.summary[i] : "(nothing)";
+            const std::string b = i < again.summary.size() ? again.summary[i] : "(nothing)";
+            if (a != b)
+                what = "uncut repair \"" + a + "\", after the re-cut \"" + b + "\"";
+        }
+        failures.push_back("repair cut at its write " + std::to_string(k) +
+                           " ends elsewhere: " + what);
+        t_.recut_failures++;
+    }
+    return failures;
+}
+
+void Sweep::report(unsigned long long n, const std::vector<std::string>& failures,
+                   const CheckResult& check)
+{
+    t_.points++;
+    t_.beyond_sum += check.frames_beyond_sync;
+    t_.beyond_max = std::max(t_.beyond_max, check.frames_beyond_sync);
+    t_.lost_sum += check.frames_lost;
+    t_.lost_max = std::max(t_.lost_max, check.frames_lost);
+    t_.orphans_max = std::max(t_.orphans_max, check.orphans);
+    if (!failures.empty())
+        t_.failed_points++;
+    const std::string where = o_.workload.name + " " + o_.mode_name + " cut at write " +
+                              std::to_string(n);
+    for (const std::string& f : failures)
+        printf("FAIL %s: %s\n", where.c_str(), f.c_str());
+    if (o_.verbose && failures.empty())
+        printf("ok   %s: %lu frames beyond the last sync, %lu orphans, repair %lu writes\n",
+               where.c_str(), check.frames_beyond_sync, check.orphans, check.recovery_writes);
+    fflush(stdout);
+}
+
+// One cut point; false when the workload ended before its Nth write.
+bool Sweep::cut_point(unsigned long long n)
+{
+    copy(base_, cut_);
+    const power_cut::Settings cut_at_n = device(n, o_.reorder);
+    ChildResult w = run_child(
+        [&](const LineWriter& out) { run_workload(o_.workload, cut_, cut_at_n, out); }, o_.verbose);
+    const WorkloadProgress progress = read_progress(o_.workload, w.lines);
+    if (progress.finished)
+        return false;
+    std::vector<std::string> failures;
+    if (!w.exited || w.exit_code != kCutExit)
+        failures.push_back("the recording was not cut but ended with " + w.describe() + ": " +
+                           progress.failure);
+    copy(cut_, check_);
+    const CheckResult check = read_check(run_child(
+        [&](const LineWriter& out) { check_recovery(o_.workload, progress, check_, out); },
+        o_.verbose));
+    failures.insert(failures.end(), check.failures.begin(), check.failures.end());
+    if (o_.recut_stride > 0 && t_.points % o_.recut_stride == 0) {
+        const std::vector<std::string> more = recut_recovery(check);
+        failures.insert(failures.end(), more.begin(), more.end());
+    }
+    report(n, failures, check);
+    return true;
+}
+
+void Sweep::print_totals(unsigned long long writes, double seconds) const
+{
+    const std::string what = o_.workload.name + " " + o_.mode_name;
+    printf("%s: the workload makes %llu device writes; %lu cut points tried (from %llu, "
+           "stride %llu), %lu failed\n",
+           what.c_str(), writes, t_.points, o_.from, o_.stride, t_.failed_points);
+    printf("%s: frames recovered beyond the last sync: %lu in all, at most %lu at one cut point\n",
+           what.c_str(), t_.beyond_sum, t_.beyond_max);
+    if (t_.lost_sum > 0 || o_.reorder)
+        printf("%s: synced frames lost: %lu in all, at most %lu at one cut point\n", what.c_str(),
+               t_.lost_sum, t_.lost_max);
+    if (o_.recut_stride > 0)
+        printf("%s: repairing mount cut again at %lu writes of %lu cut points, %lu ended "
+               "elsewhere\n",
+               what.c_str(), t_.recuts, t_.recut_points, t_.recut_failures);
+    printf("%s: orphan blocks after a repair: at most %lu\n", what.c_str(), t_.orphans_max);
+    printf("%s: %.1f s, %.0f ms a cut point\n", what.c_str(), seconds,
+           t_.points > 0 ? seconds * 1000 / double(t_.points) : 0.0);
+}
+
+int Sweep::run()
+{
+    const auto began = std::chrono::steady_clock::now();
+    const unsigned long long writes = prepare_base();
+    printf("%s %s: %llu device writes in the uncut workload\n", o_.workload.name.c_str(),
+           o_.mode_name.c_str(), writes);
+    fflush(stdout);
+    for (unsigned long long n = o_.from; n <= o_.to && n <= writes; n += o_.stride)
+        if (!cut_point(n))
+            break;
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    print_totals(writes, seconds);
+    return t_.failed_points > 0 && !o_.reorder ? 1 : 0;
+}
+
+} // namespace
+
+int run_sweep(const SweepOptions& options)
+{
+    try {
+        Sweep sweep(options);
+        return sweep.run();
+    } catch (const std::exception& e) {
+        fprintf(stderr, "qzfs_powercut: %s\n", e.what());
+        return 2;
+    }
+}
+
+} // namespace powercut
