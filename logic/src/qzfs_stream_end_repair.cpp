@@ -163,8 +163,9 @@ walk_step walk_entry(CQzFileSystem& fs, end_repair& r, const _iframe_index_node_
             return WALK_ON;
     }
     if (n.id == IFRAME_INDEX_ID_BLOCK) {
-        r.data_blocks.push_back(n.block_num);
-        reclaim_block(fs, n.block_num, QZFS_BLOCK_DATA);
+        const uint32_t block = n.block_num;
+        r.data_blocks.push_back(block);
+        reclaim_block(fs, block, QZFS_BLOCK_DATA);
         return WALK_ON;
     }
     if (n.id == IFRAME_INDEX_ID_IFRAME) {
@@ -454,14 +455,18 @@ _iframe_index_node_dev_ iframe_entry(const end_repair& r, const data_run& run, u
     e.hour = f.date_time[3];
     e.minute = f.date_time[4];
     e.second = f.date_time[5];
-    run.place(at, e.block_num, e.block_offset);
+    uint32_t block, offset;
+    run.place(at, block, offset);
+    e.block_num = block;
+    e.block_offset = offset;
     e.pts_high = uint32_t(f.pts >> 32);
     e.pts_low = uint32_t(f.pts);
     e.stream_segment_offset = segment_len_of(r.node) + r.search_data_len;
     return e;
 }
 
-// A good frame moves the working values on.
+// A good frame moves the working values on; the last good block is the
+// one that holds its last byte.
 void accept_frame(end_repair& r, const data_run& run, uint64_t at, const scanned_frame& f)
 {
     if (f.dated) {
@@ -471,7 +476,7 @@ void accept_frame(end_repair& r, const data_run& run, uint64_t at, const scanned
         r.last_pts = f.pts;
     r.search_data_len += f.bytes.size();
     uint32_t offset;
-    run.place(at, r.last_good_block, offset);
+    run.place(at + f.bytes.size() - 1, r.last_good_block, offset);
 }
 
 // Reads the frame at `at` into `f`: its length, or 0 when there is none.
@@ -589,7 +594,10 @@ int close_segment(CQzFileSystem& fs, end_repair& r)
         return 1;
     }
     settle_data_blocks(fs, r);
-    if (segment_len_of(r.node) == 0)
+    // With no I-frame in the index the segment starts at the first one the
+    // scan found. (A single indexed I-frame also gives length 0 here, but
+    // the segment starts at it.)
+    if (r.first.node.id == 0)
         set_segment_start_iframe(r.node, r.end_index);
     if (!r.new_iframes.empty()) {
         const _iframe_index_node_dev_& newest = r.new_iframes.back();

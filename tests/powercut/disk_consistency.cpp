@@ -98,8 +98,8 @@ bool block_records(CQzFileSystem* fs, const Image& image, uint32_t block,
            image.read((unsigned long long)block * m.block_size, &records[2], 32);
 }
 
-// An allocated block: its three records agree, it has one owner of its
-// type, or, unowned, it is counted as an orphan.
+// An allocated block: its three records agree and it has one owner of its
+// type, or, unowned, it is counted as an orphan (whose head may be unwritten).
 void check_block(CQzFileSystem* fs, const Image& image, uint32_t block, const Owners& owners,
                  Consistency& result)
 {
@@ -112,13 +112,16 @@ void check_block(CQzFileSystem* fs, const Image& image, uint32_t block, const Ow
     const uint8_t type = r[0].block_type;
     if (type == QZFS_BLOCK_SYSTEM || type == QZFS_BLOCK_KEY_INFO)
         return;
-    if (memcmp(&r[0], &r[1], 32) != 0 || memcmp(&r[0], &r[2], 32) != 0)
+    // A cut between an allocation's table writes and its head write leaves
+    // a block that nothing names yet, with its head unwritten: an orphan.
+    auto found = owners.find(block);
+    const bool owned = found != owners.end();
+    if (memcmp(&r[0], &r[1], 32) != 0 || (owned && memcmp(&r[0], &r[2], 32) != 0))
         result.failures.push_back(b + ": the key table, backup table and block head disagree "
                                       "(types " + std::to_string(r[0].block_type) + ", " +
                                   std::to_string(r[1].block_type) + ", " +
                                   std::to_string(r[2].block_type) + ")");
-    auto found = owners.find(block);
-    if (found == owners.end()) {
+    if (!owned) {
         result.orphans++;
         return;
     }

@@ -102,7 +102,15 @@ static int remove_entry(const char* path, const struct stat*, int, struct FTW*)
     return remove(path);
 }
 
-ScratchDir::~ScratchDir() { nftw(dir_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS); }
+// QZFS_POWERCUT_KEEP set keeps the images, to look at a failure with the tool.
+ScratchDir::~ScratchDir()
+{
+    if (getenv("QZFS_POWERCUT_KEEP") != nullptr) {
+        fprintf(stderr, "images kept in %s\n", dir_.c_str());
+        return;
+    }
+    nftw(dir_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
 
 // Copies the `length` bytes at `at` from one descriptor to the other.
 static bool copy_range(int in, int out, off_t at, off_t length)
