@@ -402,6 +402,7 @@ public:
     int Write_video_data_unit(_opened_stream_segment_* oss, uint8_t* buffer, int len,
                               int frame_num, _k4t_video_frame_info_* frame_info);
     int Write_iframe_index(_write_stream_segment_* wss, bool take_lock);
+    void write_end_mark(_opened_stream_segment_* oss);
     // Runs the device sync that a writer's index flush found due; called
     // without the disk lock.
     void sync_device_if_due();
@@ -522,6 +523,9 @@ public:
     // Read-only views for the registry, the host tool and tests.
     const _qzfs_disk_manage_& manage() const { return m_manage; }
     void* io_interface() const { return m_pIo_interface; }
+    // The disk's metadata I/O buffer, QZFS_IO_UNIT bytes; the caller holds
+    // the disk lock (or runs inside mount).
+    unsigned char* io_buffer() { return m_file_system_io_buffer; }
 
 private:
     int write_record_to_places(unsigned long key_block, unsigned long bak_block,

@@ -65,6 +65,26 @@ inline void qzfs_frame_put_u24(uint8_t* p, uint32_t value)
     p[2] = uint8_t(value >> 16);
 }
 
+// The writer's end mark: 12 bytes it puts right behind its data at every
+// flush, where the next frame will go. It is no frame (type '0', lengths
+// out of range), so every frame reader stops at it; the stream end repair
+// takes it as the proof that the frame in front of it reached the disk.
+//
+//  offset size  value
+//   0      1    channel
+//   1      1    '0'
+//   2      2    'd', 'c'
+//   4      8    "END MARK"
+const uint32_t QZFS_FRAME_END_MARK_LEN = 12;
+
+inline void qzfs_frame_end_mark(uint8_t channel, uint8_t mark[QZFS_FRAME_END_MARK_LEN])
+{
+    static const char kMarkTail[] = "0dcEND MARK";
+    mark[0] = channel;
+    for (uint32_t i = 1; i < QZFS_FRAME_END_MARK_LEN; i++)
+        mark[i] = uint8_t(kMarkTail[i - 1]);
+}
+
 // For the rebuild's block scan: total length of the frame behind `header`
 // (12 + extend_len + frame_len), or -1 when it is no frame; `is_iframe` is
 // set to 1 for an I-frame.

@@ -72,6 +72,16 @@ struct _root_index_header_dev_ {
 };
 static_assert(sizeof(_root_index_header_dev_) == 84, "root index header is 84 bytes");
 
+// The journal's check value: the plain sum of the action and the 64 record
+// bytes (the field is called crc).
+inline uint32_t qzfs_action_sum(const _root_index_header_dev_& header)
+{
+    uint32_t sum = header.action;
+    for (uint8_t byte : header.action_data)
+        sum += byte;
+    return sum;
+}
+
 // _root_index_node_dev_: one root node, one for each day, channel, stream
 // type and name of a disk.
 //

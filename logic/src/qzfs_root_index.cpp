@@ -653,10 +653,7 @@ int CQzFileSystem::Register_qzfs_action(unsigned long block, uint32_t action, co
         memcpy(header.action_data, data, QZFS_ACTION_SPLIT_LEN);
     else if (action != QZFS_ACTION_NONE)
         QZLOG("invalid action");
-    uint32_t crc = header.action;
-    for (uint8_t byte : header.action_data)
-        crc += byte;
-    header.crc = crc;
+    header.crc = qzfs_action_sum(header);
     Endian_trans_root_index_block_header(&header, gLocal_endian, m_file_system_io_buffer,
                                          m_manage.disk_endian);
     if (write_in_block(block, QZFS_INDEX_HEADER_OFFSET,

@@ -473,11 +473,35 @@ int CQzFileSystem::fsync_segment_data(_opened_stream_segment_* oss)
         }
         wss->unit_len = wss->frame_info_num = 0;
     }
+    write_end_mark(oss);
     if (Write_iframe_index(wss, true) != 0) {
         QZLOG("Write_iframe_index failed");
         return -1;
     }
     return 0;
+}
+
+// Puts the end mark right behind the writer's data, as much of it as the
+// block has room for, and leaves the channel where the next frame goes, so
+// that the next write covers the mark. After a power cut the mark tells the
+// stream end repair that the frame in front of it is whole.
+void CQzFileSystem::write_end_mark(_opened_stream_segment_* oss)
+{
+    const _write_stream_segment_* wss = oss->writer();
+    const unsigned long block_size = m_manage.block_size;
+    if (wss->block_index == 0 || wss->block_offset >= block_size)
+        return;
+    uint8_t mark[QZFS_FRAME_END_MARK_LEN];
+    qzfs_frame_end_mark(oss->root()->channel, mark);
+    const int room = int(std::min<unsigned long>(QZFS_FRAME_END_MARK_LEN,
+                                                 block_size - wss->block_offset));
+    if (qzfs_seek(oss->io_channel, wss->block_index, wss->block_offset) != 0 ||
+        qzfs_write(oss->io_channel, mark, room) != room)
+        QZLOG("write end mark failed(block_index:%ld)(block_offset:%ld)", long(wss->block_index),
+              long(wss->block_offset));
+    if (qzfs_seek(oss->io_channel, wss->block_index, wss->block_offset) != 0)
+        QZLOG("seek failed(block_index:%ld)(block_offset:%ld)", long(wss->block_index),
+              long(wss->block_offset));
 }
 
 int CQzFileSystem::fsync_stream_segment(_opened_stream_segment_* oss)
