@@ -57,15 +57,47 @@ void set_second_of_day(FrameBatch& batch, unsigned s)
     }
 }
 
+// Sets the pts of the frame at the start of `batch`, in its pts record and
+// in its description.
+void set_pts(FrameBatch& batch, uint64_t pts)
+{
+    memcpy(&batch.bytes[kPtsAt], &pts, 8);
+    for (_k4t_video_frame_info_& info : batch.infos) {
+        info.pts_high = uint32_t(pts >> 32);
+        info.pts_low = uint32_t(pts);
+    }
+}
+
 unsigned second_of_day(const FrameBatch& batch)
 {
     const uint8_t* t = &batch.bytes[kDateAt + 3];
     return t[0] * 3600u + t[1] * 60u + t[2];
 }
 
+// A frame of an older recording of `channel`, from the day before, as a
+// reused block holds it behind the new data: a frame, but none of this
+// stream.
+std::vector<uint8_t> old_frame(uint8_t channel)
+{
+    FrameSourceConfig config;
+    config.channel = channel;
+    config.start.day = 20;
+    config.iframe_bytes = 200;
+    FrameSource source(config);
+    FrameBatch batch;
+    source.append_frame(batch);
+    return batch.bytes;
+}
+
 class StreamEndRepair : public RecordingTest {
 protected:
     unsigned long bs() const { return fs_->manage().block_size; }
+
+    // Image offset of where the writer's next byte goes.
+    unsigned long long behind(int fd)
+    {
+        return (unsigned long long)writer_of(fd)->block_index * bs() + writer_of(fd)->block_offset;
+    }
 
     // What the disk holds now, as a power cut would leave it.
     std::string snapshot(const std::string& name)
@@ -185,7 +217,9 @@ TEST_F(StreamEndRepair, FramesBehindTheIndexAreFoundAndTheSegmentClosed)
     ASSERT_EQ(2u, writer_of(fd)->iframe_buffered_num) << "two I-frames known to the writer alone";
     ASSERT_EQ(1u, writer_of(fd)->data_block_num);
 
-    power_cut(snapshot("cut.img"), {fd});
+    const std::string cut = snapshot("cut.img");
+    write_bytes(cut, behind(fd), old_frame(7));
+    power_cut(cut, {fd});
     std::string log = mount_expecting("start recovery stream segment chn:7,stream type:0,");
     EXPECT_NE(std::string::npos, log.find("end recovery stream segment chn:7,stream type:0,")) << log;
     expect_repaired(id, written);
@@ -226,6 +260,7 @@ TEST_F(StreamEndRepair, SegmentsWithoutIframesInTheIndex)
     FrameSource source3 = channel_source(3);
     record_seconds(fd3, source3, 2, written3);
     ASSERT_EQ(2u, writer_of(fd3)->iframe_buffered_num);
+    const unsigned long long behind3 = behind(fd3);
     const unsigned long free_for_kept = fs_->manage().free_block;
 
     const int fd1 = create(request(1, 0, kMorning), &nothing);
@@ -235,7 +270,9 @@ TEST_F(StreamEndRepair, SegmentsWithoutIframesInTheIndex)
     const uint32_t rubbish_block = writer_of(fd2)->block_index;
     EXPECT_EQ(0x24, record_types(second.root_index)) << "both record types stand in the root";
 
-    power_cut(snapshot("cut.img"), {fd1, fd2, fd3, fd4});
+    const std::string cut = snapshot("cut.img");
+    write_bytes(cut, behind3, old_frame(3));
+    power_cut(cut, {fd1, fd2, fd3, fd4});
     std::string log = mount_expecting("NOTHING delete the stream segment");
     char line[96];
     for (int channel : {1, 2, 4}) {
@@ -267,21 +304,26 @@ TEST_F(StreamEndRepair, SegmentsWithoutIframesInTheIndex)
     EXPECT_LT(free_for_kept, free_at_start);
 }
 
-// The scan reads the block of the last indexed I-frame and goes no
-// further: the frames of a block opened behind it are lost, and the block
-// is given back unless the last frame runs into it.
-TEST_F(StreamEndRepair, ScanStopsAtTheEndOfTheBlockOfTheLastIndexedIframe)
+// The scan follows the stream from the block of the last indexed I-frame
+// into the blocks opened behind it only as far as a frame runs over the
+// block's end; the frames of the next block are lost with it, and the next
+// block goes back to the free blocks unless the last frame runs into it.
+TEST_F(StreamEndRepair, ScanEndsWithTheBlockOfTheLastIndexedIframe)
 {
     struct Row {
         uint8_t channel;
-        uint32_t over;  // bytes of the last frame behind the block's end
+        uint32_t over;      // bytes of the last frame of the block behind its end
+        bool next_written;  // the frames of the next block reached the disk
         _k4t_stream_segment_id_ id;
         WrittenStream written;
-        size_t kept;    // bytes expected back
+        size_t kept;        // bytes expected back
         uint32_t next_block;
+        unsigned long long old_at;
         int fd;
     };
-    Row rows[] = {{5, 0, {}, {}, 0, 0, 0}, {6, 1000, {}, {}, 0, 0, 0}};
+    Row rows[] = {{5, 0, false, {}, {}, 0, 0, 0, 0},
+                  {6, 1000, false, {}, {}, 0, 0, 0, 0},
+                  {9, 0, true, {}, {}, 0, 0, 0, 0}};
     for (Row& row : rows) {
         row.fd = create(request(row.channel, 0, kMorning), &row.id);
         FrameSource source = channel_source(row.channel);
@@ -290,11 +332,16 @@ TEST_F(StreamEndRepair, ScanStopsAtTheEndOfTheBlockOfTheLastIndexedIframe)
         row.kept = row.written.bytes.size();
         record_seconds(row.fd, source, 1, row.written);
         row.next_block = writer_of(row.fd)->block_index;
+        row.old_at = row.next_written ? behind(row.fd)
+                                      : (unsigned long long)row.next_block * bs() + 4096 + row.over;
         ASSERT_EQ(2u, writer_of(row.fd)->data_block_num);
-        ASSERT_EQ(1u, writer_of(row.fd)->iframe_buffered_num) << "the I-frame of the second block";
+        ASSERT_EQ(1u, writer_of(row.fd)->iframe_buffered_num) << "the I-frame of the next block";
     }
-    power_cut(snapshot("cut.img"), {rows[0].fd, rows[1].fd});
-    mount_expecting("end recovery stream segment chn:6,stream type:0,");
+    const std::string cut = snapshot("cut.img");
+    for (const Row& row : rows)
+        write_bytes(cut, row.old_at, old_frame(row.channel));
+    power_cut(cut, {rows[0].fd, rows[1].fd, rows[2].fd});
+    mount_expecting("end recovery stream segment chn:9,stream type:0,");
     for (const Row& row : rows) {
         SCOPED_TRACE(int(row.channel));
         expect_repaired(row.id, prefix(row.written, row.kept));
@@ -314,8 +361,7 @@ TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
     WrittenStream written;
     record_seconds(fd, source, 3, written);
     ASSERT_EQ(0u, writer_of(fd)->iframe_buffered_num) << "the index holds every I-frame";
-    const unsigned long long behind =
-        (unsigned long long)writer_of(fd)->block_index * bs() + writer_of(fd)->block_offset;
+    const unsigned long long data_end = behind(fd);
     // Byte offset of the check sum of the last I-frame's index entry.
     _stream_segment_index_node_dev_ node;
     ASSERT_EQ(0, fs_->Get_stream_segment_index_dev_node(id.root_index, id.stream_segment_index, &node));
@@ -351,6 +397,7 @@ TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
         const char* message;
         size_t on_disk;  // bytes of the frame that reached the disk; 0 all
         bool damage_last_entry;
+        bool old_behind = true;  // an old frame right behind it
     };
     const Change none = [](FrameBatch&) {};
     const Row rows[] = {
@@ -361,16 +408,16 @@ TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
         {"a second back", [&](FrameBatch& f) { set_second_of_day(f, last_second - 1); }, false, "invalid time1(", 0, false},
         {"next day", [](FrameBatch& f) { f.bytes[kDateAt + 2]++; }, false, "NOT SAME DAY(", 0, false},
         {"other channel", [](FrameBatch& f) { f.bytes[0]++; }, false, "", 0, false},
-        {"pts back", [&](FrameBatch& f) { uint64_t p = last_pts - 1; memcpy(&f.bytes[kPtsAt], &p, 8); },
-         false, "invalid pts(", 0, false},
-        {"same pts", [&](FrameBatch& f) { memcpy(&f.bytes[kPtsAt], &last_pts, 8); }, true, "", 0, false},
+        {"pts back", [&](FrameBatch& f) { set_pts(f, last_pts - 1); }, false, "invalid pts(", 0, false},
+        {"same pts", [&](FrameBatch& f) { set_pts(f, last_pts); }, true, "", 0, false},
         {"bad magic", [](FrameBatch& f) { f.bytes[2] = 'x'; }, false, "", 0, false},
         {"1 MiB long", [](FrameBatch& f) { resize_frame(f, 0x100000); }, false, "", 0, false},
         {"a body byte damaged", [](FrameBatch& f) { f.bytes[f.bytes.size() / 2] ^= 0xFF; }, true, "", 0, false},
         // The frame format has no check sum: a frame whose body never
         // reached the disk is taken with the zeros that stand in its place.
-        {"torn behind its records", none, true, "", 12 + FrameSource::kRecordBytes + 100, false},
-        {"torn in its header", none, false, "Get_av_frame_extend_info failed", 8, false},
+        {"torn behind its records", none, true, "", 12 + FrameSource::kRecordBytes + 100, false, false},
+        {"torn in its header", none, false, "Get_av_frame_extend_info failed", 8, false, false},
+        {"nothing behind the data", [](FrameBatch& f) { f.clear(); }, false, "", 0, false, false},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -379,12 +426,14 @@ TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
         if (row.on_disk != 0)
             std::fill(frame.bytes.begin() + long(row.on_disk), frame.bytes.end(), 0);
         ASSERT_EQ(0, run_command("cp --sparse=always '" + cut + "' '" + image_ + "'").status);
-        write_bytes(image_, behind, frame.bytes);
+        write_bytes(image_, data_end, frame.bytes);
+        if (row.old_behind)
+            write_bytes(image_, data_end + frame.bytes.size(), old_frame(8));
         if (row.damage_last_entry)
             damage_byte(image_, last_entry_sum);
         mount_expecting(row.message);
         WrittenStream expected = written;
-        if (row.taken)
+        if (row.taken && !frame.bytes.empty())
             expected.add(frame);
         expect_repaired(id, expected);
         umount();
