@@ -99,12 +99,17 @@ protected:
         return (unsigned long long)writer_of(fd)->block_index * bs() + writer_of(fd)->block_offset;
     }
 
+    static void copy_image(const std::string& from, const std::string& to)
+    {
+        CommandResult r = run_command("cp --sparse=always '" + from + "' '" + to + "'");
+        ASSERT_EQ(0, r.status) << r.output;
+    }
+
     // What the disk holds now, as a power cut would leave it.
     std::string snapshot(const std::string& name)
     {
-        std::string copy = scratch_.path(name);
-        CommandResult r = run_command("cp --sparse=always '" + image_ + "' '" + copy + "'");
-        EXPECT_EQ(0, r.status) << r.output;
+        const std::string copy = scratch_.path(name);
+        copy_image(image_, copy);
         return copy;
     }
 
@@ -117,8 +122,7 @@ protected:
         ASSERT_EQ(0, api_qzfs_delete_disk_from_group(0, 0));
         umount();
         fs_ = nullptr;
-        CommandResult r = run_command("cp --sparse=always '" + cut + "' '" + image_ + "'");
-        ASSERT_EQ(0, r.status) << r.output;
+        copy_image(cut, image_);
     }
 
     // Mounts the image, expecting `message` in what the mount prints.
@@ -217,6 +221,7 @@ TEST_F(StreamEndRepair, FramesBehindTheIndexAreFoundAndTheSegmentClosed)
     ASSERT_EQ(2u, writer_of(fd)->iframe_buffered_num) << "two I-frames known to the writer alone";
     ASSERT_EQ(1u, writer_of(fd)->data_block_num);
 
+    // An old frame behind the data, as in a reused block, ends the scan.
     const std::string cut = snapshot("cut.img");
     write_bytes(cut, behind(fd), old_frame(7));
     power_cut(cut, {fd});
@@ -350,9 +355,10 @@ TEST_F(StreamEndRepair, ScanEndsWithTheBlockOfTheLastIndexedIframe)
 }
 
 // Whatever lies right behind the frames of a segment (a next frame, one
-// of another channel, day or time, a pts going back, a damaged frame) ends
-// the scan or is taken as the next frame. One recording is cut once; each
-// row mounts that copy with its own bytes behind the data.
+// of another channel, day or time, a pts going back, a damaged or torn
+// frame, or nothing) ends the scan or is taken as the next frame. One
+// recording is cut once; each row mounts that copy with its own bytes
+// behind the data, and most rows with an old frame behind those.
 TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
 {
     _k4t_stream_segment_id_ id;
@@ -417,6 +423,7 @@ TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
         // reached the disk is taken with the zeros that stand in its place.
         {"torn behind its records", none, true, "", 12 + FrameSource::kRecordBytes + 100, false, false},
         {"torn in its header", none, false, "Get_av_frame_extend_info failed", 8, false, false},
+        // The last frame written is whole on its own, with zeros behind it.
         {"nothing behind the data", [](FrameBatch& f) { f.clear(); }, false, "", 0, false, false},
     };
     for (const Row& row : rows) {
@@ -425,7 +432,7 @@ TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
         row.change(frame);
         if (row.on_disk != 0)
             std::fill(frame.bytes.begin() + long(row.on_disk), frame.bytes.end(), 0);
-        ASSERT_EQ(0, run_command("cp --sparse=always '" + cut + "' '" + image_ + "'").status);
+        ASSERT_NO_FATAL_FAILURE(copy_image(cut, image_));
         write_bytes(image_, data_end, frame.bytes);
         if (row.old_behind)
             write_bytes(image_, data_end + frame.bytes.size(), old_frame(8));
