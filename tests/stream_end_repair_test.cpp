@@ -310,10 +310,10 @@ TEST_F(StreamEndRepair, SegmentsWithoutIframesInTheIndex)
 }
 
 // The scan follows the stream from the block of the last indexed I-frame
-// into the blocks opened behind it only as far as a frame runs over the
-// block's end; the frames of the next block are lost with it, and the next
-// block goes back to the free blocks unless the last frame runs into it.
-TEST_F(StreamEndRepair, ScanEndsWithTheBlockOfTheLastIndexedIframe)
+// into the blocks opened behind it, from their first data byte on. A block
+// the stream never reached goes back to the free blocks; one that holds the
+// tail of the last frame stays.
+TEST_F(StreamEndRepair, ScanFollowsTheStreamIntoTheNextBlock)
 {
     struct Row {
         uint8_t channel;
@@ -336,6 +336,8 @@ TEST_F(StreamEndRepair, ScanEndsWithTheBlockOfTheLastIndexedIframe)
         fill_block(row.fd, source, row.over, row.written);
         row.kept = row.written.bytes.size();
         record_seconds(row.fd, source, 1, row.written);
+        if (row.next_written)
+            row.kept = row.written.bytes.size();
         row.next_block = writer_of(row.fd)->block_index;
         row.old_at = row.next_written ? behind(row.fd)
                                       : (unsigned long long)row.next_block * bs() + 4096 + row.over;
@@ -350,7 +352,7 @@ TEST_F(StreamEndRepair, ScanEndsWithTheBlockOfTheLastIndexedIframe)
     for (const Row& row : rows) {
         SCOPED_TRACE(int(row.channel));
         expect_repaired(row.id, prefix(row.written, row.kept));
-        expect_block_taken(row.next_block, row.over > 0);
+        expect_block_taken(row.next_block, row.over > 0 || row.next_written);
     }
 }
 
@@ -396,10 +398,13 @@ TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
     const uint64_t last_pts = pts - 90000 / source.config().fps;
 
     using Change = std::function<void(FrameBatch&)>;
+    // A frame counts only when the bytes behind it are seen written: what
+    // is no header of this channel costs the last frame written its place.
+    enum Outcome { TAKEN, ENDS_BEFORE, LAST_LOST };
     struct Row {
         const char* name;
         Change change;
-        bool taken;
+        Outcome outcome;
         const char* message;
         size_t on_disk;  // bytes of the frame that reached the disk; 0 all
         bool damage_last_entry;
@@ -407,24 +412,24 @@ TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
     };
     const Change none = [](FrameBatch&) {};
     const Row rows[] = {
-        {"next frame", none, true, "", 0, false},
-        {"last index entry damaged", none, true, "Check_iframe_index_dev_node failed", 0, true},
-        {"3 s later", [&](FrameBatch& f) { set_second_of_day(f, last_second + 3); }, true, "", 0, false},
-        {"4 s later", [&](FrameBatch& f) { set_second_of_day(f, last_second + 4); }, false, "invalid time2(", 0, false},
-        {"a second back", [&](FrameBatch& f) { set_second_of_day(f, last_second - 1); }, false, "invalid time1(", 0, false},
-        {"next day", [](FrameBatch& f) { f.bytes[kDateAt + 2]++; }, false, "NOT SAME DAY(", 0, false},
-        {"other channel", [](FrameBatch& f) { f.bytes[0]++; }, false, "", 0, false},
-        {"pts back", [&](FrameBatch& f) { set_pts(f, last_pts - 1); }, false, "invalid pts(", 0, false},
-        {"same pts", [&](FrameBatch& f) { set_pts(f, last_pts); }, true, "", 0, false},
-        {"bad magic", [](FrameBatch& f) { f.bytes[2] = 'x'; }, false, "", 0, false},
-        {"1 MiB long", [](FrameBatch& f) { resize_frame(f, 0x100000); }, false, "", 0, false},
-        {"a body byte damaged", [](FrameBatch& f) { f.bytes[f.bytes.size() / 2] ^= 0xFF; }, true, "", 0, false},
-        // The frame format has no check sum: a frame whose body never
-        // reached the disk is taken with the zeros that stand in its place.
-        {"torn behind its records", none, true, "", 12 + FrameSource::kRecordBytes + 100, false, false},
-        {"torn in its header", none, false, "Get_av_frame_extend_info failed", 8, false, false},
-        // The last frame written is whole on its own, with zeros behind it.
-        {"nothing behind the data", [](FrameBatch& f) { f.clear(); }, false, "", 0, false, false},
+        {"next frame", none, TAKEN, "", 0, false},
+        {"last index entry damaged", none, TAKEN, "Check_iframe_index_dev_node failed", 0, true},
+        {"3 s later", [&](FrameBatch& f) { set_second_of_day(f, last_second + 3); }, TAKEN, "", 0, false},
+        {"4 s later", [&](FrameBatch& f) { set_second_of_day(f, last_second + 4); }, ENDS_BEFORE, "invalid time2(", 0, false},
+        {"a second back", [&](FrameBatch& f) { set_second_of_day(f, last_second - 1); }, ENDS_BEFORE, "invalid time1(", 0, false},
+        {"next day", [](FrameBatch& f) { f.bytes[kDateAt + 2]++; }, ENDS_BEFORE, "NOT SAME DAY(", 0, false},
+        {"other channel", [](FrameBatch& f) { f.bytes[0]++; }, LAST_LOST, "", 0, false},
+        {"pts back", [&](FrameBatch& f) { set_pts(f, last_pts - 1); }, ENDS_BEFORE, "invalid pts(", 0, false},
+        {"same pts", [&](FrameBatch& f) { set_pts(f, last_pts); }, TAKEN, "", 0, false},
+        {"bad magic", [](FrameBatch& f) { f.bytes[2] = 'x'; }, LAST_LOST, "", 0, false},
+        {"1 MiB long", [](FrameBatch& f) { resize_frame(f, 0x100000); }, LAST_LOST, "", 0, false},
+        // The format has no check sum: a damaged body goes unseen.
+        {"a body byte damaged", [](FrameBatch& f) { f.bytes[f.bytes.size() / 2] ^= 0xFF; }, TAKEN, "", 0, false},
+        // A frame whose body never reached the disk has nothing written
+        // behind it; its header still shows the frame before it whole.
+        {"torn behind its records", none, ENDS_BEFORE, "", 12 + FrameSource::kRecordBytes + 100, false, false},
+        {"torn in its header", none, ENDS_BEFORE, "Get_av_frame_extend_info failed", 8, false, false},
+        {"nothing behind the data", [](FrameBatch& f) { f.clear(); }, LAST_LOST, "", 0, false, false},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -440,8 +445,10 @@ TEST_F(StreamEndRepair, WhatLiesBehindTheDataDecidesTheEnd)
             damage_byte(image_, last_entry_sum);
         mount_expecting(row.message);
         WrittenStream expected = written;
-        if (row.taken && !frame.bytes.empty())
+        if (row.outcome == TAKEN)
             expected.add(frame);
+        if (row.outcome == LAST_LOST)
+            expected = prefix(written, written.bytes.size() - source.frame_bytes(false));
         expect_repaired(id, expected);
         umount();
     }
