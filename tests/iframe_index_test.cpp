@@ -107,7 +107,8 @@ protected:
         format();
         mount();
     }
-    // A new root node; returns the first block of its I-frame chain.
+    // A new root node, kept through remounts by a closed segment; returns the
+    // first block of its I-frame chain.
     uint32_t new_chain(int channel)
     {
         _qzfs_k4t_create_ss_para_ para;
@@ -121,6 +122,7 @@ protected:
         EXPECT_EQ(0, fs_->Read_stream_segment_index_block_header(root.stream_segment_index_block,
                                                                  &header));
         fs_->disk_lock(0);
+        add_closed_segment(fs_, ri, para);
         return header.iframe_index_block;
     }
     void load(uint32_t head, Chain& chain)

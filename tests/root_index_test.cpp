@@ -109,6 +109,8 @@ protected:
     }
     void umount() { ASSERT_EQ(0, api_qzfs_umount(0)); }
 
+    // A root with one closed segment of the same record type, which keeps it
+    // and its summary as they are through the mount's walk.
     uint32_t create(CQzFileSystem* fs, const _qzfs_k4t_create_ss_para_& para)
     {
         uint32_t ri = 0xFFFFFFFF;
@@ -116,6 +118,7 @@ protected:
         fs->disk_lock(1);
         EXPECT_EQ(0, fs->Create_root_index_node(&para, &ri, &node));
         fs->disk_lock(0);
+        add_closed_segment(fs, ri, para);
         return ri;
     }
     _root_index_node_dev_ node_at(CQzFileSystem* fs, uint32_t ri)

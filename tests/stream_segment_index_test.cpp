@@ -171,7 +171,15 @@ TEST_F(SegmentIndex, SegmentsAreCreatedClosedAndFoundAgainAfterRemount)
     std::vector<unsigned char> raw = read_bytes(image_, node_offset(blocks[0], 0), 64);
     EXPECT_EQ(qzfs_root_node_byte_sum(raw.data()), raw[1]);
     EXPECT_EQ(std::vector<unsigned char>(64, 255), read_bytes(image_, node_offset(blocks[0], 3), 64));
+    // Read back from the disk, the unfinished nodes are as written...
+    pgSystemResourceManager->Free_resource(0);
+    EXPECT_EQ(PRE_RECORD_STREAM_SEGMENT_INDEX, segment(ri, 1).id);
+    EXPECT_EQ(0x1F, segment(ri, 1).flags);
+    EXPECT_EQ(90u, start_iframe_of(segment(ri, 2)));
+    EXPECT_EQ(QZFS_INVALID_END_HOUR, segment(ri, 2).end_hour);
 
+    // ...and the mount removes both, having no I-frame of theirs to close
+    // them at, while the closed one stands.
     remount();
     n = segment(ri, 0);
     EXPECT_EQ(NORMAL_STREAM_SEGMENT_INDEX, n.id);
@@ -181,9 +189,8 @@ TEST_F(SegmentIndex, SegmentsAreCreatedClosedAndFoundAgainAfterRemount)
     EXPECT_EQ(30, n.end_minute);
     EXPECT_EQ(123456789012ULL, len_of(n));
     EXPECT_EQ(1u, start_iframe_of(n));
-    EXPECT_EQ(PRE_RECORD_STREAM_SEGMENT_INDEX, segment(ri, 1).id);
-    EXPECT_EQ(90u, start_iframe_of(segment(ri, 2)));
-    EXPECT_EQ(QZFS_INVALID_END_HOUR, segment(ri, 2).end_hour);
+    EXPECT_EQ(FREE_STREAM_SEGMENT_INDEX, segment(ri, 1).id);
+    EXPECT_EQ(FREE_STREAM_SEGMENT_INDEX, segment(ri, 2).id);
     EXPECT_EQ(END_STREAM_SEGMENT_INDEX, segment(ri, 3).id);
     // A free root node has no segments.
     EXPECT_EQ(END_STREAM_SEGMENT_INDEX, segment(ri + 1, 0).id);
@@ -232,7 +239,7 @@ TEST_F(SegmentIndex, ABlockFillsToItsLastSlotAndTheChainReadsOnPastIt)
     for (uint32_t i = 0; i < kPerBlock - 1; i++) {
         _qzfs_k4t_create_ss_para_ p = segment_para(i / 3600 % 24, i / 60 % 60, i % 16);
         p.second = (uint8_t)(i % 60);
-        ASSERT_EQ(i, create_segment(ri, p, i + 1)) << i;
+        ASSERT_EQ(i, add_closed_segment(fs_, ri, p, i + 1)) << i;
     }
     // The block's last slot is never handed out, and the chain does not grow.
     std::string before = image_fingerprint(image_);
@@ -305,12 +312,13 @@ TEST_F(SegmentIndex, NineDamagedNodesReadAsFreeAndTheTenthEndsTheArray)
     mount();
     uint32_t ri = create_root();
     for (int i = 0; i < 14; i++)
-        create_segment(ri, segment_para(12, i));
+        add_closed_segment(fs_, ri, segment_para(12, i));
     unsigned long block = chain(ri)[0];
     umount();
     for (uint32_t i = 2; i < 12; i++)
         damage_byte(image_, node_offset(block, i) + 1);
     mount();
+    pgSystemResourceManager->Free_resource(0);  // the mount's walk read them; read them afresh
     std::string log = captured_stdout([&] {
         EXPECT_EQ(NORMAL_STREAM_SEGMENT_INDEX, segment(ri, 1).id);
     });
@@ -354,9 +362,9 @@ TEST_F(SegmentIndex, RootSummaryFollowsItsSegmentsAndAnEmptyRootGoes)
     uint32_t ri = create_root();
     _qzfs_k4t_create_ss_para_ pre = segment_para(7, 0, 7);
     pre.for_pre_record = 1;
-    uint32_t a = create_segment(ri, segment_para(8, 0, 2));
-    uint32_t b = create_segment(ri, segment_para(9, 0, 5, 1));
-    create_segment(ri, pre);
+    uint32_t a = add_closed_segment(fs_, ri, segment_para(8, 0, 2));
+    uint32_t b = add_closed_segment(fs_, ri, segment_para(9, 0, 5, 1));
+    uint32_t unconfirmed = create_segment(ri, pre);
 
     int deleted = 0;
     fs_->disk_lock(1);
@@ -376,9 +384,12 @@ TEST_F(SegmentIndex, RootSummaryFollowsItsSegmentsAndAnEmptyRootGoes)
     memcpy(&mask, &root.record_type, 2);
     EXPECT_EQ(0x24, mask);
     EXPECT_EQ(1, root.lock);
+    // The mount removed the pre-recording that was never confirmed.
+    EXPECT_EQ(FREE_STREAM_SEGMENT_INDEX, segment(ri, unconfirmed).id);
 
     // Deleting both normal segments leaves only pre-record: the root goes
     // with its two index blocks.
+    create_segment(ri, pre);
     _stream_segment_index_node_dev_ gone;
     memset(&gone, 0, sizeof(gone));
     EXPECT_EQ(0, modify(ri, a, 0, gone));
@@ -449,7 +460,8 @@ TEST_F(SegmentIndex, SmallCacheSharedByRootsGivesTheDisksAnswers)
     // Interleaved creation: each root's range is pushed out by the others.
     for (uint32_t i = 0; i < per_root; i++)
         for (uint32_t r = 0; r < roots; r++)
-            ASSERT_EQ(i, create_segment(ri[r], segment_para(int(r), i % 60, 0), r * 100000 + i + 1));
+            ASSERT_EQ(i, add_closed_segment(fs_, ri[r], segment_para(int(r), i % 60, 0),
+                                            r * 100000 + i + 1));
     for (int pass = 0; pass < 2; pass++) {
         for (uint32_t step = 0; step < per_root; step++) {
             uint32_t r = step % roots;

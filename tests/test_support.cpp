@@ -2,6 +2,7 @@
 
 #include "system_resource_manager.h"
 
+#include "qzfilesystem.h"
 #include "qzfilesystem_api.h"
 #include "qzfs_device.h"
 #include "qzfs_manager.h"
@@ -173,6 +174,22 @@ void LibraryTest::TearDown()
     api_qzfs_uinit();
     forget_what_outlives_uinit();
     api_qzfs_set_debug_level(0);
+}
+
+uint32_t add_closed_segment(CQzFileSystem* fs, uint32_t ri, const _qzfs_k4t_create_ss_para_& para,
+                            uint32_t start_iframe, uint64_t len)
+{
+    uint32_t index = 0xFFFFFFFF;
+    _stream_segment_index_node_dev_ node;
+    fs->disk_lock(1);
+    EXPECT_EQ(0, fs->Create_stream_segment_index_node(ri, &para, start_iframe, &index, &node));
+    node.end_hour = para.hour;
+    node.end_minute = 59;
+    node.end_second = 59;
+    memcpy(&node.len_in_bytes, &len, sizeof(len));
+    EXPECT_EQ(0, fs->Modify_stream_segment(ri, index, 0, &node));
+    fs->disk_lock(0);
+    return index;
 }
 
 void MountedImageTest::format(unsigned long long size)

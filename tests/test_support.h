@@ -89,6 +89,13 @@ protected:
     CQzFileSystem* fs_ = nullptr;
 };
 
+// Gives root `ri` a normal segment made from `para` and closes it with
+// `len` bytes, as a finished recording is left: the mount keeps it, and the
+// root with it (a root without such a segment goes at the next mount).
+// Returns the segment's index.
+uint32_t add_closed_segment(CQzFileSystem* fs, uint32_t ri, const _qzfs_k4t_create_ss_para_& para,
+                            uint32_t start_iframe = 1, uint64_t len = 1000);
+
 // Formats a fresh sparse image of `size` bytes at `path`; returns the
 // library's result.
 int format_image(const std::string& path, unsigned long long size, const char* label = nullptr);
