@@ -88,31 +88,30 @@ TEST(Tool, IndexAddEntriesAreListedByInfoIndex)
     ScratchDir dir;
     std::string image = dir.path("rec.img");
     ASSERT_EQ(0, run_tool("format " + image + " --size 3G").status);
-    CommandResult add = run_tool("index-add " + image + " --date 2026-11-20 --channel 4 --name gate");
+    CommandResult add = run_tool("index-add " + image + " --date 2026-11-20 --channel 4 --name gate --start 23:59:50 --seconds 10");
     ASSERT_EQ(0, add.status) << add.output;
-    EXPECT_TRUE(contains(add.output, "root index entry 0 added")) << add.output;
-    add = run_tool("index-add " + image + " --date 2026-11-21 --channel 5 --stream 1 --record-type 2");
+    EXPECT_TRUE(contains(add.output, "root index entry 0 added, with segment 0")) << add.output;
+    add = run_tool("index-add " + image + " --date 2026-11-21 --channel 5 --stream 1 --record-type 2 --start 06:00:00 --seconds 5");
     ASSERT_EQ(0, add.status) << add.output;
-    EXPECT_NE(0, run_tool("index-add " + image + " --date 2026-02-29 --channel 1").status);
+    EXPECT_NE(0, run_tool("index-add " + image + " --date 2026-02-29 --channel 1 --start 06:00:00 --seconds 5").status);
+    EXPECT_NE(0, run_tool("index-add " + image + " --date 2026-11-21 --channel 1").status);
     EXPECT_NE(0, run_tool("index-add " + image + " --date 2026-11-21").status);
     EXPECT_NE(0, run_tool("index-add " + image + " --date 2026-11-21 --channel 1 --name "
                           "seventeen-letters").status);
 
     CommandResult info = run_tool("info " + image + " --index");
     ASSERT_EQ(0, info.status) << info.output;
-    // The first node's blocks follow the root index block (66): 67 and 68.
+    // The first node's blocks follow the root index block (66): 67 and 68,
+    // then the two data blocks of its first segment.
     EXPECT_TRUE(contains(info.output, "  0      2026-11-20    4      0  gate             0x0001       67\n"))
         << info.output;
-    EXPECT_TRUE(contains(info.output, "  1      2026-11-21    5      1                   0x0004       69\n"))
+    EXPECT_TRUE(contains(info.output, "  1      2026-11-21    5      1                   0x0004       71\n"))
         << info.output;
     EXPECT_TRUE(contains(info.output, "  2 used\n")) << info.output;
     EXPECT_TRUE(contains(info.output, "  segment index  2\n")) << info.output;
 
     // Segments with their I-frame entries; the root's summary follows them.
-    CommandResult seg = run_tool("segment-add " + image + " --root 0 --start 23:59:50 --seconds 10");
-    ASSERT_EQ(0, seg.status) << seg.output;
-    EXPECT_TRUE(contains(seg.output, "segment 0 of root index entry 0 added")) << seg.output;
-    seg = run_tool("segment-add " + image + " --root 0 --start 07:00:00 --seconds 9 --record-type 3 --lock");
+    CommandResult seg = run_tool("segment-add " + image + " --root 0 --start 07:00:00 --seconds 9 --record-type 3 --lock");
     ASSERT_EQ(0, seg.status) << seg.output;
     EXPECT_NE(0, run_tool("segment-add " + image + " --root 2 --start 07:00:00 --seconds 9").status);
     EXPECT_NE(0, run_tool("segment-add " + image + " --root 0 --start 24:00:00 --seconds 9").status);

@@ -41,9 +41,10 @@ const char* USAGE =
     "      (index, start, end, length, record type, lock, first I-frame) and\n"
     "      --iframes the first entries of its I-frame index\n"
     "  index-add IMAGE --date YYYY-MM-DD --channel N [--stream T] [--name S]\n"
-    "            [--record-type R]\n"
-    "      add an empty root index entry (with its segment and I-frame index\n"
-    "      blocks), as the first recording of that day and channel would\n"
+    "            [--record-type R] --start HH:MM:SS --seconds S [--lock]\n"
+    "      add a root index entry (with its segment and I-frame index blocks),\n"
+    "      as the first recording of that day and channel would, with its first\n"
+    "      segment as segment-add makes it (a mount removes an empty entry)\n"
     "  segment-add IMAGE --root ROOT_INDEX --start HH:MM:SS --seconds S\n"
     "              [--record-type R] [--lock]\n"
     "      add a closed stream segment of S seconds to a root index entry, with\n"
@@ -423,10 +424,25 @@ bool parse_date(const std::string& text, _qzfs_k4t_create_ss_para_& para)
     return true;
 }
 
+// Reads "HH:MM:SS".
+bool parse_time(const std::string& text, _qzfs_k4t_create_ss_para_& para)
+{
+    unsigned hour, minute, second;
+    char tail;
+    if (sscanf(text.c_str(), "%2u:%2u:%2u%c", &hour, &minute, &second, &tail) != 3 || hour > 23 ||
+        minute > 59 || second > 59)
+        return false;
+    para.hour = (uint8_t)hour;
+    para.minute = (uint8_t)minute;
+    para.second = (uint8_t)second;
+    return true;
+}
+
 int verb_index_add(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {"--date", "--channel", "--stream", "--name", "--record-type"}, error))
+    if (!only_options(args, {"--date", "--channel", "--stream", "--name", "--record-type",
+                             "--start", "--seconds", "--lock"}, error))
         return fail("%s", error);
     if (args.positional.size() != 1)
         return fail("index-add takes one IMAGE");
@@ -445,36 +461,40 @@ int verb_index_add(const Args& args)
     const std::string* name = args.option("--name");
     if (name != nullptr && name->size() >= sizeof(para.name))
         return fail("--name takes at most 16 characters");
+    // Every mount removes an entry without recordings, so the entry comes
+    // with its first segment.
+    unsigned seconds;
+    const std::string* start = args.option("--start");
+    if (start == nullptr || !parse_time(*start, para))
+        return fail("index-add needs --start HH:MM:SS for the entry's first segment");
+    if (args.option("--seconds") == nullptr ||
+        !number_option(args, "--seconds", 86400, 0, seconds) || seconds == 0)
+        return fail("index-add needs --seconds S (1 to 86400) for the entry's first segment");
     para.channel = (uint8_t)channel;
     para.stream_type = (uint8_t)stream;
     para.record_type = (uint8_t)record_type;
+    para.lock = args.option("--lock") != nullptr ? 1 : 0;
     if (name != nullptr)
         memcpy(para.name, name->c_str(), name->size());
 
     const std::string& path = args.positional[0];
     if (mount_image(path) != 0)
         return 1;
-    uint32_t position = 0;
-    const int rc = disk_add_root_entry(TOOL_HDD_ID, para, position);
+    uint32_t position = 0, index = 0;
+    _qzfs_k4t_hdd_info_ info = {};
+    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
+    const bool entry_added = disk_add_root_entry(TOOL_HDD_ID, para, position) == 0;
+    const bool segment_added =
+        entry_added && disk_add_synthetic_segment(TOOL_HDD_ID, position, para, seconds,
+                                                  info.block_size, index) == 0;
     api_qzfs_umount(TOOL_HDD_ID);
-    if (rc != 0)
+    if (!entry_added)
         return fail("cannot add a root index entry to %s (disk full?)", path);
-    printf("root index entry %u added\n", position);
+    if (!segment_added)
+        return fail("cannot add the first segment of the new entry to %s (disk full?)", path);
+    printf("root index entry %u added, with segment %u: %u seconds from %s\n", position, index,
+           seconds, start->c_str());
     return 0;
-}
-
-// Reads "HH:MM:SS".
-bool parse_time(const std::string& text, _qzfs_k4t_create_ss_para_& para)
-{
-    unsigned hour, minute, second;
-    char tail;
-    if (sscanf(text.c_str(), "%2u:%2u:%2u%c", &hour, &minute, &second, &tail) != 3 || hour > 23 ||
-        minute > 59 || second > 59)
-        return false;
-    para.hour = (uint8_t)hour;
-    para.minute = (uint8_t)minute;
-    para.second = (uint8_t)second;
-    return true;
 }
 
 int verb_segment_add(const Args& args)
