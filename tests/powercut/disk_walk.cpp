@@ -127,14 +127,14 @@ bool segment_extent(const RootWalk& root, const _stream_segment_index_node_dev_&
     }
     const _iframe_index_node_dev_& first = root.log[start];
     const uint64_t base = first.stream_segment_offset;
-    out.data_blocks.push_back(first.block_num);
+    out.data_blocks.push_back(uint32_t(first.block_num));
     uint64_t covered = block_size - first.block_offset;
     for (size_t i = start; i < root.log.size(); i++) {
         const _iframe_index_node_dev_& e = root.log[i];
         if (e.id == IFRAME_INDEX_ID_BLOCK) {
             if (covered >= len)
                 break;
-            out.data_blocks.push_back(e.block_num);
+            out.data_blocks.push_back(uint32_t(e.block_num));
             covered += block_size - 4096;
         } else if (e.stream_segment_offset - base >= len) {
             break;
