@@ -230,7 +230,7 @@ int CQzFileSystem::Power_down_recovery()
     if (dates_stale && Update_hdd_record_date(1, 0, 0, 0) != 0)
         QZLOG("Update_hdd_record_date failed");
 
-    QZLOG("delete pre record stream segment(%d)!", int(unconfirmed.size()));
+    QZLOG_ABOVE(0, "delete pre record stream segment(%d)!", int(unconfirmed.size()));
     for (const unconfirmed_segment& u : unconfirmed) {
         _stream_segment_index_node_men_ node;
         if (Get_stream_segment_index_mem_node(u.root_index, u.segment, &node) != 0)
