@@ -163,6 +163,9 @@ public:
     int modify_block_info(unsigned long key_block, unsigned long bak_block, unsigned long block,
                           _qzfs_block_info_* info, char where);
     int modify_block_type(unsigned long block, unsigned short type, char where);
+    // A block that an index names but the bitmap calls free is registered
+    // again as `type`, in the key tables and its own head (mount repair).
+    void reclaim_block(unsigned long block, unsigned short type);
     int modify_block_attr(unsigned long block, void* attr, char where);
     int load_disk_manage_info_by_key_info_block(unsigned long key_block);
     int get_disk_manage_info_by_key_info_block(unsigned char allow_scan);

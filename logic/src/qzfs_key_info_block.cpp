@@ -173,6 +173,12 @@ int CQzFileSystem::modify_block_type(unsigned long block, unsigned short type, c
                                   where, "write key failed!\n!", "write bak key failed!\n!");
 }
 
+void CQzFileSystem::reclaim_block(unsigned long block, unsigned short type)
+{
+    if (block != 0 && block < m_manage.total_block && !block_bit_is_set(block))
+        modify_block_type(block, type, QZFS_WHERE_ALL);
+}
+
 int CQzFileSystem::modify_block_attr(unsigned long block, void* attr, char where)
 {
     _qzfs_block_info_ record;

@@ -44,13 +44,6 @@ struct unconfirmed_segment {
     uint32_t segment;
 };
 
-// A block that an index names but the bitmap calls free goes back to it.
-void reclaim_index_block(CQzFileSystem& fs, uint32_t block, unsigned short type)
-{
-    if (block != 0 && block < fs.manage().total_block && !fs.block_bit_is_set(block))
-        fs.modify_block_type(block, type, QZFS_WHERE_ALL);
-}
-
 // Reads the root index chain from the device in place of the cached one and
 // registers again each block of it that is free in the bitmap, with its
 // position in the chain. The header, with the journal, goes to `header`.
@@ -115,6 +108,17 @@ void check_action_journal(const _root_index_header_dev_& header)
         QZLOG("CQzFileSystem::Power_down_recovery invalid action");
 }
 
+// The first I-frame index block of a root goes back to it when the bitmap
+// calls it free. It is registered with the segment index block's type.
+void reclaim_first_iframe_block(CQzFileSystem& fs, unsigned long root_index)
+{
+    uint32_t ssi_num = 0, iframe_head = 0;
+    uint32_t* ssi_list = nullptr;
+    if (fs.Get_stream_segment_index_block_list(root_index, &ssi_num, &ssi_list, &iframe_head) == 0)
+        fs.reclaim_block(iframe_head, QZFS_BLOCK_SEGMENT_INDEX);
+    delete[] ssi_list;
+}
+
 // Walks one normal root's segments, repairing the unfinished ones; the
 // values counted are those read before a repair, as the cache held them.
 void walk_root_segments(CQzFileSystem& fs, unsigned long root_index, root_summary& sum,
@@ -137,13 +141,10 @@ void walk_root_segments(CQzFileSystem& fs, unsigned long root_index, root_summar
                 sum.only_pre_record = 0;
             continue;
         }
-        sum.live++;
-        uint32_t ssi_num = 0, iframe_head = 0;
-        uint32_t* ssi_list = nullptr;
-        if (fs.Get_stream_segment_index_block_list(root_index, &ssi_num, &ssi_list, &iframe_head) ==
-            0)
-            reclaim_index_block(fs, iframe_head, QZFS_BLOCK_SEGMENT_INDEX);
-        delete[] ssi_list;
+        // The root's first I-frame index block is the same for every
+        // segment: it is looked at once, with the first live one.
+        if (sum.live++ == 0)
+            reclaim_first_iframe_block(fs, root_index);
         if (node.id == PRE_RECORD_STREAM_SEGMENT_INDEX ||
             (node.end_hour != QZFS_INVALID_END_HOUR && node.len_in_bytes == 0)) {
             unconfirmed.push_back({uint32_t(root_index), s});
@@ -223,7 +224,7 @@ int CQzFileSystem::Power_down_recovery()
             continue;
         }
         settle_root_summary(*this, ri, mem, sum);
-        reclaim_index_block(*this, mem.stream_segment_index_block, QZFS_BLOCK_SEGMENT_INDEX);
+        reclaim_block(mem.stream_segment_index_block, QZFS_BLOCK_SEGMENT_INDEX);
         if (!dates_stale)
             Update_hdd_record_date(0, mem.year, mem.month, mem.day);
     }

@@ -18,6 +18,7 @@
 #include "qzfilesystem.h"
 #include "qzfs_datetime.h"
 #include "qzfs_log.h"
+#include "qzfs_stream_support.h"
 #include "system_resource_manager.h"
 
 #include <cstring>
@@ -93,51 +94,6 @@ std::vector<uint32_t> take_chain(uint32_t* list, uint32_t num)
     delete[] list;
     return chain;
 }
-
-// Reads I-frame log nodes through whole units of the given buffer, loading
-// a unit only when a position leaves the one it holds.
-class log_units {
-public:
-    enum { OK = 0, PAST_CHAIN = -1, READ_FAILED = -2 };
-
-    log_units(CQzFileSystem& fs, const std::vector<uint32_t>& chain, unsigned char* buffer,
-              unsigned long buffer_len)
-        : fs_(fs), chain_(chain), buffer_(buffer), len_(buffer_len)
-    {
-        memset(&at_, 0, sizeof(at_));
-    }
-
-    // Node `index` in local byte order, its check sum not yet tested.
-    int fetch(uint32_t index, _iframe_index_node_dev_* node)
-    {
-        if (!loaded_ || index < at_.unit_first_index || index > at_.unit_last_index) {
-            loaded_ = false;
-            Calculate_index_info(fs_.manage().block_size, QZFS_IFRAME_NODE_SIZE, index, len_,
-                                 &at_);
-            if (at_.its_block_num >= chain_.size())
-                return PAST_CHAIN;
-            if (fs_.read_in_block(chain_[at_.its_block_num], at_.unit_offset, buffer_, len_) != 0)
-                return READ_FAILED;
-            loaded_ = true;
-        }
-        const unsigned char* slot = buffer_ + qzfs_iframe_offset_in_unit(at_, index, len_);
-        Endian_trans_iframe_index(reinterpret_cast<const _iframe_index_node_dev_*>(slot),
-                                  fs_.manage().disk_endian, node, gLocal_endian);
-        return OK;
-    }
-
-    unsigned long chain_position() const { return at_.its_block_num; }
-    long block() const { return long(chain_[at_.its_block_num]); }
-    long unit_offset() const { return long(at_.unit_offset); }
-
-private:
-    CQzFileSystem& fs_;
-    const std::vector<uint32_t>& chain_;
-    unsigned char* buffer_;
-    unsigned long len_;
-    _qzfs_data_offset_ at_;
-    bool loaded_ = false;
-};
 
 // ------------------------------------------------------------------ gather
 
@@ -304,18 +260,20 @@ int scan_log(CQzFileSystem& fs, segment_delete& job, unsigned char* buffer,
              unsigned long buffer_len)
 {
     const uint32_t start = segment_start_iframe_of(job.node);
-    log_units log(fs, job.iframe_blocks, buffer, buffer_len);
+    iframe_log_reader log(fs, uint32_t(job.iframe_blocks.size()), job.iframe_blocks.data(), buffer,
+                          buffer_len);
     uint32_t last_block = 0;
     for (uint32_t i = start - 1;; i++) {
         _iframe_index_node_dev_ n;
         const int got = log.fetch(i, &n);
-        if (got == log_units::PAST_CHAIN) {
-            QZLOG("FATAL(need read:%lu)(iframe total:%lu)(start iframe:%lu)", log.chain_position(),
-                  (unsigned long)job.iframe_blocks.size(), (unsigned long)start);
+        if (got == iframe_log_reader::PAST_CHAIN) {
+            QZLOG("FATAL(need read:%lu)(iframe total:%lu)(start iframe:%lu)",
+                  (unsigned long)log.chain_position(), (unsigned long)job.iframe_blocks.size(),
+                  (unsigned long)start);
             return -1;
         }
         job.stop_index = i;
-        if (got == log_units::READ_FAILED) {
+        if (got == iframe_log_reader::READ_FAILED) {
             QZLOG("Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)", log.block(),
                   log.unit_offset());
             return 0;

@@ -92,14 +92,6 @@ struct end_repair {
 
 unsigned long stamp_of(const end_repair& r) { return segment_owner_stamp_of(r.node); }
 
-// A block that the index names but the bitmap calls free goes back to the
-// segment, in the key tables and in its own head.
-void reclaim_block(CQzFileSystem& fs, uint32_t block, unsigned short type)
-{
-    if (block != 0 && block < fs.manage().total_block && !fs.block_bit_is_set(block))
-        fs.modify_block_type(block, type, QZFS_WHERE_ALL);
-}
-
 // ------------------------------------------------------------------ load
 
 // The segment node, the root node and both block lists. 0 to go on, 1 for
@@ -158,14 +150,14 @@ walk_step walk_entry(CQzFileSystem& fs, end_repair& r, const _iframe_index_node_
         r.before.node = n;
         r.before.index = i;
         if (n.id == IFRAME_INDEX_ID_BLOCK)
-            reclaim_block(fs, n.block_num, QZFS_BLOCK_DATA);
+            fs.reclaim_block(n.block_num, QZFS_BLOCK_DATA);
         if (n.id != IFRAME_INDEX_ID_FREE_AND_END)
             return WALK_ON;
     }
     if (n.id == IFRAME_INDEX_ID_BLOCK) {
         const uint32_t block = n.block_num;
         r.data_blocks.push_back(block);
-        reclaim_block(fs, block, QZFS_BLOCK_DATA);
+        fs.reclaim_block(block, QZFS_BLOCK_DATA);
         return WALK_ON;
     }
     if (n.id == IFRAME_INDEX_ID_IFRAME) {
@@ -578,11 +570,11 @@ void settle_data_blocks(CQzFileSystem& fs, end_repair& r)
             free_block(fs, block, "free block:%ld");
         return;
     }
-    reclaim_block(fs, r.scan_block, QZFS_BLOCK_DATA);
+    fs.reclaim_block(r.scan_block, QZFS_BLOCK_DATA);
     auto good = std::find(r.data_blocks.begin(), r.data_blocks.end(), r.last_good_block);
     auto keep_end = good == r.data_blocks.end() ? r.data_blocks.begin() : good + 1;
     for (auto it = r.data_blocks.begin(); it != keep_end; ++it)
-        reclaim_block(fs, *it, QZFS_BLOCK_DATA);
+        fs.reclaim_block(*it, QZFS_BLOCK_DATA);
     for (auto it = keep_end; it != r.data_blocks.end(); ++it)
         free_block(fs, *it, "free block:%ld");
 }
