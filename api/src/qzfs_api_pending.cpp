@@ -47,11 +47,6 @@ int CQzfsApi::Qzfs_stream_segment_lock_by_time(_qzfs_k4t_stream_lock_para_*, uns
     return -1;
 }
 
-int CQzfsApi::Qzfs_delete_stream_segment(_k4t_stream_segment_id_*)
-{
-    return -1;
-}
-
 int CQzfsApi::Qzfs_delete_stream_segment_by_para(_qzfs_k4t_delete_para_*)
 {
     return -1;

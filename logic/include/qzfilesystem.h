@@ -289,6 +289,9 @@ public:
     int Get_free_stream_segment_index(unsigned long root_index, uint32_t* block_num,
                                       uint32_t** list, uint32_t* index, int* is_end);
     int Add_stream_segment_index_block(uint32_t* block_num, uint32_t** list);
+    // A node at `segment` was freed: the root's search for a free node starts
+    // no later than there.
+    void lower_free_segment_cursor(unsigned long root_index, unsigned long segment);
     int Create_stream_segment_index_node(const _qzfs_k4t_create_ss_para_* para,
                                          uint32_t start_iframe,
                                          _stream_segment_index_node_dev_* node);
@@ -517,6 +520,30 @@ public:
     // ---- deletion by time (qzfs_segment_delete.cpp)
     int delete_stream_segment_by_time(unsigned long root_index, unsigned long stream_segment_index,
                                       _k4t_fs_time_ time, unsigned char delete_backwards);
+    // A data block's record from the first sound copy: key block, backup key
+    // block, the block's own head. 0 or -1.
+    int read_data_block_record(unsigned long block, _qzfs_block_info_* info);
+    // Frees a data block of a segment of the root's day; a block whose record
+    // names another type or day is left to its new owner.
+    void free_segment_data_block(unsigned long block, const _root_index_node_dev_& root);
+
+    // ---- front trim and whole delete for room (qzfs_segment_trim.cpp)
+    // Takes `want_delete_size` bytes (or, with `end_date_time`, the time up
+    // to it) from the front of a segment at an I-frame, or removes it whole.
+    // The caller holds the disk lock. -1 failed, 0 trimmed or nothing to do,
+    // else the result of check_and_modify_root_info after a whole delete.
+    int Delete_stream_segment(unsigned long root_index, unsigned long stream_segment_index,
+                              _k4t_fs_date_time_* end_date_time,
+                              unsigned long long want_delete_size,
+                              unsigned long long* delete_size, unsigned char* whole,
+                              _k4t_fs_time_* new_start_time, unsigned long* new_owner_stamp,
+                              unsigned char* delete_root_flag);
+
+    // ---- action journal (qzfs_action_journal.cpp)
+    // The first root index block, which carries the journal; 0 when unknown.
+    unsigned long journal_block() const;
+    int Action_delete_recovery(_action_delete_* record);
+    int action_segment_split_recovery(_action_segment_split_* record);
 
     // ---- root index check at mount (qzfs_root_index_check.cpp)
     int check_stream_segment_index(unsigned long block);

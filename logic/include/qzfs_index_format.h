@@ -83,6 +83,63 @@ inline uint32_t qzfs_action_sum(const _root_index_header_dev_& header)
     return sum;
 }
 
+// _action_delete_: the journal record of a delete or trim in flight, kept
+// in action_data of the first root index block's header, least significant
+// byte first. It holds the values from before the change; mount puts them
+// back.
+//
+//  offset size field                      meaning
+//   0      4   root_index                 root index number
+//   4      4   stream_segment_index       segment number within the root
+//   8      4   start_iframe               old first I-frame number
+//  12      8   len_in_bytes               old length
+//  20      1   root_index_id              old root node id
+//  21      1   stream_segment_index_id    old segment node id
+//  22      3   start_hour/minute/second   old start time
+//  25      4   first_block_iframe_index   number of the first block entry
+//  29      4   first_block_share_count    its share count before the change
+//  33      4   last_block_iframe_index    number of the last block entry (or
+//                                         where a delete by time stopped)
+//  37      4   last_block_share_count     that entry's bytes 13..16
+struct _action_delete_ {
+    uint32_t root_index;
+    uint32_t stream_segment_index;
+    uint32_t start_iframe;
+    uint64_t len_in_bytes;
+    uint8_t root_index_id;
+    uint8_t stream_segment_index_id;
+    uint8_t start_hour;
+    uint8_t start_minute;
+    uint8_t start_second;
+    uint32_t first_block_iframe_index;
+    uint32_t first_block_share_count;
+    uint32_t last_block_iframe_index;
+    uint32_t last_block_share_count;
+};
+static_assert(sizeof(_action_delete_) == QZFS_ACTION_DELETE_LEN, "delete record is 41 bytes");
+
+// _action_segment_split_: the journal record of a split in flight.
+//
+//  offset size field                 meaning
+//   0      4   root_index            root index number
+//   4      4   stream_segment_index  the segment being split
+//   8      4   start_iframe          its old first I-frame number
+//  12      4   split_end_iframe      highest I-frame number a new piece can begin at
+struct _action_segment_split_ {
+    uint32_t root_index;
+    uint32_t stream_segment_index;
+    uint32_t start_iframe;
+    uint32_t split_end_iframe;
+};
+static_assert(sizeof(_action_segment_split_) == QZFS_ACTION_SPLIT_LEN, "split record is 16 bytes");
+
+// The journal records to and from their bytes, least significant byte first
+// whatever the host's order.
+void qzfs_action_delete_to_bytes(const _action_delete_& record, uint8_t bytes[QZFS_ACTION_DELETE_LEN]);
+void qzfs_action_delete_from_bytes(const uint8_t bytes[QZFS_ACTION_DELETE_LEN], _action_delete_* record);
+void qzfs_action_split_to_bytes(const _action_segment_split_& record, uint8_t bytes[QZFS_ACTION_SPLIT_LEN]);
+void qzfs_action_split_from_bytes(const uint8_t bytes[QZFS_ACTION_SPLIT_LEN], _action_segment_split_* record);
+
 // _root_index_node_dev_: one root node, one for each day, channel, stream
 // type and name of a disk.
 //

@@ -1,6 +1,7 @@
 // Small pieces shared by the stream paths (write, read, seek, the I-frame
-// index): a scoped disk lock, a reader of I-frame log nodes by position, and
-// the snapshot that undoes a reader's failed move.
+// index, the deletes): a scoped disk lock, a reader of I-frame log nodes by
+// position, the day test of a data block, and the snapshot that undoes a
+// reader's failed move.
 #ifndef QZFS_STREAM_SUPPORT_H
 #define QZFS_STREAM_SUPPORT_H
 
@@ -77,6 +78,15 @@ private:
     _qzfs_data_offset_ at_;
     bool loaded_ = false;
 };
+
+// Whether a block record is a data block of the root's day. A block number
+// in a stale index may name a block that now belongs to another day, and
+// such a block is left to its new owner.
+inline bool qzfs_block_of_day(const _qzfs_block_info_& info, const _root_index_node_dev_& root)
+{
+    return info.block_type == QZFS_BLOCK_DATA && info.year == root.year &&
+           info.month == root.month && info.day == root.day;
+}
 
 // A reader's position as a failed seek or I-frame step must leave it: the
 // record and the nodes of its list. The frame buffer is owned memory that

@@ -3,15 +3,15 @@
 // Power_down_recovery runs at every mount, before the disk is in service:
 //   1. the root index chain is read afresh and every block of it that the
 //      bitmap calls free is registered again;
-//   2. the action journal in the first root index block is checked;
+//   2. the action journal in the first root index block is checked; a
+//      delete or split it names as in flight is rolled back and the journal
+//      cleared (qzfs_action_journal.cpp);
 //   3. every root and its segments are walked: each segment left being
 //      written is closed at its true end (or deleted) by the stream end
 //      repair, and each root's summary (record type bits, lock, only
 //      pre-record) is put right; a root left with nothing is deleted;
 //   4. the disk's range of recorded days is put right, and the
 //      pre-recordings that the application never confirmed are removed.
-// The roll-back of an interrupted delete or split, which the journal makes
-// possible, is not built yet: a journal found armed is reported and left.
 //
 // Other mount repairs live elsewhere: the backup key table's in
 // qzfs_key_info_block.cpp, the root index check in qzfs_root_index_check.cpp.
@@ -90,9 +90,10 @@ int reload_root_index_chain(CQzFileSystem& fs, _root_index_header_dev_* header)
 }
 
 // The journal: a record that checks out names a delete or a split in
-// flight. Their roll-back is not built yet, so the record stays armed for
-// the mount that can undo it.
-void check_action_journal(const _root_index_header_dev_& header)
+// flight, which is rolled back; the journal is then cleared whatever the
+// roll-back made of it. A record whose sum does not match is a torn write of
+// the journal itself: nothing had been changed behind it, and it is left.
+void replay_action_journal(CQzFileSystem& fs, const _root_index_header_dev_& header)
 {
     const uint32_t sum = qzfs_action_sum(header);
     if (sum != header.crc) {
@@ -100,12 +101,22 @@ void check_action_journal(const _root_index_header_dev_& header)
                     long(header.action), (unsigned long)header.crc, (unsigned long)sum);
         return;
     }
-    if (header.action == QZFS_ACTION_DELETE)
+    if (header.action == QZFS_ACTION_DELETE) {
         QZLOG("QZFS_ACTION_DELETING");
-    else if (header.action == QZFS_ACTION_SPLIT)
+        _action_delete_ record;
+        qzfs_action_delete_from_bytes(header.action_data, &record);
+        fs.Action_delete_recovery(&record);
+    } else if (header.action == QZFS_ACTION_SPLIT) {
         QZLOG("QZFS_ACTION_SPLITING");
-    else if (header.action != QZFS_ACTION_NONE)
-        QZLOG("CQzFileSystem::Power_down_recovery invalid action");
+        _action_segment_split_ record;
+        qzfs_action_split_from_bytes(header.action_data, &record);
+        fs.action_segment_split_recovery(&record);
+    } else {
+        if (header.action != QZFS_ACTION_NONE)
+            QZLOG("CQzFileSystem::Power_down_recovery invalid action");
+        return;
+    }
+    fs.Register_qzfs_action(fs.journal_block(), QZFS_ACTION_NONE, nullptr);
 }
 
 // The first I-frame index block of a root goes back to it when the bitmap
@@ -200,7 +211,7 @@ int CQzFileSystem::Power_down_recovery()
     memset(&header, 0, sizeof(header));
     if (reload_root_index_chain(*this, &header) != 0)
         return -1;
-    check_action_journal(header);
+    replay_action_journal(*this, header);
 
     reset_hdd_record_date(*this);
     bool dates_stale = false;

@@ -628,39 +628,3 @@ int CQzFileSystem::Update_hdd_record_date(int all, uint8_t year, uint8_t month, 
     return 0;
 }
 
-// ------------------------------------------------------------ journal
-
-int CQzFileSystem::Register_qzfs_action(unsigned long block, uint32_t action, const void* data)
-{
-    if (read_in_block(block, QZFS_INDEX_HEADER_OFFSET,
-                               m_file_system_io_buffer, int(m_file_system_io_buffer_len)) != 0) {
-        QZLOG("Seek_and_read_in_block failed(block_index:%ld)", long(block));
-        return -1;
-    }
-    _root_index_header_dev_ header;
-    Endian_trans_root_index_block_header(m_file_system_io_buffer, m_manage.disk_endian, &header,
-                                         gLocal_endian);
-    if (header.magic != QZFS_ROOT_INDEX_MAGIC) {
-        QZLOG("invalid magic(%08lx)", (unsigned long)header.magic);
-        return -1;
-    }
-    header.action = action;
-    header.crc = 0;
-    memset(header.action_data, 0, sizeof(header.action_data));
-    if (action == QZFS_ACTION_DELETE)
-        memcpy(header.action_data, data, QZFS_ACTION_DELETE_LEN);
-    else if (action == QZFS_ACTION_SPLIT)
-        memcpy(header.action_data, data, QZFS_ACTION_SPLIT_LEN);
-    else if (action != QZFS_ACTION_NONE)
-        QZLOG("invalid action");
-    header.crc = qzfs_action_sum(header);
-    Endian_trans_root_index_block_header(&header, gLocal_endian, m_file_system_io_buffer,
-                                         m_manage.disk_endian);
-    if (write_in_block(block, QZFS_INDEX_HEADER_OFFSET,
-                                m_file_system_io_buffer, int(m_file_system_io_buffer_len)) != 0) {
-        QZLOG("Seek_and_write_in_block failed(block_index:%ld)", long(block));
-        return -1;
-    }
-    qzfs_fsync(m_pIo_interface, block, QZFS_INDEX_HEADER_OFFSET, m_file_system_io_buffer_len);
-    return 0;
-}

@@ -52,7 +52,7 @@ struct segment_delete {
     _iframe_index_place_ cut;          // C: the first I-frame that goes (tail cut)
     _iframe_index_place_ end;          // E: the first I-frame that stays (head cut)
     std::vector<uint32_t> blocks;      // data blocks to give back, in log order
-    uint32_t stop_index = 0;           // where the scan stopped, 0 at a change of block
+    _iframe_index_place_ last_block;   // last block entry at or after start_iframe
     bool whole = false;
 
     segment_delete()
@@ -63,6 +63,7 @@ struct segment_delete {
         memset(&first, 0, sizeof(first));
         memset(&cut, 0, sizeof(cut));
         memset(&end, 0, sizeof(end));
+        memset(&last_block, 0, sizeof(last_block));
     }
 };
 
@@ -78,12 +79,6 @@ _iframe_index_place_ place(const _iframe_index_node_dev_& node, uint32_t index)
     p.node = node;
     p.index = index;
     return p;
-}
-
-void put_le(uint8_t* at, uint64_t value, int width)
-{
-    for (int i = 0; i < width; i++)
-        at[i] = uint8_t(value >> (8 * i));
 }
 
 std::vector<uint32_t> take_chain(uint32_t* list, uint32_t num)
@@ -231,10 +226,8 @@ scan_step scan_iframe(CQzFileSystem& fs, segment_delete& job, const _iframe_inde
 scan_step scan_entry(CQzFileSystem& fs, segment_delete& job, const _iframe_index_node_dev_& n,
                      uint32_t i, uint32_t& last_block)
 {
-    if (last_block != 0 && n.block_num != last_block) {
-        job.stop_index = 0;
+    if (last_block != 0 && n.block_num != last_block)
         return SCAN_STOP;
-    }
     if (i < segment_start_iframe_of(job.node)) {
         if (n.id == IFRAME_INDEX_ID_BLOCK)
             job.first_block = place(n, i);
@@ -246,6 +239,7 @@ scan_step scan_entry(CQzFileSystem& fs, segment_delete& job, const _iframe_index
             return SCAN_FAIL;
         }
         job.blocks.push_back(uint32_t(n.block_num));
+        job.last_block = place(n, i);
         return SCAN_ON;
     }
     if (n.id != IFRAME_INDEX_ID_IFRAME) {
@@ -272,7 +266,6 @@ int scan_log(CQzFileSystem& fs, segment_delete& job, unsigned char* buffer,
                   (unsigned long)start);
             return -1;
         }
-        job.stop_index = i;
         if (got == iframe_log_reader::READ_FAILED) {
             QZLOG("Seek_and_read_in_block failed(block_index:%ld)(block_offset:%ld)", log.block(),
                   log.unit_offset());
@@ -317,58 +310,27 @@ int judge_scan(CQzFileSystem& fs, segment_delete& job)
 
 // ------------------------------------------------------------------ journal
 
-// The old values, in the journal's 41-byte little-endian form.
-void build_action_record(const segment_delete& job, uint8_t record[QZFS_ACTION_DELETE_LEN])
+// The old values, for the journal. Its range of block entries runs from the
+// first block entry to the last one the scan met: a roll-back finds there
+// every data block this delete may free, and both share counts it may lower.
+_action_delete_ action_record(const segment_delete& job)
 {
-    memset(record, 0, QZFS_ACTION_DELETE_LEN);
-    put_le(record + 0, job.root_index, 4);
-    put_le(record + 4, job.segment, 4);
-    put_le(record + 8, segment_start_iframe_of(job.node), 4);
-    put_le(record + 12, segment_len_of(job.node), 8);
-    record[20] = job.root.id;
-    record[21] = job.node.id;
-    record[22] = job.node.start_hour;
-    record[23] = job.node.start_minute;
-    record[24] = job.node.start_second;
-    put_le(record + 25, job.first_block.index, 4);
-    put_le(record + 29, job.first_block.node.pts_high, 4);  // its share count
-    put_le(record + 33, job.stop_index, 4);
-    put_le(record + 37, job.end.node.id != 0 ? job.end.node.pts_high : 0, 4);
-}
-
-unsigned long journal_block(const CQzFileSystem& fs)
-{
-    const auto& map = fs.manage().root_index_block_map;
-    auto first = map.find(0);
-    return first != map.end() ? first->second : 0;
-}
-
-// ------------------------------------------------------------ block records
-
-// A data block's record from the first place that holds a sound one: the
-// key block, the backup key block, the block's own head.
-int read_data_block_info(CQzFileSystem& fs, unsigned long block, _qzfs_block_info_* info)
-{
-    const _qzfs_disk_manage_& manage = fs.manage();
-    if (manage.key_block != 0 &&
-        fs.read_block_info_from_key_block(manage.key_block, block, info) == 0 &&
-        qzfs_block_info_is_sound(info))
-        return 0;
-    if (manage.bak_key_block != 0 &&
-        fs.read_block_info_from_key_block(manage.bak_key_block, block, info) == 0 &&
-        qzfs_block_info_is_sound(info))
-        return 0;
-    if (fs.read_block_info_from_block(block, info) == 0 && qzfs_block_info_is_sound(info))
-        return 0;
-    return -1;
-}
-
-// Whether a record is a data block of the segment's day. A block number in
-// a stale index may name a block that now belongs to another day.
-bool belongs_to_segment(const _qzfs_block_info_& info, const _root_index_node_dev_& root)
-{
-    return info.block_type == QZFS_BLOCK_DATA && info.year == root.year &&
-           info.month == root.month && info.day == root.day;
+    _action_delete_ r;
+    memset(&r, 0, sizeof(r));
+    r.root_index = uint32_t(job.root_index);
+    r.stream_segment_index = uint32_t(job.segment);
+    r.start_iframe = segment_start_iframe_of(job.node);
+    r.len_in_bytes = segment_len_of(job.node);
+    r.root_index_id = job.root.id;
+    r.stream_segment_index_id = job.node.id;
+    r.start_hour = job.node.start_hour;
+    r.start_minute = job.node.start_minute;
+    r.start_second = job.node.start_second;
+    r.first_block_iframe_index = job.first_block.index;
+    r.first_block_share_count = job.first_block.node.pts_high;
+    r.last_block_iframe_index = job.last_block.index;
+    r.last_block_share_count = job.last_block.node.pts_high;
+    return r;
 }
 
 // ------------------------------------------------------------------- change
@@ -394,8 +356,8 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
         node.start_minute = job.end.node.minute;
         node.start_second = job.end.node.second;
         _qzfs_block_info_ info;
-        if (read_data_block_info(fs, job.end.node.block_num, &info) == 0 &&
-            belongs_to_segment(info, job.root))
+        if (fs.read_data_block_record(job.end.node.block_num, &info) == 0 &&
+            qzfs_block_of_day(info, job.root))
             memcpy(&node.owner_stamp, &info.owner_stamp, sizeof(info.owner_stamp));
     }
     QZLOG("new %d:%d:%d-%d:%d:%d len:%llu owner_stamp:%lu", node.start_hour, node.start_minute,
@@ -426,35 +388,29 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
 
 // --------------------------------------------------------------------- free
 
-void free_data_block(CQzFileSystem& fs, uint32_t block, const _root_index_node_dev_& root)
+// A block that another segment still shares (its block entry counts more
+// than one user) stays; its count goes down by one. True when it stays.
+bool keep_shared_block(CQzFileSystem& fs, segment_delete& job, uint32_t block,
+                       _iframe_index_place_& entry)
 {
-    _qzfs_block_info_ info;
-    if (read_data_block_info(fs, block, &info) != 0)
-        return;
-    if (!belongs_to_segment(info, root)) {
-        QZLOG("block %lu error(type:%d,date:%d-%d-%d[%d-%d-%d])", (unsigned long)block,
-              info.block_type, info.year, info.month, info.day, root.year, root.month, root.day);
-        return;
-    }
-    fs.Free_one_block(block, 0);
-    QZLOG("free block:%lu,stamp:%lu", (unsigned long)block, (unsigned long)info.owner_stamp);
+    if (entry.node.id != IFRAME_INDEX_ID_BLOCK || block != entry.node.block_num ||
+        entry.node.pts_high < 2)
+        return false;
+    entry.node.pts_high--;
+    fs.Write_iframe_index(uint32_t(job.iframe_blocks.size()), job.iframe_blocks.data(),
+                          entry.index, &entry.node);
+    return true;
 }
 
 // A head cut leaves E's block, and the first block while another segment
-// still shares it (its count goes down by one instead).
+// still shares it.
 void free_head_blocks(CQzFileSystem& fs, segment_delete& job)
 {
     for (uint32_t block : job.blocks) {
         if (block == job.end.node.block_num)
             return;
-        _iframe_index_node_dev_& entry = job.first_block.node;
-        if (block == entry.block_num && entry.pts_high > 1) {
-            entry.pts_high--;
-            fs.Write_iframe_index(uint32_t(job.iframe_blocks.size()), job.iframe_blocks.data(),
-                                  job.first_block.index, &entry);
-            continue;
-        }
-        free_data_block(fs, block, job.root);
+        if (!keep_shared_block(fs, job, block, job.first_block))
+            fs.free_segment_data_block(block, job.root);
     }
 }
 
@@ -466,15 +422,50 @@ void free_blocks(CQzFileSystem& fs, segment_delete& job)
     }
     for (uint32_t block : job.blocks) {
         // A tail cut keeps C's block for the head, unless C is the block's
-        // very first data. A whole delete gives every block back.
+        // very first data. A whole delete gives every block back but those
+        // its neighbours still share: the first with the segment before it,
+        // the last with the one after it.
         if (!job.whole && block == job.cut.node.block_num &&
             job.cut.node.block_offset != kFirstDataOffset)
             continue;
-        free_data_block(fs, block, job.root);
+        if (job.whole && (keep_shared_block(fs, job, block, job.first_block) ||
+                          keep_shared_block(fs, job, block, job.last_block)))
+            continue;
+        fs.free_segment_data_block(block, job.root);
     }
 }
 
 } // namespace
+
+// ------------------------------------------------- shared with the front trim
+
+int CQzFileSystem::read_data_block_record(unsigned long block, _qzfs_block_info_* info)
+{
+    if (m_manage.key_block != 0 && read_block_info_from_key_block(m_manage.key_block, block, info) == 0 &&
+        qzfs_block_info_is_sound(info))
+        return 0;
+    if (m_manage.bak_key_block != 0 &&
+        read_block_info_from_key_block(m_manage.bak_key_block, block, info) == 0 &&
+        qzfs_block_info_is_sound(info))
+        return 0;
+    if (read_block_info_from_block(block, info) == 0 && qzfs_block_info_is_sound(info))
+        return 0;
+    return -1;
+}
+
+void CQzFileSystem::free_segment_data_block(unsigned long block, const _root_index_node_dev_& root)
+{
+    _qzfs_block_info_ info;
+    if (read_data_block_record(block, &info) != 0)
+        return;
+    if (!qzfs_block_of_day(info, root)) {
+        QZLOG("block %lu error(type:%d,date:%d-%d-%d[%d-%d-%d])", block, info.block_type,
+              info.year, info.month, info.day, root.year, root.month, root.day);
+        return;
+    }
+    Free_one_block(block, 0);
+    QZLOG_ABOVE(0, "free block:%lu,stamp:%lu", block, (unsigned long)info.owner_stamp);
+}
 
 int CQzFileSystem::delete_stream_segment_by_time(unsigned long root_index,
                                                  unsigned long stream_segment_index,
@@ -506,9 +497,9 @@ int CQzFileSystem::delete_stream_segment_by_time(unsigned long root_index,
         judge_scan(*this, job) != 0)
         return -1;
 
-    const unsigned long journal = journal_block(*this);
+    const unsigned long journal = journal_block();
     uint8_t record[QZFS_ACTION_DELETE_LEN];
-    build_action_record(job, record);
+    qzfs_action_delete_to_bytes(action_record(job), record);
     QZLOG("Register_qzfs_action(%02x)(%02x)(%ld)(%lld)", job.root.id, job.node.id,
           long(segment_start_iframe_of(job.node)), (long long)segment_len_of(job.node));
     Register_qzfs_action(journal, QZFS_ACTION_DELETE, record);
@@ -520,12 +511,8 @@ int CQzFileSystem::delete_stream_segment_by_time(unsigned long root_index,
             Register_qzfs_action(journal, QZFS_ACTION_NONE, nullptr);
         return -1;
     }
-    if (job.whole) {
-        CacheLockGuard cache;
-        _ri_ssi_manager_* entry = cached_root_entry(root_index);
-        if (entry != nullptr && entry->free_stream_segment_index > stream_segment_index)
-            entry->free_stream_segment_index = uint32_t(stream_segment_index);
-    }
+    if (job.whole)
+        lower_free_segment_cursor(root_index, stream_segment_index);
     free_blocks(*this, job);
     const int result = job.whole ? check_and_modify_root_info(root_index, nullptr) : 0;
     Register_qzfs_action(journal, QZFS_ACTION_NONE, nullptr);

@@ -648,6 +648,14 @@ int CQzFileSystem::Get_free_stream_segment_index(unsigned long root_index, uint3
     return 0;
 }
 
+void CQzFileSystem::lower_free_segment_cursor(unsigned long root_index, unsigned long segment)
+{
+    CacheLockGuard cache;
+    _ri_ssi_manager_* entry = cached_root_entry(root_index);
+    if (entry != nullptr && entry->free_stream_segment_index > segment)
+        entry->free_stream_segment_index = uint32_t(segment);
+}
+
 // A segment index chain keeps the one block it was created with.
 int CQzFileSystem::Add_stream_segment_index_block(uint32_t*, uint32_t**) { return -1; }
 
