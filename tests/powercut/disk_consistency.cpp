@@ -143,10 +143,11 @@ void check_owned_allocated(CQzFileSystem* fs, const Owners& owners, Consistency&
 }
 
 // The I-frame entries of live segments point at I-frame headers of the
-// root's channel.
-void check_iframe_entries(const RootWalk& root, unsigned long block_size, const Image& image,
+// root's channel, in allocated blocks.
+void check_iframe_entries(CQzFileSystem* fs, const RootWalk& root, const Image& image,
                           Consistency& result)
 {
+    const unsigned long block_size = fs->manage().block_size;
     for (const SegmentSlot& slot : root.segments) {
         SegmentExtent extent;
         std::string error;
@@ -156,7 +157,8 @@ void check_iframe_entries(const RootWalk& root, unsigned long block_size, const 
             const uint32_t block = e.block_num, offset = e.block_offset;
             uint8_t head[4] = {};
             const bool whole = offset + 4 <= block_size;
-            if (!whole || !image.read((unsigned long long)block * block_size + offset, head, 4) ||
+            if (!whole || block >= fs->manage().total_block || !allocated(fs, block) ||
+                !image.read((unsigned long long)block * block_size + offset, head, 4) ||
                 head[0] != root.node.channel || head[1] != QZFS_FRAME_CHAR_IFRAME ||
                 head[2] != QZFS_FRAME_MAGIC_0 || head[3] != QZFS_FRAME_MAGIC_1) {
                 result.failures.push_back("segment " + std::to_string(root.position) + ":" +
@@ -169,6 +171,50 @@ void check_iframe_entries(const RootWalk& root, unsigned long block_size, const 
             }
         }
     }
+}
+
+// The block entry of a data block counts the live segments that use the
+// block: more than one where a split left two segments sharing it.
+void check_share_counts(const RootWalk& root, unsigned long block_size, Consistency& result)
+{
+    std::map<uint32_t, unsigned> users;  // log position of a block entry, live segments
+    for (const SegmentSlot& slot : root.segments) {
+        SegmentExtent extent;
+        std::string error;
+        if (is_live(slot.node) && segment_extent(root, slot.node, block_size, extent, error))
+            for (uint32_t entry : extent.block_entries)
+                users[entry]++;
+    }
+    for (const auto& u : users) {
+        const _iframe_index_node_dev_& e = root.log[u.first];
+        if (e.pts_high != u.second)
+            result.failures.push_back("block " + std::to_string(uint32_t(e.block_num)) +
+                                      ": its entry in the log of root " +
+                                      std::to_string(root.position) + " counts " +
+                                      std::to_string(uint32_t(e.pts_high)) + " users, " +
+                                      std::to_string(u.second) + " live segments use it");
+    }
+}
+
+// The action journal in the first root index block is clear: no action,
+// and a sum that matches.
+void check_journal(CQzFileSystem* fs, const Image& image, Consistency& result)
+{
+    uint8_t bytes[sizeof(_root_index_header_dev_)];
+    _root_index_header_dev_ header;
+    const unsigned long long at = (unsigned long long)fs->journal_block() *
+                                      fs->manage().block_size +
+                                  QZFS_INDEX_HEADER_OFFSET;
+    if (fs->journal_block() == 0 || !image.read(at, bytes, sizeof(bytes))) {
+        result.failures.push_back("the journal cannot be read");
+        return;
+    }
+    Endian_trans_root_index_block_header(bytes, fs->manage().disk_endian, &header, gLocal_endian);
+    if (header.action != QZFS_ACTION_NONE || header.crc != qzfs_action_sum(header))
+        result.failures.push_back("the journal is not clear: action " +
+                                  std::to_string(uint32_t(header.action)) + ", sum " +
+                                  std::to_string(uint32_t(header.crc)) + " where " +
+                                  std::to_string(qzfs_action_sum(header)) + " is due");
 }
 
 } // namespace
@@ -186,8 +232,11 @@ Consistency check_consistency(CQzFileSystem* fs, const std::string& path, const 
         result.allocated++;
         check_block(fs, image, block, owners, result);
     }
-    for (const RootWalk& root : walk.roots)
-        check_iframe_entries(root, block_size, image, result);
+    for (const RootWalk& root : walk.roots) {
+        check_iframe_entries(fs, root, image, result);
+        check_share_counts(root, block_size, result);
+    }
+    check_journal(fs, image, result);
     return result;
 }
 

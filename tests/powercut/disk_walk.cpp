@@ -118,16 +118,21 @@ bool segment_extent(const RootWalk& root, const _stream_segment_index_node_dev_&
     out = SegmentExtent();
     const uint32_t start = node.start_iframe;
     const uint64_t len = node.len_in_bytes;
-    if (start < 1 || start >= root.log.size() || root.log[start - 1].id != IFRAME_INDEX_ID_BLOCK ||
-        root.log[start].id != IFRAME_INDEX_ID_IFRAME) {
+    size_t head = start;  // just behind the block entry of the first I-frame's block
+    while (head > 0 && head <= root.log.size() && root.log[head - 1].id == IFRAME_INDEX_ID_IFRAME)
+        head--;
+    if (start >= root.log.size() || root.log[start].id != IFRAME_INDEX_ID_IFRAME || head == 0 ||
+        root.log[head - 1].id != IFRAME_INDEX_ID_BLOCK ||
+        uint32_t(root.log[head - 1].block_num) != uint32_t(root.log[start].block_num)) {
         error = "its first I-frame " + std::to_string(start) +
-                " is no I-frame entry behind a block entry (log of " +
+                " is no I-frame entry behind the block entry of its block (log of " +
                 std::to_string(root.log.size()) + " entries)";
         return false;
     }
     const _iframe_index_node_dev_& first = root.log[start];
     const uint64_t base = first.stream_segment_offset;
     out.data_blocks.push_back(uint32_t(first.block_num));
+    out.block_entries.push_back(uint32_t(head - 1));
     uint64_t covered = block_size - first.block_offset;
     for (size_t i = start; i < root.log.size(); i++) {
         const _iframe_index_node_dev_& e = root.log[i];
@@ -135,6 +140,7 @@ bool segment_extent(const RootWalk& root, const _stream_segment_index_node_dev_&
             if (covered >= len)
                 break;
             out.data_blocks.push_back(uint32_t(e.block_num));
+            out.block_entries.push_back(uint32_t(i));
             covered += block_size - 4096;
         } else if (e.stream_segment_offset - base >= len) {
             break;

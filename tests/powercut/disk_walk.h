@@ -46,9 +46,12 @@ inline bool is_live(const _stream_segment_index_node_dev_& n)
 
 // The data blocks and I-frame entries of a live segment, found through its
 // root's log as a reader finds them: the block of its first I-frame, then
-// each block entry while the segment's length reaches into it.
+// each block entry while the segment's length reaches into it. A segment
+// may start at any I-frame of its first block (a trim or a split moves the
+// start there); that block's entry is the last one before its first I-frame.
 struct SegmentExtent {
     std::vector<uint32_t> data_blocks;
+    std::vector<uint32_t> block_entries;  // log position of each data block's entry
     std::vector<_iframe_index_node_dev_> iframes;
 };
 bool segment_extent(const RootWalk& root, const _stream_segment_index_node_dev_& node,
