@@ -2,6 +2,8 @@
 
 #include "qzfilesystem.h"
 
+#include <cstdio>
+
 namespace powercut {
 
 namespace {
@@ -110,6 +112,15 @@ bool walk_disk(CQzFileSystem* fs, DiskWalk& out, std::string& error)
             return false;
         out.roots.push_back(root);
     }
+}
+
+std::string start_key(uint32_t root, uint32_t index, const _stream_segment_index_node_dev_& node)
+{
+    char text[100];
+    snprintf(text, sizeof(text), "%u:%u %02u:%02u:%02u first %u stamp %u", root, index,
+             node.start_hour, node.start_minute, node.start_second, uint32_t(node.start_iframe),
+             uint32_t(node.owner_stamp));
+    return text;
 }
 
 bool segment_extent(const RootWalk& root, const _stream_segment_index_node_dev_& node,

@@ -44,6 +44,10 @@ inline bool is_live(const _stream_segment_index_node_dev_& n)
            n.end_hour != QZFS_INVALID_END_HOUR;
 }
 
+// A segment's start as the rig compares it across a trim:
+// "ROOT:SLOT HH:MM:SS first START_IFRAME stamp OWNER_STAMP".
+std::string start_key(uint32_t root, uint32_t index, const _stream_segment_index_node_dev_& node);
+
 // The data blocks and I-frame entries of a live segment, found through its
 // root's log as a reader finds them: the block of its first I-frame, then
 // each block entry while the segment's length reaches into it. A segment

@@ -75,9 +75,9 @@ const SegmentSlot* channel_segment(const DiskWalk& walk, unsigned channel, const
     return found;
 }
 
-// Fast play walks the I-frames of the first `frames` frames.
-void check_fast_play(uint32_t root, uint32_t index, const ExpectedStream& expected, size_t frames,
-                     const LineWriter& out)
+// Fast play walks the I-frames of frames `first` to `frames` (not included).
+void check_fast_play(uint32_t root, uint32_t index, const ExpectedStream& expected, size_t first,
+                     size_t frames, const LineWriter& out)
 {
     _k4t_stream_segment_id_ id = {kHdd, root, index};
     const int fd = api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0);
@@ -85,7 +85,7 @@ void check_fast_play(uint32_t root, uint32_t index, const ExpectedStream& expect
         out.line("fail fast play cannot open segment " + segment_name(root, index));
         return;
     }
-    size_t frame = 0;
+    size_t frame = first;
     for (;;) {
         unsigned char* data = nullptr;
         int len = 0;
@@ -112,35 +112,45 @@ void check_fast_play(uint32_t root, uint32_t index, const ExpectedStream& expect
     api_qzfs_close_stream_segment(fd);
 }
 
-// The recovered stream is a prefix of what was written, ends on a whole
-// frame and holds every synced frame. Returns the frames it holds.
+// The recovered stream is the written one from frame `first` on, ends on a
+// whole frame and, with `progress`, holds every synced frame. Returns the
+// frames it reaches (counted from the channel's first frame).
 size_t compare_stream(unsigned c, const std::vector<uint8_t>& got, const ExpectedStream& expected,
-                      const ChannelProgress& progress, const LineWriter& out)
+                      size_t first, const ChannelProgress* progress, const LineWriter& out)
 {
     const std::string ch = "channel " + std::to_string(c);
-    if (got.size() > expected.bytes.size() ||
-        !std::equal(got.begin(), got.end(), expected.bytes.begin())) {
-        size_t at = 0;
-        while (at < got.size() && at < expected.bytes.size() && got[at] == expected.bytes[at])
-            at++;
-        out.line("fail " + ch + ": the recovered stream (" + std::to_string(got.size()) +
-                 " bytes) differs from what was written at byte " + std::to_string(at));
+    if (first > expected.ends.size()) {
+        out.line("fail " + ch + ": a segment starts at frame " + std::to_string(first) +
+                 ", past the " + std::to_string(expected.ends.size()) + " frames written");
         return 0;
     }
-    auto end = std::find(expected.ends.begin(), expected.ends.end(), got.size());
+    const size_t begin = first == 0 ? 0 : expected.ends[first - 1];
+    const uint8_t* want = expected.bytes.data() + begin;
+    if (got.size() > expected.bytes.size() - begin || !std::equal(got.begin(), got.end(), want)) {
+        size_t at = 0;
+        while (begin + at < expected.bytes.size() && at < got.size() && got[at] == want[at])
+            at++;
+        out.line("fail " + ch + ": the recovered stream (" + std::to_string(got.size()) +
+                 " bytes from frame " + std::to_string(first) +
+                 ") differs from what was written at byte " + std::to_string(at));
+        return 0;
+    }
+    auto end = std::find(expected.ends.begin(), expected.ends.end(), begin + got.size());
     if (!got.empty() && end == expected.ends.end()) {
         out.line("fail " + ch + ": the recovered stream ends inside a frame (" +
                  std::to_string(got.size()) + " bytes)");
         return 0;
     }
-    const size_t frames = got.empty() ? 0 : size_t(end - expected.ends.begin()) + 1;
-    out.line("frames " + std::to_string(c) + " " + std::to_string(frames));
-    if (frames < progress.synced) {
+    const size_t frames = got.empty() ? first : size_t(end - expected.ends.begin()) + 1;
+    out.line("frames " + std::to_string(c) + " " + std::to_string(frames - first));
+    if (progress == nullptr)
+        return frames;
+    if (frames < progress->synced) {
         out.line("fail " + ch + ": " + std::to_string(frames) + " frames recovered, " +
-                 std::to_string(progress.synced) + " were synced");
-        out.line("lost " + std::to_string(c) + " " + std::to_string(progress.synced - frames));
+                 std::to_string(progress->synced) + " were synced");
+        out.line("lost " + std::to_string(c) + " " + std::to_string(progress->synced - frames));
     } else {
-        out.line("beyond " + std::to_string(c) + " " + std::to_string(frames - progress.synced));
+        out.line("beyond " + std::to_string(c) + " " + std::to_string(frames - progress->synced));
     }
     return frames;
 }
@@ -161,9 +171,52 @@ void check_channel(const DiskWalk& walk, unsigned c, const Workload& workload,
     // The frame in flight at the cut may have reached the disk whole.
     const unsigned long all = (unsigned long)workload.seconds * workload_frames(0).fps;
     const ExpectedStream expected = expected_stream(uint8_t(c), std::min(progress.written + 1, all));
-    const size_t frames = compare_stream(c, got, expected, progress, out);
+    const size_t frames = compare_stream(c, got, expected, 0, &progress, out);
     if (segment != nullptr && frames > 0)
-        check_fast_play(root->position, segment->index, expected, frames, out);
+        check_fast_play(root->position, segment->index, expected, 0, frames, out);
+}
+
+// After a delete or trim: no segment is left unfinished, and every live one
+// reads back (and plays fast) as the frames recorded on its channel from its
+// start second on, as long as its length says. The segment recorded on
+// behind a live trim also holds every synced frame.
+void check_segments(const DiskWalk& walk, const Workload& workload,
+                    const WorkloadProgress& progress, const LineWriter& out)
+{
+    const unsigned fps = workload_frames(0).fps;
+    const unsigned long all = (unsigned long)workload.seconds * fps;
+    const bool live = workload.action == Action::TrimLive;
+    const _k4t_fs_date_time_ day = workload_start();
+    const unsigned day_start = day.hour * 3600u + day.minute * 60u + day.second;
+    std::vector<ExpectedStream> expected(workload.channels);
+    for (const RootWalk& r : walk.roots)
+        for (const SegmentSlot& s : r.segments) {
+            const std::string name = segment_name(r.position, s.index);
+            const unsigned c = r.node.channel;
+            const _stream_segment_index_node_dev_& g = s.node;
+            const unsigned start = g.start_hour * 3600u + g.start_minute * 60u + g.start_second;
+            if (g.end_hour == QZFS_INVALID_END_HOUR)
+                out.line("fail segment " + name + " is left unfinished (end hour 255)");
+            if (c >= workload.channels || start < day_start)
+                out.line("fail segment " + name + " is of channel " + std::to_string(c) +
+                         " or starts before the recording");
+            if (!is_live(g) || c >= workload.channels || start < day_start)
+                continue;
+            if (!is_live(g))
+                continue;
+            std::vector<uint8_t> got;
+            if (!read_stream(r.position, s.index, got) || got.size() != segment_len_of(g))
+                out.line("fail segment " + name + ": " + std::to_string(got.size()) +
+                         " bytes read, its length is " + std::to_string(segment_len_of(g)));
+            if (expected[c].ends.empty())
+                expected[c] = expected_stream(
+                    uint8_t(c), live ? std::min(progress.channels[c].written + 1, all) : all);
+            const size_t first = size_t(start - day_start) * fps;
+            const size_t frames = compare_stream(c, got, expected[c], first,
+                                                 live ? &progress.channels[c] : nullptr, out);
+            if (frames > first)
+                check_fast_play(r.position, s.index, expected[c], first, frames, out);
+        }
 }
 
 // The day's query lists exactly the live segments, with their lengths.
@@ -228,6 +281,7 @@ void write_summary(const DiskWalk& walk, unsigned long block_size, unsigned long
                      (unsigned long long)g.len_in_bytes, g.record_type, g.lock,
                      (unsigned)g.start_iframe);
             out.line(line);
+            out.line("summary start " + start_key(r.position, s.index, g));
             std::vector<uint8_t> bytes;
             if (is_live(g) && read_stream(r.position, s.index, bytes))
                 out.line("summary stream " + segment_name(r.position, s.index) + " " +
@@ -289,8 +343,11 @@ void check_recovery(const Workload& workload, const WorkloadProgress& progress,
     DiskWalk walk;
     if (!walk_mounted(walk, out))
         return;
-    for (unsigned c = 0; c < workload.channels; c++)
-        check_channel(walk, c, workload, progress.channels[c], out);
+    if (workload.action == Action::Record)
+        for (unsigned c = 0; c < workload.channels; c++)
+            check_channel(walk, c, workload, progress.channels[c], out);
+    else
+        check_segments(walk, workload, progress, out);
     const Consistency consistency =
         check_consistency(gQzfsManager.get_file_system(kHdd), image, walk);
     for (const std::string& f : consistency.failures)

@@ -1,7 +1,9 @@
 // What the rig asks of a disk after a power cut, run in a fresh child
 // process: the mount that repairs it, a second mount that changes nothing,
-// each channel's stream against what the workload wrote, the consistency
-// of the blocks, and the reading calls (query, read by id, fast play).
+// each channel's stream against what the workload wrote (after a delete or
+// trim: each live segment's stream against the frames recorded from its
+// start on), the consistency of the blocks and of the journal, and the
+// reading calls (query, read by id, fast play).
 // A summary of the repaired disk lets the rig compare two recoveries.
 #ifndef QZFS_POWERCUT_RECOVERY_CHECK_H
 #define QZFS_POWERCUT_RECOVERY_CHECK_H

@@ -40,6 +40,9 @@ private:
     power_cut::Settings device(unsigned long long cut_at, bool reorder) const;
     bool cut_point(unsigned long long n);
     std::vector<std::string> recut_recovery(const CheckResult& uncut);
+    void prepare_states(const ChildResult& uncut_run, const CheckResult& uncut);
+    std::vector<std::string> state_of(const CheckResult& check) const;
+    std::string check_state(const CheckResult& check) const;
     void report(unsigned long long n, const std::vector<std::string>& failures,
                 const CheckResult& check);
     void print_totals(unsigned long long writes, double seconds) const;
@@ -48,7 +51,20 @@ private:
     ScratchDir dir_;
     std::string base_, cut_, check_, recut_;
     Totals t_;
+    // A delete workload's disk before and after its uncut delete or trim.
+    std::vector<std::string> before_, after_;
 };
+
+// The first line where two summaries differ, as "A", "B".
+std::string first_difference(const std::vector<std::string>& a, const std::vector<std::string>& b)
+{
+    for (size_t i = 0;; i++) {
+        const std::string x = i < a.size() ? a[i] : "(nothing)";
+        const std::string y = i < b.size() ? b[i] : "(nothing)";
+        if (x != y || (i >= a.size() && i >= b.size()))
+            return "\"" + x + "\", \"" + y + "\"";
+    }
+}
 
 void Sweep::copy(const std::string& from, const std::string& to)
 {
@@ -76,6 +92,11 @@ unsigned long long Sweep::prepare_base()
                               o_.verbose);
     if (f.lines.empty() || f.lines.back() != "done")
         throw std::runtime_error("cannot format the base image");
+    ChildResult d = run_child(
+        [&](const LineWriter& out) { prepare_disk(o_.workload, base_, out); }, o_.verbose);
+    if (d.lines.empty() || d.lines.back() != "done")
+        throw std::runtime_error("cannot record the base image: " +
+                                 (d.lines.empty() ? d.describe() : d.lines.back()));
     copy(base_, cut_);
     const power_cut::Settings observe = device(0, false);
     ChildResult w = run_child(
@@ -90,7 +111,58 @@ unsigned long long Sweep::prepare_base()
     if (!whole.failures.empty())
         throw std::runtime_error("the disk of the uncut workload fails the checks: " +
                                  whole.failures[0]);
+    if (o_.workload.action != Action::Record)
+        prepare_states(w, whole);
     return std::stoull(words(w.lines.back()).at(1));
+}
+
+// What a delete workload compares: the whole summary of the repaired disk,
+// or, for a live trim, whose segment's end depends on the cut, the start of
+// each segment.
+std::vector<std::string> Sweep::state_of(const CheckResult& check) const
+{
+    if (o_.workload.action != Action::TrimLive)
+        return check.summary;
+    std::vector<std::string> starts;
+    for (const std::string& line : check.summary)
+        if (line.compare(0, 6, "start ") == 0)
+            starts.push_back(line);
+    return starts;
+}
+
+// The states before and after the delete or trim: after, from the disk of
+// the uncut run; before, from the prepared disk (which must pass the checks
+// too), or for a live trim from the start the run told before its trim.
+void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncut)
+{
+    after_ = state_of(uncut);
+    if (o_.workload.action == Action::TrimLive) {
+        for (const std::string& line : uncut_run.lines)
+            if (line.compare(0, 7, "before ") == 0)
+                before_.push_back("start " + line.substr(7));
+    } else {
+        copy(base_, check_);
+        const WorkloadProgress none = read_progress(o_.workload, {});
+        const CheckResult before = read_check(run_child(
+            [&](const LineWriter& out) { check_recovery(o_.workload, none, check_, out); },
+            o_.verbose));
+        if (!before.failures.empty())
+            throw std::runtime_error("the prepared disk fails the checks: " + before.failures[0]);
+        before_ = state_of(before);
+    }
+    if (before_.empty() || before_ == after_)
+        throw std::runtime_error("the uncut delete or trim changes nothing");
+}
+
+// After a cut in a delete or trim the disk is exactly as before it or as
+// after it, never in between.
+std::string Sweep::check_state(const CheckResult& check) const
+{
+    const std::vector<std::string> now = state_of(check);
+    if (now == before_ || now == after_)
+        return "";
+    return "the disk is neither as before nor as after the change: before and now " +
+           first_difference(before_, now) + "; after and now " + first_difference(after_, now);
 }
 
 // The repairing mount of cut point `n`, cut at each of its own writes in
@@ -115,13 +187,10 @@ std::vector<std::string> Sweep::recut_recovery(const CheckResult& uncut)
         const CheckResult again = read_check(s);
         if (again.summary == uncut.summary && again.failures.empty())
             continue;
-        std::string what = again.failures.empty() ? "" : again.failures[0];
-        for (size_t i = 0; what.empty(); i++) {
-            const std::string a = i < uncut.summary.size() ? uncut.summary[i] : "(nothing)";
-            const std::string b = i < again.summary.size() ? again.summary[i] : "(nothing)";
-            if (a != b)
-                what = "uncut repair \"" + a + "\", after the re-cut \"" + b + "\"";
-        }
+        const std::string what = again.failures.empty()
+                                     ? "uncut repair and after the re-cut: " +
+                                           first_difference(uncut.summary, again.summary)
+                                     : again.failures[0];
         failures.push_back("repair cut at its write " + std::to_string(k) +
                            " ends elsewhere: " + what);
         t_.recut_failures++;
@@ -169,6 +238,9 @@ bool Sweep::cut_point(unsigned long long n)
         [&](const LineWriter& out) { check_recovery(o_.workload, progress, check_, out); },
         o_.verbose));
     failures.insert(failures.end(), check.failures.begin(), check.failures.end());
+    const std::string state = o_.workload.action != Action::Record ? check_state(check) : "";
+    if (!state.empty())
+        failures.push_back(state);
     if (o_.recut_stride > 0 && t_.points % o_.recut_stride == 0) {
         const std::vector<std::string> more = recut_recovery(check);
         failures.insert(failures.end(), more.begin(), more.end());

@@ -1,9 +1,12 @@
 #include "workload.h"
 
-#include "qzfilesystem_api.h"
+#include "disk_walk.h"
+#include "qzfilesystem.h"
+#include "qzfs_manager.h"
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,11 +16,18 @@ namespace {
 
 const unsigned char kHdd = 0;
 const unsigned long long kImageSize = 3ULL << 30;
+// Seconds a TrimLive workload records on behind its trim.
+const unsigned kSecondsAfterLiveTrim = 10;
 
 const Workload kWorkloads[] = {
     {"start", 1, 3, 1},
     {"one", 1, 60, 5},
     {"four", 4, 60, 5},
+    {"delete-last", 2, 20, 5, Action::Delete, 1, false, 1, 0},
+    {"delete-one", 1, 60, 5, Action::Delete, 3, false, 0, 1},
+    {"delete-shared", 1, 60, 5, Action::Delete, 1, true, 0, 1},
+    {"trim", 1, 60, 5, Action::Trim, 1, false, 0, 0},
+    {"trim-live", 1, 50, 5, Action::TrimLive, 1, false, 0, 0},
 };
 
 // Group 0 holds the disk alone and records on it while 50 MiB are free.
@@ -33,6 +43,31 @@ bool choose_for_recording()
            api_qzfs_find_work_hdd(0, &hdd) == 0 && hdd == kHdd;
 }
 
+bool mount_for_recording(const std::string& image, const LineWriter& out)
+{
+    std::string path = image;
+    if (api_qzfs_mount(kHdd, &path[0]) != 0) {
+        out.line("fail mount of " + image);
+        return false;
+    }
+    if (!choose_for_recording()) {
+        out.line("fail choosing the disk for recording");
+        return false;
+    }
+    return true;
+}
+
+bool unmount(const LineWriter& out)
+{
+    api_qzfs_delete_disk_from_group(kHdd, 0);
+    if (api_qzfs_umount(kHdd) != 0) {
+        out.line("fail unmount");
+        return false;
+    }
+    return true;
+}
+
+// A channel's frame source runs on across its segments.
 struct Channel {
     FrameSource source;
     int fd = -1;
@@ -40,15 +75,28 @@ struct Channel {
     explicit Channel(uint8_t c) : source(workload_frames(c)) {}
 };
 
-bool start_channels(const Workload& workload, std::vector<Channel>& channels,
-                    const LineWriter& out)
+std::vector<Channel> make_channels(unsigned count)
 {
-    for (unsigned c = 0; c < workload.channels; c++) {
+    std::vector<Channel> channels;
+    channels.reserve(count);
+    for (unsigned c = 0; c < count; c++)
         channels.emplace_back(uint8_t(c));
-        _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(c), 0, workload_start());
-        channels.back().fd = api_qzfs_create_stream_segment(&para);
-        if (channels.back().fd <= 0) {
-            out.line("fail creating the segment of channel " + std::to_string(c));
+    return channels;
+}
+
+// A new segment on each channel, starting at the time of its next frame.
+bool open_segments(std::vector<Channel>& channels, const LineWriter& out)
+{
+    for (unsigned c = 0; c < channels.size(); c++) {
+        _k4t_fs_date_time_ at = workload_start();
+        const unsigned second = channels[c].source.next_second_of_day();
+        at.hour = uint8_t(second / 3600);
+        at.minute = uint8_t(second / 60 % 60);
+        at.second = uint8_t(second % 60);
+        _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(c), 0, at);
+        channels[c].fd = api_qzfs_create_stream_segment(&para);
+        if (channels[c].fd <= 0) {
+            out.line("fail creating a segment of channel " + std::to_string(c));
             return false;
         }
     }
@@ -83,17 +131,18 @@ bool sync_channels(std::vector<Channel>& channels, const LineWriter& out)
     return true;
 }
 
-// The channels take turns frame by frame; all are synced every
-// `sync_every` seconds of stream.
-bool record(const Workload& workload, std::vector<Channel>& channels, const LineWriter& out)
+// `seconds` of stream: the channels take turns frame by frame; all are
+// synced every `sync_every` seconds of stream.
+bool record(std::vector<Channel>& channels, unsigned seconds, unsigned sync_every,
+            const LineWriter& out)
 {
     const unsigned fps = workload_frames(0).fps;
-    const unsigned long frames = (unsigned long)workload.seconds * fps;
+    const unsigned long frames = (unsigned long)seconds * fps;
     for (unsigned long f = 0; f < frames; f++) {
         for (unsigned c = 0; c < channels.size(); c++)
             if (!write_frame(channels[c], c, out))
                 return false;
-        if ((f + 1) % (workload.sync_every * fps) == 0 && !sync_channels(channels, out))
+        if ((f + 1) % (sync_every * fps) == 0 && !sync_channels(channels, out))
             return false;
     }
     return true;
@@ -109,6 +158,159 @@ bool close_channels(std::vector<Channel>& channels, const LineWriter& out)
         out.line("s " + std::to_string(c) + " " + std::to_string(channels[c].written));
     }
     return true;
+}
+
+bool walk_mounted_disk(DiskWalk& walk, const LineWriter& out)
+{
+    CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
+    std::string error;
+    if (fs == nullptr || !walk_disk(fs, walk, error)) {
+        out.line("fail the index cannot be read: " + error);
+        return false;
+    }
+    return true;
+}
+
+// The writer never lets two segments share a data block, but a segment split
+// at an I-frame inside a block leaves its two pieces sharing that block, and
+// a delete of one piece must leave the block to the other. This makes that
+// state by hand, without a cut: the only segment of the disk is cut at the
+// middle I-frame of its third data block into a front piece (a new node, the
+// old one up to that I-frame) and a back piece (the old node, starting at
+// that I-frame with the owner stamp of its block, as a trim leaves it), and
+// the block's entry in the log counts two users.
+bool split_sharing_a_block(const LineWriter& out)
+{
+    CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
+    DiskLockGuard disk(*fs);
+    DiskWalk walk;
+    SegmentExtent extent;
+    std::string error = "the disk holds no single segment";
+    if (!walk_mounted_disk(walk, out))
+        return false;
+    const RootWalk* root = walk.roots.size() == 1 ? &walk.roots[0] : nullptr;
+    if (root == nullptr || root->segments.size() != 1 ||
+        !segment_extent(*root, root->segments[0].node, fs->manage().block_size, extent, error) ||
+        extent.data_blocks.size() < 4) {
+        out.line("fail no segment to split: " + error);
+        return false;
+    }
+    const SegmentSlot& old = root->segments[0];
+    const uint32_t block = extent.data_blocks[2], entry = extent.block_entries[2];
+    std::vector<uint32_t> inside;  // log positions of the I-frames in the block
+    for (uint32_t i = entry + 1; i < root->log.size() && root->log[i].id == IFRAME_INDEX_ID_IFRAME;
+         i++)
+        inside.push_back(i);
+    if (inside.size() < 3) {
+        out.line("fail block " + std::to_string(block) + " holds too few I-frames to split at");
+        return false;
+    }
+    const uint32_t cut = inside[inside.size() / 2];
+    const _iframe_index_node_dev_ at = root->log[cut];
+    const uint64_t front_len = at.stream_segment_offset -
+                               root->log[segment_start_iframe_of(old.node)].stream_segment_offset;
+    _stream_segment_index_node_dev_ front = old.node, back = old.node;
+    set_segment_len(front, front_len);
+    front.end_hour = at.hour;
+    front.end_minute = at.minute;
+    front.end_second = at.second;
+    set_segment_len(back, segment_len_of(old.node) - front_len);
+    set_segment_start_iframe(back, cut);
+    back.start_hour = at.hour;
+    back.start_minute = at.minute;
+    back.start_second = at.second;
+    _qzfs_block_info_ info;
+    if (fs->read_data_block_record(block, &info) == 0)
+        memcpy(&back.owner_stamp, &info.owner_stamp, sizeof(back.owner_stamp));
+    uint32_t num = 0, slot = 0;
+    uint32_t* list = nullptr;
+    int is_end = 0;
+    bool ok = fs->Get_stream_segment_index_block_list(root->position, &num, &list, nullptr) == 0 &&
+              fs->Get_free_stream_segment_index(root->position, &num, &list, &slot, &is_end) == 0 &&
+              fs->Write_stream_segment_index(num, list, slot, &front, 1, is_end) == 0 &&
+              fs->Update_stream_segment_index_cache(root->position, slot, &front) == 0 &&
+              fs->Modify_stream_segment(root->position, num, list, old.index, 0, &back) == 0;
+    delete[] list;
+    _iframe_index_node_dev_ shared = root->log[entry];
+    shared.pts_high = 2;
+    ok = ok && fs->Write_iframe_index(uint32_t(root->iframe_blocks.size()),
+                                      root->iframe_blocks.data(), entry, &shared) == 0;
+    if (!ok)
+        out.line("fail the split of segment " + std::to_string(root->position) + ":" +
+                 std::to_string(old.index) + " at I-frame " + std::to_string(cut));
+    return ok;
+}
+
+// The segment a delete or trim works on, found in the index.
+struct Target {
+    _k4t_stream_segment_id_ id;
+    _stream_segment_index_node_dev_ node;
+};
+
+bool find_target(const Workload& workload, Target& target, const LineWriter& out)
+{
+    DiskWalk walk;
+    if (!walk_mounted_disk(walk, out))
+        return false;
+    std::vector<std::pair<unsigned, Target>> found;  // start second of the day, segment
+    for (const RootWalk& r : walk.roots) {
+        if (r.node.channel != workload.target_channel)
+            continue;
+        for (const SegmentSlot& s : r.segments) {
+            Target t;
+            t.id = {kHdd, r.position, s.index};
+            t.node = s.node;
+            found.emplace_back(s.node.start_hour * 3600u + s.node.start_minute * 60u +
+                                   s.node.start_second,
+                               t);
+        }
+    }
+    using Found = std::pair<unsigned, Target>;
+    std::stable_sort(found.begin(), found.end(),
+                     [](const Found& a, const Found& b) { return a.first < b.first; });
+    if (found.size() <= workload.target_rank) {
+        out.line("fail channel " + std::to_string(workload.target_channel) + " has " +
+                 std::to_string(found.size()) + " segments, none to work on");
+        return false;
+    }
+    target = found[workload.target_rank].second;
+    return true;
+}
+
+// The delete or trim that the cut falls on; a TrimLive workload then
+// records on behind its trim and closes the segment.
+bool act(const Workload& workload, Target& target, std::vector<Channel>& channels,
+         const LineWriter& out)
+{
+    const std::string what = std::to_string(target.id.root_index) + ":" +
+                             std::to_string(target.id.stream_segment_index);
+    if (workload.action == Action::Delete) {
+        if (api_qzfs_delete_stream_segment(&target.id) == 0)
+            return true;
+        out.line("fail the delete of segment " + what);
+        return false;
+    }
+    CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
+    const unsigned long long payload = fs->manage().block_size - 0x1000;
+    const unsigned long long want = workload.action == Action::Trim ? 2 * payload : payload * 3 / 2;
+    unsigned long long taken = 0;
+    unsigned char whole = 1;
+    int result = -1;
+    {
+        DiskLockGuard disk(*fs);
+        result = fs->Delete_stream_segment(target.id.root_index, target.id.stream_segment_index,
+                                           nullptr, want, &taken, &whole, nullptr, nullptr,
+                                           nullptr);
+    }
+    if (result != 0 || whole != 0 || taken < want) {
+        out.line("fail the trim of segment " + what + " by " + std::to_string(want) +
+                 " bytes: result " + std::to_string(result) + ", whole " +
+                 std::to_string(whole) + ", " + std::to_string(taken) + " bytes taken");
+        return false;
+    }
+    return workload.action != Action::TrimLive ||
+           (record(channels, kSecondsAfterLiveTrim, workload.sync_every, out) &&
+            close_channels(channels, out));
 }
 
 } // namespace
@@ -163,31 +365,59 @@ void format_base_image(const std::string& image, const LineWriter& out)
         out.line("done");
 }
 
+void prepare_disk(const Workload& workload, const std::string& image, const LineWriter& out)
+{
+    api_qzfs_init();
+    api_qzfs_set_debug_level(0);
+    if (workload.action == Action::Delete || workload.action == Action::Trim) {
+        if (!mount_for_recording(image, out))
+            return;
+        std::vector<Channel> channels = make_channels(workload.channels);
+        for (unsigned s = 0; s < workload.segments; s++)
+            if (!open_segments(channels, out) ||
+                !record(channels, workload.seconds / workload.segments, workload.sync_every,
+                        out) ||
+                !close_channels(channels, out))
+                return;
+        if ((workload.split && !split_sharing_a_block(out)) || !unmount(out))
+            return;
+    }
+    out.line("done");
+}
+
 void run_workload(const Workload& workload, const std::string& image,
                   const power_cut::Settings& device, const LineWriter& out)
 {
     api_qzfs_init();
     api_qzfs_set_debug_level(0);
-    power_cut::install(device);
-    std::string path = image;
-    if (api_qzfs_mount(kHdd, &path[0]) != 0) {
-        out.line("fail mount of the base image");
+    const bool recording = workload.action == Action::Record;
+    power_cut::install(recording ? device : power_cut::Settings());
+    if (!mount_for_recording(image, out))
         return;
+    std::vector<Channel> channels = make_channels(workload.channels);
+    if (recording) {
+        if (!open_segments(channels, out) ||
+            !record(channels, workload.seconds, workload.sync_every, out) ||
+            !close_channels(channels, out))
+            return;
+    } else {
+        Target target;
+        if (workload.action == Action::TrimLive &&
+            (!open_segments(channels, out) ||
+             !record(channels, workload.seconds - kSecondsAfterLiveTrim, workload.sync_every,
+                     out)))
+            return;
+        if (!find_target(workload, target, out))
+            return;
+        if (workload.action == Action::TrimLive)
+            out.line("before " + start_key(target.id.root_index, target.id.stream_segment_index,
+                                           target.node));
+        power_cut::install(device);  // the cut falls from here on
+        if (!act(workload, target, channels, out))
+            return;
     }
-    if (!choose_for_recording()) {
-        out.line("fail choosing the disk for recording");
+    if (!unmount(out))
         return;
-    }
-    std::vector<Channel> channels;
-    channels.reserve(workload.channels);
-    if (!start_channels(workload, channels, out) || !record(workload, channels, out) ||
-        !close_channels(channels, out))
-        return;
-    api_qzfs_delete_disk_from_group(kHdd, 0);
-    if (api_qzfs_umount(kHdd) != 0) {
-        out.line("fail unmount");
-        return;
-    }
     out.line("done " + std::to_string(power_cut::counts().writes));
 }
 

@@ -14,17 +14,39 @@
 
 namespace powercut {
 
+// What the cut falls on. Record: the recording itself. The others record
+// their disk without a cut first and the cut then falls on a whole delete
+// by id (Delete), a front trim by bytes of a closed segment (Trim), or a
+// front trim of the segment being recorded, which records on behind it and
+// is closed (TrimLive); the unmount follows.
+enum class Action { Record, Delete, Trim, TrimLive };
+
 struct Workload {
     std::string name;
     unsigned channels;
-    unsigned seconds;     // of stream time, from the frame source's start
+    unsigned seconds;     // of stream time per channel, from the frame source's start
     unsigned sync_every;  // seconds of stream between two api_qzfs_fsync calls
+    Action action = Action::Record;
+    unsigned segments = 1;  // per channel, of equal length, one behind the other
+    bool split = false;     // the first segment is split in two that share a data block
+    // The segment the delete or trim works on: of this channel, the
+    // target_rank-th by start time.
+    unsigned target_channel = 0;
+    unsigned target_rank = 0;
 };
 
 // start: one channel, a new segment and its first three seconds;
 // one: one channel, a minute across several data blocks;
 // four: four channels taking turns frame by frame, a minute each.
 // Each ends with the close of its segments and the unmount.
+// delete-last: two channels of 20 s; channel 1's segment, its root's only
+// one, is deleted and its root with it;
+// delete-one: three segments of 20 s on one channel, the middle one deleted;
+// delete-shared: a minute split in two pieces sharing a data block, the
+// back piece deleted;
+// trim: a minute on one channel, about two blocks trimmed from its front;
+// trim-live: 40 s recorded, the front block and a half trimmed, 10 s more
+// recorded, the segment closed.
 bool find_workload(const std::string& name, Workload& out);
 std::string workload_names();
 
@@ -49,8 +71,16 @@ struct WorkloadProgress {
 // In a child: formats a sparse image of 3 GiB at `image`.
 void format_base_image(const std::string& image, const LineWriter& out);
 
+// In a child: records the disk of a Delete or Trim workload on `image`
+// without a cut and unmounts it ("done"); nothing for the others.
+void prepare_disk(const Workload& workload, const std::string& image, const LineWriter& out);
+
 // In a child: mounts `image` with the emulated device of `device`, runs the
-// workload and tells each step on `out`.
+// workload and tells each step on `out`. Only the writes from the recording
+// of a Record workload on, or from the delete or trim of the others on, are
+// counted and cut; the mount and a TrimLive workload's first 40 s are not.
+// A TrimLive workload tells the start of its segment before the trim:
+// "before " and the segment's start_key (disk_walk.h).
 void run_workload(const Workload& workload, const std::string& image,
                   const power_cut::Settings& device, const LineWriter& out);
 WorkloadProgress read_progress(const Workload& workload, const std::vector<std::string>& lines);
