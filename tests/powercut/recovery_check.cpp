@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 namespace powercut {
 
@@ -112,6 +113,37 @@ void check_fast_play(uint32_t root, uint32_t index, const ExpectedStream& expect
     api_qzfs_close_stream_segment(fd);
 }
 
+// The I-frame entries of a segment name, in rising order, stream offsets
+// (from its first I-frame) where I-frames of frames `first` to `frames` lie.
+void check_iframe_offsets(const RootWalk& root, const SegmentSlot& slot,
+                          const ExpectedStream& expected, size_t first, size_t frames,
+                          const LineWriter& out)
+{
+    SegmentExtent extent;
+    std::string error;  // check_consistency tells it
+    const unsigned long block_size = gQzfsManager.get_file_system(kHdd)->manage().block_size;
+    if (!segment_extent(root, slot.node, block_size, extent, error))
+        return;
+    const size_t begin = first == 0 ? 0 : expected.ends[first - 1];
+    std::set<uint64_t> iframes;
+    for (size_t f = first; f < frames; f++)
+        if (expected.iframe[f])
+            iframes.insert((f == 0 ? 0 : expected.ends[f - 1]) - begin);
+    const uint64_t base = extent.iframes.front().stream_segment_offset;
+    for (size_t i = 0; i < extent.iframes.size(); i++) {
+        const uint64_t at = extent.iframes[i].stream_segment_offset - base;
+        const uint64_t before =
+            i == 0 ? 0 : uint64_t(extent.iframes[i - 1].stream_segment_offset) - base;
+        if ((i > 0 && at <= before) || iframes.count(at) == 0) {
+            out.line("fail segment " + segment_name(root.position, slot.index) +
+                     ": its I-frame entry " + std::to_string(i) + " names stream offset " +
+                     std::to_string(uint64_t(extent.iframes[i].stream_segment_offset)) +
+                     ", where no I-frame lies (the first lies at " + std::to_string(base) + ")");
+            return;
+        }
+    }
+}
+
 // The recovered stream is the written one from frame `first` on, ends on a
 // whole frame and, with `progress`, holds every synced frame. Returns the
 // frames it reaches (counted from the channel's first frame).
@@ -172,8 +204,10 @@ void check_channel(const DiskWalk& walk, unsigned c, const Workload& workload,
     const unsigned long all = (unsigned long)workload.seconds * workload_frames(0).fps;
     const ExpectedStream expected = expected_stream(uint8_t(c), std::min(progress.written + 1, all));
     const size_t frames = compare_stream(c, got, expected, 0, &progress, out);
-    if (segment != nullptr && frames > 0)
+    if (segment != nullptr && frames > 0) {
         check_fast_play(root->position, segment->index, expected, 0, frames, out);
+        check_iframe_offsets(*root, *segment, expected, 0, frames, out);
+    }
 }
 
 // After a delete or trim: no segment is left unfinished, and every live one
@@ -214,8 +248,10 @@ void check_segments(const DiskWalk& walk, const Workload& workload,
             const size_t first = size_t(start - day_start) * fps;
             const size_t frames = compare_stream(c, got, expected[c], first,
                                                  live ? &progress.channels[c] : nullptr, out);
-            if (frames > first)
+            if (frames > first) {
                 check_fast_play(r.position, s.index, expected[c], first, frames, out);
+                check_iframe_offsets(r, s, expected[c], first, frames, out);
+            }
         }
 }
 

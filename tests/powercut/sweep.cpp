@@ -22,6 +22,7 @@ struct Totals {
     unsigned long lost_sum = 0, lost_max = 0;
     unsigned long orphans_max = 0;
     unsigned long recut_points = 0, recuts = 0, recut_failures = 0;
+    unsigned long as_before = 0, as_after = 0;  // delete workloads: where cut points ended
 };
 
 class Sweep {
@@ -42,7 +43,7 @@ private:
     std::vector<std::string> recut_recovery(const CheckResult& uncut);
     void prepare_states(const ChildResult& uncut_run, const CheckResult& uncut);
     std::vector<std::string> state_of(const CheckResult& check) const;
-    std::string check_state(const CheckResult& check) const;
+    std::string check_state(const CheckResult& check);
     void report(unsigned long long n, const std::vector<std::string>& failures,
                 const CheckResult& check);
     void print_totals(unsigned long long writes, double seconds) const;
@@ -156,9 +157,11 @@ void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncu
 
 // After a cut in a delete or trim the disk is exactly as before it or as
 // after it, never in between.
-std::string Sweep::check_state(const CheckResult& check) const
+std::string Sweep::check_state(const CheckResult& check)
 {
     const std::vector<std::string> now = state_of(check);
+    t_.as_before += now == before_;
+    t_.as_after += now == after_;
     if (now == before_ || now == after_)
         return "";
     return "the disk is neither as before nor as after the change: before and now " +
@@ -264,6 +267,9 @@ void Sweep::print_totals(unsigned long long writes, double seconds) const
         printf("%s: repairing mount cut again at %lu writes of %lu cut points, %lu ended "
                "elsewhere\n",
                what.c_str(), t_.recuts, t_.recut_points, t_.recut_failures);
+    if (o_.workload.action != Action::Record)
+        printf("%s: %lu cut points ended as before the change, %lu as after it\n", what.c_str(),
+               t_.as_before, t_.as_after);
     printf("%s: orphan blocks after a repair: at most %lu\n", what.c_str(), t_.orphans_max);
     printf("%s: %.1f s, %.0f ms a cut point\n", what.c_str(), seconds,
            t_.points > 0 ? seconds * 1000 / double(t_.points) : 0.0);

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <unistd.h>
 
 namespace powercut {
@@ -247,9 +248,8 @@ struct Target {
     _stream_segment_index_node_dev_ node;
 };
 
-bool find_target(const Workload& workload, Target& target, const LineWriter& out)
+bool find_target(const Workload& workload, DiskWalk& walk, Target& target, const LineWriter& out)
 {
-    DiskWalk walk;
     if (!walk_mounted_disk(walk, out))
         return false;
     std::vector<std::pair<unsigned, Target>> found;  // start second of the day, segment
@@ -277,16 +277,56 @@ bool find_target(const Workload& workload, Target& target, const LineWriter& out
     return true;
 }
 
+using SegmentNodes = std::map<std::pair<uint32_t, uint32_t>, _stream_segment_index_node_dev_>;
+
+SegmentNodes segment_nodes(const DiskWalk& walk)
+{
+    SegmentNodes nodes;
+    for (const RootWalk& r : walk.roots)
+        for (const SegmentSlot& s : r.segments)
+            nodes[{r.position, s.index}] = s.node;
+    return nodes;
+}
+
+// After the delete or trim of a closed segment: the segment is gone, or
+// starts at a later I-frame, shorter by the bytes taken; every other
+// segment is as it was.
+bool check_change(const Workload& workload, const DiskWalk& before, const Target& target,
+                  unsigned long long taken, const LineWriter& out)
+{
+    DiskWalk after;
+    if (!walk_mounted_disk(after, out))
+        return false;
+    SegmentNodes was = segment_nodes(before), now = segment_nodes(after);
+    const std::pair<uint32_t, uint32_t> key(target.id.root_index, target.id.stream_segment_index);
+    auto it = now.find(key);
+    bool ok = workload.action == Action::Delete
+                  ? it == now.end()
+                  : it != now.end() &&
+                        segment_len_of(it->second) + taken == segment_len_of(target.node) &&
+                        segment_start_iframe_of(it->second) > segment_start_iframe_of(target.node);
+    if (it != now.end())
+        now.erase(it);
+    was.erase(key);
+    ok = ok && was.size() == now.size();
+    for (auto a = was.begin(), b = now.begin(); ok && a != was.end(); ++a, ++b)
+        ok = a->first == b->first && memcmp(&a->second, &b->second, sizeof(a->second)) == 0;
+    if (!ok)
+        out.line("fail the change of segment " + std::to_string(key.first) + ":" +
+                 std::to_string(key.second) + " is not the one asked for");
+    return ok;
+}
+
 // The delete or trim that the cut falls on; a TrimLive workload then
 // records on behind its trim and closes the segment.
-bool act(const Workload& workload, Target& target, std::vector<Channel>& channels,
-         const LineWriter& out)
+bool act(const Workload& workload, const DiskWalk& before, Target& target,
+         std::vector<Channel>& channels, const LineWriter& out)
 {
     const std::string what = std::to_string(target.id.root_index) + ":" +
                              std::to_string(target.id.stream_segment_index);
     if (workload.action == Action::Delete) {
         if (api_qzfs_delete_stream_segment(&target.id) == 0)
-            return true;
+            return check_change(workload, before, target, 0, out);
         out.line("fail the delete of segment " + what);
         return false;
     }
@@ -308,6 +348,8 @@ bool act(const Workload& workload, Target& target, std::vector<Channel>& channel
                  std::to_string(whole) + ", " + std::to_string(taken) + " bytes taken");
         return false;
     }
+    if (workload.action == Action::Trim)
+        return check_change(workload, before, target, taken, out);
     return workload.action != Action::TrimLive ||
            (record(channels, kSecondsAfterLiveTrim, workload.sync_every, out) &&
             close_channels(channels, out));
@@ -401,19 +443,20 @@ void run_workload(const Workload& workload, const std::string& image,
             !close_channels(channels, out))
             return;
     } else {
+        DiskWalk before;
         Target target;
         if (workload.action == Action::TrimLive &&
             (!open_segments(channels, out) ||
              !record(channels, workload.seconds - kSecondsAfterLiveTrim, workload.sync_every,
                      out)))
             return;
-        if (!find_target(workload, target, out))
+        if (!find_target(workload, before, target, out))
             return;
         if (workload.action == Action::TrimLive)
             out.line("before " + start_key(target.id.root_index, target.id.stream_segment_index,
                                            target.node));
         power_cut::install(device);  // the cut falls from here on
-        if (!act(workload, target, channels, out))
+        if (!act(workload, before, target, channels, out))
             return;
     }
     if (!unmount(out))
