@@ -161,10 +161,11 @@ std::vector<uint32_t> take_chain(uint32_t* list, uint32_t num)
 }
 
 // Brings the root node back to its journalled id: a whole delete that took
-// the last segment deleted the root too.
+// the last segment deleted the root too. The node is read from the device,
+// since the cache holds used nodes only.
 int restore_root_id(CQzFileSystem& fs, const _action_delete_& r, _root_index_node_dev_* root)
 {
-    if (fs.Get_root_index_dev_node(r.root_index, root) != 0) {
+    if (fs.Read_root_index_from_dev(r.root_index, root) != 0) {
         QZLOG("CQzFileSystem::Action_delete_recovery Get_root_index_dev_node failed(%ld)",
               long(r.root_index));
         return -1;
@@ -183,15 +184,15 @@ int restore_root_id(CQzFileSystem& fs, const _action_delete_& r, _root_index_nod
 }
 
 // Puts back id, first I-frame and start time; the length only on a closed
-// node, since a node being recorded holds 0 until its close.
+// node, since a node being recorded holds 0 until its close. The node is
+// read from the device: a freed node is not in the cache.
 int restore_segment_node(CQzFileSystem& fs, const _action_delete_& r,
                          const std::vector<uint32_t>& ssi_blocks)
 {
     _stream_segment_index_node_dev_ node;
     memset(&node, 0, sizeof(node));
-    if (fs.Get_stream_segment_index_dev_node(r.root_index, uint32_t(ssi_blocks.size()),
-                                             ssi_blocks.data(), r.stream_segment_index,
-                                             &node) != 0) {
+    if (fs.Read_stream_segment_index_from_dev(uint32_t(ssi_blocks.size()), ssi_blocks.data(),
+                                              r.stream_segment_index, &node) != 0) {
         QZLOG("Get_stream_segment_index_dev_node(%ld)(%ld) OK", long(r.root_index),
               long(r.stream_segment_index));
         return -1;
