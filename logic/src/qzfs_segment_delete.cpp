@@ -102,7 +102,7 @@ int gather_from_writer(segment_delete& job)
     }
     const _write_stream_segment_* wss = job.writer->writer();
     memcpy(&job.root, job.writer->root_node, sizeof(job.root));
-    memcpy(&job.node, job.writer->ssi_node, sizeof(job.node));
+    writer_node_snapshot(job.writer, &job.node);  // the writer grows its length meanwhile
     const uint64_t live = segment_len_of(job.node);
     set_segment_len(job.node, live >= wss->delete_len ? live - wss->delete_len : 0);
     if (wss->confirm_start_iframe == K4T_FS_FALSE || segment_len_of(job.node) == 0 ||
@@ -374,6 +374,8 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
         return -1;
     }
     if (job.writer != nullptr) {
+        // The writer's thread reads and grows the live node under its lock.
+        QzfsScopedLock writer_lock(job.writer->writer()->lock);
         _stream_segment_index_node_dev_* live = job.writer->ssi();
         memcpy(&live->start_iframe, &node.start_iframe, sizeof(node.start_iframe));
         live->start_hour = node.start_hour;

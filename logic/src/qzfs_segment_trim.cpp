@@ -95,14 +95,16 @@ int gather_from_writer(front_trim& job)
 {
     QZLOG_ABOVE(0, "RECORDING stream segment");
     const _write_stream_segment_* wss = job.writer->writer();
-    const uint64_t live = segment_len_of(*job.writer->ssi());
+    _stream_segment_index_node_dev_ now;
+    writer_node_snapshot(job.writer, &now);
+    const uint64_t live = segment_len_of(now);
     if (live < wss->delete_len || live - wss->delete_len < job.want) {
         QZLOG("recording stream segment is too short(%llu)(%llu)(%llu)", (unsigned long long)live,
               (unsigned long long)wss->delete_len, (unsigned long long)job.want);
         return -1;
     }
     memcpy(&job.root, job.writer->root_node, sizeof(job.root));
-    memcpy(&job.node, job.writer->ssi_node, sizeof(job.node));
+    writer_node_snapshot(job.writer, &job.node);  // the writer grows its length meanwhile
     set_segment_len(job.node, live - wss->delete_len);
     if (wss->confirm_start_iframe == K4T_FS_FALSE || job.len() == 0 ||
         segment_start_iframe_of(job.node) == 0) {
@@ -431,6 +433,8 @@ int move_node_start(CQzFileSystem& fs, front_trim& job, uint64_t cut, unsigned l
         return -1;
     }
     if (job.writer != nullptr) {
+        // The writer's thread reads and grows the live node under its lock.
+        QzfsScopedLock writer_lock(job.writer->writer()->lock);
         _stream_segment_index_node_dev_* live = job.writer->ssi();
         set_segment_start_iframe(*live, job.cur.index);
         live->start_hour = node.start_hour;
