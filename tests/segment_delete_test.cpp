@@ -744,6 +744,63 @@ TEST_F(SegmentTrim, DeleteByIdRefusesWhatItMustNotTouch)
     EXPECT_EQ(0, api_qzfs_delete_stream_segment(&id));
 }
 
+// The last block of a segment may hold P-frames only: no I-frame ends the
+// scan there, and the next block entry of the log is the next segment's.
+TEST_F(SegmentTrim, WholeDeleteStopsAtTheEndOfItsLastBlockWithoutIframes)
+{
+    const char* ways[] = {"by id", "by time"};
+    int hour = 8;
+    for (const char* way : ways) {
+        SCOPED_TRACE(way);
+        const uint32_t ri = make_root(para_at(hour, 0, 0));
+        Built b = add_segment(ri, para_at(hour, 0, 0), 2 * kPerBlock);
+        fs_->disk_lock(1);
+        uint32_t ssi_num = 0, head = 0, num = 0;
+        uint32_t *ssi_list = nullptr, *list = nullptr;
+        _iframe_block_info_ info = {};
+        ASSERT_EQ(0, fs_->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &head));
+        ASSERT_EQ(0, fs_->Get_iframe_block_info(head, &info));
+        ASSERT_EQ(0, fs_->Read_iframe_index_block_list(head, &num, &list));
+        _qzfs_block_info_ bi = {};
+        bi.block_type = QZFS_BLOCK_DATA;
+        bi.year = 26;
+        bi.month = 3;
+        bi.day = 14;
+        unsigned long extra = 0;
+        ASSERT_EQ(0, fs_->Request_free_block(1, &extra, &bi, 0));
+        _iframe_index_node_dev_ entry;
+        memset(&entry, 0, sizeof(entry));
+        entry.id = IFRAME_INDEX_ID_BLOCK;
+        entry.block_num = uint32_t(extra);
+        entry.block_offset = info.block_index_num;
+        entry.pts_high = 1;
+        const uint8_t dt[6] = {26, 3, 14, uint8_t(hour), 0, 0};
+        ASSERT_EQ(0, fs_->Add_iframe_index(&num, &list, info.iframe_index_num + info.block_index_num,
+                                           &entry, 1, dt));
+        set_segment_len(b.node, len_of(b.node) + (bs() - 4096) / 2);
+        ASSERT_EQ(0, fs_->Modify_stream_segment(ri, b.index, 0, &b.node));
+        delete[] ssi_list;
+        delete[] list;
+        delete[] info.pBlock_list;
+        fs_->disk_lock(0);
+        const Built next = add_segment(ri, para_at(hour, 30, 0), kPerBlock);
+
+        if (way == ways[0]) {
+            _k4t_stream_segment_id_ id = {0, ri, b.index};
+            EXPECT_EQ(0, api_qzfs_delete_stream_segment(&id));
+        } else {
+            EXPECT_EQ(0, delete_by_time(b, at(hour, 0, 0), 1));
+        }
+
+        for (uint32_t block : b.blocks)
+            expect_type(block, QZFS_BLOCK_FREE, way);
+        expect_type(uint32_t(extra), QZFS_BLOCK_FREE, "the block of P-frames");
+        expect_type(next.blocks[0], QZFS_BLOCK_DATA, "the next segment's block");
+        expect_same_segment(next.node, node_of(next), "the next segment");
+        hour++;
+    }
+}
+
 // ------------------------------------------------------ roll-back at mount
 
 // A journal left armed behind a finished delete: the power went before it

@@ -42,6 +42,13 @@ int qzfs_copy_live_segment(_opened_stream_segment_* writer, segment_copy* out);
 // `show_start` adds the node's first I-frame to the lookup's failure line.
 int qzfs_copy_closed_segment(CQzFileSystem& fs, segment_copy* out, bool show_start);
 
+// Whether the data block of a block entry met behind `blocks_passed` whole
+// blocks after the first I-frame's block lies past the last byte of a
+// segment of `len` bytes: it is then the next segment's, even when the
+// segment's own last block holds no I-frame to end a scan at.
+bool qzfs_block_past_segment(const CQzFileSystem& fs, const _iframe_index_node_dev_& first,
+                             uint32_t blocks_passed, uint64_t len);
+
 // A block that another segment still uses, by the share count of `entry`
 // (its block entry), stays; the count goes down by one and is written back.
 // True when it stays.

@@ -108,6 +108,14 @@ int qzfs_copy_closed_segment(CQzFileSystem& fs, segment_copy* out, bool show_sta
     return 0;
 }
 
+bool qzfs_block_past_segment(const CQzFileSystem& fs, const _iframe_index_node_dev_& first,
+                             uint32_t blocks_passed, uint64_t len)
+{
+    const uint64_t block_size = fs.manage().block_size;
+    const uint64_t in_first = block_size - first.block_offset;
+    return in_first + uint64_t(blocks_passed) * (block_size - 0x1000) >= len;
+}
+
 bool qzfs_keep_shared_block(CQzFileSystem& fs, const segment_copy& copy, uint32_t block,
                             _iframe_index_place_& entry)
 {

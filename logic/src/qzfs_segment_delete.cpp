@@ -43,6 +43,7 @@ struct segment_delete : segment_copy {
     _iframe_index_place_ end;          // E: the first I-frame that stays (head cut)
     std::vector<uint32_t> blocks;      // data blocks to give back, in log order
     _iframe_index_place_ last_block;   // last block entry at or after start_iframe
+    uint32_t blocks_passed = 0;        // block entries met behind the first I-frame
     bool whole = false;
 
     segment_delete()
@@ -153,8 +154,11 @@ scan_step scan_entry(CQzFileSystem& fs, segment_delete& job, const _iframe_index
             QZLOG("can not find frist iframe index");
             return SCAN_FAIL;
         }
+        if (qzfs_block_past_segment(fs, job.first.node, job.blocks_passed, segment_len_of(job.node)))
+            return SCAN_STOP;
         job.blocks.push_back(uint32_t(n.block_num));
         job.last_block = qzfs_iframe_place(n, i);
+        job.blocks_passed++;
         return SCAN_ON;
     }
     if (n.id != IFRAME_INDEX_ID_IFRAME) {

@@ -182,6 +182,12 @@ scan_step scan_entry(const CQzFileSystem& fs, front_trim& job, const _iframe_ind
         QZLOG("FATAL(index:%ld)(%02x)(%ld)", long(i), n.id, long(start));
         return SCAN_BROKEN;
     }
+    const uint32_t passed = uint32_t(estimate / block_payload(fs));
+    if (qzfs_block_past_segment(fs, job.first.node, passed, job.len())) {
+        if (job.writer == nullptr)
+            job.whole = true;
+        return SCAN_DONE;
+    }
     job.blocks.push_back(n.block_num);
     job.last_block = qzfs_iframe_place(n, i);
     estimate += block_payload(fs);
