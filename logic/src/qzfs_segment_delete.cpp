@@ -132,7 +132,7 @@ scan_step scan_iframe(CQzFileSystem& fs, segment_delete& job, const _iframe_inde
     const uint64_t reach = n.stream_segment_offset - job.first.node.stream_segment_offset +
                            fs.manage().block_size - n.block_offset;
     if (reach >= segment_len_of(job.node)) {
-        QZLOG("this is last block!");
+        QZLOG_ABOVE(0, "this is last block!");
         last_block = n.block_num;
     }
     return SCAN_ON;
@@ -254,7 +254,7 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
             qzfs_block_of_day(info, job.root))
             memcpy(&node.owner_stamp, &info.owner_stamp, sizeof(info.owner_stamp));
     }
-    QZLOG("new %d:%d:%d-%d:%d:%d len:%llu owner_stamp:%lu", node.start_hour, node.start_minute,
+    QZLOG_ABOVE(0, "new %d:%d:%d-%d:%d:%d len:%llu owner_stamp:%lu", node.start_hour, node.start_minute,
           node.start_second, node.end_hour, node.end_minute, node.end_second,
           (unsigned long long)segment_len_of(node), (unsigned long)segment_owner_stamp_of(node));
     const int mode = job.writer != nullptr ? 1 : 0;
@@ -367,7 +367,7 @@ int CQzFileSystem::delete_stream_segment_by_time(unsigned long root_index,
     } else if (qzfs_copy_closed_segment(*this, &job, true) != 0) {
         return -1;
     }
-    QZLOG("delete flag:%d,time:%d:%d:%d", delete_backwards, time.hour, time.minute, time.second);
+    QZLOG_ABOVE(0, "delete flag:%d,time:%d:%d:%d", delete_backwards, time.hour, time.minute, time.second);
     if (nothing_to_cut(job))
         return 0;
     if (scan_log(*this, job, m_file_system_io_buffer, m_file_system_io_buffer_len) != 0 ||
