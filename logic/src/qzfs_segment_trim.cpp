@@ -129,7 +129,7 @@ scan_step scan_iframe(const CQzFileSystem& fs, front_trim& job, const _iframe_in
             return SCAN_FAIL;
         }
         job.first = job.cur = qzfs_iframe_place(n, i);
-        job.blocks.push_back(n.block_num);
+        job.blocks.push_back(uint32_t(n.block_num));
     }
     if (n.stream_segment_offset < job.cur.node.stream_segment_offset) {
         QZLOG("FATAL offset(%lld)(%lld)", (long long)n.stream_segment_offset,
@@ -188,7 +188,7 @@ scan_step scan_entry(const CQzFileSystem& fs, front_trim& job, const _iframe_ind
             job.whole = true;
         return SCAN_DONE;
     }
-    job.blocks.push_back(n.block_num);
+    job.blocks.push_back(uint32_t(n.block_num));
     job.last_block = qzfs_iframe_place(n, i);
     estimate += block_payload(fs);
     if (estimate < job.len())
