@@ -1,7 +1,9 @@
-// Deleting a stream segment by time on real images: whole deletes (the last
-// segment of a root, one of two, a pre-recording, a block of another day),
-// tail and head cuts with the blocks they give back, a shared first block,
-// a segment being recorded, refusals, and the journal left clear.
+// Deleting stream segments on real images: by time (whole deletes of the
+// last segment of a root, one of two, a pre-recording, a block of another
+// day; tail and head cuts with the blocks they give back), front trims by
+// bytes and the delete by id, shared blocks, a segment being recorded,
+// refusals, the journal left clear, and the roll-back that a mount makes of
+// a journal left armed.
 #include "test_support.h"
 
 #include "opened_stream_segment.h"
@@ -592,6 +594,361 @@ TEST_F(SegmentDelete, FreeSegmentsAndRootsAreRefused)
     expect_journal_clear("after the refusals");
 }
 
+// ------------------------------------------------- front trim by bytes
+
+class SegmentTrim : public SegmentDelete {
+protected:
+    struct Outcome {
+        int result = -2;
+        unsigned long long taken = 0;
+        unsigned char whole = 9, root_gone = 9;
+        _k4t_fs_time_ new_start = {99, 99, 99};
+        unsigned long new_stamp = 0;
+    };
+    Outcome trim(const Built& b, unsigned long long want)
+    {
+        Outcome o;
+        fs_->disk_lock(1);
+        o.result = fs_->Delete_stream_segment(b.root, b.index, nullptr, want, &o.taken, &o.whole,
+                                              &o.new_start, &o.new_stamp, &o.root_gone);
+        fs_->disk_lock(0);
+        return o;
+    }
+};
+
+TEST_F(SegmentTrim, CutsAtTheFirstIframeThatReachesTheSizeOrTakesTheWhole)
+{
+    // A segment of four blocks, eight seconds a block; the wanted size is
+    // rounded up to the next I-frame, and a rest under one block goes too.
+    struct Case {
+        const char* what;
+        double want_seconds;  // in stream bytes of one second
+        int new_start;        // second of the new first I-frame, -1 whole
+    } cases[] = {
+        {"a size inside the first block", 0.5, 1},
+        {"a size across two blocks", 2 * kPerBlock + 0.25, 2 * kPerBlock + 1},
+        {"an I-frame exactly", 3 * kPerBlock - 8, 3 * kPerBlock - 8},
+        {"less than one block left", 3 * kPerBlock + 1, -1},
+    };
+    int hour = 8;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const uint32_t ri = make_root(para_at(hour, 0, 0));
+        const Built keep = add_segment(ri, para_at(hour, 30, 0), 3);
+        const Built b = add_segment(ri, para_at(hour, 0, 0), 4 * kPerBlock);
+        const unsigned long free_before = fs_->manage().free_block;
+
+        const Outcome o = trim(b, (unsigned long long)(c.want_seconds * b.step));
+
+        EXPECT_EQ(0, o.result);
+        EXPECT_EQ(0, o.root_gone);
+        const _stream_segment_index_node_dev_ n = node_of(b);
+        if (c.new_start < 0) {
+            EXPECT_EQ(1, o.whole);
+            EXPECT_EQ(len_of(b.node), o.taken);
+            EXPECT_EQ(FREE_STREAM_SEGMENT_INDEX, n.id);
+            EXPECT_EQ(free_before + b.blocks.size(), fs_->manage().free_block);
+        } else {
+            const unsigned cut = unsigned(c.new_start), freed = cut / kPerBlock;
+            EXPECT_EQ(0, o.whole);
+            EXPECT_EQ(uint64_t(cut) * b.step, o.taken);
+            EXPECT_EQ(b.iframe_at[cut], u32(&n.start_iframe));
+            EXPECT_EQ(int(cut), n.start_second);
+            EXPECT_EQ(int(cut), o.new_start.second);
+            EXPECT_EQ(len_of(b.node) - o.taken, len_of(n));
+            EXPECT_EQ(b.node.end_second, n.end_second);
+            EXPECT_EQ(b.stamps[freed], u32(&n.owner_stamp));
+            EXPECT_EQ(b.stamps[freed], o.new_stamp);
+            EXPECT_EQ(free_before + freed, fs_->manage().free_block);
+            for (size_t k = 0; k < b.blocks.size(); k++)
+                expect_type(b.blocks[k], k < freed ? QZFS_BLOCK_FREE : QZFS_BLOCK_DATA, c.what);
+        }
+        expect_same_segment(keep.node, node_of(keep), "the other segment");
+        expect_journal_clear(c.what);
+        hour++;
+    }
+}
+
+TEST_F(SegmentTrim, NothingWantedChangesNothing)
+{
+    const uint32_t ri = make_root(para_at(8, 0, 0));
+    const Built b = add_segment(ri, para_at(8, 0, 0), 3 * kPerBlock);
+    const std::string before = image_fingerprint(image_);
+    Outcome o;
+    expect_result_and_log(0, "NOT DELETE(0)", [&] { return (o = trim(b, 0)).result; }, 1);
+    EXPECT_EQ(0u, o.taken);
+    EXPECT_EQ(before, image_fingerprint(image_)) << "not even the journal is written";
+    expect_same_segment(b.node, node_of(b), "after a trim of nothing");
+}
+
+// A whole delete leaves the blocks its neighbours share, whichever way it is
+// asked for: by id, by size, by time.
+TEST_F(SegmentTrim, WholeDeleteKeepsTheBlocksItsNeighboursShare)
+{
+    const char* ways[] = {"by id", "by size", "by time"};
+    int hour = 8;
+    for (const char* way : ways) {
+        SCOPED_TRACE(way);
+        const uint32_t ri = make_root(para_at(hour, 0, 0));
+        const Built before = add_segment(ri, para_at(hour, 0, 0), 2);
+        const Built b = add_segment(ri, para_at(hour, 10, 0), 3 * kPerBlock);
+        fs_->disk_lock(1);
+        set_share_count(ri, b.entry_at[0], 2);      // shared with the segment before
+        set_share_count(ri, b.entry_at.back(), 2);  // and with one after it
+        fs_->disk_lock(0);
+
+        if (way == ways[0]) {
+            _k4t_stream_segment_id_ id = {0, b.root, b.index};
+            EXPECT_EQ(0, api_qzfs_delete_stream_segment(&id));
+            EXPECT_EQ(-1, api_qzfs_delete_stream_segment(&id)) << "a second time it is gone";
+        } else if (way == ways[1]) {
+            EXPECT_EQ(1, trim(b, len_of(b.node)).whole);
+        } else {
+            EXPECT_EQ(0, delete_by_time(b, at(hour, 10, 0), 1));
+        }
+
+        EXPECT_EQ(FREE_STREAM_SEGMENT_INDEX, node_of(b).id);
+        fs_->disk_lock(1);
+        EXPECT_EQ(1u, share_count_at(ri, b.entry_at[0]));
+        EXPECT_EQ(1u, share_count_at(ri, b.entry_at.back()));
+        fs_->disk_lock(0);
+        for (size_t k = 0; k < b.blocks.size(); k++)
+            expect_type(b.blocks[k],
+                        k == 0 || k + 1 == b.blocks.size() ? QZFS_BLOCK_DATA : QZFS_BLOCK_FREE,
+                        way);
+        expect_same_segment(before.node, node_of(before), "the neighbour");
+        expect_journal_clear(way);
+        hour++;
+    }
+}
+
+TEST_F(SegmentTrim, DeleteByIdRefusesWhatItMustNotTouch)
+{
+    const uint32_t ri = make_root(para_at(8, 0, 0));
+    const Built b = add_segment(ri, para_at(8, 0, 0), kPerBlock);
+    const std::string before = image_fingerprint(image_);
+    _k4t_stream_segment_id_ unknown_disk = {7, b.root, b.index};
+    _k4t_stream_segment_id_ past_end = {0, b.root, b.index + 1};
+    expect_result_and_log(-1, "get_file_system failed(hdd_id:7)",
+                          [&] { return api_qzfs_delete_stream_segment(&unknown_disk); });
+    expect_result_and_log(-1, "Get_stream_segment_info failed",
+                          [&] { return api_qzfs_delete_stream_segment(&past_end); });
+
+    _k4t_stream_segment_id_ id = {0, b.root, b.index};
+    const int fd = api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0);
+    ASSERT_GE(fd, 0);
+    expect_result_and_log(-1, "opened for reading",
+                          [&] { return api_qzfs_delete_stream_segment(&id); });
+    EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+    EXPECT_EQ(before, image_fingerprint(image_));
+    EXPECT_EQ(0, api_qzfs_delete_stream_segment(&id));
+}
+
+// The last block of a segment may hold P-frames only: no I-frame ends the
+// scan there, and the next block entry of the log is the next segment's.
+TEST_F(SegmentTrim, WholeDeleteStopsAtTheEndOfItsLastBlockWithoutIframes)
+{
+    const char* ways[] = {"by id", "by time"};
+    int hour = 8;
+    for (const char* way : ways) {
+        SCOPED_TRACE(way);
+        const uint32_t ri = make_root(para_at(hour, 0, 0));
+        Built b = add_segment(ri, para_at(hour, 0, 0), 2 * kPerBlock);
+        fs_->disk_lock(1);
+        uint32_t ssi_num = 0, head = 0, num = 0;
+        uint32_t *ssi_list = nullptr, *list = nullptr;
+        _iframe_block_info_ info = {};
+        ASSERT_EQ(0, fs_->Get_stream_segment_index_block_list(ri, &ssi_num, &ssi_list, &head));
+        ASSERT_EQ(0, fs_->Get_iframe_block_info(head, &info));
+        ASSERT_EQ(0, fs_->Read_iframe_index_block_list(head, &num, &list));
+        _qzfs_block_info_ bi = {};
+        bi.block_type = QZFS_BLOCK_DATA;
+        bi.year = 26;
+        bi.month = 3;
+        bi.day = 14;
+        unsigned long extra = 0;
+        ASSERT_EQ(0, fs_->Request_free_block(1, &extra, &bi, 0));
+        _iframe_index_node_dev_ entry;
+        memset(&entry, 0, sizeof(entry));
+        entry.id = IFRAME_INDEX_ID_BLOCK;
+        entry.block_num = uint32_t(extra);
+        entry.block_offset = info.block_index_num;
+        entry.pts_high = 1;
+        const uint8_t dt[6] = {26, 3, 14, uint8_t(hour), 0, 0};
+        ASSERT_EQ(0, fs_->Add_iframe_index(&num, &list, info.iframe_index_num + info.block_index_num,
+                                           &entry, 1, dt));
+        set_segment_len(b.node, len_of(b.node) + (bs() - 4096) / 2);
+        ASSERT_EQ(0, fs_->Modify_stream_segment(ri, b.index, 0, &b.node));
+        delete[] ssi_list;
+        delete[] list;
+        delete[] info.pBlock_list;
+        fs_->disk_lock(0);
+        const Built next = add_segment(ri, para_at(hour, 30, 0), kPerBlock);
+
+        if (way == ways[0]) {
+            _k4t_stream_segment_id_ id = {0, ri, b.index};
+            EXPECT_EQ(0, api_qzfs_delete_stream_segment(&id));
+        } else {
+            EXPECT_EQ(0, delete_by_time(b, at(hour, 0, 0), 1));
+        }
+
+        for (uint32_t block : b.blocks)
+            expect_type(block, QZFS_BLOCK_FREE, way);
+        expect_type(uint32_t(extra), QZFS_BLOCK_FREE, "the block of P-frames");
+        expect_type(next.blocks[0], QZFS_BLOCK_DATA, "the next segment's block");
+        expect_same_segment(next.node, node_of(next), "the next segment");
+        hour++;
+    }
+}
+
+// ------------------------------------------------------ roll-back at mount
+
+// A journal left armed behind a finished delete: the power went before it
+// was cleared, the hardest point to come back from (node free, blocks free,
+// the root deleted). The mount puts it all back.
+TEST_F(SegmentTrim, MountRollsAnArmedDeleteBack)
+{
+    struct Case {
+        const char* what;
+        bool alone;      // the segment is its root's only one
+        int trim_to;     // second of the new start, -1 whole
+    } cases[] = {{"whole, the root's last", true, -1},
+                 {"whole, one of two", false, -1},
+                 {"front trim", false, 2 * kPerBlock + 1}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const uint32_t ri = make_root(para_at(8, 0, 0));
+        const Built b = add_segment(ri, para_at(8, 0, 0), 4 * kPerBlock);
+        if (!c.alone)
+            add_segment(ri, para_at(9, 0, 0), 3);
+        fs_->disk_lock(1);
+        set_share_count(ri, b.entry_at[0], 2);
+        fs_->disk_lock(0);
+        const _root_index_node_dev_ root = root_of(ri);
+        const _stream_segment_index_node_dev_ node = node_of(b);
+
+        _action_delete_ r;
+        memset(&r, 0, sizeof(r));
+        r.root_index = ri;
+        r.stream_segment_index = b.index;
+        r.start_iframe = b.start_iframe;
+        r.len_in_bytes = len_of(node);
+        r.root_index_id = root.id;
+        r.stream_segment_index_id = node.id;
+        r.start_hour = node.start_hour;
+        r.start_minute = node.start_minute;
+        r.start_second = node.start_second;
+        r.first_block_iframe_index = b.entry_at[0];
+        r.first_block_share_count = 2;
+        r.last_block_iframe_index = c.trim_to < 0 ? b.entry_at.back() : b.entry_at[2];
+        r.last_block_share_count = 1;
+        uint8_t bytes[QZFS_ACTION_DELETE_LEN];
+        qzfs_action_delete_to_bytes(r, bytes);
+
+        if (c.trim_to < 0)
+            EXPECT_EQ(1, trim(b, len_of(node)).whole);
+        else
+            EXPECT_EQ(0, trim(b, uint64_t(c.trim_to) * b.step).whole);
+        EXPECT_EQ(c.alone ? FREE_ROOT_INDEX : root.id, root_of(ri).id);
+        fs_->disk_lock(1);
+        ASSERT_EQ(0, fs_->Register_qzfs_action(fs_->journal_block(), QZFS_ACTION_DELETE, bytes));
+        fs_->disk_lock(0);
+
+        remount();
+
+        EXPECT_EQ(root.id, root_of(ri).id);
+        // The journal holds no owner stamp: a rolled-back trim keeps the
+        // younger stamp of its new first block.
+        _stream_segment_index_node_dev_ want = node;
+        if (c.trim_to >= 0)
+            memcpy(&want.owner_stamp, &b.stamps[2], 4);
+        expect_same_segment(want, node_of(b), "the segment as it was");
+        fs_->disk_lock(1);
+        EXPECT_EQ(2u, share_count_at(ri, b.entry_at[0])) << "the lowered count is put back";
+        fs_->disk_lock(0);
+        for (uint32_t block : b.blocks)
+            expect_type(block, QZFS_BLOCK_DATA, c.what);
+        expect_type(root.stream_segment_index_block, QZFS_BLOCK_SEGMENT_INDEX, c.what);
+        expect_journal_clear(c.what);
+
+        // Clean up for the next case: the segment goes for good.
+        _k4t_stream_segment_id_ id = {0, ri, b.index};
+        EXPECT_EQ(0, api_qzfs_delete_stream_segment(&id));
+    }
+}
+
+TEST_F(SegmentTrim, MountLeavesATornJournalAlone)
+{
+    const uint32_t ri = make_root(para_at(8, 0, 0));
+    const Built b = add_segment(ri, para_at(8, 0, 0), 2 * kPerBlock);
+    _action_delete_ r;
+    memset(&r, 0, sizeof(r));
+    r.root_index = ri;
+    r.stream_segment_index = b.index;
+    r.stream_segment_index_id = 1;
+    uint8_t bytes[QZFS_ACTION_DELETE_LEN];
+    qzfs_action_delete_to_bytes(r, bytes);
+    fs_->disk_lock(1);
+    ASSERT_EQ(0, fs_->Register_qzfs_action(fs_->journal_block(), QZFS_ACTION_DELETE, bytes));
+    fs_->disk_lock(0);
+    const unsigned long long record =
+        (unsigned long long)fs_->journal_block() * bs() + 4096 + 20;
+    damage_byte(image_, record + 8);  // start_iframe: the sum no longer matches
+
+    remount();
+
+    expect_same_segment(b.node, node_of(b), "untouched by a journal that does not check out");
+    const std::vector<unsigned char> raw = read_bytes(image_, record - 8, 4);
+    EXPECT_EQ(QZFS_ACTION_DELETE, u32(raw.data())) << "and the journal stays as found";
+}
+
+// An unfinished split: pieces added but the old node not yet rewritten. The
+// pieces go; once the old node has moved on, the split stands.
+TEST_F(SegmentTrim, MountRemovesThePiecesOfAnUncommittedSplit)
+{
+    for (bool committed : {false, true}) {
+        SCOPED_TRACE(committed ? "committed" : "not committed");
+        _qzfs_k4t_create_ss_para_ para = para_at(8, 0, 0);
+        para.channel = committed ? 5 : 6;  // a root of its own
+        const uint32_t ri = make_root(para);
+        const Built b = add_segment(ri, para, 3 * kPerBlock);
+        _qzfs_k4t_create_ss_para_ later = para;
+        later.hour = 10;
+        const Built other = add_segment(ri, later, 3);
+        const unsigned split_at = kPerBlock + 3;
+        _stream_segment_index_node_dev_ piece, old_node = b.node;
+        uint32_t piece_index = 0;
+        fs_->disk_lock(1);
+        ASSERT_EQ(0, fs_->Create_stream_segment_index_node(ri, &para, b.start_iframe,
+                                                           &piece_index, &piece));
+        piece.end_hour = 8;
+        piece.end_minute = 0;
+        piece.end_second = uint8_t(split_at);
+        set_segment_len(piece, uint64_t(split_at) * b.step);
+        ASSERT_EQ(0, fs_->Modify_stream_segment(ri, piece_index, 0, &piece));
+        _action_segment_split_ r = {ri, b.index, b.start_iframe, b.iframe_at[split_at]};
+        uint8_t bytes[QZFS_ACTION_SPLIT_LEN];
+        qzfs_action_split_to_bytes(r, bytes);
+        ASSERT_EQ(0, fs_->Register_qzfs_action(fs_->journal_block(), QZFS_ACTION_SPLIT, bytes));
+        if (committed) {
+            set_segment_start_iframe(old_node, b.iframe_at[split_at]);
+            old_node.start_second = uint8_t(split_at);
+            ASSERT_EQ(0, fs_->Modify_stream_segment(ri, b.index, 0, &old_node));
+        }
+        fs_->disk_lock(0);
+
+        remount();
+
+        Built p = b;
+        p.index = piece_index;
+        EXPECT_EQ(committed ? NORMAL_STREAM_SEGMENT_INDEX : FREE_STREAM_SEGMENT_INDEX,
+                  node_of(p).id);
+        expect_same_segment(old_node, node_of(b), "the old node");
+        expect_same_segment(other.node, node_of(other), "a segment outside the split");
+        expect_journal_clear("after the mount");
+    }
+}
+
 // ------------------------------------------------------ segment being recorded
 
 class SegmentDeleteRecording : public SegmentDelete {
@@ -695,6 +1052,47 @@ TEST_F(SegmentDeleteRecording, HeadCutMovesTheLiveStartAndTheCutOffset)
     expect_result_and_log(-1, "recording,find end iframe failed",
                           [&] { return delete_by_time(b, at(8, 0, int(4 * kPerBlock + 5)), 0); });
     expect_journal_clear("after the refusal");
+}
+
+TEST_F(SegmentDeleteRecording, FrontTrimBySizeMovesTheLiveStartButNeverTakesTheWhole)
+{
+    const uint32_t ri = make_root(para_at(8, 0, 0));
+    const Built b = add_segment(ri, para_at(8, 0, 0), 4 * kPerBlock);
+    open_writer(b, 4 * kPerBlock);
+    const unsigned cut = 2 * kPerBlock + 1;
+    unsigned long long taken = 0;
+    unsigned char whole = 9, root_gone = 9;
+    fs_->disk_lock(1);
+    EXPECT_EQ(0, fs_->Delete_stream_segment(ri, b.index, nullptr, uint64_t(cut) * b.step - 10,
+                                            &taken, &whole, nullptr, nullptr, &root_gone));
+    fs_->disk_lock(0);
+    EXPECT_EQ(0, whole);
+    EXPECT_EQ(uint64_t(cut) * b.step, taken);
+    EXPECT_EQ(taken, oss_->writer()->delete_len);
+    EXPECT_EQ(b.iframe_at[cut], u32(&oss_->ssi()->start_iframe));
+    const _stream_segment_index_node_dev_ stored = node_of(b);
+    EXPECT_EQ(b.iframe_at[cut], u32(&stored.start_iframe));
+    EXPECT_EQ(QZFS_INVALID_END_HOUR, stored.end_hour);
+    EXPECT_EQ(0u, len_of(stored));
+    for (size_t k = 0; k < b.blocks.size(); k++)
+        expect_type(b.blocks[k], k < cut / kPerBlock ? QZFS_BLOCK_FREE : QZFS_BLOCK_DATA, "trim");
+
+    // More than what is left after the cut offset is refused; all that is
+    // left stops at the last I-frame: the writer keeps its segment.
+    const std::string before = image_fingerprint(image_);
+    const uint64_t left = len_of(b.node) - taken;
+    fs_->disk_lock(1);
+    EXPECT_EQ(-1, fs_->Delete_stream_segment(ri, b.index, nullptr, left + 1, &taken, &whole,
+                                             nullptr, nullptr, &root_gone));
+    fs_->disk_lock(0);
+    EXPECT_EQ(before, image_fingerprint(image_));
+    fs_->disk_lock(1);
+    EXPECT_EQ(0, fs_->Delete_stream_segment(ri, b.index, nullptr, left, &taken, &whole, nullptr,
+                                            nullptr, &root_gone));
+    fs_->disk_lock(0);
+    EXPECT_EQ(0, whole);
+    EXPECT_EQ(b.iframe_at[4 * kPerBlock - 1], u32(&oss_->ssi()->start_iframe));
+    expect_journal_clear("after the trims");
 }
 
 } // namespace

@@ -397,7 +397,7 @@ TEST_F(SegmentIndex, RootSummaryFollowsItsSegmentsAndAnEmptyRootGoes)
     unsigned long free_before = fs_->manage().free_block;
     fs_->disk_lock(1);
     expect_result_and_log(0, "root is empty,so delete",
-                          [&] { return fs_->check_and_modify_root_info(ri, &deleted); });
+                          [&] { return fs_->check_and_modify_root_info(ri, &deleted); }, 1);
     ASSERT_EQ(0, fs_->Get_root_index_dev_node(ri, &root));
     fs_->disk_lock(0);
     EXPECT_EQ(1, deleted);

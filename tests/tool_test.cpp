@@ -355,6 +355,90 @@ TEST(Tool, RecordH264RefusesWhatItCannotRecord)
     }
 }
 
+TEST(Tool, DeleteAndTrimBySegmentIdAndTheJournalInInfo)
+{
+    ScratchDir dir;
+    const std::string image = dir.path("rec.img");
+    ASSERT_EQ(0, run_tool("format " + image + " --size 3G").status);
+    // Root 0: two four-second H.264 clips of channel 3, an I-frame a second;
+    // roots 1 and 2: ten synthetic seconds of channels 0 and 1.
+    SyntheticH264Config config;
+    const SyntheticH264 clip = make_synthetic_h264(config);
+    const std::string clip_path = dir.path("clip.h264");
+    write_file(clip_path, clip.bytes);
+    for (const std::string start : {"08:00:00", "08:00:10"})
+        ASSERT_EQ(0, run_tool("record " + image + " --h264 " + clip_path +
+                              " --channel 3 --start 2026-11-21T" + start).status);
+    CommandResult rec = run_tool("record " + image +
+                                 " --channels 2 --seconds 10 --bitrate 64000 --start 2026-11-21T09:00:00");
+    ASSERT_TRUE(contains(rec.output, "channel 1: root index entry 2, segment 0")) << rec.output;
+
+    struct Case {
+        std::string args;
+        bool ok;
+        std::string says;
+        const char* gone;  // an id ls no longer lists
+    } const cases[] = {
+        {"--id 0:0:1", true, "deleted segment 0:0:1: channel 3, 2026-11-21 08:00:10 to 08:00:13, ",
+         "0:0:1 "},
+        {"--id 0:0:1", false, "there is no segment 0:0:1", nullptr},  // already deleted
+        {"--id 0:9:0", false, "there is no segment 0:9:0", nullptr},
+        {"--id 0:0:1 --trim-seconds 1", false, "has no segment 1", nullptr},
+        {"--id 0:1:0 --trim-seconds 9", false, "reach its end at 09:00:09", nullptr},
+        {"--id 0:1:0 --trim-seconds 600", false, "reach its end", nullptr},
+        {"--id 0:1:0 --trim-seconds 0", false, "--trim-seconds takes", nullptr},
+        {"--id 0:1:0 --trim-bytes 0", false, "--trim-bytes takes", nullptr},
+        {"--id 0:0:0 --trim-seconds 2", true, "it now starts at 08:00:02 (was 08:00:00)", nullptr},
+        // Less than a block would be left: the segment goes, its root too.
+        {"--id 0:2:0 --trim-bytes 1K", true, "went whole: 79840 bytes", "0:2:0 "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args);
+        const std::string before = image_fingerprint(image);
+        CommandResult run = run_tool("delete " + image + " " + c.args);
+        EXPECT_EQ(c.ok, run.status == 0) << run.output;
+        EXPECT_TRUE(contains(run.output, c.says)) << run.output;
+        if (!c.ok) {
+            EXPECT_EQ(before, image_fingerprint(image)) << "a refused delete wrote to the image";
+        }
+        if (c.gone != nullptr) {
+            CommandResult ls = run_tool("ls " + image);
+            EXPECT_FALSE(contains(ls.output, c.gone)) << ls.output;
+        }
+    }
+    // The trimmed clip keeps its last two seconds (50 frames of 36 bytes
+    // around their payload), byte for byte.
+    const std::vector<uint8_t> tail = units_bytes(clip, 50, 100);
+    CommandResult ls = run_tool("ls " + image + " --channel 3");
+    EXPECT_TRUE(contains(ls.output, "08:00:02  08:00:03 ") &&
+                contains(ls.output, " " + std::to_string(tail.size() + 50 * 36) + " "))
+        << ls.output;
+    const std::string out = dir.path("tail.h264");
+    ASSERT_EQ(0, run_tool("export " + image + " --id 0:0:0 --out " + out).status);
+    EXPECT_EQ(tail, read_file(out));
+
+    // Every delete cleared the journal behind it. A record whose sum does not
+    // match is a torn journal write: info shows it, and the mount leaves it.
+    CommandResult info = run_tool("info " + image);
+    unsigned long journal = 0;
+    const size_t at = info.output.find("action journal:   clear (root index block ");
+    ASSERT_NE(std::string::npos, at) << info.output;
+    ASSERT_EQ(1, sscanf(info.output.c_str() + at, "action journal:   clear (root index block %lu)",
+                        &journal));
+    std::vector<unsigned char> header(72, 0);  // action, sum, then the record
+    header[0] = 1;                             // a delete ...
+    header[8] = 1;                             // ... of root 1, with a sum of 0
+    header[16] = 7;                            // first i-frame 7
+    write_bytes(image, journal * 4 * MiB + 4096 + 12, header);
+    const std::string before = image_fingerprint(image);
+    info = run_tool("info " + image);
+    EXPECT_TRUE(contains(info.output, "action journal:   delete (action 1) in root index block")) << info.output;
+    EXPECT_TRUE(contains(info.output, "MISMATCH: stored 0x00000000, computed 0x00000009")) << info.output;
+    EXPECT_TRUE(contains(info.output, "record:         root 1, segment 0, first i-frame 7, length 0,"))
+        << info.output;
+    EXPECT_EQ(before, image_fingerprint(image));
+}
+
 TEST(Tool, FailuresExitNonZeroWithOneLineReason)
 {
     ScratchDir dir;

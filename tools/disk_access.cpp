@@ -8,7 +8,10 @@
 #include "qzfs_manager.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <memory>
 
 const char* const kDiskBlockTypeNames[kDiskBlockTypes] = {
     "none", "free", "system", "key info", "root index", "segment index",
@@ -48,6 +51,26 @@ template <size_t N>
 std::string text_of(const char (&field)[N])
 {
     return std::string(field, strnlen(field, N - 1));
+}
+
+// What a segment node holds, as a plain record for a used one.
+IndexSlot segment_entry_of(const _stream_segment_index_node_dev_& n, SegmentEntry& entry)
+{
+    if (n.id == END_STREAM_SEGMENT_INDEX || n.id == FREE_STREAM_SEGMENT_INDEX)
+        return n.id == END_STREAM_SEGMENT_INDEX ? IndexSlot::End : IndexSlot::Unused;
+    entry.start_hour = n.start_hour;
+    entry.start_minute = n.start_minute;
+    entry.start_second = n.start_second;
+    entry.closed = n.end_hour != QZFS_INVALID_END_HOUR;
+    entry.end_hour = n.end_hour;
+    entry.end_minute = n.end_minute;
+    entry.end_second = n.end_second;
+    entry.len = READ_PACKED(uint64_t, n.len_in_bytes);
+    entry.record_type = n.record_type;
+    entry.locked = n.lock != 0;
+    entry.start_iframe = READ_PACKED(uint32_t, n.start_iframe);
+    entry.pre_record = n.id == PRE_RECORD_STREAM_SEGMENT_INDEX;
+    return IndexSlot::Used;
 }
 
 // The I-frame index blocks of root entry `root`: its first block, the
@@ -174,6 +197,115 @@ int add_synthetic_segment(CQzFileSystem& fs, uint32_t root, const _qzfs_k4t_crea
     return close_synthetic_segment(fs, root, index, para, seconds, len, node);
 }
 
+// "HH:MM:SS" of a second of the day.
+std::string clock_text(unsigned second_of_day)
+{
+    char text[16];
+    snprintf(text, sizeof(text), "%02u:%02u:%02u", second_of_day / 3600 % 100,
+             second_of_day / 60 % 60, second_of_day % 60);
+    return text;
+}
+
+unsigned start_second_of(const SegmentEntry& e)
+{
+    return e.start_hour * 3600u + e.start_minute * 60u + e.start_second;
+}
+
+unsigned end_second_of(const SegmentEntry& e)
+{
+    return e.end_hour * 3600u + e.end_minute * 60u + e.end_second;
+}
+
+// The node of segment `index` of root `root` when both hold recordings;
+// otherwise false with the reason in `out.refusal`.
+bool find_segment(CQzFileSystem& fs, uint32_t root, uint32_t index,
+                  _stream_segment_index_node_dev_& n, TrimOutcome& out)
+{
+    _root_index_node_dev_ rn;
+    if (fs.Get_root_index_dev_node(root, &rn) != 0 || !IS_NORMAL_ROOT_INDEX(rn.id)) {
+        out.refusal = "root index entry " + std::to_string(root) + " holds no recordings";
+        return false;
+    }
+    if (fs.Get_stream_segment_index_dev_node(root, index, &n) != 0 ||
+        (n.id != NORMAL_STREAM_SEGMENT_INDEX && n.id != PRE_RECORD_STREAM_SEGMENT_INDEX)) {
+        out.refusal = "root index entry " + std::to_string(root) + " has no segment " +
+                      std::to_string(index) + " (deleted, or never recorded)";
+        return false;
+    }
+    segment_entry_of(n, out.before);
+    return true;
+}
+
+// Whether segment node `n` of root `root` has an I-frame at or after second
+// `from` of the day. The walk starts at the segment's first I-frame and ends
+// with its stream: at its length when it is closed, else at an I-frame whose
+// stream offset does not grow (the next segment's) or at the end of the log.
+int has_iframe_from(CQzFileSystem& fs, uint32_t root, const _stream_segment_index_node_dev_& n,
+                    unsigned from, bool& found)
+{
+    found = false;
+    uint32_t head = 0, num = 0;
+    uint32_t* raw_list = nullptr;
+    _iframe_block_info_ info = {};
+    const int chain = read_iframe_chain(fs, root, head, num, raw_list, info);
+    std::unique_ptr<uint32_t[]> list(raw_list);
+    if (chain != 0)
+        return -1;
+    const bool closed = n.end_hour != QZFS_INVALID_END_HOUR;
+    const uint64_t len = READ_PACKED(uint64_t, n.len_in_bytes);
+    std::vector<_iframe_index_node_dev_> nodes(256);
+    bool first = true;
+    uint64_t first_offset = 0, last_offset = 0;
+    for (unsigned long at = READ_PACKED(uint32_t, n.start_iframe);;) {
+        unsigned long count = nodes.size();
+        if (fs.Read_iframe_index(num, list.get(), at, &count, nodes.data(), 3) != 0)
+            return -1;
+        if (count == 0)
+            return 0;
+        for (unsigned long i = 0; i < count; i++) {
+            const _iframe_index_node_dev_& e = nodes[i];
+            if (e.id != IFRAME_INDEX_ID_IFRAME)
+                continue;
+            const uint64_t offset = READ_PACKED(uint64_t, e.stream_segment_offset);
+            if (!first && offset <= last_offset)
+                return 0;
+            if (first)
+                first_offset = offset;
+            if (closed && offset - first_offset >= len)
+                return 0;
+            first = false;
+            last_offset = offset;
+            if (e.hour * 3600u + e.minute * 60u + e.second >= from) {
+                found = true;
+                return 0;
+            }
+        }
+        at += count;
+    }
+}
+
+// The segment after a cut: its new node, or that it went whole (and its
+// root entry with it). The bytes taken are what its length lost.
+void read_after_cut(CQzFileSystem& fs, uint32_t root, uint32_t index, TrimOutcome& out)
+{
+    _stream_segment_index_node_dev_ n;
+    const bool read = fs.Get_stream_segment_index_dev_node(root, index, &n) == 0;
+    out.whole = !read || (n.id != NORMAL_STREAM_SEGMENT_INDEX &&
+                          n.id != PRE_RECORD_STREAM_SEGMENT_INDEX);
+    if (!out.whole)
+        segment_entry_of(n, out.after);
+    _root_index_node_dev_ rn;
+    out.root_deleted = out.whole && (fs.Get_root_index_dev_node(root, &rn) != 0 ||
+                                     !IS_NORMAL_ROOT_INDEX(rn.id));
+    out.taken = out.whole ? out.before.len
+                          : out.before.len >= out.after.len ? out.before.len - out.after.len : 0;
+}
+
+TrimStatus trim_status(int step)
+{
+    return step == 0 ? TrimStatus::Done : step > 0 ? TrimStatus::Refused : TrimStatus::Failed;
+}
+
 } // namespace
 
 bool disk_key_info(unsigned char hdd, DiskKeyInfo& out)
@@ -248,23 +380,7 @@ int disk_segment_entry(unsigned char hdd, uint32_t root, uint32_t index, IndexSl
     });
     if (rc != 0)
         return rc;
-    if (n.id == END_STREAM_SEGMENT_INDEX || n.id == FREE_STREAM_SEGMENT_INDEX) {
-        slot = n.id == END_STREAM_SEGMENT_INDEX ? IndexSlot::End : IndexSlot::Unused;
-        return 0;
-    }
-    slot = IndexSlot::Used;
-    entry.start_hour = n.start_hour;
-    entry.start_minute = n.start_minute;
-    entry.start_second = n.start_second;
-    entry.closed = n.end_hour != QZFS_INVALID_END_HOUR;
-    entry.end_hour = n.end_hour;
-    entry.end_minute = n.end_minute;
-    entry.end_second = n.end_second;
-    entry.len = READ_PACKED(uint64_t, n.len_in_bytes);
-    entry.record_type = n.record_type;
-    entry.locked = n.lock != 0;
-    entry.start_iframe = READ_PACKED(uint32_t, n.start_iframe);
-    entry.pre_record = n.id == PRE_RECORD_STREAM_SEGMENT_INDEX;
+    slot = segment_entry_of(n, entry);
     return 0;
 }
 
@@ -319,6 +435,126 @@ int disk_add_synthetic_segment(unsigned char hdd, uint32_t root, const _qzfs_k4t
     return with_disk(hdd, -1, [&](CQzFileSystem& fs) {
         return add_synthetic_segment(fs, root, para, seconds, block_size, index);
     });
+}
+
+TrimStatus disk_trim_segment_seconds(unsigned char hdd, uint32_t root, uint32_t index,
+                                     unsigned seconds, TrimOutcome& out)
+{
+    out = TrimOutcome();
+    if (seconds == 0) {
+        out.refusal = "a trim of 0 seconds cuts nothing";
+        return TrimStatus::Refused;
+    }
+    return trim_status(with_disk(hdd, -1, [&](CQzFileSystem& fs) {
+        _stream_segment_index_node_dev_ n;
+        if (!find_segment(fs, root, index, n, out))
+            return 1;
+        const unsigned start = start_second_of(out.before);
+        const unsigned cut = start + seconds;
+        if (out.before.closed && cut >= end_second_of(out.before)) {
+            out.refusal = std::to_string(seconds) + " seconds from its start at " +
+                          clock_text(start) + " reach its end at " +
+                          clock_text(end_second_of(out.before)) + " (delete it instead)";
+            return 1;
+        }
+        if (cut > 86399) {
+            out.refusal = std::to_string(seconds) + " seconds from its start at " +
+                          clock_text(start) + " run past midnight";
+            return 1;
+        }
+        bool found = false;
+        if (has_iframe_from(fs, root, n, cut, found) != 0)
+            return -1;
+        if (!found) {
+            out.refusal = "the segment has no I-frame from " + clock_text(cut) +
+                          " on, so the cut would take all of it (delete it instead)";
+            return 1;
+        }
+        const _k4t_fs_time_ at = {uint8_t(cut / 3600), uint8_t(cut / 60 % 60), uint8_t(cut % 60)};
+        if (fs.delete_stream_segment_by_time(root, index, at, 0) != 0)
+            return -1;
+        read_after_cut(fs, root, index, out);
+        return 0;
+    }));
+}
+
+TrimStatus disk_trim_segment_bytes(unsigned char hdd, uint32_t root, uint32_t index,
+                                   uint64_t bytes, TrimOutcome& out)
+{
+    out = TrimOutcome();
+    if (bytes == 0) {
+        out.refusal = "a trim of 0 bytes cuts nothing";
+        return TrimStatus::Refused;
+    }
+    return trim_status(with_disk(hdd, -1, [&](CQzFileSystem& fs) {
+        _stream_segment_index_node_dev_ n;
+        if (!find_segment(fs, root, index, n, out))
+            return 1;
+        unsigned long long taken = 0;
+        unsigned char whole = 0, root_deleted = 0;
+        if (fs.Delete_stream_segment(root, index, nullptr, bytes, &taken, &whole, nullptr, nullptr,
+                                     &root_deleted) < 0)
+            return -1;
+        read_after_cut(fs, root, index, out);
+        // The index is what the tool prints; the library's own account of
+        // the cut must agree with it.
+        if (out.whole != (whole != 0) || out.taken != taken ||
+            out.root_deleted != (root_deleted != 0)) {
+            out.refusal = "the library reported " + std::to_string(taken) + " bytes taken" +
+                          (whole != 0 ? ", the segment whole" : "") +
+                          (root_deleted != 0 ? " and its root entry" : "") +
+                          ", which the index does not show";
+            return -1;
+        }
+        return 0;
+    }));
+}
+
+int disk_journal(unsigned char hdd, JournalState& out)
+{
+    unsigned char sector[512];
+    static_assert(sizeof(sector) >= sizeof(_root_index_header_dev_), "header sector");
+    _root_index_header_dev_ header;
+    memset(&header, 0, sizeof(header));
+    const int rc = with_disk(hdd, -1, [&](CQzFileSystem& fs) {
+        out.block = fs.journal_block();
+        if (out.block == 0 ||
+            fs.read_in_block(out.block, QZFS_INDEX_HEADER_OFFSET, sector, sizeof(sector)) != 0)
+            return -1;
+        Endian_trans_root_index_block_header(sector, fs.manage().disk_endian, &header,
+                                             gLocal_endian);
+        return header.magic == QZFS_ROOT_INDEX_MAGIC ? 0 : -1;
+    });
+    if (rc != 0)
+        return rc;
+    out.action = header.action;
+    out.stored_sum = header.crc;
+    out.computed_sum = qzfs_action_sum(header);
+    out.data_clear = std::all_of(std::begin(header.action_data), std::end(header.action_data),
+                                 [](uint8_t byte) { return byte == 0; });
+    _action_delete_ d;
+    qzfs_action_delete_from_bytes(header.action_data, &d);
+    JournalDeleteRecord& del = out.deletion;
+    del.root = d.root_index;
+    del.segment = d.stream_segment_index;
+    del.start_iframe = d.start_iframe;
+    del.len = d.len_in_bytes;
+    del.root_id = d.root_index_id;
+    del.segment_id = d.stream_segment_index_id;
+    del.start_hour = d.start_hour;
+    del.start_minute = d.start_minute;
+    del.start_second = d.start_second;
+    del.first_block_entry = d.first_block_iframe_index;
+    del.first_block_shares = d.first_block_share_count;
+    del.last_block_entry = d.last_block_iframe_index;
+    del.last_block_shares = d.last_block_share_count;
+    _action_segment_split_ sp;
+    qzfs_action_split_from_bytes(header.action_data, &sp);
+    out.split.root = sp.root_index;
+    out.split.segment = sp.stream_segment_index;
+    out.split.start_iframe = sp.start_iframe;
+    out.split.split_end_iframe = sp.split_end_iframe;
+    return 0;
 }
 
 unsigned library_days_in_month(unsigned year, unsigned month)

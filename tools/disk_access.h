@@ -77,6 +77,45 @@ struct IframeEntry {
     uint32_t shared_by = 0;
 };
 
+// What a front trim of a segment found and did. A refusal leaves the disk
+// as it was and says why.
+enum class TrimStatus {
+    Done,     // the library made the cut (or took the segment whole)
+    Refused,  // nothing was written; `refusal` says why
+    Failed    // the library's call failed
+};
+struct TrimOutcome {
+    SegmentEntry before;
+    SegmentEntry after;        // the segment after the cut, unless `whole`
+    bool whole = false;        // the segment went whole
+    bool root_deleted = false; // and its root index entry with it
+    uint64_t taken = 0;        // bytes taken from the front
+    std::string refusal;
+};
+
+// The action journal in the header of the first root index block: the
+// action armed (0 none, 1 delete, 3 split), its stored and computed sums
+// and the record, decoded as a delete and as a split.
+struct JournalDeleteRecord {
+    uint32_t root = 0, segment = 0, start_iframe = 0;
+    uint64_t len = 0;
+    uint8_t root_id = 0, segment_id = 0;
+    uint8_t start_hour = 0, start_minute = 0, start_second = 0;
+    uint32_t first_block_entry = 0, first_block_shares = 0;
+    uint32_t last_block_entry = 0, last_block_shares = 0;
+};
+struct JournalSplitRecord {
+    uint32_t root = 0, segment = 0, start_iframe = 0, split_end_iframe = 0;
+};
+struct JournalState {
+    unsigned long block = 0;
+    uint32_t action = 0;
+    uint32_t stored_sum = 0, computed_sum = 0;
+    bool data_clear = true;  // every record byte is 0
+    JournalDeleteRecord deletion;
+    JournalSplitRecord split;
+};
+
 // Key block places, owner stamp, label and version of the disk.
 bool disk_key_info(unsigned char hdd, DiskKeyInfo& out);
 
@@ -111,6 +150,24 @@ int disk_add_root_entry(unsigned char hdd, const _qzfs_k4t_create_ss_para_& para
 // bytes; no frames are written. 0 on success, with the segment's index.
 int disk_add_synthetic_segment(unsigned char hdd, uint32_t root, const _qzfs_k4t_create_ss_para_& para,
                                unsigned seconds, unsigned long block_size, uint32_t& index);
+
+// Cuts `seconds` seconds from the front of segment `index` of root entry
+// `root`: it then begins at its first I-frame at or after its start plus
+// `seconds`. Refused, with nothing written: 0 seconds, a segment that is not
+// there, a cut at or past the end of a closed segment, and one with no
+// I-frame of the segment from that moment on (which the library would take
+// as a delete of the whole segment).
+TrimStatus disk_trim_segment_seconds(unsigned char hdd, uint32_t root, uint32_t index,
+                                     unsigned seconds, TrimOutcome& out);
+
+// The overwrite planner's cut: `bytes` bytes or a little more from the
+// front of the segment, at an I-frame, or the whole segment when less than
+// a block would remain. Refused: 0 bytes and a segment that is not there.
+TrimStatus disk_trim_segment_bytes(unsigned char hdd, uint32_t root, uint32_t index,
+                                   uint64_t bytes, TrimOutcome& out);
+
+// Reads the action journal of the disk; 0 on success.
+int disk_journal(unsigned char hdd, JournalState& out);
 
 // Days of a month of a year counted from 2000 (0..99), by the library's own
 // calendar, so that the tool accepts exactly the dates the library does; 0

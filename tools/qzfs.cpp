@@ -34,7 +34,8 @@ const char* USAGE =
     "      of SIZE bytes (suffixes K, M, G, T: powers of 1024)\n"
     "  info IMAGE [--index] [--segments ROOT_INDEX [--iframes]]\n"
     "      mount and print block size, block counts, key info places, label,\n"
-    "      version, owner stamp and the number of blocks of each type;\n"
+    "      version, owner stamp, the action journal (clear, or the record a\n"
+    "      mount left in it) and the number of blocks of each type;\n"
     "      --index lists the root index: one line for each day, channel,\n"
     "      stream type and name that has recordings;\n"
     "      --segments lists the stream segments of one root index entry\n"
@@ -69,6 +70,13 @@ const char* USAGE =
     "      write a segment, or a channel's time range, back out: the frames'\n"
     "      payloads (the H.264 stream again) or with --raw the frames as stored;\n"
     "      --iframes the I-frames only, every N+1-th, backward with --reverse\n"
+    "  delete IMAGE --id HDD:ROOT:SEG [--trim-seconds S | --trim-bytes N]\n"
+    "      remove a closed segment whole, under the action journal (refused for\n"
+    "      an unknown or deleted id); --trim-seconds cuts S seconds from its\n"
+    "      front, keeping it from the first I-frame at or after its start plus\n"
+    "      S (refused when that reaches its end); --trim-bytes cuts N bytes or\n"
+    "      a little more at an I-frame, as the overwrite planner does, and takes\n"
+    "      the segment whole when less than a block would be left\n"
     "  ls IMAGE... [--channel C] [--date YYYY-MM-DD] [--type T]\n"
     "      list the segments of the images, mounted as one group, in order of\n"
     "      start time: id HDD:ROOT:SEG, channel, stream type, start, end, bytes,\n"
@@ -372,6 +380,51 @@ void print_disk_summary(const std::string& path)
     printf("owner stamp:      %lu\n", key.owner_stamp);
 }
 
+// The action journal of the mounted tool disk. A mount rolls back a delete
+// or split the journal names and clears it, so what is left to show is a
+// journal whose sum does not match (a torn write of the journal itself,
+// which the mount leaves alone) or one whose clearing failed.
+void print_journal()
+{
+    JournalState j;
+    if (disk_journal(TOOL_HDD_ID, j) != 0) {
+        printf("action journal:   cannot be read\n");
+        return;
+    }
+    const bool sum_ok = j.stored_sum == j.computed_sum;
+    if (j.action == 0 && sum_ok) {
+        printf("action journal:   clear (root index block %lu)\n", j.block);
+        return;
+    }
+    const char* name = j.action == 1 ? "delete" : j.action == 3 ? "split" : j.action == 0 ? "none"
+                                                                                          : "unknown";
+    printf("action journal:   %s (action %u) in root index block %lu\n", name, j.action, j.block);
+    if (sum_ok)
+        printf("  sum:            0x%08x, matches\n", j.stored_sum);
+    else
+        printf("  sum:            MISMATCH: stored 0x%08x, computed 0x%08x (a torn journal "
+               "write: the mount left it and rolled nothing back)\n",
+               j.stored_sum, j.computed_sum);
+    if (j.action == 1) {
+        const JournalDeleteRecord& d = j.deletion;
+        printf("  record:         root %u, segment %u, first i-frame %u, length %llu, start "
+               "%02u:%02u:%02u\n",
+               d.root, d.segment, d.start_iframe, (unsigned long long)d.len, d.start_hour,
+               d.start_minute, d.start_second);
+        printf("                  root id 0x%02x, segment id 0x%02x, block entries #%u (shared by "
+               "%u) to #%u (shared by %u)\n",
+               d.root_id, d.segment_id, d.first_block_entry, d.first_block_shares,
+               d.last_block_entry, d.last_block_shares);
+    } else if (j.action == 3) {
+        const JournalSplitRecord& p = j.split;
+        printf("  record:         root %u, segment %u, first i-frame %u, pieces begin at i-frame "
+               "%u at the latest\n",
+               p.root, p.segment, p.start_iframe, p.split_end_iframe);
+    } else {
+        printf("  record:         %s\n", j.data_clear ? "all zero" : "not all zero");
+    }
+}
+
 int verb_info(const Args& args)
 {
     std::string error;
@@ -390,6 +443,7 @@ int verb_info(const Args& args)
         return 1;
 
     print_disk_summary(path);
+    print_journal();
     unsigned long counts[kDiskBlockTypes] = {};
     const int counted = disk_count_blocks(TOOL_HDD_ID, counts);
     if (counted == 0) {
@@ -1378,6 +1432,117 @@ int verb_export(const Args& args)
     return write_export(fd, request);
 }
 
+// ---------------------------------------------------------------- deleting
+
+// "HH:MM:SS"
+std::string clock_of(unsigned hour, unsigned minute, unsigned second)
+{
+    char text[16];
+    snprintf(text, sizeof(text), "%02u:%02u:%02u", hour % 100, minute % 100, second % 100);
+    return text;
+}
+
+std::string id_text(const _k4t_stream_segment_id_& id)
+{
+    return std::to_string(id.hdd_id) + ":" + std::to_string(id.root_index) + ":" +
+           std::to_string(id.stream_segment_index);
+}
+
+// Removes the segment whole through the exported call, which refuses a
+// segment being recorded or read and an id that names nothing.
+int delete_segment(const std::string& path, _k4t_stream_segment_id_ id)
+{
+    _k4t_stream_segment_info_ info = {};
+    if (api_qzfs_get_stream_segment_info(&id, &info) != 0)
+        return fail("there is no segment %s (see ls)", id_text(id) + " on " + path);
+    if (api_qzfs_delete_stream_segment(&id) != 0)
+        return fail("the library refused to delete segment %s", id_text(id));
+    printf("deleted segment %s: channel %u, 20%02u-%02u-%02u %s to %s, %llu bytes%s\n",
+           id_text(id).c_str(), info.channel, info.year, info.month, info.day,
+           clock_of(info.start_time.hour, info.start_time.minute, info.start_time.second).c_str(),
+           clock_of(info.end_time.hour, info.end_time.minute, info.end_time.second).c_str(),
+           (unsigned long long)info.len, info.lock != 0 ? " (it was locked)" : "");
+    return 0;
+}
+
+// What a front trim left: the new start and length, or that it took the
+// segment whole.
+void print_trim(const _k4t_stream_segment_id_& id, const TrimOutcome& out)
+{
+    const SegmentEntry& b = out.before;
+    const SegmentEntry& a = out.after;
+    if (out.whole) {
+        printf("segment %s went whole: %llu bytes from %s (less than a block would have been "
+               "left)%s\n",
+               id_text(id).c_str(), (unsigned long long)out.taken,
+               clock_of(b.start_hour, b.start_minute, b.start_second).c_str(),
+               out.root_deleted ? "; its root index entry, left empty, went with it" : "");
+        return;
+    }
+    printf("trimmed segment %s: %llu bytes taken from its front; it now starts at %s (was %s), "
+           "%llu bytes long (was %llu)\n",
+           id_text(id).c_str(), (unsigned long long)out.taken,
+           clock_of(a.start_hour, a.start_minute, a.start_second).c_str(),
+           clock_of(b.start_hour, b.start_minute, b.start_second).c_str(),
+           (unsigned long long)a.len, (unsigned long long)b.len);
+}
+
+// Cuts the front of the segment through the tool's way below the interface:
+// by seconds, at the first I-frame at or after the moment, or by bytes, as
+// the overwrite planner does.
+int trim_segment(const std::string& path, const _k4t_stream_segment_id_& id, bool by_seconds,
+                 unsigned long long amount)
+{
+    TrimOutcome out;
+    const TrimStatus status =
+        by_seconds ? disk_trim_segment_seconds(TOOL_HDD_ID, id.root_index, id.stream_segment_index,
+                                               unsigned(amount), out)
+                   : disk_trim_segment_bytes(TOOL_HDD_ID, id.root_index, id.stream_segment_index,
+                                             amount, out);
+    if (status == TrimStatus::Refused)
+        return fail("segment %s", id_text(id) + " of " + path + " left as it was: " + out.refusal);
+    if (status == TrimStatus::Failed)
+        return fail("trimming segment %s failed", id_text(id) +
+                                                      (out.refusal.empty() ? "" : ": " + out.refusal));
+    print_trim(id, out);
+    return 0;
+}
+
+int verb_delete(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--id", "--trim-seconds", "--trim-bytes"}, error))
+        return fail("%s", error);
+    if (args.positional.size() != 1)
+        return fail("delete takes one IMAGE");
+    _k4t_stream_segment_id_ id = {};
+    const std::string* id_option = args.option("--id");
+    if (id_option == nullptr || !parse_segment_id(*id_option, id))
+        return fail("delete needs --id HDD:ROOT:SEG, as ls prints it (e.g. 0:0:0)");
+    if (id.hdd_id != TOOL_HDD_ID)
+        return fail("the tool mounts its image as disk %s, so --id begins with it",
+                    std::to_string(TOOL_HDD_ID));
+    const bool by_seconds = args.option("--trim-seconds") != nullptr;
+    const bool by_bytes = args.option("--trim-bytes") != nullptr;
+    if (by_seconds && by_bytes)
+        return fail("give --trim-seconds or --trim-bytes, not both");
+    unsigned seconds = 0;
+    unsigned long long bytes = 0;
+    if (by_seconds && (!number_option(args, "--trim-seconds", 86400, 0, seconds) || seconds == 0))
+        return fail("--trim-seconds takes 1 to 86400");
+    if (by_bytes && (!parse_size(*args.option("--trim-bytes"), bytes) || bytes == 0))
+        return fail("--trim-bytes takes a size of 1 byte or more (suffixes K, M, G)");
+
+    const std::string& path = args.positional[0];
+    if (mount_image(path) != 0)
+        return 1;
+    const int rc = by_seconds || by_bytes
+                       ? trim_segment(path, id, by_seconds, by_seconds ? seconds : bytes)
+                       : delete_segment(path, id);
+    api_qzfs_umount(TOOL_HDD_ID);
+    return rc;
+}
+
 // ---------------------------------------------------------------- browsing
 
 const unsigned kMaxGroupImages = 8;
@@ -1672,6 +1837,8 @@ int main(int argc, char** argv)
         rc = verb_record(args);
     else if (verb == "export")
         rc = verb_export(args);
+    else if (verb == "delete")
+        rc = verb_delete(args);
     else if (verb == "ls")
         rc = verb_ls(args);
     else if (verb == "calendar")

@@ -229,6 +229,9 @@ public:
                          int is_end);
     int Get_root_index_mem_node(unsigned long root_index, _root_index_node_mem_* node);
     int Get_root_index_dev_node(unsigned long root_index, _root_index_node_dev_* node);
+    // The node as the device holds it, free ones included (the cache keeps
+    // used nodes only). 0, or -1 when it cannot be read or fails its check.
+    int Read_root_index_from_dev(unsigned long root_index, _root_index_node_dev_* node);
     int Update_root_index_cache(unsigned long root_index, const _root_index_node_dev_* node);
     int Modify_root_index(unsigned long root_index, int mode, const _root_index_node_dev_* node);
     int Get_free_root_index(uint32_t* root_index, int* is_end);

@@ -18,6 +18,7 @@
 // and the mount that rolls back runs before the disk is in service.
 #include "qzfilesystem.h"
 #include "qzfs_log.h"
+#include "qzfs_segment_change.h"
 #include "qzfs_stream_support.h"
 #include "system_resource_manager.h"
 
@@ -151,20 +152,12 @@ int CQzFileSystem::Register_qzfs_action(unsigned long block, uint32_t action, co
 
 namespace {
 
-std::vector<uint32_t> take_chain(uint32_t* list, uint32_t num)
-{
-    std::vector<uint32_t> chain;
-    if (list != nullptr)
-        chain.assign(list, list + num);
-    delete[] list;
-    return chain;
-}
-
 // Brings the root node back to its journalled id: a whole delete that took
-// the last segment deleted the root too.
+// the last segment deleted the root too. The node is read from the device,
+// since the cache holds used nodes only.
 int restore_root_id(CQzFileSystem& fs, const _action_delete_& r, _root_index_node_dev_* root)
 {
-    if (fs.Get_root_index_dev_node(r.root_index, root) != 0) {
+    if (fs.Read_root_index_from_dev(r.root_index, root) != 0) {
         QZLOG("CQzFileSystem::Action_delete_recovery Get_root_index_dev_node failed(%ld)",
               long(r.root_index));
         return -1;
@@ -183,15 +176,15 @@ int restore_root_id(CQzFileSystem& fs, const _action_delete_& r, _root_index_nod
 }
 
 // Puts back id, first I-frame and start time; the length only on a closed
-// node, since a node being recorded holds 0 until its close.
+// node, since a node being recorded holds 0 until its close. The node is
+// read from the device: a freed node is not in the cache.
 int restore_segment_node(CQzFileSystem& fs, const _action_delete_& r,
                          const std::vector<uint32_t>& ssi_blocks)
 {
     _stream_segment_index_node_dev_ node;
     memset(&node, 0, sizeof(node));
-    if (fs.Get_stream_segment_index_dev_node(r.root_index, uint32_t(ssi_blocks.size()),
-                                             ssi_blocks.data(), r.stream_segment_index,
-                                             &node) != 0) {
+    if (fs.Read_stream_segment_index_from_dev(uint32_t(ssi_blocks.size()), ssi_blocks.data(),
+                                              r.stream_segment_index, &node) != 0) {
         QZLOG("Get_stream_segment_index_dev_node(%ld)(%ld) OK", long(r.root_index),
               long(r.stream_segment_index));
         return -1;
@@ -237,7 +230,7 @@ int read_segment_chain(CQzFileSystem& fs, const _root_index_node_dev_& root,
         QZLOG("Read_stream_segment_index_block_list(%ld) failed", long(first));
         return -1;
     }
-    *ssi_blocks = take_chain(list, num);
+    *ssi_blocks = qzfs_take_chain(list, num);
     *iframe_head = header.iframe_index_block;
     return 0;
 }
@@ -251,7 +244,7 @@ int read_iframe_chain(CQzFileSystem& fs, uint32_t iframe_head, std::vector<uint3
         QZLOG("Read_iframe_index_block_list failed(%ld)", long(iframe_head));
         return -1;
     }
-    *iframe_blocks = take_chain(list, num);
+    *iframe_blocks = qzfs_take_chain(list, num);
     return 0;
 }
 
@@ -358,7 +351,7 @@ int CQzFileSystem::action_segment_split_recovery(_action_segment_split_* record)
         QZLOG("Get_stream_segment_index_block_list(root_index:%ld)", long(r.root_index));
         return 0;
     }
-    const std::vector<uint32_t> ssi_blocks = take_chain(ssi_list, ssi_num);
+    const std::vector<uint32_t> ssi_blocks = qzfs_take_chain(ssi_list, ssi_num);
     _stream_segment_index_node_dev_ old_node;
     if (Get_stream_segment_index_dev_node(r.root_index, ssi_num, ssi_blocks.data(),
                                           r.stream_segment_index, &old_node) != 0) {

@@ -310,6 +310,27 @@ int CQzFileSystem::Get_root_index_dev_node(unsigned long root_index, _root_index
     return 0;
 }
 
+int CQzFileSystem::Read_root_index_from_dev(unsigned long root_index, _root_index_node_dev_* node)
+{
+    CacheLockGuard cache;
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    if (Get_root_index_block_list(&num, &list, nullptr) != 0)
+        return -1;
+    _qzfs_data_offset_ at;
+    Calculate_index_info(m_manage.block_size, QZFS_ROOT_NODE_SIZE, root_index,
+                         m_file_system_io_buffer_len, &at);
+    if (at.its_block_num >= num ||
+        read_in_block(list[at.its_block_num], at.unit_offset, m_file_system_io_buffer,
+                      m_file_system_io_buffer_len) != 0)
+        return -1;
+    auto* raw = reinterpret_cast<_root_index_node_dev_*>(m_file_system_io_buffer + at.offset_in_unit);
+    if (Check_root_index_dev_node(raw) != 0)
+        return -1;
+    Endian_trans_root_index_node_dev(raw, m_manage.disk_endian, node, gLocal_endian);
+    return 0;
+}
+
 int CQzFileSystem::Get_root_index_mem_node(unsigned long root_index, _root_index_node_mem_* out)
 {
     CacheLockGuard cache;

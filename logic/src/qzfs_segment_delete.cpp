@@ -18,6 +18,7 @@
 #include "qzfilesystem.h"
 #include "qzfs_datetime.h"
 #include "qzfs_log.h"
+#include "qzfs_segment_change.h"
 #include "qzfs_stream_support.h"
 #include "system_resource_manager.h"
 
@@ -31,20 +32,9 @@ namespace {
 const uint32_t kFirstDataOffset = 0x1000;
 
 // Everything one call works on. Places with node.id 0 are not found yet.
-struct segment_delete {
-    unsigned long root_index = 0;
-    unsigned long segment = 0;
+struct segment_delete : segment_copy {
     _k4t_fs_time_ time = {0, 0, 0};
     uint8_t backwards = 0;
-
-    // Gather: the open writer (null when the segment is not being recorded),
-    // copies of both nodes, the length less the writer's cut offset, and the
-    // chains of the root's segment index and I-frame index.
-    _opened_stream_segment_* writer = nullptr;
-    _root_index_node_dev_ root;
-    _stream_segment_index_node_dev_ node;
-    std::vector<uint32_t> ssi_blocks;
-    std::vector<uint32_t> iframe_blocks;
 
     // Scan.
     _iframe_index_place_ first_block;  // block entry of the first I-frame
@@ -53,12 +43,11 @@ struct segment_delete {
     _iframe_index_place_ end;          // E: the first I-frame that stays (head cut)
     std::vector<uint32_t> blocks;      // data blocks to give back, in log order
     _iframe_index_place_ last_block;   // last block entry at or after start_iframe
+    uint32_t blocks_passed = 0;        // block entries met behind the first I-frame
     bool whole = false;
 
     segment_delete()
     {
-        memset(&root, 0, sizeof(root));
-        memset(&node, 0, sizeof(node));
         memset(&first_block, 0, sizeof(first_block));
         memset(&first, 0, sizeof(first));
         memset(&cut, 0, sizeof(cut));
@@ -73,89 +62,16 @@ _k4t_fs_time_ time_of(const _iframe_index_node_dev_& node)
     return t;
 }
 
-_iframe_index_place_ place(const _iframe_index_node_dev_& node, uint32_t index)
-{
-    _iframe_index_place_ p;
-    p.node = node;
-    p.index = index;
-    return p;
-}
-
-std::vector<uint32_t> take_chain(uint32_t* list, uint32_t num)
-{
-    std::vector<uint32_t> chain;
-    if (list != nullptr)
-        chain.assign(list, list + num);
-    delete[] list;
-    return chain;
-}
-
 // ------------------------------------------------------------------ gather
 
-// A segment being recorded: its truth is the writer's live node, less the
-// bytes already cut from its head, and the writer's own block lists.
-int gather_from_writer(segment_delete& job)
+// A segment being recorded loses only its head.
+int gather_from_writer(segment_delete& job, _opened_stream_segment_* writer)
 {
     if (job.backwards == 1) {
         QZLOG("this is recording stream segment,can not delete backwards");
         return -1;
     }
-    const _write_stream_segment_* wss = job.writer->writer();
-    memcpy(&job.root, job.writer->root_node, sizeof(job.root));
-    memcpy(&job.node, job.writer->ssi_node, sizeof(job.node));
-    const uint64_t live = segment_len_of(job.node);
-    set_segment_len(job.node, live >= wss->delete_len ? live - wss->delete_len : 0);
-    if (wss->confirm_start_iframe == K4T_FS_FALSE || segment_len_of(job.node) == 0 ||
-        segment_start_iframe_of(job.node) == 0) {
-        QZLOG("FATAL((pWss->confirm_start_iframe == K4T_FS_FALSE) || (ssind.len_in_bytes == 0))");
-        return -1;
-    }
-    job.ssi_blocks.assign(wss->stream_segment_index_block_list,
-                          wss->stream_segment_index_block_list + wss->stream_segment_index_block_num);
-    job.iframe_blocks.assign(wss->iframe_block_list,
-                             wss->iframe_block_list + wss->iframe_block_num);
-    return 0;
-}
-
-// A closed segment: root node, segment chain, segment node and I-frame
-// chain, all from the index.
-int gather_from_index(CQzFileSystem& fs, segment_delete& job)
-{
-    _root_index_node_mem_ rinm;
-    memset(&rinm, 0, sizeof(rinm));
-    if (fs.Get_root_index_mem_node(job.root_index, &rinm) != 0 || !IS_NORMAL_ROOT_INDEX(rinm.id)) {
-        QZLOG("(IS_NORMAL_ROOT_INDEX(rinm.id) == 0)(root_index:%ld)(stream_segment_index:%ld)",
-              long(job.root_index), long(job.segment));
-        return -1;
-    }
-    uint32_t ssi_num = 0, iframe_head = 0;
-    uint32_t* ssi_list = nullptr;
-    bool read = fs.Get_root_index_dev_node(job.root_index, &job.root) == 0 &&
-                fs.Get_stream_segment_index_block_list(job.root_index, &ssi_num, &ssi_list,
-                                                       &iframe_head) == 0;
-    job.ssi_blocks = take_chain(ssi_list, ssi_num);
-    read = read && fs.Get_stream_segment_index_dev_node(job.root_index, ssi_num,
-                                                        job.ssi_blocks.data(), job.segment,
-                                                        &job.node) == 0;
-    if (!read || segment_start_iframe_of(job.node) == 0) {
-        QZLOG("Get_stream_segment_index_dev_node failed(%ld)(%ld)(%lu)", long(job.root_index),
-              long(job.segment), (unsigned long)segment_start_iframe_of(job.node));
-        return -1;
-    }
-    if (job.node.id != NORMAL_STREAM_SEGMENT_INDEX &&
-        job.node.id != PRE_RECORD_STREAM_SEGMENT_INDEX) {
-        QZLOG("this segment is free(id:%d)", job.node.id);
-        return -1;
-    }
-    uint32_t iframe_num = 0;
-    uint32_t* iframe_list = nullptr;
-    if (fs.Read_iframe_index_block_list(iframe_head, &iframe_num, &iframe_list) != 0) {
-        delete[] iframe_list;
-        QZLOG(" Read_iframe_index_block_list failed(start:%ld)", long(iframe_head));
-        return -1;
-    }
-    job.iframe_blocks = take_chain(iframe_list, iframe_num);
-    return 0;
+    return qzfs_copy_live_segment(writer, &job);
 }
 
 // True when the moment lies behind the end (tail cut) or before the start
@@ -196,7 +112,7 @@ scan_step scan_iframe(CQzFileSystem& fs, segment_delete& job, const _iframe_inde
                   (unsigned long)i, (unsigned long)start);
             return SCAN_FAIL;
         }
-        job.first = place(n, i);
+        job.first = qzfs_iframe_place(n, i);
     } else if (n.stream_segment_offset < job.first.node.stream_segment_offset &&
                n.block_num != job.first.node.block_num) {
         return SCAN_STOP;  // the log has run into older data
@@ -206,17 +122,17 @@ scan_step scan_iframe(CQzFileSystem& fs, segment_delete& job, const _iframe_inde
     if (job.cut.node.id == 0 && (job.backwards == 0 || reached)) {
         // A head cut takes the first I-frame as C at once; the list then
         // collects every block up to E.
-        job.cut = place(n, i);
+        job.cut = qzfs_iframe_place(n, i);
         job.blocks.assign(1, uint32_t(n.block_num));
     }
     if (job.backwards == 0 && reached) {
-        job.end = place(n, i);
+        job.end = qzfs_iframe_place(n, i);
         return SCAN_STOP;
     }
     const uint64_t reach = n.stream_segment_offset - job.first.node.stream_segment_offset +
                            fs.manage().block_size - n.block_offset;
     if (reach >= segment_len_of(job.node)) {
-        QZLOG("this is last block!");
+        QZLOG_ABOVE(0, "this is last block!");
         last_block = n.block_num;
     }
     return SCAN_ON;
@@ -230,7 +146,7 @@ scan_step scan_entry(CQzFileSystem& fs, segment_delete& job, const _iframe_index
         return SCAN_STOP;
     if (i < segment_start_iframe_of(job.node)) {
         if (n.id == IFRAME_INDEX_ID_BLOCK)
-            job.first_block = place(n, i);
+            job.first_block = qzfs_iframe_place(n, i);
         return SCAN_ON;
     }
     if (n.id == IFRAME_INDEX_ID_BLOCK) {
@@ -238,8 +154,11 @@ scan_step scan_entry(CQzFileSystem& fs, segment_delete& job, const _iframe_index
             QZLOG("can not find frist iframe index");
             return SCAN_FAIL;
         }
+        if (qzfs_block_past_segment(fs, job.first.node, job.blocks_passed, segment_len_of(job.node)))
+            return SCAN_STOP;
         job.blocks.push_back(uint32_t(n.block_num));
-        job.last_block = place(n, i);
+        job.last_block = qzfs_iframe_place(n, i);
+        job.blocks_passed++;
         return SCAN_ON;
     }
     if (n.id != IFRAME_INDEX_ID_IFRAME) {
@@ -308,31 +227,6 @@ int judge_scan(CQzFileSystem& fs, segment_delete& job)
     return 0;
 }
 
-// ------------------------------------------------------------------ journal
-
-// The old values, for the journal. Its range of block entries runs from the
-// first block entry to the last one the scan met: a roll-back finds there
-// every data block this delete may free, and both share counts it may lower.
-_action_delete_ action_record(const segment_delete& job)
-{
-    _action_delete_ r;
-    memset(&r, 0, sizeof(r));
-    r.root_index = uint32_t(job.root_index);
-    r.stream_segment_index = uint32_t(job.segment);
-    r.start_iframe = segment_start_iframe_of(job.node);
-    r.len_in_bytes = segment_len_of(job.node);
-    r.root_index_id = job.root.id;
-    r.stream_segment_index_id = job.node.id;
-    r.start_hour = job.node.start_hour;
-    r.start_minute = job.node.start_minute;
-    r.start_second = job.node.start_second;
-    r.first_block_iframe_index = job.first_block.index;
-    r.first_block_share_count = job.first_block.node.pts_high;
-    r.last_block_iframe_index = job.last_block.index;
-    r.last_block_share_count = job.last_block.node.pts_high;
-    return r;
-}
-
 // ------------------------------------------------------------------- change
 
 // The new node: id 0 for a whole delete, a shorter tail or a later head for
@@ -360,7 +254,7 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
             qzfs_block_of_day(info, job.root))
             memcpy(&node.owner_stamp, &info.owner_stamp, sizeof(info.owner_stamp));
     }
-    QZLOG("new %d:%d:%d-%d:%d:%d len:%llu owner_stamp:%lu", node.start_hour, node.start_minute,
+    QZLOG_ABOVE(0, "new %d:%d:%d-%d:%d:%d len:%llu owner_stamp:%lu", node.start_hour, node.start_minute,
           node.start_second, node.end_hour, node.end_minute, node.end_second,
           (unsigned long long)segment_len_of(node), (unsigned long)segment_owner_stamp_of(node));
     const int mode = job.writer != nullptr ? 1 : 0;
@@ -374,6 +268,8 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
         return -1;
     }
     if (job.writer != nullptr) {
+        // The writer's thread reads and grows the live node under its lock.
+        QzfsScopedLock writer_lock(job.writer->writer()->lock);
         _stream_segment_index_node_dev_* live = job.writer->ssi();
         memcpy(&live->start_iframe, &node.start_iframe, sizeof(node.start_iframe));
         live->start_hour = node.start_hour;
@@ -388,20 +284,6 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
 
 // --------------------------------------------------------------------- free
 
-// A block that another segment still shares (its block entry counts more
-// than one user) stays; its count goes down by one. True when it stays.
-bool keep_shared_block(CQzFileSystem& fs, segment_delete& job, uint32_t block,
-                       _iframe_index_place_& entry)
-{
-    if (entry.node.id != IFRAME_INDEX_ID_BLOCK || block != entry.node.block_num ||
-        entry.node.pts_high < 2)
-        return false;
-    entry.node.pts_high--;
-    fs.Write_iframe_index(uint32_t(job.iframe_blocks.size()), job.iframe_blocks.data(),
-                          entry.index, &entry.node);
-    return true;
-}
-
 // A head cut leaves E's block, and the first block while another segment
 // still shares it.
 void free_head_blocks(CQzFileSystem& fs, segment_delete& job)
@@ -409,7 +291,7 @@ void free_head_blocks(CQzFileSystem& fs, segment_delete& job)
     for (uint32_t block : job.blocks) {
         if (block == job.end.node.block_num)
             return;
-        if (!keep_shared_block(fs, job, block, job.first_block))
+        if (!qzfs_keep_shared_block(fs, job, block, job.first_block))
             fs.free_segment_data_block(block, job.root);
     }
 }
@@ -428,8 +310,8 @@ void free_blocks(CQzFileSystem& fs, segment_delete& job)
         if (!job.whole && block == job.cut.node.block_num &&
             job.cut.node.block_offset != kFirstDataOffset)
             continue;
-        if (job.whole && (keep_shared_block(fs, job, block, job.first_block) ||
-                          keep_shared_block(fs, job, block, job.last_block)))
+        if (job.whole && (qzfs_keep_shared_block(fs, job, block, job.first_block) ||
+                          qzfs_keep_shared_block(fs, job, block, job.last_block)))
             continue;
         fs.free_segment_data_block(block, job.root);
     }
@@ -478,43 +360,33 @@ int CQzFileSystem::delete_stream_segment_by_time(unsigned long root_index,
     job.time = time;
     job.backwards = delete_backwards;
 
-    _k4t_stream_segment_id_ id;
-    id.hdd_id = m_hdd_id;
-    id.root_index = uint32_t(root_index);
-    id.stream_segment_index = uint32_t(stream_segment_index);
-    _opened_stream_segment_* oss = nullptr;
-    if (find_opening_stream_segment_by_id(&id, &oss, 2) >= 0 && oss != nullptr) {
-        job.writer = oss;
-        if (gather_from_writer(job) != 0)
+    _opened_stream_segment_* oss = qzfs_segment_writer(*this, root_index, stream_segment_index);
+    if (oss != nullptr) {
+        if (gather_from_writer(job, oss) != 0)
             return -1;
-    } else if (gather_from_index(*this, job) != 0) {
+    } else if (qzfs_copy_closed_segment(*this, &job, true) != 0) {
         return -1;
     }
-    QZLOG("delete flag:%d,time:%d:%d:%d", delete_backwards, time.hour, time.minute, time.second);
+    QZLOG_ABOVE(0, "delete flag:%d,time:%d:%d:%d", delete_backwards, time.hour, time.minute, time.second);
     if (nothing_to_cut(job))
         return 0;
     if (scan_log(*this, job, m_file_system_io_buffer, m_file_system_io_buffer_len) != 0 ||
         judge_scan(*this, job) != 0)
         return -1;
 
-    const unsigned long journal = journal_block();
-    uint8_t record[QZFS_ACTION_DELETE_LEN];
-    qzfs_action_delete_to_bytes(action_record(job), record);
-    QZLOG("Register_qzfs_action(%02x)(%02x)(%ld)(%lld)", job.root.id, job.node.id,
-          long(segment_start_iframe_of(job.node)), (long long)segment_len_of(job.node));
-    Register_qzfs_action(journal, QZFS_ACTION_DELETE, record);
+    qzfs_arm_delete_journal(*this, job, qzfs_delete_record(job, job.first_block, job.last_block));
 
     if (change_node(*this, job) != 0) {
         // A failed whole delete keeps the journal armed: the next mount puts
         // the node back as it was.
         if (!job.whole)
-            Register_qzfs_action(journal, QZFS_ACTION_NONE, nullptr);
+            Register_qzfs_action(journal_block(), QZFS_ACTION_NONE, nullptr);
         return -1;
     }
     if (job.whole)
         lower_free_segment_cursor(root_index, stream_segment_index);
     free_blocks(*this, job);
     const int result = job.whole ? check_and_modify_root_info(root_index, nullptr) : 0;
-    Register_qzfs_action(journal, QZFS_ACTION_NONE, nullptr);
+    Register_qzfs_action(journal_block(), QZFS_ACTION_NONE, nullptr);
     return result;
 }

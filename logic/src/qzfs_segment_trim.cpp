@@ -22,6 +22,7 @@
 #include "qzfilesystem.h"
 #include "qzfs_datetime.h"
 #include "qzfs_log.h"
+#include "qzfs_segment_change.h"
 #include "qzfs_stream_support.h"
 #include "system_resource_manager.h"
 
@@ -36,19 +37,9 @@ uint64_t block_payload(const CQzFileSystem& fs) { return fs.manage().block_size 
 // An I-frame more than this far behind the one before it is older data.
 const uint64_t kOffsetSlack = 0x10000;
 
-struct front_trim {
-    unsigned long root_index = 0;
-    unsigned long segment = 0;
+struct front_trim : segment_copy {
     const _k4t_fs_date_time_* until = nullptr;  // by time when set, else by size
     uint64_t want = 0;
-
-    // Gather.
-    _opened_stream_segment_* writer = nullptr;
-    _root_index_node_dev_ root;
-    _stream_segment_index_node_dev_ node;  // length less the writer's cut offset
-    std::vector<uint32_t> ssi_blocks;
-    std::vector<uint32_t> iframe_blocks;
-    bool have_iframe_index = true;
 
     // Verdict and scan. Places with node.id 0 are not found yet.
     bool whole = false;
@@ -60,8 +51,6 @@ struct front_trim {
 
     front_trim()
     {
-        memset(&root, 0, sizeof(root));
-        memset(&node, 0, sizeof(node));
         memset(&first_block, 0, sizeof(first_block));
         memset(&first, 0, sizeof(first));
         memset(&cur, 0, sizeof(cur));
@@ -70,92 +59,22 @@ struct front_trim {
     uint64_t len() const { return segment_len_of(node); }
 };
 
-_iframe_index_place_ place(const _iframe_index_node_dev_& node, uint32_t index)
-{
-    _iframe_index_place_ p;
-    p.node = node;
-    p.index = index;
-    return p;
-}
-
-std::vector<uint32_t> take_chain(uint32_t* list, uint32_t num)
-{
-    std::vector<uint32_t> chain;
-    if (list != nullptr)
-        chain.assign(list, list + num);
-    delete[] list;
-    return chain;
-}
-
 // ------------------------------------------------------------------ gather
 
-// A segment being recorded: the writer's live node less the bytes already
-// cut from its front, and the writer's own block lists.
-int gather_from_writer(front_trim& job)
+// A segment being recorded: refused when less is left behind the writer's
+// cut offset than is wanted.
+int gather_from_writer(front_trim& job, _opened_stream_segment_* writer)
 {
     QZLOG_ABOVE(0, "RECORDING stream segment");
-    const _write_stream_segment_* wss = job.writer->writer();
-    const uint64_t live = segment_len_of(*job.writer->ssi());
-    if (live < wss->delete_len || live - wss->delete_len < job.want) {
+    _stream_segment_index_node_dev_ now;
+    writer_node_snapshot(writer, &now);
+    const uint64_t live = segment_len_of(now), cut = writer->writer()->delete_len;
+    if (live < cut || live - cut < job.want) {
         QZLOG("recording stream segment is too short(%llu)(%llu)(%llu)", (unsigned long long)live,
-              (unsigned long long)wss->delete_len, (unsigned long long)job.want);
+              (unsigned long long)cut, (unsigned long long)job.want);
         return -1;
     }
-    memcpy(&job.root, job.writer->root_node, sizeof(job.root));
-    memcpy(&job.node, job.writer->ssi_node, sizeof(job.node));
-    set_segment_len(job.node, live - wss->delete_len);
-    if (wss->confirm_start_iframe == K4T_FS_FALSE || job.len() == 0 ||
-        segment_start_iframe_of(job.node) == 0) {
-        QZLOG("FATAL((pWss->confirm_start_iframe == K4T_FS_FALSE) || (ssind.len_in_bytes == 0))");
-        return -1;
-    }
-    job.ssi_blocks.assign(wss->stream_segment_index_block_list,
-                          wss->stream_segment_index_block_list + wss->stream_segment_index_block_num);
-    job.iframe_blocks.assign(wss->iframe_block_list,
-                             wss->iframe_block_list + wss->iframe_block_num);
-    return 0;
-}
-
-// A closed segment, from the index. An I-frame index that cannot be read
-// does not stop the delete: the segment goes whole without its data blocks.
-int gather_from_index(CQzFileSystem& fs, front_trim& job)
-{
-    _root_index_node_mem_ rinm;
-    memset(&rinm, 0, sizeof(rinm));
-    if (fs.Get_root_index_mem_node(job.root_index, &rinm) != 0 || !IS_NORMAL_ROOT_INDEX(rinm.id)) {
-        QZLOG("(IS_NORMAL_ROOT_INDEX(rinm.id) == 0)(root_index:%ld)(stream_segment_index:%ld)",
-              long(job.root_index), long(job.segment));
-        return -1;
-    }
-    uint32_t ssi_num = 0, iframe_head = 0;
-    uint32_t* ssi_list = nullptr;
-    bool read = fs.Get_root_index_dev_node(job.root_index, &job.root) == 0 &&
-                fs.Get_stream_segment_index_block_list(job.root_index, &ssi_num, &ssi_list,
-                                                       &iframe_head) == 0;
-    job.ssi_blocks = take_chain(ssi_list, ssi_num);
-    read = read && fs.Get_stream_segment_index_dev_node(job.root_index, ssi_num,
-                                                        job.ssi_blocks.data(), job.segment,
-                                                        &job.node) == 0;
-    if (!read || segment_start_iframe_of(job.node) == 0) {
-        QZLOG("Get_stream_segment_index_dev_node failed(%ld)(%ld)", long(job.root_index),
-              long(job.segment));
-        return -1;
-    }
-    if (job.node.id != NORMAL_STREAM_SEGMENT_INDEX &&
-        job.node.id != PRE_RECORD_STREAM_SEGMENT_INDEX) {
-        QZLOG("this segment is free(id:%d)", job.node.id);
-        return -1;
-    }
-    uint32_t iframe_num = 0;
-    uint32_t* iframe_list = nullptr;
-    if (fs.Read_iframe_index_block_list(iframe_head, &iframe_num, &iframe_list) != 0) {
-        delete[] iframe_list;
-        QZLOG(" Read_iframe_index_block_list failed(start:%ld)", long(iframe_head));
-        job.have_iframe_index = false;
-        return 0;
-    }
-    job.iframe_blocks = take_chain(iframe_list, iframe_num);
-    return 0;
+    return qzfs_copy_live_segment(writer, &job);
 }
 
 // ----------------------------------------------------------------- verdict
@@ -209,8 +128,8 @@ scan_step scan_iframe(const CQzFileSystem& fs, front_trim& job, const _iframe_in
             QZLOG("START IFRAME FATAL(%ld)(%ld)", long(i), long(segment_start_iframe_of(job.node)));
             return SCAN_FAIL;
         }
-        job.first = job.cur = place(n, i);
-        job.blocks.push_back(n.block_num);
+        job.first = job.cur = qzfs_iframe_place(n, i);
+        job.blocks.push_back(uint32_t(n.block_num));
     }
     if (n.stream_segment_offset < job.cur.node.stream_segment_offset) {
         QZLOG("FATAL offset(%lld)(%lld)", (long long)n.stream_segment_offset,
@@ -218,7 +137,7 @@ scan_step scan_iframe(const CQzFileSystem& fs, front_trim& job, const _iframe_in
         if (job.cur.node.stream_segment_offset - n.stream_segment_offset > kOffsetSlack)
             return SCAN_BROKEN;
     }
-    job.cur = place(n, i);
+    job.cur = qzfs_iframe_place(n, i);
     const uint64_t delta = n.stream_segment_offset - job.first.node.stream_segment_offset;
     const uint64_t reach = delta + fs.manage().block_size - n.block_offset;
     if (job.whole)
@@ -254,7 +173,7 @@ scan_step scan_entry(const CQzFileSystem& fs, front_trim& job, const _iframe_ind
     }
     if (i < start) {
         if (n.id == IFRAME_INDEX_ID_BLOCK)
-            job.first_block = place(n, i);
+            job.first_block = qzfs_iframe_place(n, i);
         return SCAN_ON;
     }
     if (n.id == IFRAME_INDEX_ID_IFRAME)
@@ -263,8 +182,14 @@ scan_step scan_entry(const CQzFileSystem& fs, front_trim& job, const _iframe_ind
         QZLOG("FATAL(index:%ld)(%02x)(%ld)", long(i), n.id, long(start));
         return SCAN_BROKEN;
     }
-    job.blocks.push_back(n.block_num);
-    job.last_block = place(n, i);
+    const uint32_t passed = uint32_t(estimate / block_payload(fs));
+    if (qzfs_block_past_segment(fs, job.first.node, passed, job.len())) {
+        if (job.writer == nullptr)
+            job.whole = true;
+        return SCAN_DONE;
+    }
+    job.blocks.push_back(uint32_t(n.block_num));
+    job.last_block = qzfs_iframe_place(n, i);
     estimate += block_payload(fs);
     if (estimate < job.len())
         return SCAN_ON;
@@ -346,39 +271,6 @@ judgement judge_scan(CQzFileSystem& fs, front_trim& job)
 
 // ----------------------------------------------------------------- journal
 
-// The old values. A segment within one block has no block entry at or after
-// its start: its range is the first block entry alone.
-_action_delete_ action_record(const front_trim& job)
-{
-    _action_delete_ r;
-    memset(&r, 0, sizeof(r));
-    r.root_index = uint32_t(job.root_index);
-    r.stream_segment_index = uint32_t(job.segment);
-    r.start_iframe = segment_start_iframe_of(job.node);
-    r.len_in_bytes = job.len();
-    r.root_index_id = job.root.id;
-    r.stream_segment_index_id = job.node.id;
-    r.start_hour = job.node.start_hour;
-    r.start_minute = job.node.start_minute;
-    r.start_second = job.node.start_second;
-    r.first_block_iframe_index = job.first_block.index;
-    r.first_block_share_count = job.first_block.node.pts_high;
-    const bool have_last = job.last_block.node.id == IFRAME_INDEX_ID_BLOCK;
-    r.last_block_iframe_index = have_last ? job.last_block.index : job.first_block.index;
-    r.last_block_share_count = have_last ? job.last_block.node.pts_high
-                                         : job.first_block.node.pts_high;
-    return r;
-}
-
-void arm_journal(CQzFileSystem& fs, const front_trim& job)
-{
-    uint8_t record[QZFS_ACTION_DELETE_LEN];
-    qzfs_action_delete_to_bytes(action_record(job), record);
-    QZLOG_ABOVE(0, "Register_qzfs_action(%02x)(%02x)(%ld)(%lld)", job.root.id, job.node.id,
-                long(segment_start_iframe_of(job.node)), (long long)job.len());
-    fs.Register_qzfs_action(fs.journal_block(), QZFS_ACTION_DELETE, record);
-}
-
 // ------------------------------------------------------------------ change
 
 int write_node(CQzFileSystem& fs, const front_trim& job,
@@ -431,6 +323,8 @@ int move_node_start(CQzFileSystem& fs, front_trim& job, uint64_t cut, unsigned l
         return -1;
     }
     if (job.writer != nullptr) {
+        // The writer's thread reads and grows the live node under its lock.
+        QzfsScopedLock writer_lock(job.writer->writer()->lock);
         _stream_segment_index_node_dev_* live = job.writer->ssi();
         set_segment_start_iframe(*live, job.cur.index);
         live->start_hour = node.start_hour;
@@ -444,19 +338,6 @@ int move_node_start(CQzFileSystem& fs, front_trim& job, uint64_t cut, unsigned l
 
 // -------------------------------------------------------------------- free
 
-// A block whose block entry counts another user stays and loses a share.
-bool keep_shared_block(CQzFileSystem& fs, front_trim& job, uint32_t block,
-                       _iframe_index_place_& entry)
-{
-    if (entry.node.id != IFRAME_INDEX_ID_BLOCK || block != entry.node.block_num ||
-        entry.node.pts_high < 2)
-        return false;
-    entry.node.pts_high--;
-    fs.Write_iframe_index(uint32_t(job.iframe_blocks.size()), job.iframe_blocks.data(),
-                          entry.index, &entry.node);
-    return true;
-}
-
 // The blocks in front of the new first I-frame, or all of them for a whole
 // delete; the first one (and for a whole delete the last one) only loses a
 // share while a neighbour still uses it.
@@ -465,9 +346,9 @@ void free_blocks(CQzFileSystem& fs, front_trim& job)
     for (uint32_t block : job.blocks) {
         if (!job.whole && block == job.cur.node.block_num)
             return;
-        if (keep_shared_block(fs, job, block, job.first_block))
+        if (qzfs_keep_shared_block(fs, job, block, job.first_block))
             continue;
-        if (job.whole && keep_shared_block(fs, job, block, job.last_block))
+        if (job.whole && qzfs_keep_shared_block(fs, job, block, job.last_block))
             continue;
         fs.free_segment_data_block(block, job.root);
     }
@@ -480,7 +361,7 @@ int apply(CQzFileSystem& fs, front_trim& job, bool journalled, unsigned long lon
           unsigned char* delete_root_flag)
 {
     if (journalled)
-        arm_journal(fs, job);
+        qzfs_arm_delete_journal(fs, job, qzfs_delete_record(job, job.first_block, job.last_block));
     int result = 0;
     if (job.whole) {
         *delete_size = job.len();
@@ -540,19 +421,17 @@ int CQzFileSystem::Delete_stream_segment(unsigned long root_index,
                 int(m_hdd_id), long(root_index), long(stream_segment_index),
                 (long long)want_delete_size, long(m_manage.free_block));
 
-    _k4t_stream_segment_id_ id;
-    id.hdd_id = m_hdd_id;
-    id.root_index = uint32_t(root_index);
-    id.stream_segment_index = uint32_t(stream_segment_index);
-    _opened_stream_segment_* oss = nullptr;
-    if (find_opening_stream_segment_by_id(&id, &oss, 2) >= 0 && oss != nullptr) {
-        job.writer = oss;
-        if (gather_from_writer(job) != 0)
+    _opened_stream_segment_* oss = qzfs_segment_writer(*this, root_index, stream_segment_index);
+    if (oss != nullptr) {
+        if (gather_from_writer(job, oss) != 0)
             return -1;
     } else {
-        if (gather_from_index(*this, job) != 0)
+        // An I-frame index that cannot be read does not stop the delete: the
+        // segment goes whole, without its data blocks.
+        const int copied = qzfs_copy_closed_segment(*this, &job, false);
+        if (copied < 0)
             return -1;
-        if (!job.have_iframe_index) {
+        if (copied == 1) {
             job.whole = true;
             return apply(*this, job, false, delete_size, whole, new_start_time, new_owner_stamp,
                          delete_root_flag);

@@ -929,7 +929,7 @@ int CQzFileSystem::check_and_modify_root_info(unsigned long root_index, int* del
     if (mask == 0) {
         if (live != nullptr)
             return 0;
-        QZLOG("root is empty,so delete %lu", root_index);
+        QZLOG_ABOVE(0, "root is empty,so delete %lu", root_index);
         int result = Delete_root_index(root_index, 0);
         if (result == 0 && delete_root_flag != nullptr)
             *delete_root_flag = 1;
