@@ -166,6 +166,9 @@ public:
     // A block that an index names but the bitmap calls free is registered
     // again as `type`, in the key tables and its own head (mount repair).
     void reclaim_block(unsigned long block, unsigned short type);
+    // Writes `type` into a block's own head only, from its key table record;
+    // the tables and the bitmap stay as they are. 0 or -1.
+    int mark_block_head(unsigned long block, unsigned short type);
     int modify_block_attr(unsigned long block, void* attr, char where);
     int load_disk_manage_info_by_key_info_block(unsigned long key_block);
     int get_disk_manage_info_by_key_info_block(unsigned char allow_scan);

@@ -152,21 +152,18 @@ int CQzFileSystem::Register_qzfs_action(unsigned long block, uint32_t action, co
 
 namespace {
 
-// Brings the root node back to its journalled id: a whole delete that took
-// the last segment deleted the root too. The node is read from the device,
-// since the cache holds used nodes only.
+// Brings the root node, as read from the device, back to its journalled id:
+// a whole delete that took the last segment deleted the root too.
 int restore_root_id(CQzFileSystem& fs, const _action_delete_& r, _root_index_node_dev_* root)
 {
-    if (fs.Read_root_index_from_dev(r.root_index, root) != 0) {
-        QZLOG("CQzFileSystem::Action_delete_recovery Get_root_index_dev_node failed(%ld)",
-              long(r.root_index));
-        return -1;
-    }
     if (root->id == r.root_index_id)
         return 0;
     const uint8_t was = root->id;
     root->id = r.root_index_id;
-    if (fs.Modify_root_index(r.root_index, 0, root) != 0) {
+    // The node and its cache only: the segment index block's record, which
+    // Modify_root_index would also rewrite, is still the free one here.
+    if (fs.Write_root_index(r.root_index, root, 0, 0) != 0 ||
+        fs.Update_root_index_cache(r.root_index, root) != 0) {
         QZLOG("CQzFileSystem::Action_delete_recovery (%ld)(%02x)(%02x) failed", long(r.root_index),
               was, r.root_index_id);
         return -1;
@@ -313,19 +310,34 @@ int CQzFileSystem::Action_delete_recovery(_action_delete_* record)
     const _action_delete_& r = *record;
     QZLOG("root_index:%ld, %ld", long(r.root_index), long(r.stream_segment_index));
     _root_index_node_dev_ root;
+    if (Read_root_index_from_dev(r.root_index, &root) != 0) {
+        QZLOG("CQzFileSystem::Action_delete_recovery Get_root_index_dev_node failed(%ld)",
+              long(r.root_index));
+        return -1;
+    }
     std::vector<uint32_t> ssi_blocks, iframe_blocks;
     uint32_t iframe_head = 0;
-    if (restore_root_id(*this, r, &root) != 0 ||
-        read_segment_chain(*this, root, &ssi_blocks, &iframe_head) != 0 ||
-        restore_segment_node(*this, r, ssi_blocks) != 0)
+    if (read_segment_chain(*this, root, &ssi_blocks, &iframe_head) != 0 ||
+        read_iframe_chain(*this, iframe_head, &iframe_blocks) != 0)
         return -1;
-    for (uint32_t block : ssi_blocks)
-        reclaim_block(block, QZFS_BLOCK_SEGMENT_INDEX);
-    if (read_iframe_chain(*this, iframe_head, &iframe_blocks) != 0)
-        return -1;
+    // A roll-back cut on its way must leave a disk that the next mount's
+    // root index check accepts, or that check rebuilds the root index and
+    // the journal with it. The check wants each used root's segment index
+    // block to carry type 5 in its own head, and each block of type 5 in the
+    // key tables to belong to a used root. So: the blocks nothing checks
+    // first, then the segment index blocks' heads, the nodes, and last the
+    // key tables of the segment index blocks.
     for (uint32_t block : iframe_blocks)
         reclaim_block(block, QZFS_BLOCK_IFRAME_INDEX);
     restore_data_blocks(*this, r, iframe_blocks);
+    for (uint32_t block : ssi_blocks) {
+        if (block != 0 && block < m_manage.total_block && !block_bit_is_set(block))
+            mark_block_head(block, QZFS_BLOCK_SEGMENT_INDEX);
+    }
+    if (restore_segment_node(*this, r, ssi_blocks) == 0)
+        restore_root_id(*this, r, &root);
+    for (uint32_t block : ssi_blocks)
+        reclaim_block(block, QZFS_BLOCK_SEGMENT_INDEX);
     return -1;
 }
 

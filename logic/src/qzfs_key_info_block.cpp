@@ -179,6 +179,17 @@ void CQzFileSystem::reclaim_block(unsigned long block, unsigned short type)
         modify_block_type(block, type, QZFS_WHERE_ALL);
 }
 
+int CQzFileSystem::mark_block_head(unsigned long block, unsigned short type)
+{
+    _qzfs_block_info_ record;
+    if (read_block_info_from_key_block(m_manage.key_block, block, &record) != 0)
+        return -1;
+    record.block_type = (uint8_t)type;
+    qzfs_block_info_seal(&record);
+    return write_record_to_places(m_manage.key_block, m_manage.bak_key_block, block, &record,
+                                  QZFS_WHERE_BLOCK_HEAD, "", "");
+}
+
 int CQzFileSystem::modify_block_attr(unsigned long block, void* attr, char where)
 {
     _qzfs_block_info_ record;

@@ -453,7 +453,11 @@ _iframe_index_node_dev_ iframe_entry(const end_repair& r, const data_run& run, u
     e.block_offset = offset;
     e.pts_high = uint32_t(f.pts >> 32);
     e.pts_low = uint32_t(f.pts);
-    e.stream_segment_offset = segment_len_of(r.node) + r.search_data_len;
+    // Offsets in the log count from the segment's birth. A segment whose
+    // front was trimmed while it recorded starts at a later offset than 0,
+    // and its new entries go on from there.
+    const uint64_t base = r.first.node.id != 0 ? r.first.node.stream_segment_offset : 0;
+    e.stream_segment_offset = base + segment_len_of(r.node) + r.search_data_len;
     return e;
 }
 

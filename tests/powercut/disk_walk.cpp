@@ -116,10 +116,11 @@ bool walk_disk(CQzFileSystem* fs, DiskWalk& out, std::string& error)
 
 std::string start_key(uint32_t root, uint32_t index, const _stream_segment_index_node_dev_& node)
 {
+    // The owner stamp is left out: the journal keeps no old stamp, so a
+    // trim rolled back by the mount keeps the one of its new first block.
     char text[100];
-    snprintf(text, sizeof(text), "%u:%u %02u:%02u:%02u first %u stamp %u", root, index,
-             node.start_hour, node.start_minute, node.start_second, uint32_t(node.start_iframe),
-             uint32_t(node.owner_stamp));
+    snprintf(text, sizeof(text), "%u:%u %02u:%02u:%02u first %u", root, index, node.start_hour,
+             node.start_minute, node.start_second, uint32_t(node.start_iframe));
     return text;
 }
 

@@ -45,7 +45,7 @@ inline bool is_live(const _stream_segment_index_node_dev_& n)
 }
 
 // A segment's start as the rig compares it across a trim:
-// "ROOT:SLOT HH:MM:SS first START_IFRAME stamp OWNER_STAMP".
+// "ROOT:SLOT HH:MM:SS first START_IFRAME".
 std::string start_key(uint32_t root, uint32_t index, const _stream_segment_index_node_dev_& node);
 
 // The data blocks and I-frame entries of a live segment, found through its
