@@ -6,6 +6,7 @@
 // recording loses its head to the overwrite planner instead.
 #include "qzfilesystem.h"
 #include "qzfs_api.h"
+#include "qzfs_api_fd.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
 #include "qzfs_stream_support.h"
@@ -16,15 +17,9 @@ int CQzfsApi::Qzfs_delete_stream_segment(_k4t_stream_segment_id_* id)
         QZLOG("invalid parameter");
         return -1;
     }
-    CQzFileSystem* fs = gQzfsManager.get_file_system(id->hdd_id);
-    if (fs == nullptr) {
-        QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(id->hdd_id));
+    CQzFileSystem* fs = api_usable_disk(id->hdd_id, __func__);
+    if (fs == nullptr)
         return -1;
-    }
-    if (fs->Get_hdd_state() == QZFSS_FORMATING) {
-        QZLOG("Formatting(hdd_id:%d)", int(id->hdd_id));
-        return -1;
-    }
     // The disk lock keeps the writers, readers and planner of this disk out
     // for the length of the delete.
     DiskLockGuard disk(*fs);

@@ -1,11 +1,17 @@
-// Turning a stream descriptor (ossfd) into its disk and open record, as
-// every flat stream call does first.
+// Turning a disk id or a stream descriptor (ossfd) into its disk and open
+// record, as every flat stream call does first.
 #ifndef QZFS_API_FD_H
 #define QZFS_API_FD_H
 
 #include "opened_stream_segment.h"
 
 class CQzFileSystem;
+
+// The mounted disk `hdd_id`, or null after "gQzfsManager.get_file_system
+// failed(hdd_id:%d)" in the name of `func`.
+CQzFileSystem* api_disk(unsigned hdd_id, const char* func);
+// The same, refusing also a disk being formatted ("Formatting(hdd_id:%d)").
+CQzFileSystem* api_usable_disk(unsigned hdd_id, const char* func);
 
 // A descriptor resolved to its disk and open record.
 struct resolved_fd {

@@ -58,11 +58,9 @@ int CQzfsApi::Qzfs_open_stream_segment(_qzfs_k4t_stream_open_para_* para, uint32
         QZLOG("Open_stream_segment failed");
         return -1;
     }
-    CQzFileSystem* fs = gQzfsManager.get_file_system(oss->hdd_id);
-    if (fs == nullptr) {
-        QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(oss->hdd_id));
+    CQzFileSystem* fs = api_disk(oss->hdd_id, __func__);
+    if (fs == nullptr)
         return -1;
-    }
     DiskLockGuard disk(*fs);
     int ossfd = -1;
     const int disk_ossid = fs->get_free_oss_fd();
@@ -88,15 +86,9 @@ int CQzfsApi::Qzfs_open_stream_segment(_k4t_stream_segment_id_* id, uint16_t rec
         QZLOG("invalid parameter");
         return -1;
     }
-    CQzFileSystem* fs = gQzfsManager.get_file_system(id->hdd_id);
-    if (fs == nullptr) {
-        QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(id->hdd_id));
+    CQzFileSystem* fs = api_usable_disk(id->hdd_id, __func__);
+    if (fs == nullptr)
         return -1;
-    }
-    if (fs->Get_hdd_state() == QZFSS_FORMATING) {
-        QZLOG("Formatting(hdd_id:%d)", int(id->hdd_id));
-        return -1;
-    }
     _opened_stream_segment_* oss = nullptr;
     {
         DiskLockGuard disk(*fs);
@@ -165,11 +157,9 @@ int CQzfsApi::Qzfs_seek_stream_segment_by_time(int ossfd, _k4t_fs_date_time_* wh
                 when->month, when->day, when->hour, when->minute, when->second);
     resolved_fd fd;
     fd.disk_ossid = gQzfsManager.get_disk_ossid(ossfd);
-    fd.fs = gQzfsManager.get_file_system(qzfs_ossid_hdd(fd.disk_ossid));
-    if (fd.fs == nullptr) {
-        QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(qzfs_ossid_hdd(fd.disk_ossid)));
+    fd.fs = api_disk(qzfs_ossid_hdd(fd.disk_ossid), __func__);
+    if (fd.fs == nullptr)
         return -1;
-    }
     {
         DiskLockGuard disk(*fd.fs);
         fd.oss = fd.fs->find_oss_info_by_fd(fd.disk_ossid);

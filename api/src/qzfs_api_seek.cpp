@@ -14,11 +14,7 @@ namespace {
 CQzFileSystem* disk_of_fd(int ossfd, const char* func, int& disk_ossid)
 {
     disk_ossid = gQzfsManager.get_disk_ossid(ossfd);
-    const uint8_t hdd_id = qzfs_ossid_hdd(disk_ossid);
-    CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
-    if (fs == nullptr)
-        QZLOG_AS(func, "gQzfsManager.get_file_system failed(hdd_id:%d)", int(hdd_id));
-    return fs;
+    return api_disk(qzfs_ossid_hdd(disk_ossid), func);
 }
 
 // What a seek by offset needs of a descriptor's open record, read under the
@@ -132,11 +128,9 @@ int CQzfsApi::Qzfs_open_stream_segment_for_write(_k4t_stream_segment_id_* id)
         QZLOG("invalid parameter");
         return -1;
     }
-    CQzFileSystem* fs = gQzfsManager.get_file_system(id->hdd_id);
-    if (fs == nullptr) {
-        QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(id->hdd_id));
+    CQzFileSystem* fs = api_disk(id->hdd_id, __func__);
+    if (fs == nullptr)
         return -1;
-    }
     DiskLockGuard disk(*fs);
     _opened_stream_segment_* writer = nullptr;
     const int writer_ossid = fs->find_opening_stream_segment_by_id(id, &writer, 2);

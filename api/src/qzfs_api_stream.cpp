@@ -36,18 +36,33 @@ bool current_record_disk(int group_id, uint8_t& hdd_id)
 
 }  // namespace
 
+CQzFileSystem* api_disk(unsigned hdd_id, const char* func)
+{
+    CQzFileSystem* fs = gQzfsManager.get_file_system(uint8_t(hdd_id));
+    if (fs == nullptr)
+        QZLOG_AS(func, "gQzfsManager.get_file_system failed(hdd_id:%d)", int(hdd_id));
+    return fs;
+}
+
+CQzFileSystem* api_usable_disk(unsigned hdd_id, const char* func)
+{
+    CQzFileSystem* fs = api_disk(hdd_id, func);
+    if (fs != nullptr && fs->Get_hdd_state() == QZFSS_FORMATING) {
+        QZLOG_AS(func, "Formatting(hdd_id:%d)", int(hdd_id));
+        return nullptr;
+    }
+    return fs;
+}
+
 // ossfd -> disk ossid -> disk -> open record. `func` names the caller in
 // the messages. The record is looked up without the disk lock: the caller
 // owns the descriptor.
 bool resolve_fd(int ossfd, const char* func, resolved_fd& out)
 {
     out.disk_ossid = gQzfsManager.get_disk_ossid(ossfd);
-    const uint8_t hdd_id = qzfs_ossid_hdd(out.disk_ossid);
-    out.fs = gQzfsManager.get_file_system(hdd_id);
-    if (out.fs == nullptr) {
-        QZLOG_AS(func, "gQzfsManager.get_file_system failed(hdd_id:%d)", int(hdd_id));
+    out.fs = api_disk(qzfs_ossid_hdd(out.disk_ossid), func);
+    if (out.fs == nullptr)
         return false;
-    }
     out.oss = out.fs->find_oss_info_by_fd(out.disk_ossid);
     if (out.oss == nullptr) {
         QZLOG_AS(func, "invalid ssfd(%d)", ossfd);
@@ -108,11 +123,9 @@ int CQzfsApi::Qzfs_create_stream_segment(_qzfs_k4t_create_ss_para_* para)
         QZLOG("(hdd_id == 0xff)");
         return -1;
     }
-    CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
-    if (fs == nullptr) {
-        QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(hdd_id));
+    CQzFileSystem* fs = api_disk(hdd_id, __func__);
+    if (fs == nullptr)
         return -1;
-    }
 
     int ossfd = -1;
     {
@@ -216,11 +229,8 @@ int CQzfsApi::Qzfs_close_stream_segment(int ossfd)
 {
     QZLOG_ABOVE(2, "START(fd:%d)", ossfd);
     const int disk_ossid = gQzfsManager.get_disk_ossid(ossfd);
-    const uint8_t hdd_id = qzfs_ossid_hdd(disk_ossid);
-    CQzFileSystem* fs = gQzfsManager.get_file_system(hdd_id);
-    if (fs == nullptr) {
-        QZLOG("gQzfsManager.get_file_system failed(hdd_id:%d)", int(hdd_id));
-    } else {
+    CQzFileSystem* fs = api_disk(qzfs_ossid_hdd(disk_ossid), __func__);
+    if (fs != nullptr) {
         DiskLockGuard disk(*fs);
         _opened_stream_segment_* oss = fs->find_oss_info_by_fd(disk_ossid);
         if (oss == nullptr) {

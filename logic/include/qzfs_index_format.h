@@ -344,6 +344,14 @@ struct _iframe_index_place_ {
     uint32_t index;
 };
 
+inline _iframe_index_place_ qzfs_iframe_place(const _iframe_index_node_dev_& node, uint32_t index)
+{
+    _iframe_index_place_ p;
+    p.node = node;
+    p.index = index;
+    return p;
+}
+
 // Where a time area of a segment lies in the I-frame log.
 struct _time_area_iframe_info_ {
     _iframe_index_place_ first_block;  // block entry of `first`

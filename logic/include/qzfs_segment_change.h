@@ -13,8 +13,6 @@
 // A chain handed out as a new[] array, taken over and freed.
 std::vector<uint32_t> qzfs_take_chain(uint32_t* list, uint32_t num);
 
-_iframe_index_place_ qzfs_iframe_place(const _iframe_index_node_dev_& node, uint32_t index);
-
 // The writer recording segment `segment` of root `root_index`, or null.
 _opened_stream_segment_* qzfs_segment_writer(CQzFileSystem& fs, unsigned long root_index,
                                              unsigned long segment);

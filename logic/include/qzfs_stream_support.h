@@ -79,6 +79,13 @@ private:
     bool loaded_ = false;
 };
 
+// The time of day of an I-frame log node.
+inline _k4t_fs_time_ qzfs_iframe_time(const _iframe_index_node_dev_& node)
+{
+    _k4t_fs_time_ t = {node.hour, node.minute, node.second};
+    return t;
+}
+
 // Whether a block record is a data block of the root's day. A block number
 // in a stale index may name a block that now belongs to another day, and
 // such a block is left to its new owner.

@@ -42,23 +42,9 @@ void Endian_trans_iframe_index(const _iframe_index_node_dev_* src, _fs_endian_ s
         change_byte_order(bytes + offset, 4);
 }
 
-static _k4t_fs_time_ time_of(const _iframe_index_node_dev_& node)
-{
-    _k4t_fs_time_ t = {node.hour, node.minute, node.second};
-    return t;
-}
-
 static uint32_t second_of_day(const _iframe_index_node_dev_& node)
 {
     return uint32_t(node.hour) * 3600 + uint32_t(node.minute) * 60 + node.second;
-}
-
-static _iframe_index_place_ place(const _iframe_index_node_dev_& node, uint32_t index)
-{
-    _iframe_index_place_ p;
-    p.node = node;
-    p.index = index;
-    return p;
 }
 
 namespace {
@@ -564,7 +550,7 @@ bool take_area_block_entry(const _iframe_index_node_dev_& node, uint32_t i, time
         QZLOG_AS(kTimeArea, "can not find frist iframe index");
         return false;
     }
-    scan.prev_block = place(node, i);
+    scan.prev_block = qzfs_iframe_place(node, i);
     if (info.end.node.id == 0)
         info.end_block = scan.prev_block;
     return true;
@@ -583,18 +569,18 @@ bool take_area_iframe(const _iframe_index_node_dev_& node, uint32_t i, time_area
                      (unsigned long)i, (unsigned long)scan.start_iframe);
             return false;
         }
-        info.first = place(node, i);
+        info.first = qzfs_iframe_place(node, i);
     } else if (node.stream_segment_offset < info.first.node.stream_segment_offset &&
                node.block_num != info.first.node.block_num) {
         return false;  // the log has run into older data
     }
-    const _k4t_fs_time_ at = time_of(node);
+    const _k4t_fs_time_ at = qzfs_iframe_time(node);
     if (Compare_time(&at, scan.start_time) != 1) {
-        info.start = place(node, i);
+        info.start = qzfs_iframe_place(node, i);
         if (scan.prev_block.node.id == IFRAME_INDEX_ID_BLOCK)
             info.start_block = scan.prev_block;
     } else if (info.end.node.id == 0 && Compare_time(&at, scan.end_time) != 2) {
-        info.end = place(node, i);
+        info.end = qzfs_iframe_place(node, i);
     }
     // Stream length up to the end of this node's data block.
     const uint64_t reach = node.stream_segment_offset - info.first.node.stream_segment_offset +
@@ -636,7 +622,7 @@ void scan_time_area(CQzFileSystem& fs, iframe_log_reader& log, uint32_t block_nu
             return;
         if (i < scan.start_iframe) {
             if (node.id == IFRAME_INDEX_ID_BLOCK)
-                info.first_block = info.start_block = info.end_block = place(node, i);
+                info.first_block = info.start_block = info.end_block = qzfs_iframe_place(node, i);
             continue;
         }
         if (node.id == IFRAME_INDEX_ID_BLOCK) {

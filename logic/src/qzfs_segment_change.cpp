@@ -15,14 +15,6 @@ std::vector<uint32_t> qzfs_take_chain(uint32_t* list, uint32_t num)
     return chain;
 }
 
-_iframe_index_place_ qzfs_iframe_place(const _iframe_index_node_dev_& node, uint32_t index)
-{
-    _iframe_index_place_ p;
-    p.node = node;
-    p.index = index;
-    return p;
-}
-
 _opened_stream_segment_* qzfs_segment_writer(CQzFileSystem& fs, unsigned long root_index,
                                              unsigned long segment)
 {

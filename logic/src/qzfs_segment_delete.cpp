@@ -56,12 +56,6 @@ struct segment_delete : segment_copy {
     }
 };
 
-_k4t_fs_time_ time_of(const _iframe_index_node_dev_& node)
-{
-    _k4t_fs_time_ t = {node.hour, node.minute, node.second};
-    return t;
-}
-
 // ------------------------------------------------------------------ gather
 
 // A segment being recorded loses only its head.
@@ -117,7 +111,7 @@ scan_step scan_iframe(CQzFileSystem& fs, segment_delete& job, const _iframe_inde
                n.block_num != job.first.node.block_num) {
         return SCAN_STOP;  // the log has run into older data
     }
-    const _k4t_fs_time_ at = time_of(n);
+    const _k4t_fs_time_ at = qzfs_iframe_time(n);
     const bool reached = Compare_time(&job.time, &at) != 1;  // the moment is not after it
     if (job.cut.node.id == 0 && (job.backwards == 0 || reached)) {
         // A head cut takes the first I-frame as C at once; the list then

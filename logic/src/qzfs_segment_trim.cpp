@@ -182,8 +182,8 @@ scan_step scan_entry(const CQzFileSystem& fs, front_trim& job, const _iframe_ind
         QZLOG("FATAL(index:%ld)(%02x)(%ld)", long(i), n.id, long(start));
         return SCAN_BROKEN;
     }
-    const uint32_t passed = uint32_t(estimate / block_payload(fs));
-    if (qzfs_block_past_segment(fs, job.first.node, passed, job.len())) {
+    // job.blocks holds the first I-frame's block and those passed since.
+    if (qzfs_block_past_segment(fs, job.first.node, uint32_t(job.blocks.size() - 1), job.len())) {
         if (job.writer == nullptr)
             job.whole = true;
         return SCAN_DONE;
