@@ -3,9 +3,11 @@
 #include "qzfilesystem.h"
 #include "qzfs_index_format.h"
 #include "qzfs_manager.h"
+#include "system_resource_manager.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 namespace soak {
 
@@ -101,6 +103,13 @@ bool read_disk(CQzFileSystem* fs, uint8_t hdd, GroupSnapshot& out, std::string& 
             s.end_hour = sn.end_hour;
             s.end_minute = sn.end_minute;
             s.end_second = sn.end_second;
+            if (s.recording()) {
+                _stream_segment_index_node_men_ live;
+                memset(&live, 0, sizeof(live));
+                live.end_hour = QZFS_INVALID_END_HOUR;
+                if (fs->live_segment_node(root, index, live) == 1)
+                    s.live_len = live.len_in_bytes;
+            }
             out.segments[SegmentKey(hdd, root, index)] = s;
         }
     }
@@ -229,12 +238,22 @@ PassVerdict judge_big_pass(const PassWindow& w)
             w.before->segments.at(*newest_taken).owner_stamp < s.owner_stamp)
             newest_taken = &k;
     }
+    const uint64_t block = w.block_size;
     const SegmentKey* oldest_left = nullptr;
+    // Held open for reading or not, a candidate left in place stays in the
+    // list the pass rebuilds: -1 ("have not unlock stream segment") cannot
+    // come while there is one.
+    const SegmentKey* any_left = nullptr;
+    for (const auto& b : w.before->segments)
+        if (eligible(b.first, b.second, {}) && taken.count(b.first) == 0)
+            any_left = &b.first;
     for (const auto& b : w.before->segments) {
         if (!eligible(b.first, b.second, w.open_for_reading))
             continue;
         v.eligible++;
         if (taken.count(b.first) != 0)
+            continue;
+        if (b.second.recording() && b.second.live_len < w.thresholds.once + 2 * block)
             continue;
         if (oldest_left == nullptr ||
             b.second.owner_stamp < w.before->segments.at(*oldest_left).owner_stamp)
@@ -250,12 +269,26 @@ PassVerdict judge_big_pass(const PassWindow& w)
 
     if (w.result != 0 && w.result != -1)
         v.failures.push_back("the pass returned " + std::to_string(w.result));
-    if (w.result == -1 && oldest_left != nullptr)
+    if (w.result == -1 && any_left != nullptr)
         v.failures.push_back("the pass returned -1 (nothing unlocked left) although " +
-                             stamp_text(*oldest_left, w.before->segments.at(*oldest_left)) +
+                             stamp_text(*any_left, w.before->segments.at(*any_left)) +
                              " was eligible and is still there");
 
-    const uint64_t block = w.block_size;
+    // Spare space only grows by a delete, so a pass after a state with too
+    // little of it was due; with a closed candidate at hand it had
+    // something it could take, whole or from its front.
+    const SegmentKey* closed_left = nullptr;
+    for (const auto& b : w.before->segments)
+        if (eligible(b.first, b.second, w.open_for_reading) && !b.second.recording())
+            closed_left = &b.first;
+    if (!v.touched() && w.before->spare(w.thresholds.used) < w.thresholds.start &&
+        closed_left != nullptr)
+        v.failures.push_back("the pass took nothing although the group's spare space was " +
+                             std::to_string(w.before->spare(w.thresholds.used)) +
+                             " bytes, below start_delete_free_size, and " +
+                             stamp_text(*closed_left, w.before->segments.at(*closed_left)) +
+                             " could be taken");
+
     if (v.touched()) {
         // Before the pass looked, the recorders may have used up to what
         // they wrote in the window, plus the rest of a block each.

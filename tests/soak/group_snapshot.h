@@ -40,6 +40,9 @@ struct SegmentState {
     uint32_t start_iframe = 0;
     uint32_t owner_stamp = 0;
     uint64_t len = 0;  // 0 on the disk while it is being recorded
+    // Of a segment being recorded: its length as its writer counts it, less
+    // what was cut from its front; 0 when the writer has not set it yet.
+    uint64_t live_len = 0;
     uint8_t start_hour = 0, start_minute = 0, start_second = 0;
     uint8_t end_hour = 0, end_minute = 0, end_second = 0;
 
@@ -93,9 +96,14 @@ bool eligible(const SegmentKey& key, const SegmentState& s, const std::set<Segme
 
 // The rules a big-stream pass must keep:
 //  - it takes only eligible segments, and only the oldest: no segment it
-//    took has a higher owner stamp than any eligible segment it left;
+//    took has a higher owner stamp than any eligible segment it left. A
+//    segment being recorded can be cut only up to its last I-frame in the
+//    index; one shorter than once_delete_size and two blocks may be passed
+//    over for that reason, and is left out of this rule;
 //  - it changes no lock;
 //  - it returns 0, or -1 only when no eligible segment is left;
+//  - it takes something when the spare space is below
+//    start_delete_free_size and a closed candidate is there;
 //  - it takes nothing while the group's spare space is surely at or above
 //    start_delete_free_size;
 //  - it frees no more than once_delete_size, give or take a block for each

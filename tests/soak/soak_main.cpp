@@ -61,17 +61,27 @@ struct Options {
     unsigned iframe_kib = 256, pframe_kib = 48;
     unsigned pass_ms = 200;
     unsigned small_pass_every = 5;    // ticks between small-stream passes
-    unsigned long long reserve_mib = 96, used_mib = 160, start_mib = 384, once_mib = 192;
-    unsigned segment_min_s = 30, segment_max_s = 90;
+    // Thresholds with room for the soak's pace: it records far faster than
+    // real time, several hundred MB between two passes on a fast machine.
+    unsigned long long reserve_mib = 128, used_mib = 256, start_mib = 768, once_mib = 192;
+    // Segment lengths in stream seconds: mostly short ones, and a share of
+    // long ones that outlast what a pass wants, so that passes also trim.
+    unsigned segment_min_s = 20, segment_max_s = 90;
+    unsigned long_min_s = 150, long_max_s = 400, long_share_pct = 25;
     unsigned work_check_s = 2;        // how often a recorder asks for the work disk
     unsigned lock_share_pct = 12;     // of the recording capacity, at most held by locks
     unsigned seed = 1;
     std::string log = "/dev/null";    // the library's standard output
+    unsigned debug_level = 0;         // the library's log level
 };
 
 const uint8_t kGroup = 1;
 const std::vector<uint8_t> kDisks = {0, 1};
-const _k4t_fs_date_time_ kStart = {26, 3, 14, 1, 0, 0, 0};
+// Recording starts two minutes before midnight: the first day's recordings
+// are the oldest, and passes over them work from the planner's cached list,
+// which a victim on the day being recorded empties.
+const _k4t_fs_date_time_ kStart = {26, 3, 14, 23, 58, 0, 0};
+const _k4t_fs_date_time_ kNextDay = {26, 3, 15, 0, 0, 0, 0};
 const uint8_t kStreamTypes[] = {0, 0, 0, 1, 0, 2, 0, 1};  // by channel, all big streams
 
 void usage()
@@ -84,11 +94,14 @@ void usage()
             "  --iframe-kib K     I-frame payload (256); --pframe-kib K  P-frame payload (48)\n"
             "  --pass-ms T        interval of the big-stream pass (200)\n"
             "  --reserve-mib, --used-mib, --start-mib, --once-mib\n"
-            "                     the group's thresholds (96, 160, 384, 192)\n"
-            "  --segment-s A-B    segment length in stream seconds (30-90)\n"
+            "                     the group's thresholds (128, 256, 768, 192)\n"
+            "  --segment-s A-B    segment length in stream seconds (20-90)\n"
+            "  --long-segment-s A-B, --long-share P\n"
+            "                     length of long segments (150-400) and their share (25%%)\n"
             "  --lock-share P     per cent of the capacity locks may hold (12)\n"
             "  --seed S           random choices (1)\n"
-            "  --log PATH         where the library's output goes (/dev/null)\n");
+            "  --log PATH         where the library's output goes (/dev/null)\n"
+            "  --debug-level N    the library's log level (0)\n");
 }
 
 bool parse(int argc, char** argv, Options& o)
@@ -127,12 +140,19 @@ bool parse(int argc, char** argv, Options& o)
         else if (a == "--segment-s") {
             if (sscanf(v, "%u-%u", &o.segment_min_s, &o.segment_max_s) != 2)
                 o.segment_min_s = 0;
-        } else if (a == "--lock-share")
+        } else if (a == "--long-segment-s") {
+            if (sscanf(v, "%u-%u", &o.long_min_s, &o.long_max_s) != 2)
+                o.long_min_s = 0;
+        } else if (a == "--long-share")
+            o.long_share_pct = unsigned(atoi(v));
+        else if (a == "--lock-share")
             o.lock_share_pct = unsigned(atoi(v));
         else if (a == "--seed")
             o.seed = unsigned(atoi(v));
         else if (a == "--log")
             o.log = v;
+        else if (a == "--debug-level")
+            o.debug_level = unsigned(atoi(v));
         else {
             fprintf(stderr, "qzfs_soak: unknown option %s (see --help)\n", a.c_str());
             return false;
@@ -140,7 +160,8 @@ bool parse(int argc, char** argv, Options& o)
     }
     if (!(o.fill > 0) || o.channels < 1 || o.channels > 32 || o.iframe_kib < 1 ||
         o.pframe_kib < 1 || o.pass_ms < 1 || o.segment_min_s < 2 ||
-        o.segment_max_s < o.segment_min_s || o.disk_mib < 2200) {
+        o.segment_max_s < o.segment_min_s || o.long_min_s < 2 || o.long_max_s < o.long_min_s ||
+        o.long_share_pct > 100 || o.disk_mib < 2200) {
         fprintf(stderr, "qzfs_soak: bad option values (see --help)\n");
         return false;
     }
@@ -158,6 +179,7 @@ class Soak {
 public:
     explicit Soak(const Options& o) : o_(o) {}
     int run();
+    void fail(const std::string& what);
 
 private:
     // ---- shared state
@@ -183,7 +205,8 @@ private:
     std::atomic<uint64_t> written_{0}, frames_{0};
     std::atomic<unsigned> segments_created_{0}, work_disk_moves_{0};
     unsigned ticks_ = 0, big_passes_ = 0, deleting_passes_ = 0, small_passes_ = 0;
-    unsigned removed_ = 0, trimmed_ = 0, reader_holds_ = 0, max_eligible_ = 0;
+    unsigned removed_ = 0, trimmed_ = 0, live_trims_ = 0, max_eligible_ = 0;
+    unsigned oldest_held_ = 0, live_cut_passes_ = 0;
     uint64_t bytes_removed_known_ = 0;
     double pass_seconds_ = 0, longest_pass_ = 0;
     bool overwriting_ = false;  // a pass has taken something
@@ -192,11 +215,15 @@ private:
     unsigned locked_kept_ = 0;
     double record_seconds_ = 0;
 
-    void fail(const std::string& what);
     bool setup();
     void recorder(unsigned channel);
     void maintenance();
     void tick(std::mt19937& rng);
+    // One big-stream pass, judged; true when another is wanted at once.
+    bool big_pass(std::mt19937& rng, bool first);
+    uint64_t hold_for_pass(std::mt19937& rng, const GroupSnapshot& before,
+                           std::set<SegmentKey>& hold);
+    void small_pass();
     void lock_from_query(std::mt19937& rng);
     void unlock_one(std::mt19937& rng);
     void final_checks();
@@ -250,8 +277,8 @@ bool Soak::setup()
     capacity_ = s.spare(thresholds_.used);
     target_ = uint64_t(o_.fill * double(capacity_));
 
-    // The whole run stays on one day: the frame times must not pass
-    // midnight even on a recorder twice as fast as the average.
+    // The run stays within two days: the frame times must not pass the
+    // second midnight even on a recorder twice as fast as the average.
     FrameSourceConfig c;
     c.iframe_bytes = o_.iframe_kib * 1024;
     c.pframe_bytes = o_.pframe_kib * 1024;
@@ -260,8 +287,8 @@ bool Soak::setup()
                               double(c.fps) / double(c.gop);
     const double stream_seconds = double(target_) / per_second / o_.channels;
     const unsigned start_second = kStart.hour * 3600u + kStart.minute * 60u + kStart.second;
-    if (start_second + 2 * stream_seconds + o_.segment_max_s > 86000) {
-        fail("the run would record past midnight; ask for a smaller --fill or more channels");
+    if (start_second + 2 * stream_seconds + std::max(o_.segment_max_s, o_.long_max_s) > 2 * 86000) {
+        fail("the run would record past the next midnight; ask for a smaller --fill");
         return false;
     }
     fprintf(report,
@@ -303,6 +330,13 @@ void Soak::recorder(unsigned channel)
     };
 
     while (!stop_ && written_ < target_) {
+        if (source.next_second_of_day() >= 86400) {
+            // Midnight: the segment ends, the next day's frames begin.
+            if (fd != 0)
+                close_segment();
+            c.start = kNextDay;
+            source = FrameSource(c);
+        }
         if (fd == 0) {
             unsigned char hdd = 255;
             if (api_qzfs_find_work_hdd(kGroup, &hdd) != 0 || hdd == 255) {
@@ -310,7 +344,7 @@ void Soak::recorder(unsigned channel)
                 break;
             }
             const unsigned second = source.next_second_of_day();
-            _k4t_fs_date_time_ at = kStart;
+            _k4t_fs_date_time_ at = c.start;
             at.hour = uint8_t(second / 3600);
             at.minute = uint8_t(second / 60 % 60);
             at.second = uint8_t(second % 60);
@@ -328,7 +362,9 @@ void Soak::recorder(unsigned channel)
             if (!book_.add(seg, error))
                 fail(error);
             segments_created_++;
-            length_s = std::uniform_int_distribution<unsigned>(o_.segment_min_s, o_.segment_max_s)(rng);
+            length_s = rng() % 100 < o_.long_share_pct
+                           ? std::uniform_int_distribution<unsigned>(o_.long_min_s, o_.long_max_s)(rng)
+                           : std::uniform_int_distribution<unsigned>(o_.segment_min_s, o_.segment_max_s)(rng);
         }
         batch.clear();
         source.append_frame(batch);
@@ -377,7 +413,7 @@ void Soak::recorder(unsigned channel)
             const uint64_t budget = capacity_ / 100 * o_.lock_share_pct;
             std::string error;
             if (!book_.is_locked(seg->key) &&
-                book_.locked_bytes() + uint64_t(o_.segment_max_s) * seg->bytes / (seconds + 1) <= budget &&
+                book_.locked_bytes() + uint64_t(length_s) * seg->bytes / (seconds + 1) <= budget &&
                 !book_.lock(seg, 1 + rng() % 33, true, error))
                 fail(error);
             pass_mutex_.unlock();
@@ -405,37 +441,94 @@ void Soak::tick(std::mt19937& rng)
 {
     std::lock_guard<std::mutex> pass(pass_mutex_);
     ticks_++;
-    GroupSnapshot before, after, later;
+    // When a pass took something and the spare space is still short, the
+    // thread goes on at once, a few times at most, as an application that
+    // wants its space back does.
+    for (unsigned round = 0; round < 4 && !stop_; round++)
+        if (!big_pass(rng, round == 0))
+            break;
+    if (ticks_ % o_.small_pass_every == 0 && !stop_)
+        small_pass();
+    if (stop_)
+        return;
+    if (rng() % 3 == 0)
+        lock_from_query(rng);
+    if (rng() % 6 == 0)
+        unlock_one(rng);
+}
+
+// Segments held open for reading across a pass, which it must pass over.
+class Readers {
+public:
+    explicit Readers(Soak& soak) : soak_(soak) {}
+    ~Readers() { close(); }
+    bool open(const SegmentKey& key)
+    {
+        _k4t_stream_segment_id_ id = id_of(key);
+        const int fd = api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0);
+        if (fd <= 0)
+            return false;
+        fds_.push_back(fd);
+        return true;
+    }
+    void close()
+    {
+        for (int fd : fds_)
+            if (api_qzfs_close_stream_segment(fd) != 0)
+                soak_.fail("closing a reader failed");
+        fds_.clear();
+    }
+
+private:
+    Soak& soak_;
+    std::vector<int> fds_;
+};
+
+bool Soak::big_pass(std::mt19937& rng, bool first)
+{
+    GroupSnapshot before, after;
     std::string error;
     const uint64_t written_before = written_;
-    if (!take_snapshot(kDisks, before, error))
-        return fail(error);
-
-    // Now and then the oldest closed candidate is held open for reading
-    // across the pass: the pass must leave it and take the next one.
+    if (!take_snapshot(kDisks, before, error)) {
+        fail(error);
+        return false;
+    }
     PassWindow w;
-    int reader = 0;
-    if (rng() % 4 == 0) {
-        const SegmentKey* oldest = nullptr;
-        for (const auto& s : before.segments)
-            if (eligible(s.first, s.second, w.open_for_reading) && !s.second.recording() &&
-                (oldest == nullptr || s.second.owner_stamp < before.segments.at(*oldest).owner_stamp))
-                oldest = &s.first;
-        if (oldest != nullptr) {
-            _k4t_stream_segment_id_ id = id_of(*oldest);
-            reader = api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0);
-            if (reader <= 0)
-                return fail("opening " + describe(*oldest) + " for reading failed");
-            w.open_for_reading.insert(*oldest);
-            reader_holds_++;
+    w.thresholds = thresholds_;
+    const bool due = before.spare(thresholds_.used) < thresholds_.start;
+    const uint64_t live_once = first && due ? hold_for_pass(rng, before, w.open_for_reading) : 0;
+    Readers readers(*this);
+    for (const SegmentKey& key : w.open_for_reading)
+        if (!readers.open(key)) {
+            fail("opening " + describe(key) + " for reading failed");
+            return false;
         }
+    if (live_once != 0) {
+        // once_delete_size lowered for this pass to what the live
+        // recording can give.
+        _qzfs_k4t_hdd_overwrite_config_ config = {thresholds_.reserve, thresholds_.used,
+                                                  thresholds_.start, live_once};
+        if (api_qzfs_config_overwrite(kGroup, &config) != 0) {
+            fail("lowering once_delete_size was refused");
+            return false;
+        }
+        w.thresholds.once = live_once;
     }
 
     const auto started = std::chrono::steady_clock::now();
     w.result = api_qzfs_disk_overwrite_big_stream(kGroup);
     const double took = seconds_since(started);
-    if (!take_snapshot(kDisks, after, error))
-        return fail(error);
+    if (live_once != 0) {
+        _qzfs_k4t_hdd_overwrite_config_ config = {thresholds_.reserve, thresholds_.used,
+                                                  thresholds_.start, thresholds_.once};
+        if (api_qzfs_config_overwrite(kGroup, &config) != 0)
+            fail("restoring once_delete_size was refused");
+    }
+    if (!take_snapshot(kDisks, after, error)) {
+        fail(error);
+        return false;
+    }
+    readers.close();
     big_passes_++;
     pass_seconds_ += took;
     longest_pass_ = std::max(longest_pass_, took);
@@ -444,7 +537,6 @@ void Soak::tick(std::mt19937& rng)
     w.written_during = written_ - written_before;
     w.recorders = o_.channels;
     w.block_size = block_size_;
-    w.thresholds = thresholds_;
     const PassVerdict v = judge_big_pass(w);
     for (const std::string& f : v.failures)
         fail("big pass " + std::to_string(big_passes_) + ": " + f);
@@ -455,35 +547,83 @@ void Soak::tick(std::mt19937& rng)
     }
     removed_ += unsigned(v.removed.size());
     trimmed_ += unsigned(v.trimmed.size());
+    for (const SegmentKey& k : v.trimmed)
+        if (before.segments.at(k).recording())
+            live_trims_++;
     bytes_removed_known_ += v.bytes_known;
     min_free_ = std::min(min_free_, std::min(before.total_free(), after.total_free()));
     if (overwriting_) {
         min_spare_ = std::min(min_spare_, after.spare(thresholds_.used));
         max_spare_ = std::max(max_spare_, after.spare(thresholds_.used));
     }
+    return v.failures.empty() && v.touched() &&
+           after.spare(thresholds_.used) < thresholds_.start;
+}
 
-    // The small-stream pass: the group holds big streams alone, so it must
-    // take nothing.
-    if (ticks_ % o_.small_pass_every == 0) {
-        PassWindow idle = w;
-        const auto small_started = std::chrono::steady_clock::now();
-        idle.result = api_qzfs_disk_overwrite_small_stream(kGroup, 7);
-        pass_seconds_ += seconds_since(small_started);
-        small_passes_++;
-        if (!take_snapshot(kDisks, later, error))
-            return fail(error);
-        idle.before = &after;
-        idle.after = &later;
-        for (const std::string& f : judge_idle_pass(idle).failures)
-            fail("small pass " + std::to_string(small_passes_) + ": " + f);
+// Chooses what to hold open for reading across a pass that is due to take
+// something: now and then the oldest closed candidate; more rarely every
+// candidate older than a long recording in progress, so that the pass must
+// cut the front of that live recording. For the latter it returns the
+// once_delete_size to use, which the live recording can give; else 0.
+uint64_t Soak::hold_for_pass(std::mt19937& rng, const GroupSnapshot& before,
+                             std::set<SegmentKey>& hold)
+{
+    const unsigned draw = rng() % 20;
+    if (draw < 5) {
+        const SegmentKey* oldest = nullptr;
+        for (const auto& s : before.segments)
+            if (eligible(s.first, s.second, {}) && !s.second.recording() &&
+                (oldest == nullptr || s.second.owner_stamp < before.segments.at(*oldest).owner_stamp))
+                oldest = &s.first;
+        if (oldest != nullptr) {
+            hold.insert(*oldest);
+            oldest_held_++;
+        }
+        return 0;
     }
-    if (reader > 0 && api_qzfs_close_stream_segment(reader) != 0)
-        return fail("closing the reader failed");
+    if (draw >= 7)
+        return 0;
+    // The margin: what the index may not hold yet of the recording's end,
+    // and the block of its first I-frame.
+    const uint64_t margin = 4 * block_size_;
+    const SegmentKey* live = nullptr;
+    for (const auto& s : before.segments)
+        if (eligible(s.first, s.second, {}) && s.second.recording() &&
+            s.second.live_len >= 16 * MiB + 2 * margin &&
+            (live == nullptr || s.second.owner_stamp < before.segments.at(*live).owner_stamp))
+            live = &s.first;
+    if (live == nullptr)
+        return 0;
+    const SegmentState& l = before.segments.at(*live);
+    for (const auto& s : before.segments)
+        if (eligible(s.first, s.second, {}) && s.second.owner_stamp < l.owner_stamp &&
+            hold.size() < 200)
+            hold.insert(s.first);
+    live_cut_passes_++;
+    return std::min(thresholds_.once, l.live_len - 2 * margin);
+}
 
-    if (rng() % 6 == 0)
-        lock_from_query(rng);
-    if (rng() % 12 == 0)
-        unlock_one(rng);
+// The small-stream pass: the group holds big streams alone, so it must
+// take nothing.
+void Soak::small_pass()
+{
+    GroupSnapshot before, after;
+    std::string error;
+    if (!take_snapshot(kDisks, before, error))
+        return fail(error);
+    PassWindow w;
+    w.thresholds = thresholds_;
+    w.block_size = block_size_;
+    const auto started = std::chrono::steady_clock::now();
+    w.result = api_qzfs_disk_overwrite_small_stream(kGroup, 7);
+    pass_seconds_ += seconds_since(started);
+    small_passes_++;
+    if (!take_snapshot(kDisks, after, error))
+        return fail(error);
+    w.before = &before;
+    w.after = &after;
+    for (const std::string& f : judge_idle_pass(w).failures)
+        fail("small pass " + std::to_string(small_passes_) + ": " + f);
 }
 
 // Finds segments as an application does, by a query of the day, and locks
@@ -496,9 +636,10 @@ void Soak::lock_from_query(std::mt19937& rng)
     memset(&q, 0, sizeof(q));
     q.group_bitmap = 1u << kGroup;
     q.channel_bitmap = o_.channels >= 32 ? 0xFFFFFFFFu : (1u << o_.channels) - 1;
-    q.year = kStart.year;
-    q.month = kStart.month;
-    q.day = kStart.day;
+    const _k4t_fs_date_time_& day = rng() % 2 == 0 ? kStart : kNextDay;
+    q.year = day.year;
+    q.month = day.month;
+    q.day = day.day;
     q.end_hour = 23;
     q.end_minute = 59;
     q.end_second = 59;
@@ -629,9 +770,12 @@ void Soak::print_figures(double wall)
     fprintf(report, "soak: %u big passes (%u took something), %u small passes; time in passes "
                     "%.2f s, longest %.1f ms\n",
             big_passes_, deleting_passes_, small_passes_, pass_seconds_, longest_pass_ * 1e3);
-    fprintf(report, "soak: segments removed %u, trimmed %u, %.2f GiB of closed segments taken; "
-                    "up to %u candidates; %u passes with the oldest held open for reading\n",
-            removed_, trimmed_, gib(bytes_removed_known_), max_eligible_, reader_holds_);
+    fprintf(report, "soak: segments removed %u, trimmed %u (%u while recorded), %.2f GiB of closed "
+                    "segments taken; up to %u candidates\n",
+            removed_, trimmed_, live_trims_, gib(bytes_removed_known_), max_eligible_);
+    fprintf(report, "soak: passes with the oldest candidate open for reading %u; passes with every "
+                    "candidate older than a live recording open %u\n",
+            oldest_held_, live_cut_passes_);
     fprintf(report, "soak: %u recorders moved to a new work disk; group free at least %.0f MiB; "
                     "spare after passes %.0f to %.0f MiB once overwriting\n",
             unsigned(work_disk_moves_), double(min_free_) / MiB,
@@ -706,7 +850,7 @@ int main(int argc, char** argv)
         fprintf(report, "FAIL: api_qzfs_init failed\n");
         return 1;
     }
-    api_qzfs_set_debug_level(0);
+    api_qzfs_set_debug_level(o.debug_level);
     int status = 1;
     {
         Soak soak(o);
