@@ -69,7 +69,7 @@ struct Options {
     unsigned segment_min_s = 20, segment_max_s = 90;
     unsigned long_min_s = 150, long_max_s = 400, long_share_pct = 25;
     unsigned work_check_s = 2;        // how often a recorder asks for the work disk
-    unsigned lock_share_pct = 12;     // of the recording capacity, at most held by locks
+    unsigned lock_share_pct = 12;     // of the group's free space, at most held by locks
     unsigned seed = 1;
     std::string log = "/dev/null";    // the library's standard output
     unsigned debug_level = 0;         // the library's log level
@@ -88,7 +88,7 @@ void usage()
 {
     fprintf(report,
             "usage: qzfs_soak [options]\n"
-            "  --fill F           record F times the group's recording capacity (1.5)\n"
+            "  --fill F           record F times the group's free space after format (1.5)\n"
             "  --disk-mib M       size of each of the two images (2560)\n"
             "  --channels N       recording channels, 1 to 32 (8)\n"
             "  --iframe-kib K     I-frame payload (256); --pframe-kib K  P-frame payload (48)\n"
@@ -98,7 +98,7 @@ void usage()
             "  --segment-s A-B    segment length in stream seconds (20-90)\n"
             "  --long-segment-s A-B, --long-share P\n"
             "                     length of long segments (150-400) and their share (25%%)\n"
-            "  --lock-share P     per cent of the capacity locks may hold (12)\n"
+            "  --lock-share P     per cent of that space locks may hold (12)\n"
             "  --seed S           random choices (1)\n"
             "  --log PATH         where the library's output goes (/dev/null)\n"
             "  --debug-level N    the library's log level (0)\n");
@@ -188,7 +188,7 @@ private:
     std::vector<std::string> images_;
     Thresholds thresholds_;
     uint64_t block_size_ = 0;
-    uint64_t capacity_ = 0;  // recording capacity: free space above used_for_recording
+    uint64_t capacity_ = 0;  // the group's free space after format
     uint64_t target_ = 0;    // bytes to record
 
     std::atomic<bool> stop_{false};
@@ -274,7 +274,7 @@ bool Soak::setup()
         return false;
     }
     block_size_ = gQzfsManager.get_file_system(0)->manage().block_size;
-    capacity_ = s.spare(thresholds_.used);
+    capacity_ = s.total_free();
     target_ = uint64_t(o_.fill * double(capacity_));
 
     // The run stays within two days: the frame times must not pass the
@@ -293,7 +293,7 @@ bool Soak::setup()
     }
     fprintf(report,
             "soak: %u channels, %.1f Mbit/s each, group of %zu disks of %llu MiB "
-            "(block %llu MiB), recording capacity %.2f GiB, recording %.2f GiB (%.1fx)\n",
+            "(block %llu MiB), %.2f GiB free, recording %.2f GiB (%.1fx)\n",
             o_.channels, per_second * 8 / 1e6, kDisks.size(), o_.disk_mib,
             (unsigned long long)(block_size_ / MiB), gib(capacity_), gib(target_), o_.fill);
     fprintf(report,
@@ -762,7 +762,7 @@ void Soak::remount_checks()
 
 void Soak::print_figures(double wall)
 {
-    fprintf(report, "soak: recorded %.2f GiB (%.2fx the recording capacity), %llu frames, "
+    fprintf(report, "soak: recorded %.2f GiB (%.2fx the group's free space), %llu frames, "
                     "%u segments, in %.1f s: %.1f MB/s\n",
             gib(written_), double(written_) / double(capacity_), (unsigned long long)frames_,
             unsigned(segments_created_), record_seconds_,
