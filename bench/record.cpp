@@ -32,26 +32,51 @@
 //   CPU s/GiB  user + system CPU time of the process (getrusage) per GiB
 //              written, from the same best run
 //
+// Recording into a full group. A second table compares 16 channels (by
+// default) recording into a group that overwrite keeps full with the same
+// channels recording into a fresh group, in the same run:
+//   fresh    two images of 4 GiB are formatted, mounted and joined
+//            to one group with overwrite thresholds; the channels record
+//            --overwrite-mib in all, while a maintenance thread calls the
+//            big-stream pass every 200 ms (it finds enough space and takes
+//            nothing);
+//   full     the same, on a group that was first recorded full and then some
+//            (untimed), so that the passes delete the oldest recordings all
+//            along the timed part.
+// As a recorder does, each channel asks for the work disk every two stream
+// seconds and starts a new segment there when it has moved; both sides do
+// the same. Figures: MB/s of each side, their ratio (full / fresh, the
+// target is 0.9 or more), the passes run during the timed part of the full
+// side and the bytes they gave back. Each image is written whole before its
+// format, so that neither side pays for filling the holes of a sparse file;
+// that, the filling of the full side and the format stay outside the clock.
+//
 // Running it: scripts/bench builds a Release tree in build/bench and runs it;
 // or by hand
 //   build/bench/bench/record [--total-mib M] [--repeats R] [--channels 1,4,16,64]
-//                            [--dir DIR] [--verbose]
+//                            [--overwrite-mib M] [--overwrite-channels N]
+//                            [--overwrite-only] [--dir DIR] [--verbose]
+// --overwrite-mib 0 leaves the second table out, --overwrite-only the first.
 // Images go to --dir, else $TMPDIR, else /tmp, and are removed afterwards.
 // The library's own lines on standard output are dropped unless --verbose.
 // The run takes one to three minutes on a two-core machine with the default
 // 1 GiB; the figures depend heavily on the page cache and the disk behind it.
 #include "bench_support.h"
 #include "frame_source.h"
+#include "qzfilesystem.h"
 #include "qzfilesystem_api.h"
+#include "qzfs_manager.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <mutex>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -101,12 +126,13 @@ struct Channel {
     uint32_t length(uint64_t n) const { return frame_len[n % frame_len.size()]; }
 };
 
-Channel make_channel(uint8_t id, unsigned long long want_bytes)
+Channel make_channel(uint8_t id, unsigned long long want_bytes,
+                     const _k4t_fs_date_time_& start = kStart)
 {
     FrameSourceConfig config;
     config.channel = id;
     config.fps = kFps;
-    config.start = kStart;
+    config.start = start;
     FrameSource source(config);
     Channel ch;
     ch.id = id;
@@ -128,7 +154,7 @@ Channel make_channel(uint8_t id, unsigned long long want_bytes)
         ch.bytes += ch.length(n);
         if (n % config.gop != 0)
             continue;
-        const unsigned at = kStart.hour * 3600u + kStart.minute * 60u + kStart.second +
+        const unsigned at = start.hour * 3600u + start.minute * 60u + start.second +
                             unsigned(n / kFps);
         if (at >= 86400)
             die("the run would pass midnight; ask for less data");
@@ -306,6 +332,322 @@ struct Best {
     bool have_raw = false, have_lib = false;
 };
 
+// ---- recording into a full group
+
+const unsigned char kGroup = 1;
+const unsigned long long kGroupImageSize = 4096 * MiB;
+const _k4t_fs_date_time_ kFillStart = {26, 11, 21, 1, 0, 0, 0};
+const _k4t_fs_date_time_ kTimedStart = {26, 11, 21, 12, 0, 0, 0};
+// Thresholds with room for recording far faster than real time: several
+// hundred MB may go to the disks between two passes.
+const _qzfs_k4t_hdd_overwrite_config_ kThresholds = {128 * MiB, 256 * MiB, 768 * MiB, 192 * MiB};
+const unsigned kPassMs = 200;
+
+// Two images formatted and mounted as disks 0 and 1, in one group with
+// the thresholds above. The images are made once and formatted anew for
+// every run.
+class TwoDiskGroup {
+public:
+    explicit TwoDiskGroup(const std::string& base) : paths_{base + "-0.img", base + "-1.img"}
+    {
+        for (const std::string& path : paths_) {
+            make_sparse(path, kGroupImageSize);
+            back_every_block(path);
+        }
+    }
+    ~TwoDiskGroup() { remove_images(); }
+
+    void open()
+    {
+        for (const std::string& path : paths_) {
+            std::string dev = path;
+            // The format goes through disk 0: all formats come before the mounts.
+            if (api_qzfs_fast_format(0, &dev[0]) != 0)
+                fail("format failed", path);
+        }
+        for (unsigned char hdd = 0; hdd < 2; hdd++) {
+            std::string dev = paths_[hdd];
+            if (api_qzfs_mount(hdd, &dev[0]) != 0 || api_qzfs_add_disk_to_group(hdd, kGroup) != 0)
+                fail("cannot mount the image into the group", dev);
+        }
+        _qzfs_k4t_hdd_overwrite_config_ config = kThresholds;
+        if (api_qzfs_config_overwrite(kGroup, &config) != 0)
+            fail("the thresholds were refused");
+    }
+    void close()
+    {
+        for (unsigned char hdd = 0; hdd < 2; hdd++)
+            if (api_qzfs_delete_disk_from_group(hdd, kGroup) != 0 || api_qzfs_umount(hdd) != 0)
+                fail("cannot unmount the group's disks");
+    }
+    // Free bytes of each disk, read under its disk lock.
+    std::vector<uint64_t> free_bytes() const
+    {
+        std::vector<uint64_t> out;
+        for (unsigned char hdd = 0; hdd < 2; hdd++) {
+            CQzFileSystem* fs = gQzfsManager.get_file_system(hdd);
+            if (fs == nullptr)
+                fail("a disk of the group is gone");
+            DiskLockGuard lock(*fs);
+            out.push_back(uint64_t(fs->manage().free_block) * fs->manage().block_size);
+        }
+        return out;
+    }
+    uint64_t total_free() const
+    {
+        uint64_t sum = 0;
+        for (uint64_t f : free_bytes())
+            sum += f;
+        return sum;
+    }
+    // What the big-stream pass compares with start_delete_free_size.
+    uint64_t spare() const
+    {
+        uint64_t sum = 0;
+        for (uint64_t f : free_bytes())
+            if (f > kThresholds.used_for_recording_free_size)
+                sum += f - kThresholds.used_for_recording_free_size;
+        return sum;
+    }
+    [[noreturn]] void fail(const char* what, const std::string& detail = "") const
+    {
+        remove_images();
+        die(what, detail);
+    }
+
+private:
+    // Writes the whole image once, as a disk whose every block exists: the
+    // fresh side would otherwise pay for the file system filling the holes
+    // of a sparse file, which the full side has already paid for.
+    void back_every_block(const std::string& path) const
+    {
+        const int fd = ::open(path.c_str(), O_RDWR);
+        std::vector<uint8_t> zeros(4 * MiB, 0);
+        for (uint64_t at = 0; fd >= 0 && at < kGroupImageSize; at += zeros.size())
+            if (pwrite(fd, zeros.data(), zeros.size(), off_t(at)) != ssize_t(zeros.size()))
+                fail("cannot write the image", path + ": " + strerror(errno));
+        if (fd < 0)
+            fail("cannot open the image", path + ": " + strerror(errno));
+        ::close(fd);
+    }
+    void remove_images() const
+    {
+        for (const std::string& path : paths_)
+            unlink(path.c_str());
+    }
+    std::vector<std::string> paths_;
+};
+
+// The application's maintenance thread: the big-stream pass every 200 ms,
+// and at once again, a few times at most, while the spare space is short.
+class PassRunner {
+public:
+    explicit PassRunner(const TwoDiskGroup& group) : group_(group), thread_([this] { run(); }) {}
+    ~PassRunner() { stop(); }
+    void stop()
+    {
+        {
+            std::lock_guard<std::mutex> g(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        if (thread_.joinable())
+            thread_.join();
+    }
+    // Passes run and their time since the last call.
+    void take_counts(unsigned& passes, double& seconds)
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        passes = passes_;
+        seconds = seconds_;
+        passes_ = 0;
+        seconds_ = 0;
+    }
+
+private:
+    void run()
+    {
+        std::unique_lock<std::mutex> g(mutex_);
+        while (!wake_.wait_for(g, std::chrono::milliseconds(kPassMs), [this] { return stopping_; })) {
+            g.unlock();
+            unsigned passes = 0;
+            double seconds = 0;
+            for (unsigned round = 0; round < 4; round++) {
+                const auto start = std::chrono::steady_clock::now();
+                api_qzfs_disk_overwrite_big_stream(kGroup);
+                seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start)
+                               .count();
+                passes++;
+                if (group_.spare() >= kThresholds.start_delete_free_size)
+                    break;
+            }
+            g.lock();
+            passes_ += passes;
+            seconds_ += seconds;
+        }
+    }
+
+    const TwoDiskGroup& group_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    unsigned passes_ = 0;
+    double seconds_ = 0;
+    std::thread thread_;
+};
+
+// Records every channel into the group from a thread of its own, one frame
+// a call, asking for the work disk every two stream seconds and starting a
+// new segment there when it has moved. False when a call failed.
+bool record_into_group(const std::vector<Channel>& channels, const _k4t_fs_date_time_& day,
+                       Measure& measure)
+{
+    std::atomic<bool> failed(false);
+    Stopwatch watch;
+    on_threads(channels.size(), [&](size_t t) {
+        const Channel& ch = channels[t];
+        int fd = 0;
+        unsigned char disk = 255;
+        size_t next_iframe = 0;
+        for (uint64_t n = 0; n < ch.frames && !failed; n++) {
+            _k4t_video_frame_info_ info;
+            int frames = 0;
+            if (n % kFps == 0) {
+                info = ch.iframes[next_iframe++];
+                frames = 1;
+                if (fd == 0 || (n / kFps) % 2 == 0) {
+                    unsigned char hdd = 255;
+                    if (api_qzfs_find_work_hdd(kGroup, &hdd) != 0) {
+                        failed = true;
+                        break;
+                    }
+                    if (fd != 0 && hdd != disk) {
+                        if (api_qzfs_close_stream_segment(fd) != 0)
+                            failed = true;
+                        fd = 0;
+                    }
+                    if (fd == 0) {
+                        _k4t_fs_date_time_ at = day;
+                        at.hour = info.hour;
+                        at.minute = info.minute;
+                        at.second = info.second;
+                        _qzfs_k4t_create_ss_para_ para = recording_request(ch.id, 0, at, kGroup);
+                        fd = api_qzfs_create_stream_segment(&para);
+                        _k4t_stream_segment_id_ id;
+                        if (fd <= 0 || api_qzfs_get_fd_info(fd, &id) != 0) {
+                            fd = 0;
+                            failed = true;
+                            break;
+                        }
+                        disk = id.hdd_id;
+                    }
+                }
+            }
+            const uint32_t len = ch.length(n);
+            if (api_qzfs_write_video_data(fd, const_cast<uint8_t*>(ch.frame(n)), int(len), frames,
+                                          frames != 0 ? &info : nullptr) != int(len))
+                failed = true;
+        }
+        if (fd != 0 && (api_qzfs_fsync(fd) != 0 || api_qzfs_close_stream_segment(fd) != 0))
+            failed = true;
+    });
+    measure = watch.stop();
+    return !failed;
+}
+
+struct GroupRun {
+    Measure m;
+    uint64_t bytes = 0;      // written in the timed part
+    unsigned passes = 0;     // during the timed part
+    double pass_seconds = 0;
+    uint64_t given_back = 0;  // bytes the passes freed during the timed part, about
+};
+
+// One side: the group formatted afresh, and recorded full first when `full`.
+GroupRun run_group(TwoDiskGroup& group, unsigned count, unsigned long long timed_bytes, bool full)
+{
+    group.open();
+    PassRunner passes(group);
+    if (full) {
+        // Everything the group holds and a quarter more: the passes are
+        // deleting by the end of it.
+        const uint64_t fill = group.total_free() + group.total_free() / 4;
+        std::vector<Channel> filling;
+        for (unsigned c = 0; c < count; c++)
+            filling.push_back(make_channel(uint8_t(c), fill / count, kFillStart));
+        Measure untimed;
+        if (!record_into_group(filling, kFillStart, untimed))
+            group.fail("recording the group full failed (run with --verbose to see the log)");
+        if (group.spare() >= kThresholds.start_delete_free_size + kThresholds.once_delete_size)
+            group.fail("the group is not full after the filling");
+    }
+    std::vector<Channel> timed;
+    for (unsigned c = 0; c < count; c++)
+        timed.push_back(make_channel(uint8_t(c), timed_bytes / count, kTimedStart));
+    uint64_t bytes = 0;
+    for (const Channel& ch : timed)
+        bytes += ch.bytes;
+    // The fresh side must record it all without a pass taking anything.
+    if (!full && bytes + 2 * kThresholds.used_for_recording_free_size +
+                         kThresholds.start_delete_free_size + 16 * 4 * MiB >
+                     group.total_free())
+        group.fail("--overwrite-mib is too much for a fresh group to hold");
+    GroupRun run;
+    passes.take_counts(run.passes, run.pass_seconds);
+    const uint64_t free_before = group.total_free();
+    if (!record_into_group(timed, kTimedStart, run.m))
+        group.fail(full ? "recording into the full group failed (run with --verbose to see the log)"
+                        : "recording into the fresh group failed (run with --verbose to see the log)");
+    passes.stop();
+    passes.take_counts(run.passes, run.pass_seconds);
+    const uint64_t free_after = group.total_free();
+    // Free space fell by what was written less what the passes gave back.
+    run.given_back = free_after + bytes > free_before ? free_after + bytes - free_before : 0;
+    run.bytes = bytes;
+    group.close();
+    return run;
+}
+
+void overwrite_table(const std::string& dir, unsigned count, unsigned long long mib,
+                     unsigned repeats, bool verbose)
+{
+    const std::string base = dir + "/qzfs-bench-" + std::to_string(getpid()) + "-group";
+    fprintf(report,
+            "\nrecording into a full group with the passes running, beside a fresh group: "
+            "%u channels, %llu MiB a run, best of %u, two %llu MiB images %s-{0,1}.img\n",
+            count, mib, repeats, kGroupImageSize / MiB, base.c_str());
+    TwoDiskGroup group(base);
+    GroupRun best[2];
+    bool have[2] = {false, false};
+    for (unsigned r = 0; r < repeats; r++) {
+        for (int side = 0; side < 2; side++) {
+            const bool full = (side == 0) == (r % 2 == 1);
+            GroupRun run = run_group(group, count, mib * MiB, full);
+            if (verbose)
+                fprintf(report,
+                        "  %s group, run %u: %.3f s wall, %.3f s CPU, %u passes taking %.3f s, "
+                        "%.2f GiB given back, %lu fsyncs taking %.3f s\n",
+                        full ? "full" : "fresh", r + 1, run.m.wall, run.m.cpu, run.passes,
+                        run.pass_seconds, double(run.given_back) / double(1ULL << 30),
+                        run.m.fsyncs, run.m.fsync_seconds);
+            if (!have[full] || run.m.wall < best[full].m.wall)
+                best[full] = run;
+            have[full] = true;
+        }
+    }
+    fprintf(report, "%8s %10s %8s %10s %14s\n", "group", "MB/s", "passes", "pass s",
+            "GiB given back");
+    for (int full = 0; full < 2; full++) {
+        const GroupRun& b = best[full];
+        fprintf(report, "%8s %10.1f %8u %10.3f %14.2f\n", full ? "full" : "fresh",
+                double(b.bytes) / b.m.wall / 1e6, b.passes, b.pass_seconds,
+                double(b.given_back) / double(1ULL << 30));
+    }
+    const double ratio = (double(best[1].bytes) / best[1].m.wall) /
+                         (double(best[0].bytes) / best[0].m.wall);
+    fprintf(report, "ratio full / fresh: %.2f (target 0.90 or more)\n", ratio);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -317,6 +659,9 @@ int main(int argc, char** argv)
     const char* tmp = getenv("TMPDIR");
     std::string dir = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
     bool verbose = false;
+    unsigned long long overwrite_mib = 4096;
+    unsigned overwrite_channels = 16;
+    bool overwrite_only = false;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         const bool has_value = i + 1 < argc;
@@ -328,10 +673,17 @@ int main(int argc, char** argv)
             counts = parse_list(argv[++i], 200);
         else if (a == "--dir" && has_value)
             dir = argv[++i];
+        else if (a == "--overwrite-mib" && has_value)
+            overwrite_mib = strtoull(argv[++i], nullptr, 10);
+        else if (a == "--overwrite-channels" && has_value)
+            overwrite_channels = unsigned(strtoul(argv[++i], nullptr, 10));
+        else if (a == "--overwrite-only")
+            overwrite_only = true;
         else if (a == "--verbose")
             verbose = true;
         else if (a == "--help" || a == "-h") {
             printf("usage: record [--total-mib M] [--repeats R] [--channels 1,4,16,64] "
+                   "[--overwrite-mib M] [--overwrite-channels N] [--overwrite-only] "
                    "[--dir DIR] [--verbose]\n");
             return 0;
         } else
@@ -339,8 +691,17 @@ int main(int argc, char** argv)
     }
     if (total_mib == 0 || total_mib > 2048 || repeats == 0)
         die("--total-mib takes 1 to 2048 and --repeats at least 1");
+    if (overwrite_mib > 8192 || overwrite_channels == 0 || overwrite_channels > 64)
+        die("--overwrite-mib takes 0 to 8192 and --overwrite-channels 1 to 64");
 
     start_library(verbose);
+    if (overwrite_only) {
+        if (overwrite_mib == 0)
+            die("--overwrite-only with --overwrite-mib 0 leaves nothing to measure");
+        overwrite_table(dir, overwrite_channels, overwrite_mib, repeats, verbose);
+        api_qzfs_uinit();
+        return 0;
+    }
 
     const std::string image = dir + "/qzfs-bench-" + std::to_string(getpid()) + ".img";
     fprintf(report, "recording benchmark: %llu MiB per configuration, best of %u, image %s\n",
@@ -379,6 +740,8 @@ int main(int argc, char** argv)
         fprintf(report, "%8u %10.1f %10.1f %7.2f %14.2f %14.2f\n", count, raw_mbs, lib_mbs,
                 lib_mbs / raw_mbs, best.raw.cpu / gib, best.lib.cpu / gib);
     }
+    if (overwrite_mib > 0)
+        overwrite_table(dir, overwrite_channels, overwrite_mib, repeats, verbose);
     api_qzfs_uinit();
     return 0;
 }
