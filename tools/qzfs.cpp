@@ -1,7 +1,7 @@
 // qzfs: the host tool. Formats, mounts and examines disks or disk images
 // through the library, from a shell. This file holds the usage text, the
 // verb dispatch and the verbs on disks, indexes, export, delete and
-// browsing; recording has a file of its own.
+// browsing; recording and retention have files of their own.
 #include "disk_access.h"
 #include "h264_stream.h"
 #include "qzfs_cli.h"
@@ -59,6 +59,17 @@ const char* USAGE =
     "      no unmount), saying how many frames it had written, with exit\n"
     "      status 0; the next mount (info, ls, export) repairs the segments\n"
     "      left unfinished\n"
+    "  record IMAGE... --overwrite --channels N --seconds S [--bitrate B]\n"
+    "         [--start YYYY-MM-DDTHH:MM:SS] [--segment-seconds L] [--reserve SIZE]\n"
+    "      record past the capacity of the images, mounted as one group: each\n"
+    "      channel starts a new segment every L seconds (default 60) on the disk\n"
+    "      the group's choice names, while a maintenance thread runs the\n"
+    "      overwrite pass every few milliseconds; when free space runs low it\n"
+    "      removes the oldest unlocked recordings, cut at I-frames. Prints each\n"
+    "      pass that removed something (free space before and after, segments\n"
+    "      gone or trimmed) and a summary; SIZE is the group's reserve (default\n"
+    "      50 MiB, with several images at least one round of segments); passes\n"
+    "      start when a little over twice SIZE is left free\n"
     "  record IMAGE --h264 FILE --channel C --start YYYY-MM-DDTHH:MM:SS [--fps N]\n"
     "      record an H.264 Annex-B file as one new segment of channel C: a frame\n"
     "      per access unit, an I-frame per IDR picture, N frames a second\n"
@@ -74,6 +85,11 @@ const char* USAGE =
     "      S (refused when that reaches its end); --trim-bytes cuts N bytes or\n"
     "      a little more at an I-frame, as the overwrite planner does, and takes\n"
     "      the segment whole when less than a block would be left\n"
+    "  lock IMAGE... --id HDD:ROOT:SEG [--unlock | --number N]\n"
+    "      lock a segment against overwrite with lock number N (default 1: the\n"
+    "      lock type bit N-1), or with --unlock take its lock away; the images\n"
+    "      are mounted as one group, disks 0, 1, ... (refused for an unknown or\n"
+    "      deleted id)\n"
     "  ls IMAGE... [--channel C] [--date YYYY-MM-DD] [--type T]\n"
     "      list the segments of the images, mounted as one group, in order of\n"
     "      start time: id HDD:ROOT:SEG, channel, stream type, start, end, bytes,\n"
@@ -1093,6 +1109,8 @@ int main(int argc, char** argv)
         rc = verb_export(args);
     else if (verb == "delete")
         rc = verb_delete(args);
+    else if (verb == "lock")
+        rc = verb_lock(args);
     else if (verb == "ls")
         rc = verb_ls(args);
     else if (verb == "calendar")

@@ -52,7 +52,8 @@ bool parse_size(const std::string& text, unsigned long long& out)
 namespace {
 
 // Options that stand alone, without a value.
-const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock", "--raw", "--reverse"};
+const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock",     "--raw",
+                                    "--reverse", "--unlock",  "--overwrite"};
 
 bool is_flag(const std::string& word)
 {

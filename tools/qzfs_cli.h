@@ -1,8 +1,8 @@
 // The host tool's shared plumbing: its command-line words, its one-line
 // failures, dates and segment ids as a user types them, mounting images as
 // the disks of group 0, and the day queries over that group. The verbs live
-// in qzfs.cpp (disks, indexes, export, delete, browsing) and qzfs_record.cpp
-// (recording).
+// in qzfs.cpp (disks, indexes, export, delete, browsing), qzfs_record.cpp
+// (recording) and qzfs_retention.cpp (locks and recording with overwrite).
 #ifndef QZFS_TOOL_CLI_H
 #define QZFS_TOOL_CLI_H
 
@@ -90,6 +90,7 @@ bool query_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types,
 
 // Verbs defined outside qzfs.cpp.
 int verb_record(const Args& args);  // qzfs_record.cpp
+int verb_lock(const Args& args);    // qzfs_retention.cpp
 
 } // namespace qzfs_tool
 

@@ -1,5 +1,6 @@
 // The tool's recording verb: synthetic frames on many channels at once (with
-// a power cut on demand), or an H.264 clip as one segment.
+// a power cut on demand), or an H.264 clip as one segment. Recording past
+// the disks' capacity, with overwrite, is in qzfs_retention.cpp.
 #include "qzfs_record.h"
 
 #include "h264_stream.h"
@@ -91,11 +92,20 @@ int choose_disk_for_recording(const std::string& path)
 int parse_record_request(const Args& args, RecordRequest& request)
 {
     std::string error;
-    if (!only_options(args, {"--channels", "--seconds", "--bitrate", "--start", "--cut-after-writes"},
+    if (!only_options(args, {"--channels", "--seconds", "--bitrate", "--start", "--cut-after-writes",
+                             "--overwrite", "--segment-seconds", "--reserve"},
                       error))
         return fail("%s", error);
-    if (args.positional.size() != 1)
-        return fail("record takes one IMAGE");
+    request.overwrite = args.option("--overwrite") != nullptr;
+    if (!request.overwrite && args.positional.size() != 1)
+        return fail("record takes one IMAGE (several with --overwrite)");
+    if (request.overwrite && (args.positional.empty() || args.positional.size() > kMaxGroupImages))
+        return fail("record --overwrite takes 1 to %s images", std::to_string(kMaxGroupImages));
+    if (!request.overwrite &&
+        (args.option("--segment-seconds") != nullptr || args.option("--reserve") != nullptr))
+        return fail("--segment-seconds and --reserve go with --overwrite");
+    if (request.overwrite && args.option("--cut-after-writes") != nullptr)
+        return fail("--cut-after-writes does not go with --overwrite");
     if (args.option("--cut-after-writes") != nullptr &&
         (!number_option(args, "--cut-after-writes", 0xFFFFFFFEu, 0, request.cut_after_writes) ||
          request.cut_after_writes == 0))
@@ -109,6 +119,13 @@ int parse_record_request(const Args& args, RecordRequest& request)
     if (!number_option(args, "--bitrate", 50000000, 4000000, request.bitrate) ||
         request.bitrate < 64000)
         return fail("--bitrate takes 64000 to 50000000 bits a second");
+    if (request.overwrite &&
+        (!number_option(args, "--segment-seconds", 86400, 60, request.segment_seconds) ||
+         request.segment_seconds == 0))
+        return fail("--segment-seconds takes 1 to 86400");
+    const std::string* reserve = args.option("--reserve");
+    if (reserve != nullptr && (!parse_size(*reserve, request.reserve) || request.reserve < 0x3200000))
+        return fail("--reserve takes a size of 50M or more");
     _k4t_fs_date_time_& start = request.start;
     const std::string* start_text = args.option("--start");
     if (start_text != nullptr ? !parse_date_time(*start_text, start) : !local_now(start))
@@ -422,6 +439,8 @@ int verb_record(const Args& args)
     RecordRequest request;
     if (parse_record_request(args, request) != 0)
         return 1;
+    if (request.overwrite)
+        return record_with_overwrite(request, args.positional);
     const std::string& path = args.positional[0];
     arm_power_cut(request);
     if (mount_image(path) != 0)

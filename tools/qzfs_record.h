@@ -1,5 +1,6 @@
-// Synthetic recording: what a recording is asked for, one channel's frames
-// and segment, and the progress line of a long run.
+// Synthetic recording, as the record verb and recording with overwrite do
+// it: what a recording is asked for, one channel's frames and segment, and
+// the progress line of a long run.
 #ifndef QZFS_TOOL_RECORD_H
 #define QZFS_TOOL_RECORD_H
 
@@ -20,6 +21,12 @@ struct RecordRequest {
     _k4t_fs_date_time_ start = {};
     unsigned first = 0;             // second of the day of the start
     unsigned cut_after_writes = 0;  // the device write that cuts the power; 0 none
+    // Recording past the disks' capacity: overwrite passes make room, each
+    // channel starts a new segment every `segment_seconds`, and `reserve`
+    // (0: worked out from the rest) is the group's reserve for recording.
+    bool overwrite = false;
+    unsigned segment_seconds = 0;
+    unsigned long long reserve = 0;
 };
 
 // Frame sizes for `bitrate` bits a second: a GOP of one second, the I-frame
@@ -50,6 +57,9 @@ private:
     bool shown_ = false;
     std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
 };
+
+// Records past the capacity of the images (qzfs_retention.cpp).
+int record_with_overwrite(const RecordRequest& request, const std::vector<std::string>& paths);
 
 } // namespace qzfs_tool
 
