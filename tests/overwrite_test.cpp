@@ -274,6 +274,11 @@ TEST_F(Overwrite, LockRefusals)
     expect_result_and_log(-1, "get_file_system failed(hdd_id:9)",
                           [&] { return lock(unknown_disk, 1); });
     EXPECT_EQ(-1, api_qzfs_stream_segment_lock_by_id(nullptr, 1));
+    const uint32_t unknown_places[][2] = {{s[1].id.root_index, 300}, {5000, 0}, {0xFFFFFFFF, 0}};
+    for (const auto& place : unknown_places) {
+        _k4t_stream_segment_id_ unknown = {0, place[0], place[1]};
+        EXPECT_EQ(-1, lock(unknown, 1)) << place[0] << ":" << place[1];
+    }
     expect_intact(s[1]);
 }
 

@@ -71,12 +71,9 @@ void put_back_pass_list(int group, unsigned char big, pass_group& pass)
 unsigned long long group_spare_size(const pass_group& pass, unsigned long long enough)
 {
     unsigned long long spare = 0;
-    for (unsigned hdd_id = 0; hdd_id < 32 && spare < enough; hdd_id++) {
-        if ((pass.members & qzfs_disk_bit((unsigned char)hdd_id)) == 0)
-            continue;
-        CQzFileSystem* fs = gQzfsManager.get_file_system((unsigned char)hdd_id);
-        if (fs == nullptr)
-            continue;
+    for (CQzFileSystem* fs : gQzfsManager.mounted_disks(pass.members)) {
+        if (spare >= enough)
+            break;
         unsigned long long free_size;
         {
             DiskLockGuard disk(*fs);

@@ -10,6 +10,7 @@
 #include <list>
 #include <map>
 #include <mutex>
+#include <vector>
 
 class CQzFileSystem;
 struct _opened_stream_segment_;
@@ -172,6 +173,8 @@ public:
     void Clear_up_delete_list(unsigned long group_mask);
     // The disks of a group as a mask by hdd_id; false for an unknown group.
     bool group_members(int group, unsigned long& members);
+    // The mounted disks of `members` (bit n: hdd_id n), lowest id first.
+    std::vector<CQzFileSystem*> mounted_disks(unsigned long members);
 
     // The manager lock is taken only when gQzfsConfig.global_lock_enabled is 1.
     void manager_lock();
@@ -239,12 +242,13 @@ private:
     bool taken_;
 };
 
+// The bit of a disk in a group mask; disks from 32 up have none.
+unsigned long qzfs_disk_bit(unsigned char hdd_id);
+
 // True when a disk has open streams or normal files.
 int have_open_file(unsigned char hdd_id);
 // True when a normal file of the disk is open in any group.
 int qzfs_judge_hdd_open_normal_file(unsigned char hdd_id);
 
-// The bit of a disk in a group mask; disks from 32 up have none.
-unsigned long qzfs_disk_bit(unsigned char hdd_id);
 
 #endif

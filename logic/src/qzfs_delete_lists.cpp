@@ -25,6 +25,19 @@ bool CQzfsManager::group_members(int group, unsigned long& members)
     return true;
 }
 
+std::vector<CQzFileSystem*> CQzfsManager::mounted_disks(unsigned long members)
+{
+    std::vector<CQzFileSystem*> disks;
+    for (unsigned hdd_id = 0; hdd_id < 32; hdd_id++) {
+        if ((members & qzfs_disk_bit((unsigned char)hdd_id)) == 0)
+            continue;
+        CQzFileSystem* fs = get_file_system((unsigned char)hdd_id);
+        if (fs != nullptr && fs->Get_hdd_state() == QZFSS_MOUNTED)
+            disks.push_back(fs);
+    }
+    return disks;
+}
+
 int CQzfsManager::Find_delete_stream_segment(int group, unsigned char big,
                                              std::list<_delete_ss_list_node_>& list)
 {
@@ -35,12 +48,7 @@ int CQzfsManager::Find_delete_stream_segment(int group, unsigned char big,
     }
     QZLOG_ABOVE(0, "find start(delete_list:%d)", int(list.size()));
     list.clear();
-    for (unsigned hdd_id = 0; hdd_id < 32; hdd_id++) {
-        if ((members & qzfs_disk_bit((unsigned char)hdd_id)) == 0)
-            continue;
-        CQzFileSystem* fs = get_file_system((unsigned char)hdd_id);
-        if (fs == nullptr || fs->Get_hdd_state() != QZFSS_MOUNTED)
-            continue;
+    for (CQzFileSystem* fs : mounted_disks(members)) {
         DiskLockGuard disk(*fs);
         fs->Find_delete_stream_segment(big, list);
     }
@@ -80,12 +88,7 @@ int CQzfsManager::Judge_small_stream_is_full(int group, unsigned long reserve_da
     }
     // Days of each small stream type, merged over the disks.
     std::map<uint8_t, std::list<_k4t_fs_date_>> days;
-    for (unsigned hdd_id = 0; hdd_id < 32; hdd_id++) {
-        if ((members & qzfs_disk_bit((unsigned char)hdd_id)) == 0)
-            continue;
-        CQzFileSystem* fs = get_file_system((unsigned char)hdd_id);
-        if (fs == nullptr || fs->Get_hdd_state() != QZFSS_MOUNTED)
-            continue;
+    for (CQzFileSystem* fs : mounted_disks(members)) {
         std::map<uint8_t, std::list<_k4t_fs_date_>> disk_days;
         {
             DiskLockGuard disk(*fs);
