@@ -15,6 +15,8 @@
 
 #include "qzfilesystem_api.h"
 
+struct _delete_ss_list_node_;
+
 class CQzfsApi {
 public:
     /* Sets the defaults of gQzfsConfig and builds the node caches. */
@@ -54,6 +56,11 @@ public:
     int Qzfs_disk_overwrite_small_stream(int group, unsigned long reserve_day);
     int Qzfs_auto_delete(_k4t_fs_date_time_* now, int reserve_day);
     int Qzfs_auto_unlock(_k4t_fs_date_time_* now, int reserve_day);
+    /* One pass: takes victims from `list` (rebuilt when it runs dry) until
+     * about the group's once_delete_size bytes went (big streams) or no
+     * small stream type holds more than `reserve_day` days. */
+    int start_delete_stream(int group, unsigned char big, std::list<_delete_ss_list_node_>& list,
+                            unsigned long reserve_day);
 
     /* Stream create, open, seek, close */
     int Qzfs_create_stream_segment(_qzfs_k4t_create_ss_para_* para);

@@ -15,6 +15,7 @@ static _disk_group_attr_ new_group_attr()
     group.start_delete_free_size = 4294967296ULL;       // 4 GiB
     group.once_delete_size = 268435456ULL;              // 256 MiB
     group.group_lock = qzfs_create_lock();
+    group.delete_list_generation = 0;
     return group;
 }
 
@@ -31,8 +32,7 @@ int CQzfsApi::Qzfs_add_disk_to_group(unsigned char hdd_id, unsigned char group)
     if (it == gQzfsManager.m_disk_group_map.end())
         it = gQzfsManager.m_disk_group_map.emplace(group, new_group_attr()).first;
     it->second.valid_disk_bitmap |= qzfs_disk_bit(hdd_id);
-    it->second.big_delete_list.clear();
-    it->second.small_delete_list.clear();
+    it->second.drop_delete_lists();
     return 0;
 }
 
@@ -43,8 +43,7 @@ static void drop_disk_from_group(std::map<unsigned char, _disk_group_attr_>::ite
 {
     _disk_group_attr_& attr = it->second;
     attr.valid_disk_bitmap &= ~qzfs_disk_bit(hdd_id);
-    attr.big_delete_list.clear();
-    attr.small_delete_list.clear();
+    attr.drop_delete_lists();
     if (attr.m_current_record_hdd_id < QZFS_NO_HDD &&
         !(attr.valid_disk_bitmap & qzfs_disk_bit(attr.m_current_record_hdd_id)))
         attr.m_current_record_hdd_id = QZFS_NO_HDD;

@@ -15,16 +15,6 @@ int CQzfsApi::Qzfs_disk_recovery(unsigned char, char*, _qzfs_k4t_recovery_para_*
 
 /* ---- Work disk, thresholds and overwrite -------------------------------- */
 
-int CQzfsApi::Qzfs_disk_overwrite_big_stream(int)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_disk_overwrite_small_stream(int, unsigned long)
-{
-    return -1;
-}
-
 int CQzfsApi::Qzfs_auto_delete(_k4t_fs_date_time_*, int)
 {
     return -1;
@@ -36,11 +26,6 @@ int CQzfsApi::Qzfs_auto_unlock(_k4t_fs_date_time_*, int)
 }
 
 /* ---- Lock, delete, attributes ------------------------------------------- */
-
-int CQzfsApi::Qzfs_stream_segment_lock_by_id(_k4t_stream_segment_id_*, unsigned char)
-{
-    return -1;
-}
 
 int CQzfsApi::Qzfs_stream_segment_lock_by_time(_qzfs_k4t_stream_lock_para_*, unsigned char)
 {

@@ -73,6 +73,7 @@ struct _invalid_block_list_node_ {
 
 struct _root_index_node_mem_;
 struct _stream_segment_index_node_men_;
+struct _delete_ss_list_node_;
 struct _ri_ssi_manager_;
 struct _hdd_root_index_manager_;
 struct index_chain_kind;
@@ -545,6 +546,27 @@ public:
                               _k4t_fs_time_* new_start_time, unsigned long* new_owner_stamp,
                               unsigned char* delete_root_flag);
 
+    // ---- what the overwrite planner may take (qzfs_overwrite_candidates.cpp);
+    // disk lock held.
+    // Frees orphan data blocks of the kind (big: stream types 0 to 2, else 3
+    // and up) older than `stamp`, the oldest first, until `want` bytes are
+    // freed (a want of 4 GiB or more frees every one). The blocks freed, -1
+    // when there is no orphan; `size` gets their bytes.
+    int delete_invalid_block_data(unsigned long stamp, unsigned char big, unsigned long long want,
+                                  unsigned long long* size);
+    // Adds this disk's unlocked normal segments of the kind to `list`, which
+    // stays sorted by owner stamp and holds at most 100. 0 or -1.
+    int Find_delete_stream_segment(unsigned char big, std::list<_delete_ss_list_node_>& list);
+    // The distinct days of each small stream type (3 and up). 0 or -1.
+    int get_stream_day_num_info(std::map<uint8_t, std::list<_k4t_fs_date_>>& days);
+    // The day of a stream being recorded on this disk; 0, or -1 when none is.
+    int get_cur_record_date(_k4t_fs_date_* date);
+
+    // ---- lock of one whole segment (qzfs_segment_lock.cpp); disk lock held.
+    // `lock_number` 0 unlocks; n from 1 locks with lock type bit n - 1 (no bit
+    // above 32), replacing the old lock type. 0 or -1.
+    int Stream_segment_lock_control(const _k4t_stream_segment_id_* id, unsigned char lock_number);
+
     // ---- action journal (qzfs_action_journal.cpp)
     // The first root index block, which carries the journal; 0 when unknown.
     unsigned long journal_block() const;
@@ -564,6 +586,7 @@ public:
     unsigned char* io_buffer() { return m_file_system_io_buffer; }
 
 private:
+    bool orphan_still_unowned(const _invalid_block_list_node_& orphan);
     int write_record_to_places(unsigned long key_block, unsigned long bak_block,
                                unsigned long block, _qzfs_block_info_* record, char where,
                                const char* key_fail, const char* bak_fail);

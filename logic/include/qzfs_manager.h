@@ -30,6 +30,8 @@ struct _delete_ss_list_node_ {
     _k4t_stream_segment_id_ id;
     uint32_t owner_stamp;
 };
+// A delete list holds at most this many nodes, the oldest.
+const size_t QZFS_DELETE_LIST_MAX = 100;
 
 // A group of disks that record together.
 struct _disk_group_attr_ {
@@ -44,6 +46,16 @@ struct _disk_group_attr_ {
     unsigned long long once_delete_size;
     std::list<void*> open_normal_file_list;
     void* group_lock;
+    // Moves on whenever the delete lists are dropped: a pass that worked on
+    // a copy of a list puts it back only when nothing dropped them meanwhile.
+    unsigned long delete_list_generation;
+
+    void drop_delete_lists()
+    {
+        big_delete_list.clear();
+        small_delete_list.clear();
+        delete_list_generation++;
+    }
 };
 
 // State behind one query handle.
@@ -142,6 +154,24 @@ public:
     // Fills up to a page of rows from the sorted list at cur_index and
     // moves cur_index past them; the rows given.
     int fill_sequence_page(_stream_segment_query_state_& state, _k4t_stream_query_result_* result);
+
+    // ---- delete lists of the overwrite planner (qzfs_delete_lists.cpp).
+    // None of these holds the manager lock together with a disk lock.
+    // Rebuilds `list` from the unlocked segments of the kind over the
+    // group's disks; 0, or -1 for an unknown group.
+    int Find_delete_stream_segment(int group, unsigned char big,
+                                   std::list<_delete_ss_list_node_>& list);
+    // The node to take from `list`: the lowest stamp among segments not open
+    // for reading, the earlier node on a tie; list.end() when none is.
+    std::list<_delete_ss_list_node_>::iterator Find_delete_stream_segment(
+        std::list<_delete_ss_list_node_>& list);
+    // 1 when some small stream type of the group holds more than
+    // `reserve_day` days, else 0.
+    int Judge_small_stream_is_full(int group, unsigned long reserve_day);
+    // Drops both delete lists of the groups whose bits are set.
+    void Clear_up_delete_list(unsigned long group_mask);
+    // The disks of a group as a mask by hdd_id; false for an unknown group.
+    bool group_members(int group, unsigned long& members);
 
     // The manager lock is taken only when gQzfsConfig.global_lock_enabled is 1.
     void manager_lock();

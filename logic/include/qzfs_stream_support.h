@@ -6,6 +6,8 @@
 #define QZFS_STREAM_SUPPORT_H
 
 #include "qzfilesystem.h"
+#include "qzfs_log.h"
+#include "system_resource_manager.h"
 
 #include <cstring>
 
@@ -116,5 +118,36 @@ struct reader_snapshot {
         rss->frame_buffer_len = buffer_len;
     }
 };
+
+// Calls `visit(root_index, node)` for every root node of the disk up to its
+// end mark; -1 when one cannot be read, the failure named after `func` and
+// told by `fail_format` (which takes the root index as a long).
+template <typename Visit>
+inline int for_each_root(CQzFileSystem& fs, const char* func, Visit visit,
+                         const char* fail_format = "Get_root_index_mem_node failed(%ld)")
+{
+    for (unsigned long ri = 0;; ri++) {
+        // The node's name index stays good only while the node is cached:
+        // the lookup and the visit go under one hold of the cache lock.
+        CacheLockGuard cache;
+        _root_index_node_mem_ node;
+        if (fs.Get_root_index_mem_node(ri, &node) != 0) {
+            QZLOG_AS(func, fail_format, long(ri));
+            return -1;
+        }
+        if (node.id == END_ROOT_INDEX)
+            return 0;
+        visit(ri, node);
+    }
+}
+
+// The stream name of a cached root node, "" when it has none.
+inline const char* root_name(const _root_index_node_mem_& node)
+{
+    const char* name = pgSystemResourceManager == nullptr
+                           ? nullptr
+                           : pgSystemResourceManager->m_string_index.get_name(node.name_index);
+    return name == nullptr ? "" : name;
+}
 
 #endif

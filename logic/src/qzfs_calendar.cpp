@@ -9,6 +9,7 @@
 #include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
+#include "qzfs_stream_support.h"
 #include "system_resource_manager.h"
 
 #include <cstring>
@@ -25,15 +26,6 @@ bool bit_set64(uint64_t mask, unsigned n)
 bool counts_as_recording(const _root_index_node_mem_& node)
 {
     return IS_NORMAL_ROOT_INDEX(node.id) && node.only_pre_record == 0;
-}
-
-// The stream name of a cached root node, "" when it has none.
-const char* root_name(const _root_index_node_mem_& node)
-{
-    const char* name = pgSystemResourceManager == nullptr
-                           ? nullptr
-                           : pgSystemResourceManager->m_string_index.get_name(node.name_index);
-    return name == nullptr ? "" : name;
 }
 
 // Progress line of one root node, in the name of the member walking.
@@ -97,25 +89,6 @@ int CQzFileSystem::Query_calendar(_k4t_calendar_stream_query_* query)
     }
 }
 
-// Calls `visit(root_index, node)` for every root node of the disk up to its
-// end mark; -1 when one cannot be read, the failure named after `func`.
-template <typename Visit>
-static int for_each_root(CQzFileSystem& fs, const char* func, Visit visit)
-{
-    for (unsigned long ri = 0;; ri++) {
-        // The node's name index stays good only while the node is cached:
-        // the lookup and the visit go under one hold of the cache lock.
-        CacheLockGuard cache;
-        _root_index_node_mem_ node;
-        if (fs.Get_root_index_mem_node(ri, &node) != 0) {
-            QZLOG_AS(func, "Get_root_index_mem_node failed(%ld)", long(ri));
-            return -1;
-        }
-        if (node.id == END_ROOT_INDEX)
-            return 0;
-        visit(ri, node);
-    }
-}
 
 int CQzFileSystem::Get_record_date_list(uint64_t stream_type_bitmap, std::list<_k4t_fs_date_>& dates)
 {

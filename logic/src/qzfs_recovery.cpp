@@ -253,12 +253,3 @@ int CQzFileSystem::Power_down_recovery()
     m_manage.free_block = Cal_bitmap_free_block();
     return 0;
 }
-
-// The orphan count is not built: the list of data blocks that no segment
-// owns any more (left by a power cut or a deletion cut short) is only
-// emptied, so such blocks stay allocated and uncounted.
-int CQzFileSystem::get_disk_invalid_data_block_num()
-{
-    m_manage.invalid_block_list.clear();
-    return 0;
-}
