@@ -289,10 +289,14 @@ TEST_F(Overwrite, LockWhileRecordingHoldsThroughCloseAndPasses)
     const int fd = create(request(0, 0, source.config().start), &live.id);
     ASSERT_GT(fd, 0);
     record_seconds(fd, source, 20, live.written);
+    // Shorter than what the pass wants, the recording gives nothing, and
+    // the pass stops after one try instead of offering it again.
+    ask_for(kHuge);
+    expect_result_and_log(0, "have not unlock stream segment, but have open segment(list size:1)!",
+                          [] { return api_qzfs_disk_overwrite_big_stream(0); }, 1);
     ASSERT_EQ(0, lock(live.id, 3));
     EXPECT_EQ(1, open_record(fd)->ssi()->lock);
-    // The pass finds nothing it may take, and the writer goes on.
-    ask_for(kHuge);
+    // Locked, it is no candidate at all, and the writer goes on.
     EXPECT_EQ(-1, api_qzfs_disk_overwrite_big_stream(0));
     record_seconds(fd, source, 4, live.written);
     ASSERT_EQ(0, api_qzfs_close_stream_segment(fd));

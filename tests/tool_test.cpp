@@ -439,6 +439,137 @@ TEST(Tool, DeleteAndTrimBySegmentIdAndTheJournalInInfo)
     EXPECT_EQ(before, image_fingerprint(image));
 }
 
+// The lock column ("yes" or "no") of segment `id` in what ls prints, or ""
+// when ls does not list it.
+std::string listed_lock(const std::string& ls_output, const std::string& id)
+{
+    const size_t at = ls_output.find("  " + id + " ");
+    if (at == std::string::npos)
+        return "";
+    const size_t end = ls_output.find('\n', at);
+    const std::string row = ls_output.substr(at, end - at);
+    return row.substr(row.find_last_of(' ') + 1);
+}
+
+TEST(Tool, LockAndUnlockBySegmentId)
+{
+    ScratchDir dir;
+    const std::string image = dir.path("rec.img");
+    ASSERT_EQ(0, run_tool("format " + image + " --size 3G").status);
+    ASSERT_EQ(0, run_tool("record " + image + " --channels 2 --seconds 10 --bitrate 64000 "
+                          "--start 2026-11-21T08:00:00").status);
+    ASSERT_EQ(0, run_tool("delete " + image + " --id 0:1:0").status);
+
+    struct Case {
+        std::string args;
+        bool ok;
+        const char* says;
+        const char* lock_after;  // ls's lock column of 0:0:0 after the call
+    } const cases[] = {
+        {"--id 0:0:0", true,
+         "locked segment 0:0:0: channel 0, 2026-11-21 08:00:00 to 08:00:09, 79840 bytes, lock type "
+         "0x00000001; overwrite passes it over",
+         "yes"},
+        {"--id 0:0:0 --number 3", true, "lock type 0x00000004", "yes"},  // the type is replaced
+        {"--id 0:0:0 --unlock", true, "unlocked segment 0:0:0: channel 0", "no"},
+        {"--id 0:0:0 --number 40", true, "lock type 0x00000000", "yes"},  // no bit, still locked
+        {"--id 0:0:0 --unlock", true, "unlocked segment 0:0:0", "no"},
+        {"--id 0:1:0", false, "there is no segment 0:1:0", "no"},  // deleted
+        {"--id 0:0:9", false, "there is no segment 0:0:9", "no"},
+        {"--id 1:0:0", false, "--id names disk 1", "no"},
+        {"--id 0:0:0 --unlock --number 2", false, "not both", "no"},
+        {"--id 0:0:0 --number 0", false, "--number takes 1 to 255", "no"},
+        {"--id 0:0", false, "lock needs --id HDD:ROOT:SEG", "no"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args);
+        const std::string before = image_fingerprint(image);
+        CommandResult run = run_tool("lock " + image + " " + c.args);
+        EXPECT_EQ(c.ok, run.status == 0) << run.output;
+        EXPECT_TRUE(contains(run.output, c.says)) << run.output;
+        if (!c.ok) {
+            EXPECT_EQ(before, image_fingerprint(image)) << "a refused lock wrote to the image";
+        }
+        EXPECT_EQ(c.lock_after, listed_lock(run_tool("ls " + image).output, "0:0:0"));
+    }
+}
+
+// Sums the bytes column of the segments ls lists unlocked.
+unsigned long long unlocked_bytes(const std::string& ls_output)
+{
+    unsigned long long total = 0;
+    size_t at = 0;
+    while ((at = ls_output.find('\n', at)) != std::string::npos) {
+        char id[32], date[16], start[16], end[16], lock[8];
+        unsigned channel, stream, record_type;
+        unsigned long long bytes;
+        if (sscanf(ls_output.c_str() + ++at, " %31s %15s %u %u %15s %15s %llu %u %7s", id, date,
+                   &channel, &stream, start, end, &bytes, &record_type, lock) == 9 &&
+            std::string(lock) == "no")
+            total += bytes;
+    }
+    return total;
+}
+
+TEST(Tool, RecordWithOverwriteRemovesTheOldestAndKeepsTheLocked)
+{
+    ScratchDir dir;
+    const std::string image = dir.path("small.img");
+    ASSERT_EQ(0, run_tool("format " + image + " --size 2G").status);  // 382 free blocks of 4 MiB
+    ASSERT_EQ(0, run_tool("record " + image + " --channels 1 --seconds 10 --bitrate 64000 "
+                          "--start 2026-11-24T08:00:00").status);
+    ASSERT_EQ(0, run_tool("lock " + image + " --id 0:0:0").status);
+    // A reserve of 740 MiB: passes start once less than 1504 MiB of the 1516
+    // is free, three blocks into the 75 MB (ten segments of 30 s) that follow.
+    CommandResult rec = run_tool("record " + image + " --overwrite --channels 1 --seconds 300 "
+                                 "--bitrate 2000000 --segment-seconds 30 --reserve 740M "
+                                 "--start 2026-11-24T09:00:00");
+    ASSERT_EQ(0, rec.status) << rec.output;
+    EXPECT_TRUE(contains(rec.output, "reserve 740 MiB; a disk records while more than 748 MiB is "
+                                     "free; passes remove 16 MiB at a time"))
+        << rec.output;
+    EXPECT_TRUE(contains(rec.output, "0:0:1 gone (channel 0 09:00:00-09:00:29, ")) << rec.output;
+    unsigned long long recorded = 0, removed = 0;
+    unsigned long passes = 0, removing = 0, gone = 0, trimmed = 0;
+    const size_t summary = rec.output.find("(10 segments): ");
+    const size_t at = rec.output.find("overwrite: ");
+    ASSERT_TRUE(summary != std::string::npos && at != std::string::npos) << rec.output;
+    ASSERT_EQ(1, sscanf(rec.output.c_str() + summary, "(10 segments): %llu bytes", &recorded));
+    ASSERT_EQ(5, sscanf(rec.output.c_str() + at,
+                        "overwrite: %lu passes run, %lu removed recordings: %lu segments gone "
+                        "whole, %lu trimmed, %llu bytes",
+                        &passes, &removing, &gone, &trimmed, &removed));
+    EXPECT_LE(2u, removing);
+    EXPECT_LE(removing, passes);
+    EXPECT_LE(3u, gone);
+    EXPECT_LT(recorded / 2, removed);
+
+    // The locked segment of 08:00 stays; the oldest recordings went, the
+    // newest is there, and every byte recorded is either listed or was
+    // reported removed.
+    CommandResult ls = run_tool("ls " + image);
+    ASSERT_EQ(0, ls.status) << ls.output;
+    EXPECT_EQ("yes", listed_lock(ls.output, "0:0:0")) << ls.output;
+    EXPECT_TRUE(contains(ls.output, "08:00:00  08:00:09")) << ls.output;
+    EXPECT_FALSE(contains(ls.output, "09:00:00  ")) << ls.output;
+    EXPECT_TRUE(contains(ls.output, "09:04:30  09:04:59 ")) << ls.output;
+    EXPECT_EQ(recorded, unlocked_bytes(ls.output) + removed) << ls.output << rec.output;
+
+    const std::string bad_calls[] = {
+        "record " + image + " " + image + " --channels 1 --seconds 5",  // two images, no overwrite
+        "record " + image + " --channels 1 --seconds 5 --reserve 100M",
+        "record " + image + " --overwrite --channels 1 --seconds 5 --reserve 10M",
+        "record " + image + " --overwrite --channels 1 --seconds 5 --segment-seconds 0",
+        "record " + image + " --overwrite --channels 1 --seconds 5 --cut-after-writes 9",
+    };
+    for (const std::string& args : bad_calls) {
+        SCOPED_TRACE(args);
+        CommandResult run = run_tool(args);
+        EXPECT_NE(0, run.status) << run.output;
+        EXPECT_TRUE(contains(run.output, "qzfs: ")) << run.output;
+    }
+}
+
 TEST(Tool, FailuresExitNonZeroWithOneLineReason)
 {
     ScratchDir dir;

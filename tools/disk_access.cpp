@@ -328,6 +328,16 @@ bool disk_key_info(unsigned char hdd, DiskKeyInfo& out)
     return read == 0;
 }
 
+bool disk_free_bytes(unsigned char hdd, unsigned long long& bytes)
+{
+    return with_disk(hdd, -1, [&](CQzFileSystem& fs) {
+        _qzfs_k4t_hdd_info_ info = {};
+        fs.Get_hdd_info(&info);
+        bytes = (unsigned long long)info.free_num * info.block_size;
+        return 0;
+    }) == 0;
+}
+
 int disk_count_blocks(unsigned char hdd, unsigned long counts[kDiskBlockTypes])
 {
     return with_disk(hdd, -1, [&](CQzFileSystem& fs) { return fs.count_blocks_by_type(counts); });

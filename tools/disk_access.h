@@ -119,6 +119,11 @@ struct JournalState {
 // Key block places, owner stamp, label and version of the disk.
 bool disk_key_info(unsigned char hdd, DiskKeyInfo& out);
 
+// The disk's free bytes as its own count has them: free blocks times block
+// size. api_qzfs_get_hdd_info leaves out the group's reserve for a disk in
+// a group (down to 0), while the overwrite pass compares the whole count.
+bool disk_free_bytes(unsigned char hdd, unsigned long long& bytes);
+
 // Counts the blocks of the disk by type; 0 on success.
 int disk_count_blocks(unsigned char hdd, unsigned long counts[kDiskBlockTypes]);
 

@@ -1,29 +1,26 @@
 // qzfs: the host tool. Formats, mounts and examines disks or disk images
-// through the library, from a shell.
+// through the library, from a shell. This file holds the usage text, the
+// verb dispatch and the verbs on disks, indexes, export, delete and
+// browsing; recording and retention have files of their own.
 #include "disk_access.h"
-#include "frame_source.h"
 #include "h264_stream.h"
-#include "power_cut.h"
-#include "qzfilesystem_api.h"
+#include "qzfs_cli.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <string>
 #include <ctime>
-#include <tuple>
+#include <fcntl.h>
+#include <memory>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <memory>
 #include <vector>
 
-namespace {
+using namespace qzfs_tool;
 
-const unsigned char TOOL_HDD_ID = 0;
+namespace {
 
 const char* USAGE =
     "usage: qzfs [--debug-level N] VERB ARGS...\n"
@@ -62,6 +59,17 @@ const char* USAGE =
     "      no unmount), saying how many frames it had written, with exit\n"
     "      status 0; the next mount (info, ls, export) repairs the segments\n"
     "      left unfinished\n"
+    "  record IMAGE... --overwrite --channels N --seconds S [--bitrate B]\n"
+    "         [--start YYYY-MM-DDTHH:MM:SS] [--segment-seconds L] [--reserve SIZE]\n"
+    "      record past the capacity of the images, mounted as one group: each\n"
+    "      channel starts a new segment every L seconds (default 60) on the disk\n"
+    "      the group's choice names, while a maintenance thread runs the\n"
+    "      overwrite pass every few milliseconds; when free space runs low it\n"
+    "      removes the oldest unlocked recordings, cut at I-frames. Prints each\n"
+    "      pass that removed something (free space before and after, segments\n"
+    "      gone or trimmed) and a summary; SIZE is the group's reserve (default\n"
+    "      50 MiB, with several images at least one round of segments); passes\n"
+    "      start when a little over twice SIZE is left free\n"
     "  record IMAGE --h264 FILE --channel C --start YYYY-MM-DDTHH:MM:SS [--fps N]\n"
     "      record an H.264 Annex-B file as one new segment of channel C: a frame\n"
     "      per access unit, an I-frame per IDR picture, N frames a second\n"
@@ -77,6 +85,11 @@ const char* USAGE =
     "      S (refused when that reaches its end); --trim-bytes cuts N bytes or\n"
     "      a little more at an I-frame, as the overwrite planner does, and takes\n"
     "      the segment whole when less than a block would be left\n"
+    "  lock IMAGE... --id HDD:ROOT:SEG [--unlock | --number N]\n"
+    "      lock a segment against overwrite with lock number N (default 1: the\n"
+    "      lock type bit N-1), or with --unlock take its lock away; the images\n"
+    "      are mounted as one group, disks 0, 1, ... (refused for an unknown or\n"
+    "      deleted id)\n"
     "  ls IMAGE... [--channel C] [--date YYYY-MM-DD] [--type T]\n"
     "      list the segments of the images, mounted as one group, in order of\n"
     "      start time: id HDD:ROOT:SEG, channel, stream type, start, end, bytes,\n"
@@ -91,100 +104,6 @@ const char* USAGE =
     "options:\n"
     "  --debug-level N   library log level (0 silent, 1 lifecycle, up to 4); default 0\n"
     "  --help            this text\n";
-
-int fail(const char* fmt, const std::string& detail = "")
-{
-    fprintf(stderr, "qzfs: ");
-    fprintf(stderr, fmt, detail.c_str());
-    fprintf(stderr, "\n");
-    return 1;
-}
-
-bool parse_size(const std::string& text, unsigned long long& out)
-{
-    if (text.empty())
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long value = strtoull(text.c_str(), &end, 10);
-    if (errno != 0 || end == text.c_str())
-        return false;
-    std::string suffix(end);
-    unsigned long long scale = 1;
-    if (suffix == "" || suffix == "B")
-        scale = 1;
-    else if (suffix == "K" || suffix == "KiB")
-        scale = 1ULL << 10;
-    else if (suffix == "M" || suffix == "MiB")
-        scale = 1ULL << 20;
-    else if (suffix == "G" || suffix == "GiB")
-        scale = 1ULL << 30;
-    else if (suffix == "T" || suffix == "TiB")
-        scale = 1ULL << 40;
-    else
-        return false;
-    out = value * scale;
-    return true;
-}
-
-// Options that stand alone, without a value.
-const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock", "--raw", "--reverse"};
-
-bool is_flag(const std::string& word)
-{
-    for (const char* flag : FLAG_OPTIONS)
-        if (word == flag)
-            return true;
-    return false;
-}
-
-// Arguments after the verb: positional ones, --name value pairs and flags
-// (kept with an empty value).
-struct Args {
-    std::vector<std::string> positional;
-    std::vector<std::pair<std::string, std::string>> options;
-
-    const std::string* option(const char* name) const
-    {
-        for (const auto& o : options)
-            if (o.first == name)
-                return &o.second;
-        return nullptr;
-    }
-};
-
-bool split_args(int argc, char** argv, int first, Args& args, std::string& error)
-{
-    for (int i = first; i < argc; i++) {
-        std::string word = argv[i];
-        if (is_flag(word)) {
-            args.options.emplace_back(word, "");
-        } else if (word.rfind("--", 0) == 0) {
-            if (i + 1 >= argc) {
-                error = word + " needs a value";
-                return false;
-            }
-            args.options.emplace_back(word, argv[++i]);
-        } else {
-            args.positional.push_back(word);
-        }
-    }
-    return true;
-}
-
-bool only_options(const Args& args, std::initializer_list<const char*> allowed, std::string& error)
-{
-    for (const auto& o : args.options) {
-        bool known = false;
-        for (const char* name : allowed)
-            known = known || o.first == name;
-        if (!known) {
-            error = "unknown option " + o.first;
-            return false;
-        }
-    }
-    return true;
-}
 
 // Makes a sparse image of `size` bytes when `path` does not exist yet.
 int prepare_image(const std::string& path, const std::string* size_text)
@@ -234,22 +153,6 @@ int verb_format(const Args& args)
     return 0;
 }
 
-// Mounts IMAGE as disk `hdd_id`. A path that is not there is named at once:
-// the library would try to open it a few times, half a second apart, as a
-// disk that has just appeared may need.
-int mount_disk(unsigned char hdd_id, const std::string& path)
-{
-    if (access(path.c_str(), F_OK) != 0)
-        return fail("no such image: %s", path);
-    std::string copy = path;
-    if (api_qzfs_mount(hdd_id, &copy[0]) != 0)
-        return fail("cannot mount %s (not formatted, or its key info is damaged)", path);
-    return 0;
-}
-
-// Mounts IMAGE as the tool's disk; the caller unmounts.
-int mount_image(const std::string& path) { return mount_disk(TOOL_HDD_ID, path); }
-
 // Lists the used root index entries of the mounted tool disk.
 int print_root_index()
 {
@@ -276,23 +179,6 @@ int print_root_index()
     }
     printf("  %lu used\n", used);
     return 0;
-}
-
-// A small unsigned option within [0, limit]; `fallback` when absent.
-bool number_option(const Args& args, const char* name, unsigned limit, unsigned fallback,
-                   unsigned& out)
-{
-    const std::string* text = args.option(name);
-    if (text == nullptr) {
-        out = fallback;
-        return true;
-    }
-    char* end = nullptr;
-    unsigned long value = strtoul(text->c_str(), &end, 10);
-    if (text->empty() || *end != '\0' || value > limit)
-        return false;
-    out = (unsigned)value;
-    return true;
 }
 
 // The root entry at `ri` when it holds recordings.
@@ -601,547 +487,6 @@ int verb_segment_add(const Args& args)
     return 0;
 }
 
-// Reads "YYYY-MM-DDTHH:MM:SS" (a space may stand for the T).
-bool parse_date_time(const std::string& text, _k4t_fs_date_time_& out)
-{
-    unsigned year, month, day, hour, minute, second;
-    char sep, tail;
-    if (sscanf(text.c_str(), "%4u-%2u-%2u%c%2u:%2u:%2u%c", &year, &month, &day, &sep, &hour,
-               &minute, &second, &tail) != 7 ||
-        (sep != 'T' && sep != ' '))
-        return false;
-    if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        day > library_days_in_month(year - 2000, month) || hour > 23 || minute > 59 || second > 59)
-        return false;
-    out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, (uint8_t)hour,
-           (uint8_t)minute,        (uint8_t)second, 0};
-    return true;
-}
-
-// The local time now, as a recorder's clock shows it.
-bool local_now(_k4t_fs_date_time_& out)
-{
-    time_t now = time(nullptr);
-    struct tm tm;
-    if (localtime_r(&now, &tm) == nullptr || tm.tm_year < 100 || tm.tm_year > 199)
-        return false;
-    out = {(uint8_t)(tm.tm_year - 100), (uint8_t)(tm.tm_mon + 1), (uint8_t)tm.tm_mday,
-           (uint8_t)tm.tm_hour,         (uint8_t)tm.tm_min,       (uint8_t)tm.tm_sec,
-           (uint8_t)(tm.tm_isdst > 0 ? 1 : 0)};
-    return true;
-}
-
-// Frame sizes for `bitrate` bits a second: a GOP of one second, the I-frame
-// four times a P-frame, headers and records included.
-FrameSourceConfig frames_for_bitrate(uint8_t channel, unsigned long bitrate,
-                                     const _k4t_fs_date_time_& start)
-{
-    FrameSourceConfig config;
-    config.channel = channel;
-    config.fps = 25;
-    config.gop = 25;
-    const unsigned long overhead = config.fps * (12 + FrameSource::kRecordBytes);
-    const unsigned long pframe = (bitrate / 8 - overhead) / (config.gop - 1 + 4);
-    config.pframe_bytes = uint32_t(pframe);
-    config.iframe_bytes = uint32_t(pframe * 4);
-    config.start = start;
-    return config;
-}
-
-// One channel being recorded.
-struct Recording {
-    FrameSource source;
-    int fd = -1;
-    _k4t_stream_segment_id_ id = {};
-    explicit Recording(const FrameSourceConfig& config) : source(config) {}
-};
-
-// Closes the channels' segments, leaves the group and unmounts.
-void end_recording(std::vector<Recording>& channels)
-{
-    for (Recording& r : channels)
-        if (r.fd > 0)
-            api_qzfs_close_stream_segment(r.fd);
-    api_qzfs_delete_disk_from_group(TOOL_HDD_ID, 0);
-    api_qzfs_umount(TOOL_HDD_ID);
-}
-
-// Group 0 holds the tool's disk alone; recording stays on it while more
-// than a hundredth of it (50 MiB at least) is free.
-int choose_disk_for_recording(const std::string& path)
-{
-    _qzfs_k4t_hdd_info_ info = {};
-    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
-    const unsigned long long size = (unsigned long long)info.total_num * info.block_size;
-    const unsigned long long free = (unsigned long long)info.free_num * info.block_size;
-    _qzfs_k4t_hdd_overwrite_config_ config;
-    config.reserve_free_size_for_record = std::max(0x3200000ULL, size / 100);
-    config.used_for_recording_free_size = config.reserve_free_size_for_record;
-    config.start_delete_free_size = config.reserve_free_size_for_record;
-    config.once_delete_size = 8ULL * info.block_size;
-    unsigned char hdd = 255;
-    if (api_qzfs_add_disk_to_group(TOOL_HDD_ID, 0) != 0)
-        return fail("cannot put %s in a recording group", path);
-    if (api_qzfs_config_overwrite(0, &config) != 0 || api_qzfs_find_work_hdd(0, &hdd) != 0 ||
-        hdd != TOOL_HDD_ID)
-        return fail("%s has no room to record", path + " (" + std::to_string(free >> 20) +
-                                                     " MiB free, more than " +
-                                                     std::to_string(config.used_for_recording_free_size >> 20) +
-                                                     " MiB needed)");
-    return 0;
-}
-
-// Prints how far the recording has come, at most once a wall second.
-class Progress {
-public:
-    explicit Progress(unsigned seconds) : total_(seconds), tty_(isatty(1) != 0) {}
-    void update(unsigned done, unsigned long long bytes)
-    {
-        const auto now = std::chrono::steady_clock::now();
-        if (now - last_ < std::chrono::seconds(1))
-            return;
-        last_ = now;
-        shown_ = true;
-        printf("recording: %u of %u seconds, %llu MiB%s", done, total_, bytes >> 20,
-               tty_ ? "\r" : "\n");
-        fflush(stdout);
-    }
-    // Clears a progress line left on a terminal.
-    void finish()
-    {
-        if (shown_ && tty_)
-            printf("%60s\r", "");
-    }
-
-private:
-    unsigned total_;
-    bool tty_;
-    bool shown_ = false;
-    std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
-};
-
-int verb_record_h264(const Args& args);
-
-// What a synthetic recording is asked for.
-struct RecordRequest {
-    unsigned channels = 0;
-    unsigned seconds = 0;
-    unsigned bitrate = 0;
-    _k4t_fs_date_time_ start = {};
-    unsigned first = 0;  // second of the day of the start
-    unsigned cut_after_writes = 0;  // the device write that cuts the power; 0 none
-};
-
-// Checks the options of a synthetic recording and fills in `request`.
-int parse_record_request(const Args& args, RecordRequest& request)
-{
-    std::string error;
-    if (!only_options(args, {"--channels", "--seconds", "--bitrate", "--start", "--cut-after-writes"},
-                      error))
-        return fail("%s", error);
-    if (args.positional.size() != 1)
-        return fail("record takes one IMAGE");
-    if (args.option("--cut-after-writes") != nullptr &&
-        (!number_option(args, "--cut-after-writes", 0xFFFFFFFEu, 0, request.cut_after_writes) ||
-         request.cut_after_writes == 0))
-        return fail("--cut-after-writes takes a device write number from 1 on");
-    if (args.option("--channels") == nullptr ||
-        !number_option(args, "--channels", 255, 0, request.channels) || request.channels == 0)
-        return fail("record needs --channels N (1 to 255)");
-    if (args.option("--seconds") == nullptr ||
-        !number_option(args, "--seconds", 86400, 0, request.seconds) || request.seconds == 0)
-        return fail("record needs --seconds S (1 to 86400)");
-    if (!number_option(args, "--bitrate", 50000000, 4000000, request.bitrate) ||
-        request.bitrate < 64000)
-        return fail("--bitrate takes 64000 to 50000000 bits a second");
-    _k4t_fs_date_time_& start = request.start;
-    const std::string* start_text = args.option("--start");
-    if (start_text != nullptr ? !parse_date_time(*start_text, start) : !local_now(start))
-        return fail("--start takes a local time YYYY-MM-DDTHH:MM:SS (2000 to 2099)");
-    request.first = start.hour * 3600u + start.minute * 60u + start.second;
-    if (request.first + request.seconds > 86400)
-        return fail("the recording would run past midnight; start earlier or record less");
-    return 0;
-}
-
-// Opens a new segment on each channel of the request; on a failure ends
-// the recording and reports it.
-int start_channels(const RecordRequest& request, std::vector<Recording>& channels)
-{
-    for (unsigned c = 0; c < request.channels; c++) {
-        channels.emplace_back(frames_for_bitrate(uint8_t(c), request.bitrate, request.start));
-        _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(c), 0, request.start);
-        Recording& r = channels.back();
-        r.fd = api_qzfs_create_stream_segment(&para);
-        if (r.fd <= 0 || api_qzfs_get_fd_info(r.fd, &r.id) != 0) {
-            end_recording(channels);
-            return fail("cannot start recording channel %s (disk full or too many streams?)",
-                        std::to_string(c));
-        }
-    }
-    return 0;
-}
-
-// Frames whose write call has returned, for the message of a power cut.
-unsigned long frames_written = 0;
-
-void report_power_cut(const power_cut::CutReport& report)
-{
-    printf("power cut at device write %llu: %lu frames handed to the library (their write "
-           "calls returned); no segment was closed and the disk was not unmounted\n",
-           report.write_number, frames_written);
-}
-
-// With --cut-after-writes, every device handle opened from now on counts
-// the writes and cuts the power at the one asked for.
-void arm_power_cut(const RecordRequest& request)
-{
-    if (request.cut_after_writes == 0)
-        return;
-    power_cut::Settings settings;
-    settings.mode = power_cut::Mode::Drop;
-    settings.cut_at = request.cut_after_writes;
-    settings.exit_code = 0;
-    settings.on_cut = report_power_cut;
-    power_cut::install(settings);
-}
-
-// The channels take turns, a frame each, as a recorder's channels deliver
-// them, and the simulated clock runs as the frames say. Adds what was
-// written to `bytes`; on a failed write ends the recording and reports it.
-bool write_channels(std::vector<Recording>& channels, const RecordRequest& request,
-                    unsigned long long& bytes)
-{
-    Progress progress(request.seconds);
-    FrameBatch batch;
-    const unsigned fps = channels.front().source.config().fps;
-    for (unsigned long frame = 0; frame < (unsigned long)request.seconds * fps; frame++) {
-        for (Recording& r : channels) {
-            batch.clear();
-            r.source.append_frame(batch);
-            const int len = int(batch.bytes.size());
-            if (api_qzfs_write_video_data(r.fd, batch.bytes.data(), len, int(batch.infos.size()),
-                                          batch.infos.empty() ? nullptr : batch.infos.data()) != len) {
-                progress.finish();
-                const unsigned at = request.first + unsigned(frame / fps);
-                char when[16];
-                snprintf(when, sizeof(when), "%02u:%02u:%02u", at / 3600, at / 60 % 60, at % 60);
-                end_recording(channels);
-                fail("writing failed (disk full?) %s",
-                     "on channel " + std::to_string(r.source.config().channel) + " at " + when +
-                         "; what came before is kept");
-                return false;
-            }
-            bytes += (unsigned long long)len;
-            frames_written++;
-        }
-        if (frame % fps == fps - 1)
-            progress.update(unsigned(frame / fps) + 1, bytes);
-    }
-    progress.finish();
-    return true;
-}
-
-// Closes the channels' segments, lets the disk go and says what was
-// recorded, and how fast, since `began`.
-int finish_recording(std::vector<Recording>& channels, const RecordRequest& request,
-                     unsigned long long bytes, std::chrono::steady_clock::time_point began)
-{
-    int failed_close = 0;
-    for (Recording& r : channels) {
-        if (api_qzfs_close_stream_segment(r.fd) != 0)
-            failed_close++;
-        r.fd = -1;
-    }
-    const double wall =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-    end_recording(channels);
-    if (failed_close != 0)
-        return fail("closing %s segments failed", std::to_string(failed_close));
-    for (const Recording& r : channels)
-        printf("channel %u: root index entry %u, segment %u\n", r.source.config().channel,
-               r.id.root_index, r.id.stream_segment_index);
-    const _k4t_fs_date_time_& start = request.start;
-    printf("recorded %u channels x %u s from 20%02u-%02u-%02u %02u:%02u:%02u: %llu bytes in %.2f s "
-           "(%.1f MB/s)\n",
-           request.channels, request.seconds, start.year, start.month, start.day, start.hour,
-           start.minute, start.second, bytes, wall, wall > 0 ? double(bytes) / wall / 1e6 : 0.0);
-    if (request.cut_after_writes != 0)
-        printf("no power cut: the whole run made %llu device writes\n",
-               power_cut::counts().writes);
-    return 0;
-}
-
-int verb_record(const Args& args)
-{
-    if (args.option("--h264") != nullptr)
-        return verb_record_h264(args);
-    RecordRequest request;
-    if (parse_record_request(args, request) != 0)
-        return 1;
-    const std::string& path = args.positional[0];
-    arm_power_cut(request);
-    if (mount_image(path) != 0)
-        return 1;
-    std::vector<Recording> channels;
-    channels.reserve(request.channels);
-    if (choose_disk_for_recording(path) != 0) {
-        end_recording(channels);
-        return 1;
-    }
-    if (start_channels(request, channels) != 0)
-        return 1;
-    const auto began = std::chrono::steady_clock::now();
-    unsigned long long bytes = 0;
-    if (!write_channels(channels, request, bytes))
-        return 1;
-    return finish_recording(channels, request, bytes, began);
-}
-
-// "2026-11-21 08:00:00"
-std::string format_date_time(const _k4t_fs_date_time_& t)
-{
-    char text[40];
-    snprintf(text, sizeof(text), "20%02u-%02u-%02u %02u:%02u:%02u", t.year, t.month, t.day, t.hour,
-             t.minute, t.second);
-    return text;
-}
-
-// The moment `second_of_day` seconds after midnight of the day of `day`.
-_k4t_fs_date_time_ at_second_of_day(const _k4t_fs_date_time_& day, unsigned second_of_day)
-{
-    return {day.year,
-            day.month,
-            day.day,
-            uint8_t(second_of_day / 3600),
-            uint8_t(second_of_day / 60 % 60),
-            uint8_t(second_of_day % 60),
-            0};
-}
-
-unsigned second_of_day(const _k4t_fs_date_time_& t)
-{
-    return t.hour * 3600u + t.minute * 60u + t.second;
-}
-
-// Orders two moments by their fields, the way the recordings store them.
-int compare_date_time(const _k4t_fs_date_time_& a, const _k4t_fs_date_time_& b)
-{
-    const uint8_t left[6] = {a.year, a.month, a.day, a.hour, a.minute, a.second};
-    const uint8_t right[6] = {b.year, b.month, b.day, b.hour, b.minute, b.second};
-    return memcmp(left, right, sizeof(left));
-}
-
-bool read_whole_file(const std::string& path, std::vector<uint8_t>& out, std::string& error)
-{
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr) {
-        error = "cannot open " + path + ": " + strerror(errno);
-        return false;
-    }
-    out.clear();
-    uint8_t chunk[0x10000];
-    size_t got;
-    while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0)
-        out.insert(out.end(), chunk, chunk + got);
-    const bool failed = ferror(file) != 0;
-    fclose(file);
-    if (failed) {
-        error = "cannot read " + path;
-        return false;
-    }
-    return true;
-}
-
-// Checks an H.264 clip for recording and cuts it into access units.
-bool access_units_for_recording(const std::string& path, const std::vector<uint8_t>& clip,
-                                std::vector<H264AccessUnit>& units, std::string& error)
-{
-    if (clip.empty()) {
-        error = path + " is empty";
-        return false;
-    }
-    units = h264_split_access_units(clip.data(), clip.size());
-    if (units.empty()) {
-        error = path + " holds no H.264 start code: it is no Annex-B stream (with ffmpeg: "
-                       "-bsf:v h264_mp4toannexb -f h264)";
-        return false;
-    }
-    size_t first_idr = 0;
-    while (first_idr < units.size() && !units[first_idr].idr)
-        first_idr++;
-    if (first_idr == units.size()) {
-        error = path + " holds no IDR picture: a recording begins with an I-frame";
-        return false;
-    }
-    if (first_idr > 0) {
-        error = path + " has " + std::to_string(first_idr) +
-                " access units before its first IDR picture, and a recording begins with an "
-                "I-frame: cut the clip at a key frame";
-        return false;
-    }
-    for (size_t i = 0; i < units.size(); i++)
-        if (units[i].length > STORED_FRAME_MAX_PAYLOAD) {
-            error = "access unit " + std::to_string(i) + " of " + path + " has " +
-                    std::to_string(units[i].length) + " bytes, more than a frame carries (" +
-                    std::to_string(STORED_FRAME_MAX_PAYLOAD) + ")";
-            return false;
-        }
-    return true;
-}
-
-// Leaves group 0 (when `grouped`) and unmounts, after closing `fd`.
-void end_session(int fd, bool grouped)
-{
-    if (fd > 0)
-        api_qzfs_close_stream_segment(fd);
-    if (grouped)
-        api_qzfs_delete_disk_from_group(TOOL_HDD_ID, 0);
-    api_qzfs_umount(TOOL_HDD_ID);
-}
-
-// What recording an H.264 clip is asked for, with the clip cut into its
-// access units.
-struct H264Request {
-    unsigned channel = 0;
-    unsigned fps = 0;
-    _k4t_fs_date_time_ start = {};
-    unsigned first = 0;      // second of the day of the first frame
-    unsigned long span = 0;  // seconds from the first frame to the last
-    std::string clip_path;
-    std::vector<uint8_t> clip;
-    std::vector<H264AccessUnit> units;
-};
-
-// Checks the options of an H.264 recording, reads the clip and checks that
-// it fits into the day.
-int parse_h264_request(const Args& args, H264Request& request)
-{
-    std::string error;
-    if (!only_options(args, {"--h264", "--channel", "--start", "--fps"}, error))
-        return fail("%s (record --h264 takes --channel, --start and --fps)", error);
-    if (args.positional.size() != 1)
-        return fail("record takes one IMAGE");
-    if (args.option("--channel") == nullptr ||
-        !number_option(args, "--channel", 254, 0, request.channel))
-        return fail("record --h264 needs --channel C (0 to 254)");
-    if (!number_option(args, "--fps", 1000, 25, request.fps) || request.fps == 0)
-        return fail("--fps takes 1 to 1000 frames a second");
-    const std::string* start_text = args.option("--start");
-    if (start_text == nullptr || !parse_date_time(*start_text, request.start))
-        return fail("record --h264 needs --start YYYY-MM-DDTHH:MM:SS (local time, 2000 to 2099)");
-
-    request.clip_path = *args.option("--h264");
-    if (!read_whole_file(request.clip_path, request.clip, error) ||
-        !access_units_for_recording(request.clip_path, request.clip, request.units, error))
-        return fail("%s", error);
-    request.first = second_of_day(request.start);
-    request.span = (request.units.size() - 1) / request.fps;
-    if (request.first + request.span > 86399) {
-        const std::string latest =
-            request.span <= 86399
-                ? format_date_time(at_second_of_day(request.start, unsigned(86399 - request.span)))
-                : "";
-        return fail("%s", "the clip (" + std::to_string(request.units.size()) + " frames at " +
-                              std::to_string(request.fps) + " a second) would run past midnight" +
-                              (latest.empty() ? std::string("; it is longer than a day")
-                                              : "; start at " + latest + " at the latest"));
-    }
-    return 0;
-}
-
-// Writes the clip to `fd`, one write a frame, as a recorder hands over its
-// frames; counts the bytes of frames and the I-frames. On a failed write
-// ends the session and reports it.
-bool write_h264_frames(int fd, const H264Request& request, unsigned long long& frame_bytes,
-                       unsigned long& iframes)
-{
-    std::vector<uint8_t> frame;
-    for (size_t i = 0; i < request.units.size(); i++) {
-        const H264AccessUnit& unit = request.units[i];
-        const _k4t_fs_date_time_ when =
-            at_second_of_day(request.start, unsigned(request.first + i / request.fps));
-        const uint64_t pts = uint64_t(i) * 90000u / request.fps;
-        frame.clear();
-        wrap_stored_frame(frame, uint8_t(request.channel), unit.idr, when, pts,
-                          request.clip.data() + unit.offset, unit.length);
-        _k4t_video_frame_info_ info = {};
-        if (unit.idr) {
-            info.hour = when.hour;
-            info.minute = when.minute;
-            info.second = when.second;
-            info.iframe_flag = 1;
-            info.offset = 0;
-            info.pts_high = uint32_t(pts >> 32);
-            info.pts_low = uint32_t(pts);
-            iframes++;
-        }
-        const int len = int(frame.size());
-        if (api_qzfs_write_video_data(fd, frame.data(), len, unit.idr ? 1 : 0,
-                                      unit.idr ? &info : nullptr) != len) {
-            end_session(fd, true);
-            fail("writing frame %s failed (disk full?); what came before is kept",
-                 std::to_string(i) + " at " + format_date_time(when));
-            return false;
-        }
-        frame_bytes += (unsigned long long)len;
-    }
-    return true;
-}
-
-int verb_record_h264(const Args& args)
-{
-    H264Request request;
-    if (parse_h264_request(args, request) != 0)
-        return 1;
-    const std::string& path = args.positional[0];
-    if (mount_image(path) != 0)
-        return 1;
-    if (choose_disk_for_recording(path) != 0) {
-        end_session(-1, true);
-        return 1;
-    }
-    _qzfs_k4t_create_ss_para_ para = recording_request(uint8_t(request.channel), 0, request.start);
-    _k4t_stream_segment_id_ id = {};
-    int fd = api_qzfs_create_stream_segment(&para);
-    if (fd <= 0 || api_qzfs_get_fd_info(fd, &id) != 0) {
-        end_session(fd, true);
-        return fail("cannot start recording channel %s (disk full or too many streams?)",
-                    std::to_string(request.channel));
-    }
-    unsigned long long frame_bytes = 0;
-    unsigned long iframes = 0;
-    if (!write_h264_frames(fd, request, frame_bytes, iframes))
-        return 1;
-    const int closed = api_qzfs_close_stream_segment(fd);
-    end_session(-1, true);
-    if (closed != 0)
-        return fail("closing the segment failed");
-    const _k4t_fs_date_time_ last =
-        at_second_of_day(request.start, unsigned(request.first + request.span));
-    printf("recorded %s on channel %u: %zu frames (%lu I-frames), %zu bytes of H.264 in %llu "
-           "bytes of frames, from %s to %s at %u frames a second\n",
-           request.clip_path.c_str(), request.channel, request.units.size(), iframes,
-           request.clip.size(), frame_bytes, format_date_time(request.start).c_str(),
-           format_date_time(last).c_str(), request.fps);
-    printf("segment %u:%u:%u\n", id.hdd_id, id.root_index, id.stream_segment_index);
-    return 0;
-}
-
-// Reads "HDD:ROOT:SEG".
-bool parse_segment_id(const std::string& text, _k4t_stream_segment_id_& id)
-{
-    unsigned hdd, root, segment;
-    char tail;
-    if (text.empty() || text[0] == '-' ||
-        sscanf(text.c_str(), "%u:%u:%u%c", &hdd, &root, &segment, &tail) != 3 || hdd > 254)
-        return false;
-    id.hdd_id = uint8_t(hdd);
-    id.root_index = root;
-    id.stream_segment_index = segment;
-    return true;
-}
-
 // What one export has read and written.
 struct ExportCount {
     unsigned long frames = 0;
@@ -1434,20 +779,6 @@ int verb_export(const Args& args)
 
 // ---------------------------------------------------------------- deleting
 
-// "HH:MM:SS"
-std::string clock_of(unsigned hour, unsigned minute, unsigned second)
-{
-    char text[16];
-    snprintf(text, sizeof(text), "%02u:%02u:%02u", hour % 100, minute % 100, second % 100);
-    return text;
-}
-
-std::string id_text(const _k4t_stream_segment_id_& id)
-{
-    return std::to_string(id.hdd_id) + ":" + std::to_string(id.root_index) + ":" +
-           std::to_string(id.stream_segment_index);
-}
-
 // Removes the segment whole through the exported call, which refuses a
 // segment being recorded or read and an id that names nothing.
 int delete_segment(const std::string& path, _k4t_stream_segment_id_ id)
@@ -1545,33 +876,6 @@ int verb_delete(const Args& args)
 
 // ---------------------------------------------------------------- browsing
 
-const unsigned kMaxGroupImages = 8;
-
-// Mounts IMAGE i as disk i and puts them all in group 0, as a recorder's
-// disks; `mounted` counts the disks to let go with leave_group.
-int mount_group(const std::vector<std::string>& paths, unsigned& mounted)
-{
-    mounted = 0;
-    if (paths.empty() || paths.size() > kMaxGroupImages)
-        return fail("give 1 to %s images", std::to_string(kMaxGroupImages));
-    for (const std::string& path : paths) {
-        if (mount_disk((unsigned char)mounted, path) != 0)
-            return 1;
-        mounted++;
-        if (api_qzfs_add_disk_to_group((unsigned char)(mounted - 1), 0) != 0)
-            return fail("cannot put %s in a group", path);
-    }
-    return 0;
-}
-
-void leave_group(unsigned mounted)
-{
-    for (unsigned hdd = 0; hdd < mounted; hdd++) {
-        api_qzfs_delete_disk_from_group((unsigned char)hdd, 0);
-        api_qzfs_umount((unsigned char)hdd);
-    }
-}
-
 // --channel C as a channel bitmap (all 32 without it), --type T as a stream
 // type bitmap (all without it).
 bool channel_and_type_filter(const Args& args, uint32_t& channels, uint64_t& types)
@@ -1603,45 +907,18 @@ bool parse_date(const std::string& text, _k4t_fs_date_& out, bool month_only)
 // -1 when a query call fails.
 long list_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types)
 {
-    _k4t_stream_query_ query = {};
-    query.group_bitmap = 1;
-    query.channel_bitmap = channels;
-    query.year = date.year;
-    query.month = date.month;
-    query.day = date.day;
-    query.end_hour = 23;
-    query.end_minute = 59;
-    query.end_second = 59;
-    query.sequence = _K4T_SEQUECE_ASCEND_;
-    query.lock_bitmap = 0xFF;
-    query.record_type_bitmap = 0xFF;
-    query.stream_type_bitmap = types;
-    query.item_num_per_page = 64;
-    const int handle = api_qzfs_get_query_stream_segment_handle(&query);
-    if (handle <= 0)
+    std::vector<_k4t_stream_query_result_> rows;
+    if (!query_day(date, channels, types, rows))
         return -1;
-    const int pages = api_qzfs_get_total_page_num(handle);
-    std::vector<_k4t_stream_query_result_> rows(query.item_num_per_page);
-    long listed = pages < 0 ? -1 : 0;
-    for (int page = 0; page < pages; page++) {
-        int num = int(rows.size());
-        if (api_qzfs_jump_specific_page(handle, page, &num, rows.data()) != 0) {
-            listed = -1;
-            break;
-        }
-        for (int i = 0; i < num; i++) {
-            const _k4t_stream_query_result_& r = rows[size_t(i)];
-            const std::string id = std::to_string(r.hdd_id) + ":" + std::to_string(r.root_index) +
-                                   ":" + std::to_string(r.stream_segment_index);
-            printf("  %-10s 20%02u-%02u-%02u %4u %6u  %02u:%02u:%02u  %02u:%02u:%02u %12llu %6u %5s\n",
-                   id.c_str(), date.year, date.month, date.day, r.channel, r.stream_type,
-                   r.start_hour, r.start_minute, r.start_second, r.end_hour, r.end_minute,
-                   r.end_second, (unsigned long long)r.len, r.record_type, r.lock ? "yes" : "no");
-            listed++;
-        }
+    for (const _k4t_stream_query_result_& r : rows) {
+        const std::string id = std::to_string(r.hdd_id) + ":" + std::to_string(r.root_index) + ":" +
+                               std::to_string(r.stream_segment_index);
+        printf("  %-10s 20%02u-%02u-%02u %4u %6u  %02u:%02u:%02u  %02u:%02u:%02u %12llu %6u %5s\n",
+               id.c_str(), date.year, date.month, date.day, r.channel, r.stream_type, r.start_hour,
+               r.start_minute, r.start_second, r.end_hour, r.end_minute, r.end_second,
+               (unsigned long long)r.len, r.record_type, r.lock ? "yes" : "no");
     }
-    api_qzfs_close_query_stream_segment_handle(handle);
-    return listed;
+    return long(rows.size());
 }
 
 int verb_ls(const Args& args)
@@ -1662,16 +939,9 @@ int verb_ls(const Args& args)
         leave_group(mounted);
         return 1;
     }
-    if (date_text == nullptr) {
-        const int count = api_qzfs_get_stream_date_num(1, types);
-        days.resize(count > 0 ? size_t(count) : 0);
-        if (count < 0 || (count > 0 && api_qzfs_get_stream_date_list(1, types, days.data(), count) < 0)) {
-            leave_group(mounted);
-            return fail("cannot list the recorded days");
-        }
-        std::sort(days.begin(), days.end(), [](const _k4t_fs_date_& x, const _k4t_fs_date_& y) {
-            return std::make_tuple(x.year, x.month, x.day) < std::make_tuple(y.year, y.month, y.day);
-        });
+    if (date_text == nullptr && !recorded_days(types, days)) {
+        leave_group(mounted);
+        return fail("cannot list the recorded days");
     }
     printf("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
            "start", "end", "bytes", "rtype", "lock");
@@ -1839,6 +1109,8 @@ int main(int argc, char** argv)
         rc = verb_export(args);
     else if (verb == "delete")
         rc = verb_delete(args);
+    else if (verb == "lock")
+        rc = verb_lock(args);
     else if (verb == "ls")
         rc = verb_ls(args);
     else if (verb == "calendar")
@@ -1854,3 +1126,4 @@ int main(int argc, char** argv)
     api_qzfs_uinit();
     return rc;
 }
+

@@ -21,6 +21,8 @@
 #include "qzfs_manager.h"
 #include "system_resource_manager.h"
 
+#include <vector>
+
 namespace {
 
 // A pass gives up after this many victims, whatever it has won.
@@ -114,6 +116,23 @@ bool victim_on_recording_day(CQzFileSystem& fs, const _delete_ss_list_node_& vic
            root.day == recording.day;
 }
 
+bool same_segment(const _k4t_stream_segment_id_& a, const _k4t_stream_segment_id_& b)
+{
+    return a.hdd_id == b.hdd_id && a.root_index == b.root_index &&
+           a.stream_segment_index == b.stream_segment_index;
+}
+
+void drop_tried(std::list<_delete_ss_list_node_>& list,
+                const std::vector<_k4t_stream_segment_id_>& tried)
+{
+    list.remove_if([&](const _delete_ss_list_node_& node) {
+        for (const _k4t_stream_segment_id_& id : tried)
+            if (same_segment(id, node.id))
+                return true;
+        return false;
+    });
+}
+
 }  // namespace
 
 int CQzfsApi::Qzfs_disk_overwrite_big_stream(int group)
@@ -168,6 +187,9 @@ int CQzfsApi::start_delete_stream(int group, unsigned char big,
         once = attr->once_delete_size;
     }
     unsigned long long total = 0;
+    // Segments that gave nothing in this pass (a recording shorter than
+    // what is wanted): the rebuilt list would offer them again.
+    std::vector<_k4t_stream_segment_id_> gave_nothing;
     for (int round = 0; round < MAX_PASS_ITERATIONS; round++) {
         if (!big && gQzfsManager.Judge_small_stream_is_full(group, reserve_day) != 1)
             return 0;
@@ -178,10 +200,12 @@ int CQzfsApi::start_delete_stream(int group, unsigned char big,
                 QZLOG("have not unlock stream segment!");
                 return -1;
             }
+            const int listed = int(list.size());
+            drop_tried(list, gave_nothing);
             victim = gQzfsManager.Find_delete_stream_segment(list);
             if (victim == list.end()) {
                 QZLOG("have not unlock stream segment, but have open segment(list size:%d)!",
-                      int(list.size()));
+                      listed);
                 return 0;
             }
         }
@@ -222,6 +246,8 @@ int CQzfsApi::start_delete_stream(int group, unsigned char big,
             if (list_stale)
                 list.clear();
         }
+        if (size == 0 && whole == 0)
+            gave_nothing.push_back(id);
         total += size;
         QZLOG_ABOVE(0,
                     "want:%llu,delete_size:%llu,total size:%llu, owner stamp:%lu, "

@@ -70,8 +70,9 @@ int gather_from_writer(front_trim& job, _opened_stream_segment_* writer)
     writer_node_snapshot(writer, &now);
     const uint64_t live = segment_len_of(now), cut = writer->writer()->delete_len;
     if (live < cut || live - cut < job.want) {
-        QZLOG("recording stream segment is too short(%llu)(%llu)(%llu)", (unsigned long long)live,
-              (unsigned long long)cut, (unsigned long long)job.want);
+        QZLOG_ABOVE(0, "recording stream segment is too short(%llu)(%llu)(%llu)",
+                    (unsigned long long)live, (unsigned long long)cut,
+                    (unsigned long long)job.want);
         return -1;
     }
     return qzfs_copy_live_segment(writer, &job);

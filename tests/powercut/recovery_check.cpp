@@ -295,8 +295,8 @@ void check_listing(const DiskWalk& walk, const LineWriter& out)
 }
 
 // A logical summary of the repaired disk: every root and segment node,
-// each live segment's stream (a hash) and I-frame entries, the number of
-// allocated blocks.
+// each live segment's stream (a hash), I-frame entries and number of data
+// blocks, the number of allocated blocks.
 void write_summary(const DiskWalk& walk, unsigned long block_size, unsigned long allocated,
                    const LineWriter& out)
 {
@@ -334,6 +334,8 @@ void write_summary(const DiskWalk& walk, unsigned long block_size, unsigned long
                 out.line("summary iframes " + segment_name(r.position, s.index) + " " +
                          std::to_string(extent.iframes.size()) + " entries, hash " +
                          std::to_string(hash_bytes(entries)));
+                out.line("summary blocks " + segment_name(r.position, s.index) + " " +
+                         std::to_string(extent.data_blocks.size()));
             }
         }
     }

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <map>
+#include <set>
 #include <stdexcept>
 
 namespace powercut {
@@ -23,6 +25,7 @@ struct Totals {
     unsigned long orphans_max = 0;
     unsigned long recut_points = 0, recuts = 0, recut_failures = 0;
     unsigned long as_before = 0, as_after = 0;  // delete workloads: where cut points ended
+    unsigned long between = 0;                  // overwrite: after a part of the pass
 };
 
 class Sweep {
@@ -44,6 +47,7 @@ private:
     void prepare_states(const ChildResult& uncut_run, const CheckResult& uncut);
     std::vector<std::string> state_of(const CheckResult& check) const;
     std::string check_state(const CheckResult& check);
+    std::string overwrite_state(const std::vector<std::string>& now) const;
     void report(unsigned long long n, const std::vector<std::string>& failures,
                 const CheckResult& check);
     void print_totals(unsigned long long writes, double seconds) const;
@@ -54,6 +58,9 @@ private:
     Totals t_;
     // A delete workload's disk before and after its uncut delete or trim.
     std::vector<std::string> before_, after_;
+    // An overwrite workload's segments ("ROOT:SLOT") and their owner stamps
+    // before the pass.
+    std::map<std::string, unsigned long> stamps_;
 };
 
 // The first line where two summaries differ, as "A", "B".
@@ -117,6 +124,45 @@ unsigned long long Sweep::prepare_base()
     return std::stoull(words(w.lines.back()).at(1));
 }
 
+// A summary cut up: each segment's lines by "ROOT:SLOT" and its data
+// blocks, the other lines, the allocated block count.
+struct SummaryParts {
+    std::map<std::string, std::vector<std::string>> segments;
+    std::map<std::string, unsigned long> blocks;
+    std::vector<std::string> rest;
+    unsigned long allocated = 0;
+    std::vector<std::string> lines(const std::string& segment) const
+    {
+        auto it = segments.find(segment);
+        return it == segments.end() ? std::vector<std::string>() : it->second;
+    }
+    unsigned long blocks_of(const std::string& segment) const
+    {
+        auto it = blocks.find(segment);
+        return it == blocks.end() ? 0 : it->second;
+    }
+};
+
+SummaryParts summary_parts(const std::vector<std::string>& summary)
+{
+    static const std::set<std::string> of_segment = {"segment", "start", "stream", "iframes",
+                                                     "blocks"};
+    SummaryParts parts;
+    for (const std::string& line : summary) {
+        const std::vector<std::string> w = words(line);
+        if (w.size() == 3 && w[0] == "allocated") {
+            parts.allocated = std::stoul(w[2]);
+        } else if (w.size() > 2 && of_segment.count(w[0]) > 0) {
+            parts.segments[w[1]].push_back(line);
+            if (w[0] == "blocks")
+                parts.blocks[w[1]] = std::stoul(w[2]);
+        } else {
+            parts.rest.push_back(line);
+        }
+    }
+    return parts;
+}
+
 // What a delete workload compares: the whole summary of the repaired disk,
 // or, for a live trim, whose segment's end depends on the cut, the start of
 // each segment.
@@ -153,6 +199,19 @@ void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncu
     }
     if (before_.empty() || before_ == after_)
         throw std::runtime_error("the uncut delete or trim changes nothing");
+    if (o_.workload.action != Action::Overwrite)
+        return;
+    for (const std::string& line : uncut_run.lines) {
+        const std::vector<std::string> w = words(line);
+        if (w.size() == 3 && w[0] == "stamp")
+            stamps_[w[1]] = std::stoul(w[2]);
+    }
+    for (const auto& s : summary_parts(before_).segments)
+        if (stamps_.count(s.first) == 0)
+            throw std::runtime_error("the uncut pass tells no owner stamp of segment " + s.first);
+    const std::string own = overwrite_state(after_);
+    if (!own.empty())
+        throw std::runtime_error("the disk of the uncut pass fails its own state check: " + own);
 }
 
 // After a cut in a delete or trim the disk is exactly as before it or as
@@ -162,10 +221,69 @@ std::string Sweep::check_state(const CheckResult& check)
     const std::vector<std::string> now = state_of(check);
     t_.as_before += now == before_;
     t_.as_after += now == after_;
+    if (o_.workload.action == Action::Overwrite) {
+        const std::string fault = overwrite_state(now);
+        t_.between += fault.empty() && now != before_ && now != after_;
+        return fault;
+    }
     if (now == before_ || now == after_)
         return "";
     return "the disk is neither as before nor as after the change: before and now " +
            first_difference(before_, now) + "; after and now " + first_difference(after_, now);
+}
+
+// An overwrite pass deletes or trims one segment at a time, each under the
+// journal: after a cut the disk is as after the first few of its changes.
+// Every segment is as before or as after the uncut pass; none that the pass
+// changed and the cut left changed is younger than one that the pass changed
+// and the cut left as before (the trim, the pass's last change, stands only
+// with all the rest); the root nodes are as before or as after, and the
+// allocated blocks are those before less the data blocks that the changes
+// which stand gave up.
+std::string Sweep::overwrite_state(const std::vector<std::string>& now) const
+{
+    const SummaryParts before = summary_parts(before_), after = summary_parts(after_),
+                       got = summary_parts(now);
+    std::set<std::string> keys;
+    for (const SummaryParts* p : {&before, &after, &got})
+        for (const auto& s : p->segments)
+            keys.insert(s.first);
+    std::vector<std::string> stand, undone;  // changes of the pass
+    unsigned long freed = 0;
+    for (const std::string& k : keys) {
+        const std::vector<std::string> b = before.lines(k), a = after.lines(k), n = got.lines(k);
+        if (b == a && n != b)
+            return "segment " + k + ", which the pass leaves alone, is not as before: " +
+                   first_difference(b, n);
+        if (b == a)
+            continue;
+        if (n == b) {
+            undone.push_back(k);
+        } else if (n == a) {
+            stand.push_back(k);
+            freed += before.blocks_of(k) - after.blocks_of(k);
+        } else {
+            return "segment " + k + " is neither as before nor as after the pass: before and now " +
+                   first_difference(b, n) + "; after and now " + first_difference(a, n);
+        }
+    }
+    for (const std::string& s : stand)
+        for (const std::string& u : undone) {
+            const unsigned long stamp = stamps_.at(s), older = stamps_.at(u);
+            const bool trim = after.segments.count(s) > 0;
+            if (older < stamp || (older == stamp && trim))
+                return "the pass's change of segment " + s + " (stamp " + std::to_string(stamp) +
+                       ") stands, that of segment " + u + " (stamp " + std::to_string(older) +
+                       ") does not";
+        }
+    if (got.rest != before.rest && got.rest != after.rest)
+        return "the root nodes are neither as before nor as after the pass: before and now " +
+               first_difference(before.rest, got.rest);
+    if (got.allocated + freed != before.allocated)
+        return std::to_string(got.allocated) + " blocks are allocated, " +
+               std::to_string(before.allocated) + " before the pass less " +
+               std::to_string(freed) + " data blocks of the changes that stand";
+    return "";
 }
 
 // The repairing mount of cut point `n`, cut at each of its own writes in
@@ -267,7 +385,10 @@ void Sweep::print_totals(unsigned long long writes, double seconds) const
         printf("%s: repairing mount cut again at %lu writes of %lu cut points, %lu ended "
                "elsewhere\n",
                what.c_str(), t_.recuts, t_.recut_points, t_.recut_failures);
-    if (o_.workload.action != Action::Record)
+    if (o_.workload.action == Action::Overwrite)
+        printf("%s: %lu cut points ended as before the pass, %lu as after it, %lu in between\n",
+               what.c_str(), t_.as_before, t_.as_after, t_.between);
+    else if (o_.workload.action != Action::Record)
         printf("%s: %lu cut points ended as before the change, %lu as after it\n", what.c_str(),
                t_.as_before, t_.as_after);
     printf("%s: orphan blocks after a repair: at most %lu\n", what.c_str(), t_.orphans_max);

@@ -29,18 +29,26 @@ const Workload kWorkloads[] = {
     {"delete-shared", 1, 60, 5, Action::Delete, 1, true, 0, 1},
     {"trim", 1, 60, 5, Action::Trim, 1, false, 0, 0},
     {"trim-live", 1, 50, 5, Action::TrimLive, 1, false, 0, 0},
+    {"overwrite", 2, 120, 5, Action::Overwrite, 3, false, 0, 0},
 };
 
-// Group 0 holds the disk alone and records on it while 50 MiB are free.
-bool choose_for_recording()
+// Group 0's thresholds: recording goes on while 50 MiB are free, above
+// which free space counts as spare.
+bool configure_group(unsigned long long start_delete, unsigned long long once)
 {
     _qzfs_k4t_hdd_overwrite_config_ config = {};
     config.reserve_free_size_for_record = 50ULL << 20;
     config.used_for_recording_free_size = config.reserve_free_size_for_record;
-    config.start_delete_free_size = config.reserve_free_size_for_record;
-    config.once_delete_size = 32ULL << 20;
+    config.start_delete_free_size = start_delete;
+    config.once_delete_size = once;
+    return api_qzfs_config_overwrite(0, &config) == 0;
+}
+
+// Group 0 holds the disk alone and records on it.
+bool choose_for_recording()
+{
     unsigned char hdd = 255;
-    return api_qzfs_add_disk_to_group(kHdd, 0) == 0 && api_qzfs_config_overwrite(0, &config) == 0 &&
+    return api_qzfs_add_disk_to_group(kHdd, 0) == 0 && configure_group(50ULL << 20, 32ULL << 20) &&
            api_qzfs_find_work_hdd(0, &hdd) == 0 && hdd == kHdd;
 }
 
@@ -355,6 +363,144 @@ bool act(const Workload& workload, const DiskWalk& before, Target& target,
             close_channels(channels, out));
 }
 
+// The segments of a disk, oldest owner stamp first (equal stamps in index
+// order).
+struct Aged {
+    std::pair<uint32_t, uint32_t> key;  // root, slot
+    _stream_segment_index_node_dev_ node;
+};
+
+std::vector<Aged> by_age(const DiskWalk& walk)
+{
+    std::vector<Aged> aged;
+    for (const auto& n : segment_nodes(walk))
+        aged.push_back({n.first, n.second});
+    std::stable_sort(aged.begin(), aged.end(), [](const Aged& a, const Aged& b) {
+        return a.node.owner_stamp < b.node.owner_stamp;
+    });
+    return aged;
+}
+
+std::string label(const std::pair<uint32_t, uint32_t>& key)
+{
+    return std::to_string(key.first) + ":" + std::to_string(key.second);
+}
+
+// After an uncut overwrite pass: what it changed is unlocked and no younger
+// than any unlocked segment it left alone; all of it is gone but the
+// youngest, which starts at a later I-frame, shorter, and ends as before;
+// it took at least `once` bytes; every other segment, the locked one above
+// all, is as it was.
+bool check_pass(const std::vector<Aged>& aged, unsigned long long once, const LineWriter& out)
+{
+    DiskWalk after;
+    if (!walk_mounted_disk(after, out))
+        return false;
+    SegmentNodes now = segment_nodes(after);
+    std::vector<std::string> faults;
+    unsigned long long taken = 0;
+    unsigned gone = 0, trimmed = 0;
+    uint32_t youngest_gone = 0, trimmed_stamp = 0, youngest_changed = 0, oldest_kept = UINT32_MAX;
+    for (const Aged& a : aged) {
+        const uint32_t stamp = a.node.owner_stamp;
+        auto it = now.find(a.key);
+        if (it != now.end() && memcmp(&it->second, &a.node, sizeof(a.node)) == 0) {
+            if (a.node.lock == 0)
+                oldest_kept = std::min(oldest_kept, stamp);
+            now.erase(it);
+            continue;
+        }
+        youngest_changed = std::max(youngest_changed, stamp);
+        if (a.node.lock != 0)
+            faults.push_back("the locked segment " + label(a.key) + " was changed");
+        if (it == now.end()) {
+            gone++;
+            taken += segment_len_of(a.node);
+            youngest_gone = std::max(youngest_gone, stamp);
+            continue;
+        }
+        const _stream_segment_index_node_dev_& n = it->second;
+        if (segment_len_of(n) < segment_len_of(a.node) &&
+            segment_start_iframe_of(n) > segment_start_iframe_of(a.node) &&
+            n.end_hour == a.node.end_hour && n.end_minute == a.node.end_minute &&
+            n.end_second == a.node.end_second && n.lock == a.node.lock) {
+            trimmed++;
+            trimmed_stamp = stamp;
+            taken += segment_len_of(a.node) - segment_len_of(n);
+        } else {
+            faults.push_back("segment " + label(a.key) + " changed otherwise than by a front trim");
+        }
+        now.erase(it);
+    }
+    if (!now.empty())
+        faults.push_back("segment " + label(now.begin()->first) + " was not there before the pass");
+    if (gone == 0 || trimmed != 1)
+        faults.push_back("the pass removed " + std::to_string(gone) + " segments and trimmed " +
+                         std::to_string(trimmed) +
+                         ", asked for the oldest unlocked one and half the next");
+    if (oldest_kept < youngest_changed)
+        faults.push_back("the pass changed a segment of stamp " +
+                         std::to_string(youngest_changed) +
+                         " and left an unlocked one of stamp " + std::to_string(oldest_kept));
+    if (trimmed == 1 && youngest_gone > trimmed_stamp)
+        faults.push_back("the pass removed a segment younger than the one it trimmed");
+    if (taken < once)
+        faults.push_back("the pass took " + std::to_string(taken) + " bytes, " +
+                         std::to_string(once) + " were asked for");
+    for (const std::string& f : faults)
+        out.line("fail " + f);
+    return faults.empty();
+}
+
+// One overwrite pass over group 0, which must run: its threshold is above
+// anything the disk can have spare. It is asked for the oldest unlocked
+// segment and half the next one.
+bool overwrite_pass(const power_cut::Settings& device, const LineWriter& out)
+{
+    DiskWalk before;
+    if (!walk_mounted_disk(before, out))
+        return false;
+    const std::vector<Aged> aged = by_age(before);
+    std::vector<const Aged*> unlocked;
+    for (const Aged& a : aged) {
+        out.line("stamp " + label(a.key) + " " + std::to_string(a.node.owner_stamp));
+        if (a.node.lock == 0)
+            unlocked.push_back(&a);
+    }
+    if (unlocked.size() < 3 || unlocked.size() == aged.size()) {
+        out.line("fail the disk holds " + std::to_string(aged.size()) + " segments, " +
+                 std::to_string(unlocked.size()) + " of them unlocked");
+        return false;
+    }
+    const unsigned long long once =
+        segment_len_of(unlocked[0]->node) + segment_len_of(unlocked[1]->node) / 2;
+    if (!configure_group(2 * kImageSize, once)) {
+        out.line("fail the overwrite thresholds are refused");
+        return false;
+    }
+    power_cut::install(device);  // the cut falls from here on
+    const int result = api_qzfs_disk_overwrite_big_stream(0);
+    if (result != 0) {
+        out.line("fail the overwrite pass returns " + std::to_string(result));
+        return false;
+    }
+    return check_pass(aged, once, out);
+}
+
+// The segment an overwrite workload keeps from its pass, locked by id.
+bool lock_target(const Workload& workload, const LineWriter& out)
+{
+    DiskWalk walk;
+    Target target;
+    if (!find_target(workload, walk, target, out))
+        return false;
+    if (api_qzfs_stream_segment_lock_by_id(&target.id, 1) == 0)
+        return true;
+    out.line("fail the lock of segment " + label({target.id.root_index,
+                                                  target.id.stream_segment_index}));
+    return false;
+}
+
 } // namespace
 
 bool find_workload(const std::string& name, Workload& out)
@@ -411,7 +557,8 @@ void prepare_disk(const Workload& workload, const std::string& image, const Line
 {
     api_qzfs_init();
     api_qzfs_set_debug_level(0);
-    if (workload.action == Action::Delete || workload.action == Action::Trim) {
+    if (workload.action == Action::Delete || workload.action == Action::Trim ||
+        workload.action == Action::Overwrite) {
         if (!mount_for_recording(image, out))
             return;
         std::vector<Channel> channels = make_channels(workload.channels);
@@ -421,7 +568,9 @@ void prepare_disk(const Workload& workload, const std::string& image, const Line
                         out) ||
                 !close_channels(channels, out))
                 return;
-        if ((workload.split && !split_sharing_a_block(out)) || !unmount(out))
+        if ((workload.split && !split_sharing_a_block(out)) ||
+            (workload.action == Action::Overwrite && !lock_target(workload, out)) ||
+            !unmount(out))
             return;
     }
     out.line("done");
@@ -441,6 +590,9 @@ void run_workload(const Workload& workload, const std::string& image,
         if (!open_segments(channels, out) ||
             !record(channels, workload.seconds, workload.sync_every, out) ||
             !close_channels(channels, out))
+            return;
+    } else if (workload.action == Action::Overwrite) {
+        if (!overwrite_pass(device, out))
             return;
     } else {
         DiskWalk before;

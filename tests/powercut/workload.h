@@ -16,10 +16,12 @@ namespace powercut {
 
 // What the cut falls on. Record: the recording itself. The others record
 // their disk without a cut first and the cut then falls on a whole delete
-// by id (Delete), a front trim by bytes of a closed segment (Trim), or a
-// front trim of the segment being recorded, which records on behind it and
-// is closed (TrimLive); the unmount follows.
-enum class Action { Record, Delete, Trim, TrimLive };
+// by id (Delete), a front trim by bytes of a closed segment (Trim), a front
+// trim of the segment being recorded, which records on behind it and is
+// closed (TrimLive), or one overwrite pass over the disk's group, which
+// removes the oldest unlocked segments and trims the next (Overwrite); the
+// unmount follows.
+enum class Action { Record, Delete, Trim, TrimLive, Overwrite };
 
 struct Workload {
     std::string name;
@@ -29,8 +31,8 @@ struct Workload {
     Action action = Action::Record;
     unsigned segments = 1;  // per channel, of equal length, one behind the other
     bool split = false;     // the first segment is split in two that share a data block
-    // The segment the delete or trim works on: of this channel, the
-    // target_rank-th by start time.
+    // The segment the delete or trim works on (the one an overwrite pass
+    // finds locked): of this channel, the target_rank-th by start time.
     unsigned target_channel = 0;
     unsigned target_rank = 0;
 };
@@ -46,7 +48,10 @@ struct Workload {
 // back piece deleted;
 // trim: a minute on one channel, about two blocks trimmed from its front;
 // trim-live: 40 s recorded, the front block and a half trimmed, 10 s more
-// recorded, the segment closed.
+// recorded, the segment closed;
+// overwrite: two channels of three 40 s segments each, channel 0's first
+// one locked; one overwrite pass that must run is asked for the oldest
+// unlocked segment and half the next one.
 bool find_workload(const std::string& name, Workload& out);
 std::string workload_names();
 
@@ -71,8 +76,9 @@ struct WorkloadProgress {
 // In a child: formats a sparse image of 3 GiB at `image`.
 void format_base_image(const std::string& image, const LineWriter& out);
 
-// In a child: records the disk of a Delete or Trim workload on `image`
-// without a cut and unmounts it ("done"); nothing for the others.
+// In a child: records the disk of a Delete, Trim or Overwrite workload on
+// `image` without a cut (an Overwrite workload locks its target segment by
+// id) and unmounts it ("done"); nothing for the others.
 void prepare_disk(const Workload& workload, const std::string& image, const LineWriter& out);
 
 // In a child: mounts `image` with the emulated device of `device`, runs the
@@ -80,7 +86,8 @@ void prepare_disk(const Workload& workload, const std::string& image, const Line
 // of a Record workload on, or from the delete or trim of the others on, are
 // counted and cut; the mount and a TrimLive workload's first 40 s are not.
 // A TrimLive workload tells the start of its segment before the trim:
-// "before " and the segment's start_key (disk_walk.h).
+// "before " and the segment's start_key (disk_walk.h). An Overwrite workload
+// tells each segment's owner stamp before its pass: "stamp ROOT:SLOT N".
 void run_workload(const Workload& workload, const std::string& image,
                   const power_cut::Settings& device, const LineWriter& out);
 WorkloadProgress read_progress(const Workload& workload, const std::vector<std::string>& lines);

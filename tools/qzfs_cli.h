@@ -1,0 +1,97 @@
+// The host tool's shared plumbing: its command-line words, its one-line
+// failures, dates and segment ids as a user types them, mounting images as
+// the disks of group 0, and the day queries over that group. The verbs live
+// in qzfs.cpp (disks, indexes, export, delete, browsing), qzfs_record.cpp
+// (recording) and qzfs_retention.cpp (locks and recording with overwrite).
+#ifndef QZFS_TOOL_CLI_H
+#define QZFS_TOOL_CLI_H
+
+#include "qzfilesystem_api.h"
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qzfs_tool {
+
+// The disk number of a verb that works on one image.
+const unsigned char TOOL_HDD_ID = 0;
+// The most images the verbs that take several mount as one group.
+const unsigned kMaxGroupImages = 8;
+
+// Prints "qzfs: " and the message (`fmt` with `detail` for its %s) on
+// standard error; returns the exit status of a failure, 1.
+int fail(const char* fmt, const std::string& detail = "");
+
+// Reads a byte count with an optional suffix K, M, G or T (powers of 1024).
+bool parse_size(const std::string& text, unsigned long long& out);
+
+// Arguments after the verb: positional ones, --name value pairs and flags
+// (kept with an empty value).
+struct Args {
+    std::vector<std::string> positional;
+    std::vector<std::pair<std::string, std::string>> options;
+
+    const std::string* option(const char* name) const
+    {
+        for (const auto& o : options)
+            if (o.first == name)
+                return &o.second;
+        return nullptr;
+    }
+};
+
+bool split_args(int argc, char** argv, int first, Args& args, std::string& error);
+// Fails with "unknown option" for an option not in `allowed`.
+bool only_options(const Args& args, std::initializer_list<const char*> allowed, std::string& error);
+// A small unsigned option within [0, limit]; `fallback` when absent.
+bool number_option(const Args& args, const char* name, unsigned limit, unsigned fallback,
+                   unsigned& out);
+
+// Reads "YYYY-MM-DDTHH:MM:SS" (a space may stand for the T).
+bool parse_date_time(const std::string& text, _k4t_fs_date_time_& out);
+// The local time now, as a recorder's clock shows it.
+bool local_now(_k4t_fs_date_time_& out);
+// "2026-11-21 08:00:00"
+std::string format_date_time(const _k4t_fs_date_time_& t);
+// "HH:MM:SS"
+std::string clock_of(unsigned hour, unsigned minute, unsigned second);
+// The moment `second_of_day` seconds after midnight of the day of `day`.
+_k4t_fs_date_time_ at_second_of_day(const _k4t_fs_date_time_& day, unsigned second_of_day);
+unsigned second_of_day(const _k4t_fs_date_time_& t);
+// Orders two moments by their fields, the way the recordings store them.
+int compare_date_time(const _k4t_fs_date_time_& a, const _k4t_fs_date_time_& b);
+
+// Reads "HDD:ROOT:SEG"; id_text writes it.
+bool parse_segment_id(const std::string& text, _k4t_stream_segment_id_& id);
+std::string id_text(const _k4t_stream_segment_id_& id);
+
+// Mounts IMAGE as disk `hdd_id`; mount_image as the tool's disk. The
+// caller unmounts.
+int mount_disk(unsigned char hdd_id, const std::string& path);
+int mount_image(const std::string& path);
+// Closes `fd` (when above 0), leaves group 0 (when `grouped`) and unmounts
+// the tool's disk.
+void end_session(int fd, bool grouped);
+// Mounts IMAGE i as disk i and puts them all in group 0, as a recorder's
+// disks; `mounted` counts the disks to let go with leave_group.
+int mount_group(const std::vector<std::string>& paths, unsigned& mounted);
+void leave_group(unsigned mounted);
+
+// The days of group 0 that hold recordings of the stream types in `types`,
+// in calendar order.
+bool recorded_days(uint64_t types, std::vector<_k4t_fs_date_>& days);
+// The segments of group 0 on `date`, of the channels and stream types in the
+// bitmaps, in order of start time (a sorted query, page by page).
+bool query_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types,
+               std::vector<_k4t_stream_query_result_>& rows);
+
+// Verbs defined outside qzfs.cpp.
+int verb_record(const Args& args);  // qzfs_record.cpp
+int verb_lock(const Args& args);    // qzfs_retention.cpp
+
+} // namespace qzfs_tool
+
+#endif
