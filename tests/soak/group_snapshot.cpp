@@ -275,25 +275,21 @@ PassVerdict judge_big_pass(const PassWindow& w)
                              " was eligible and is still there");
 
     // Spare space only grows by a delete, so a pass after a state with too
-    // little of it was due, and it starts with the oldest candidate. A
-    // closed one can always be taken, whole or from its front, and so can
-    // a live one long enough; a shorter live one may hold the pass up.
-    const SegmentKey* first_pick = nullptr;
+    // little of it was due. A closed candidate can always be taken, whole
+    // or from its front, and so can a live one long enough; a shorter live
+    // one gives nothing, and the pass goes on to the next.
+    const SegmentKey* could_give = nullptr;
     for (const auto& b : w.before->segments)
         if (eligible(b.first, b.second, w.open_for_reading) &&
-            (first_pick == nullptr ||
-             b.second.owner_stamp < w.before->segments.at(*first_pick).owner_stamp))
-            first_pick = &b.first;
+            (!b.second.recording() || b.second.live_len >= w.thresholds.once + 2 * block))
+            could_give = &b.first;
     if (!v.touched() && w.before->spare(w.thresholds.used) < w.thresholds.start &&
-        first_pick != nullptr) {
-        const SegmentState& s = w.before->segments.at(*first_pick);
-        if (!s.recording() || s.live_len >= w.thresholds.once + 2 * block)
-            v.failures.push_back("the pass took nothing although the group's spare space was " +
-                                 std::to_string(w.before->spare(w.thresholds.used)) +
-                                 " bytes, below start_delete_free_size, and the oldest "
-                                 "candidate, " + stamp_text(*first_pick, s) +
-                                 ", could be taken");
-    }
+        could_give != nullptr)
+        v.failures.push_back("the pass took nothing although the group's spare space was " +
+                             std::to_string(w.before->spare(w.thresholds.used)) +
+                             " bytes, below start_delete_free_size, and " +
+                             stamp_text(*could_give, w.before->segments.at(*could_give)) +
+                             " could be taken");
 
     if (v.touched()) {
         // Before the pass looked, the recorders may have used up to what

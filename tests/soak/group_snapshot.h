@@ -103,7 +103,7 @@ bool eligible(const SegmentKey& key, const SegmentState& s, const std::set<Segme
 //  - it changes no lock;
 //  - it returns 0, or -1 only when no eligible segment is left;
 //  - it takes something when the spare space is below
-//    start_delete_free_size and the oldest candidate can give something;
+//    start_delete_free_size and a candidate can give something;
 //  - it takes nothing while the group's spare space is surely at or above
 //    start_delete_free_size;
 //  - it frees no more than once_delete_size, give or take a block for each
