@@ -678,9 +678,11 @@ void Soak::lock_from_query(std::mt19937& rng)
             api_qzfs_close_query_stream_segment_handle(handle);
             return fail(error);
         }
+        // The handle keeps the rows it found; its first page again must
+        // show them with the new lock.
         num = page;
         bool shown = false;
-        if (api_qzfs_jump_specific_page(handle, 0, &num, rows.data()) == 0)
+        if (api_qzfs_query_stream_segment(handle, K4T_QUERY_FIRST, &num, rows.data()) == 0)
             for (int i = 0; i < num; i++) {
                 _k4t_stream_segment_id_ id = {rows[i].hdd_id, rows[i].root_index,
                                               rows[i].stream_segment_index};
