@@ -36,7 +36,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -841,6 +841,9 @@ bool split_output(const std::string& log)
 
 int main(int argc, char** argv)
 {
+    // A reader of the figures that goes away (a pager, head) must not kill
+    // the run before it removes its images.
+    signal(SIGPIPE, SIG_IGN);
     Options o;
     if (!parse(argc, argv, o))
         return 2;
