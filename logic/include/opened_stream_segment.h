@@ -135,6 +135,9 @@ int Check_qzfs_create_ss_para(_qzfs_k4t_create_ss_para_* para);
 uint64_t writer_visible_len(_opened_stream_segment_* writer);
 // A copy of a live writer's segment node, taken under its lock.
 void writer_node_snapshot(_opened_stream_segment_* writer, _stream_segment_index_node_dev_* out);
+// Whether a live writer has met its first I-frame, read under its lock: for
+// threads other than the writer's own.
+bool writer_start_confirmed(_opened_stream_segment_* writer);
 
 // Finds the segment that `para` and `policy` name over the disks of its
 // groups and makes a reader record for it, placed at the moment asked for,

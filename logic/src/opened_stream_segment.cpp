@@ -245,6 +245,13 @@ void writer_node_snapshot(_opened_stream_segment_* writer, _stream_segment_index
     memcpy(out, writer->ssi_node, sizeof(*out));
 }
 
+bool writer_start_confirmed(_opened_stream_segment_* writer)
+{
+    _write_stream_segment_* wss = writer->writer();
+    QzfsScopedLock writer_lock(wss->lock);
+    return wss->confirm_start_iframe == 1;
+}
+
 int CQzFileSystem::live_segment_node(uint32_t root_index, uint32_t index,
                                      _stream_segment_index_node_men_& node)
 {
@@ -254,9 +261,9 @@ int CQzFileSystem::live_segment_node(uint32_t root_index, uint32_t index,
     _opened_stream_segment_* writer = nullptr;
     if (find_opening_stream_segment_by_id(&id, &writer, 2) < 0 || writer == nullptr)
         return -1;
-    _write_stream_segment_* wss = writer->writer();
-    if (wss->confirm_start_iframe != 1)
+    if (!writer_start_confirmed(writer))
         return 0;
+    _write_stream_segment_* wss = writer->writer();
     _stream_segment_index_node_dev_ live;
     writer_node_snapshot(writer, &live);
     if (live.end_hour == QZFS_INVALID_END_HOUR)

@@ -42,7 +42,7 @@ int qzfs_copy_live_segment(_opened_stream_segment_* writer, segment_copy* out)
     writer_node_snapshot(writer, &out->node);  // the writer grows its length meanwhile
     const uint64_t live = segment_len_of(out->node);
     set_segment_len(out->node, live >= wss->delete_len ? live - wss->delete_len : 0);
-    if (wss->confirm_start_iframe == K4T_FS_FALSE || segment_len_of(out->node) == 0 ||
+    if (!writer_start_confirmed(writer) || segment_len_of(out->node) == 0 ||
         segment_start_iframe_of(out->node) == 0) {
         QZLOG("FATAL((pWss->confirm_start_iframe == K4T_FS_FALSE) || (ssind.len_in_bytes == 0))");
         return -1;

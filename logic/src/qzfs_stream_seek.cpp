@@ -302,7 +302,7 @@ int CQzFileSystem::Seek_stream_segment(_opened_stream_segment_* oss, _opened_str
     seek_source src = source_of(oss, writer);
     int result = 0;
     if (writer != nullptr &&
-        (!writer->writer()->confirm_start_iframe || src.node.end_hour == QZFS_INVALID_END_HOUR)) {
+        (!writer_start_confirmed(writer) || src.node.end_hour == QZFS_INVALID_END_HOUR)) {
         if (where != nullptr)
             QZLOG("WRITING STREAM SEGMENT NOT ENOUGH DATA");
         else

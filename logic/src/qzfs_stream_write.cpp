@@ -109,46 +109,55 @@ int open_data_block(CQzFileSystem& fs, _opened_stream_segment_* oss, bool take_d
 }
 
 // The first I-frame of a segment fixes its start: its index position and
-// its time. A node that moved is written in its recording form.
+// its time. A node that moved is written in its recording form. Readers and
+// the overwrite planner look at the live node from other threads, so it
+// and the flag change under the writer's lock; the disk write goes outside
+// it, from a copy.
 int confirm_segment_start(CQzFileSystem& fs, _opened_stream_segment_* oss,
                           const _k4t_video_frame_info_& frame, bool take_disk_lock)
 {
     _write_stream_segment_* wss = oss->writer();
     _stream_segment_index_node_dev_* ssi = oss->ssi();
+    _stream_segment_index_node_dev_ moved;
     bool changed = false;
-    const uint32_t position = wss->iframe_written_num + wss->data_block_num;
-    if (ssi->start_iframe != position) {
-        QZLOG_ABOVE(1, "TOO MUCH RUBBISH DATA(%ld)(%ld)(r:%ld)(s:%ld)", long(ssi->start_iframe),
-                    long(position), long(oss->root_index), long(oss->stream_segment_index));
-        ssi->start_iframe = position;
-        changed = true;
+    {
+        QzfsScopedLock writer_lock(wss->lock);
+        const uint32_t position = wss->iframe_written_num + wss->data_block_num;
+        if (ssi->start_iframe != position) {
+            QZLOG_ABOVE(1, "TOO MUCH RUBBISH DATA(%ld)(%ld)(r:%ld)(s:%ld)", long(ssi->start_iframe),
+                        long(position), long(oss->root_index), long(oss->stream_segment_index));
+            ssi->start_iframe = position;
+            changed = true;
+        }
+        if (ssi->start_hour != frame.hour || ssi->start_minute != frame.minute ||
+            ssi->start_second != frame.second) {
+            QZLOG_ABOVE(0,
+                        "INVALID VIDEO DATA(chn:%d)(stream type:%d)(%ld)(%ld)(%02d:%02d:%02d)"
+                        "(%02d:%02d:%02d)",
+                        int(oss->root()->channel), int(oss->root()->stream_type),
+                        long(oss->root_index), long(oss->stream_segment_index),
+                        int(ssi->start_hour), int(ssi->start_minute), int(ssi->start_second),
+                        int(frame.hour), int(frame.minute), int(frame.second));
+            ssi->start_hour = frame.hour;
+            ssi->start_minute = frame.minute;
+            ssi->start_second = frame.second;
+            changed = true;
+        }
+        wss->date_time.hour = ssi->start_hour;
+        wss->date_time.minute = ssi->start_minute;
+        wss->date_time.second = ssi->start_second;
+        moved = *ssi;
     }
-    if (ssi->start_hour != frame.hour || ssi->start_minute != frame.minute ||
-        ssi->start_second != frame.second) {
-        QZLOG_ABOVE(0,
-                    "INVALID VIDEO DATA(chn:%d)(stream type:%d)(%ld)(%ld)(%02d:%02d:%02d)"
-                    "(%02d:%02d:%02d)",
-                    int(oss->root()->channel), int(oss->root()->stream_type),
-                    long(oss->root_index), long(oss->stream_segment_index), int(ssi->start_hour),
-                    int(ssi->start_minute), int(ssi->start_second), int(frame.hour),
-                    int(frame.minute), int(frame.second));
-        ssi->start_hour = frame.hour;
-        ssi->start_minute = frame.minute;
-        ssi->start_second = frame.second;
-        changed = true;
-    }
-    wss->date_time.hour = ssi->start_hour;
-    wss->date_time.minute = ssi->start_minute;
-    wss->date_time.second = ssi->start_second;
     if (changed) {
         OptionalDiskLock disk(fs, take_disk_lock);
         if (fs.Modify_stream_segment(oss->root_index, wss->stream_segment_index_block_num,
                                      wss->stream_segment_index_block_list,
-                                     oss->stream_segment_index, 1, ssi) != 0) {
+                                     oss->stream_segment_index, 1, &moved) != 0) {
             QZLOG_AS("Write_video_data_free", "Modify_stream_segment failed");
             return -1;
         }
     }
+    QzfsScopedLock writer_lock(wss->lock);
     wss->confirm_start_iframe = 1;
     return 0;
 }
@@ -467,6 +476,7 @@ int CQzFileSystem::fsync_segment_data(_opened_stream_segment_* oss)
                               wss->frame_info_list, 0);
         if (wss->confirm_start_iframe && infos > 0 && ssi->end_hour == QZFS_INVALID_END_HOUR) {
             const _k4t_video_frame_info_& last = wss->frame_info_list[infos - 1];
+            QzfsScopedLock writer_lock(wss->lock);
             ssi->end_hour = last.hour;
             ssi->end_minute = last.minute;
             ssi->end_second = last.second;
