@@ -217,20 +217,8 @@ unsigned nth_channel(uint32_t channels, unsigned n)
 double day_query(uint32_t channels, unsigned page, std::vector<_k4t_stream_query_result_>& buffer,
                  unsigned& rows)
 {
-    _k4t_stream_query_ query;
-    memset(&query, 0, sizeof(query));
-    query.group_bitmap = 1;
+    _k4t_stream_query_ query = whole_day_query(kDay.year, kDay.month, kDay.day);
     query.channel_bitmap = channels;
-    query.year = kDay.year;
-    query.month = kDay.month;
-    query.day = kDay.day;
-    query.end_hour = 23;
-    query.end_minute = 59;
-    query.end_second = 59;
-    query.sequence = _K4T_SEQUECE_ASCEND_;
-    query.lock_bitmap = 0xFF;
-    query.record_type_bitmap = 0xFF;
-    query.stream_type_bitmap = ~0ULL;
     query.item_num_per_page = page;
     buffer.resize(page);
     rows = 0;

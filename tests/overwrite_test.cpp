@@ -308,20 +308,7 @@ TEST_F(Overwrite, LockWhileRecordingHoldsThroughCloseAndPasses)
 TEST_F(Overwrite, LockReachesRowsOfOpenSequenceQueries)
 {
     std::vector<Recorded> s = record(2, 4);
-    _k4t_stream_query_ query;
-    memset(&query, 0, sizeof(query));
-    query.group_bitmap = 1;
-    query.channel_bitmap = 1;
-    query.year = 26;
-    query.month = 11;
-    query.day = 21;
-    query.end_hour = 23;
-    query.end_minute = 59;
-    query.end_second = 59;
-    query.sequence = 1;
-    query.lock_bitmap = 3;
-    query.record_type_bitmap = 0xFF;
-    query.stream_type_bitmap = 1;
+    _k4t_stream_query_ query = whole_day_query(26, 11, 21);
     query.item_num_per_page = 10;
     const int handle = api_qzfs_get_query_stream_segment_handle(&query);
     ASSERT_GT(handle, 0);

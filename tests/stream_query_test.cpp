@@ -31,20 +31,8 @@ _k4t_fs_date_time_ at(const _k4t_fs_date_time_& day, uint8_t hour, uint8_t minut
 _k4t_stream_query_ whole_day(const _k4t_fs_date_time_& day, uint8_t sequence = 0,
                              uint32_t per_page = 0)
 {
-    _k4t_stream_query_ q;
-    memset(&q, 0, sizeof(q));
-    q.group_bitmap = 1;
-    q.channel_bitmap = 0xFFFFFFFFu;
-    q.year = day.year;
-    q.month = day.month;
-    q.day = day.day;
-    q.end_hour = 23;
-    q.end_minute = 59;
-    q.end_second = 59;
+    _k4t_stream_query_ q = whole_day_query(day.year, day.month, day.day);
     q.sequence = sequence;
-    q.lock_bitmap = 0xFF;
-    q.record_type_bitmap = 0xFF;
-    q.stream_type_bitmap = ~0ULL;
     q.item_num_per_page = per_page;
     return q;
 }

@@ -22,6 +22,26 @@ _qzfs_k4t_create_ss_para_ recording_request(uint8_t channel, uint8_t stream_type
     return para;
 }
 
+_k4t_stream_query_ whole_day_query(uint8_t year, uint8_t month, uint8_t day)
+{
+    _k4t_stream_query_ q;
+    memset(&q, 0, sizeof(q));
+    q.group_bitmap = 1;
+    q.channel_bitmap = 0xFFFFFFFFu;
+    q.year = year;
+    q.month = month;
+    q.day = day;
+    q.end_hour = 23;
+    q.end_minute = 59;
+    q.end_second = 59;
+    q.sequence = _K4T_SEQUECE_ASCEND_;
+    q.lock_bitmap = 0xFF;
+    q.record_type_bitmap = 0xFF;
+    q.stream_type_bitmap = ~0ULL;
+    q.item_num_per_page = 64;
+    return q;
+}
+
 unsigned FrameSource::next_second_of_day() const
 {
     const _k4t_fs_date_time_& s = config_.start;

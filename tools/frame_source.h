@@ -35,6 +35,11 @@ struct FrameBatch {
 _qzfs_k4t_create_ss_para_ recording_request(uint8_t channel, uint8_t stream_type,
                                             const _k4t_fs_date_time_& start, int group = 0);
 
+// A sorted query of the whole day `year`-`month`-`day` over group 0 that
+// admits every channel, lock, record type and stream type, 64 rows a page;
+// callers narrow the fields they care about.
+_k4t_stream_query_ whole_day_query(uint8_t year, uint8_t month, uint8_t day);
+
 class FrameSource {
 public:
     explicit FrameSource(const FrameSourceConfig& config) : config_(config) {}

@@ -2,6 +2,7 @@
 #include "qzfs_cli.h"
 
 #include "disk_access.h"
+#include "frame_source.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -274,20 +275,9 @@ bool query_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types,
                std::vector<_k4t_stream_query_result_>& rows)
 {
     rows.clear();
-    _k4t_stream_query_ query = {};
-    query.group_bitmap = 1;
+    _k4t_stream_query_ query = whole_day_query(date.year, date.month, date.day);
     query.channel_bitmap = channels;
-    query.year = date.year;
-    query.month = date.month;
-    query.day = date.day;
-    query.end_hour = 23;
-    query.end_minute = 59;
-    query.end_second = 59;
-    query.sequence = _K4T_SEQUECE_ASCEND_;
-    query.lock_bitmap = 0xFF;
-    query.record_type_bitmap = 0xFF;
     query.stream_type_bitmap = types;
-    query.item_num_per_page = 64;
     const int handle = api_qzfs_get_query_stream_segment_handle(&query);
     if (handle <= 0)
         return false;

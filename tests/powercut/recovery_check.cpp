@@ -2,6 +2,7 @@
 
 #include "disk_consistency.h"
 #include "disk_walk.h"
+#include "frame_source.h"
 #include "qzfilesystem.h"
 #include "qzfs_manager.h"
 
@@ -259,20 +260,7 @@ void check_segments(const DiskWalk& walk, const Workload& workload,
 void check_listing(const DiskWalk& walk, const LineWriter& out)
 {
     const _k4t_fs_date_time_ day = workload_start();
-    _k4t_stream_query_ query = {};
-    query.group_bitmap = 1;
-    query.channel_bitmap = 0xFFFFFFFFu;
-    query.year = day.year;
-    query.month = day.month;
-    query.day = day.day;
-    query.end_hour = 23;
-    query.end_minute = 59;
-    query.end_second = 59;
-    query.sequence = _K4T_SEQUECE_ASCEND_;
-    query.lock_bitmap = 0xFF;
-    query.record_type_bitmap = 0xFF;
-    query.stream_type_bitmap = ~0ULL;
-    query.item_num_per_page = 64;
+    _k4t_stream_query_ query = whole_day_query(day.year, day.month, day.day);
     size_t live = 0;
     for (const RootWalk& r : walk.roots)
         for (const SegmentSlot& s : r.segments)

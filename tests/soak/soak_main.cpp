@@ -632,20 +632,11 @@ void Soak::lock_from_query(std::mt19937& rng)
 {
     std::lock_guard<std::mutex> g(book_.mutex);
     const uint64_t budget = capacity_ / 100 * o_.lock_share_pct;
-    _k4t_stream_query_ q;
-    memset(&q, 0, sizeof(q));
+    const _k4t_fs_date_time_& day = rng() % 2 == 0 ? kStart : kNextDay;
+    _k4t_stream_query_ q = whole_day_query(day.year, day.month, day.day);
     q.group_bitmap = 1u << kGroup;
     q.channel_bitmap = o_.channels >= 32 ? 0xFFFFFFFFu : (1u << o_.channels) - 1;
-    const _k4t_fs_date_time_& day = rng() % 2 == 0 ? kStart : kNextDay;
-    q.year = day.year;
-    q.month = day.month;
-    q.day = day.day;
-    q.end_hour = 23;
-    q.end_minute = 59;
-    q.end_second = 59;
-    q.sequence = _K4T_SEQUECE_ASCEND_;
     q.lock_bitmap = 3;
-    q.record_type_bitmap = 0xFF;
     q.stream_type_bitmap = 7;
     const int page = 512;
     q.item_num_per_page = page;
