@@ -16,6 +16,22 @@ CommandResult run_tool(const std::string& args)
     return run_command(std::string(QZFS_TOOL_PATH) + " " + args);
 }
 
+bool contains(const std::string& text, const std::string& part);
+
+// Runs `verb IMAGE args`: it succeeds or is refused as `ok` says and prints
+// `says`; a refused run leaves the image as it was.
+void run_verb_case(const std::string& verb, const std::string& image, const std::string& args,
+                   bool ok, const std::string& says)
+{
+    const std::string before = image_fingerprint(image);
+    CommandResult run = run_tool(verb + " " + image + " " + args);
+    EXPECT_EQ(ok, run.status == 0) << run.output;
+    EXPECT_TRUE(contains(run.output, says)) << run.output;
+    if (!ok) {
+        EXPECT_EQ(before, image_fingerprint(image)) << "a refused " << verb << " wrote to the image";
+    }
+}
+
 bool contains(const std::string& text, const std::string& part)
 {
     return text.find(part) != std::string::npos;
@@ -394,13 +410,7 @@ TEST(Tool, DeleteAndTrimBySegmentIdAndTheJournalInInfo)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args);
-        const std::string before = image_fingerprint(image);
-        CommandResult run = run_tool("delete " + image + " " + c.args);
-        EXPECT_EQ(c.ok, run.status == 0) << run.output;
-        EXPECT_TRUE(contains(run.output, c.says)) << run.output;
-        if (!c.ok) {
-            EXPECT_EQ(before, image_fingerprint(image)) << "a refused delete wrote to the image";
-        }
+        run_verb_case("delete", image, c.args, c.ok, c.says);
         if (c.gone != nullptr) {
             CommandResult ls = run_tool("ls " + image);
             EXPECT_FALSE(contains(ls.output, c.gone)) << ls.output;
@@ -483,13 +493,7 @@ TEST(Tool, LockAndUnlockBySegmentId)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args);
-        const std::string before = image_fingerprint(image);
-        CommandResult run = run_tool("lock " + image + " " + c.args);
-        EXPECT_EQ(c.ok, run.status == 0) << run.output;
-        EXPECT_TRUE(contains(run.output, c.says)) << run.output;
-        if (!c.ok) {
-            EXPECT_EQ(before, image_fingerprint(image)) << "a refused lock wrote to the image";
-        }
+        run_verb_case("lock", image, c.args, c.ok, c.says);
         EXPECT_EQ(c.lock_after, listed_lock(run_tool("ls " + image).output, "0:0:0"));
     }
 }

@@ -46,8 +46,7 @@ std::list<_delete_ss_list_node_>& delete_list_of(_disk_group_attr_& attr, unsign
 bool take_pass_group(int group, unsigned char big, pass_group& out)
 {
     ManagerLockGuard manager(gQzfsManager);
-    _disk_group_attr_* attr =
-        group >= 0 && group < 256 ? gQzfsManager.find_group((unsigned char)group) : nullptr;
+    _disk_group_attr_* attr = gQzfsManager.find_group_by_number(group);
     if (attr == nullptr)
         return false;
     out.members = attr->valid_disk_bitmap;
@@ -63,7 +62,7 @@ bool take_pass_group(int group, unsigned char big, pass_group& out)
 void put_back_pass_list(int group, unsigned char big, pass_group& pass)
 {
     ManagerLockGuard manager(gQzfsManager);
-    _disk_group_attr_* attr = gQzfsManager.find_group((unsigned char)group);
+    _disk_group_attr_* attr = gQzfsManager.find_group_by_number(group);
     if (attr != nullptr && attr->delete_list_generation == pass.generation)
         delete_list_of(*attr, big).swap(pass.list);
 }
@@ -180,8 +179,7 @@ int CQzfsApi::start_delete_stream(int group, unsigned char big,
     unsigned long long once = 0;
     {
         ManagerLockGuard manager(gQzfsManager);
-        const _disk_group_attr_* attr =
-            group >= 0 && group < 256 ? gQzfsManager.find_group((unsigned char)group) : nullptr;
+        const _disk_group_attr_* attr = gQzfsManager.find_group_by_number(group);
         if (attr == nullptr)
             return -1;
         once = attr->once_delete_size;
@@ -221,6 +219,7 @@ int CQzfsApi::start_delete_stream(int group, unsigned char big,
         unsigned long long size = 0;
         unsigned char whole = 0, root_deleted = 0;
         unsigned long new_stamp = victim->owner_stamp;
+        bool list_stale = false;
         {
             DiskLockGuard disk(*fs);
             if (fs->delete_invalid_block_data(victim->owner_stamp, big, want, &size) > 0) {
@@ -238,7 +237,7 @@ int CQzfsApi::start_delete_stream(int group, unsigned char big,
             }
             if (valid == 0)
                 continue;  // opened for reading meanwhile: the next pick passes it over
-            const bool list_stale = victim_on_recording_day(*fs, *victim);
+            list_stale = victim_on_recording_day(*fs, *victim);
             size = 0;
             if (fs->Delete_stream_segment(id.root_index, id.stream_segment_index, nullptr, want,
                                           &size, &whole, nullptr, &new_stamp, &root_deleted) < 0)
@@ -253,9 +252,10 @@ int CQzfsApi::start_delete_stream(int group, unsigned char big,
                     "want:%llu,delete_size:%llu,total size:%llu, owner stamp:%lu, "
                     "delete_root_flag:%d",
                     want, size, total, new_stamp, int(root_deleted));
-        if (!list.empty()) {
+        if (!list_stale) {
             // A segment only trimmed keeps its place with its new stamp, and
-            // the next round goes on with it.
+            // the next round goes on with it. (A stale list was cleared, the
+            // victim with it.)
             victim->owner_stamp = uint32_t(new_stamp);
             if (whole != 0 || size < want)
                 list.erase(victim);

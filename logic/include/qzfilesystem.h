@@ -174,6 +174,9 @@ public:
     int load_disk_manage_info_by_key_info_block(unsigned long key_block);
     int get_disk_manage_info_by_key_info_block(unsigned char allow_scan);
     int get_block_list_by_type(unsigned char type, std::list<_block_info_node_>& out);
+    // The sound records of two block types, in one walk of the table.
+    int get_block_lists_by_type(unsigned char type_a, std::list<_block_info_node_>& out_a,
+                                unsigned char type_b, std::list<_block_info_node_>& out_b);
     unsigned long get_block_owner_stamp() const { return m_manage.block_owner_stamp; }
     void set_block_owner_stamp(unsigned long stamp) { m_manage.block_owner_stamp = stamp; }
     static int judge_block_in_list(std::list<unsigned long>& list, unsigned long block);

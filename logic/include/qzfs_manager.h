@@ -126,6 +126,11 @@ public:
     // mask by hdd_id (bit n: disk n).
     unsigned long disks_of_groups(uint32_t group_bitmap);
     _disk_group_attr_* find_group(unsigned char group);
+    // The same for a group number given as an int: null outside 0 to 255.
+    _disk_group_attr_* find_group_by_number(int group)
+    {
+        return group >= 0 && group < 256 ? find_group((unsigned char)group) : nullptr;
+    }
     int Get_free_query_stream_segment_handle();
 
     int apply_and_set_ossid(int disk_fd);

@@ -17,8 +17,7 @@
 bool CQzfsManager::group_members(int group, unsigned long& members)
 {
     ManagerLockGuard manager(*this);
-    const _disk_group_attr_* attr =
-        group >= 0 && group < 256 ? find_group((unsigned char)group) : nullptr;
+    const _disk_group_attr_* attr = find_group_by_number(group);
     if (attr == nullptr)
         return false;
     members = attr->valid_disk_bitmap;

@@ -390,7 +390,15 @@ static int walk_key_table(CQzFileSystem* fs, unsigned char* buf, unsigned long b
 
 int CQzFileSystem::get_block_list_by_type(unsigned char type, std::list<_block_info_node_>& out)
 {
-    out.clear();
+    std::list<_block_info_node_> none;  // a second type equal to the first gets nothing
+    return get_block_lists_by_type(type, out, type, none);
+}
+
+int CQzFileSystem::get_block_lists_by_type(unsigned char type_a, std::list<_block_info_node_>& out_a,
+                                           unsigned char type_b, std::list<_block_info_node_>& out_b)
+{
+    out_a.clear();
+    out_b.clear();
     unsigned long key_block = m_manage.key_block;
     if (key_block == 0) {
         QZLOG("key block is invalid!");
@@ -411,13 +419,19 @@ int CQzFileSystem::get_block_list_by_type(unsigned char type, std::list<_block_i
     int result = walk_key_table(this, buf, m_file_system_io_buffer_len, key_block,
                                 header.block_size, header.total_block,
                                 [&](unsigned long block, const _qzfs_block_info_& record) {
-                                    if (record.block_type == type &&
-                                        qzfs_block_info_is_sound(&record))
-                                        out.push_back(_block_info_node_{(uint32_t)block, record});
+                                    if (!qzfs_block_info_is_sound(&record))
+                                        return 0;
+                                    const _block_info_node_ node = {(uint32_t)block, record};
+                                    if (record.block_type == type_a)
+                                        out_a.push_back(node);
+                                    else if (record.block_type == type_b)
+                                        out_b.push_back(node);
                                     return 0;
                                 });
-    if (result != 0)
-        out.clear();
+    if (result != 0) {
+        out_a.clear();
+        out_b.clear();
+    }
     return result;
 }
 

@@ -76,8 +76,9 @@ int CQzFileSystem::get_disk_invalid_data_block_num()
 {
     QZLOG_ABOVE(0, "start calc invalid data block num");
     m_manage.invalid_block_list.clear();
-    std::list<_block_info_node_> index_blocks;
-    if (get_block_list_by_type(QZFS_BLOCK_SEGMENT_INDEX, index_blocks) != 0) {
+    std::list<_block_info_node_> index_blocks, data_blocks;
+    if (get_block_lists_by_type(QZFS_BLOCK_SEGMENT_INDEX, index_blocks, QZFS_BLOCK_DATA,
+                                data_blocks) != 0) {
         QZLOG("get stream segment index block list failed!");
         return 0;
     }
@@ -94,9 +95,6 @@ int CQzFileSystem::get_disk_invalid_data_block_num()
             owners.back().reference = header.first_iframe_index_block;
         }
     }
-    std::list<_block_info_node_> data_blocks;
-    if (get_block_list_by_type(QZFS_BLOCK_DATA, data_blocks) != 0)
-        return 0;
     for (const _block_info_node_& b : data_blocks) {
         const bool owned = std::any_of(owners.begin(), owners.end(),
                                        [&](const block_owner& o) { return o.owns(b.info); });
