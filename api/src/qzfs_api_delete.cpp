@@ -1,10 +1,13 @@
-// CQzfsApi deletion of one recording by its id.
+// CQzfsApi deletion: one recording by its id, the recordings of chosen
+// channels, stream types and days, and the end of a recording moved back.
 //
-// The segment goes whole, under the action journal: a power cut at any of
-// its writes leaves it, after the next mount, either as it was or gone. A
-// segment open for reading or being recorded is refused and left alone; a
-// recording loses its head to the overwrite planner instead.
+// Every removal runs under the action journal: a power cut at any of its
+// writes leaves the segment, after the next mount, either as it was or as
+// the change left it. A segment open for reading or being recorded is
+// refused and left alone; a recording loses its head to the overwrite
+// planner instead.
 #include "qzfilesystem.h"
+#include "qzfs_datetime.h"
 #include "qzfs_api.h"
 #include "qzfs_api_fd.h"
 #include "qzfs_log.h"
@@ -49,4 +52,60 @@ int CQzfsApi::Qzfs_delete_stream_segment(_k4t_stream_segment_id_* id)
     if (result != 0 || whole == 0)
         return -1;
     return 0;
+}
+
+int CQzfsApi::Qzfs_delete_stream_segment_by_para(_qzfs_k4t_delete_para_* para)
+{
+    if (para == nullptr) {
+        QZLOG("invalid parameter");
+        return -1;
+    }
+    unsigned long disks = 0;
+    for (int group = 0; group < 32; group++) {
+        unsigned long members = 0;
+        if (((para->group_mask >> group) & 1u) != 0 && gQzfsManager.group_members(group, members))
+            disks |= members;
+    }
+    const std::vector<CQzFileSystem*> targets = gQzfsManager.mounted_disks(disks);
+    if (targets.empty()) {
+        QZLOG("group have not disk(0x%lx)", (unsigned long)para->group_mask);
+        return 0;
+    }
+    // At most 8 counted roots a disk and call; the application repeats the
+    // call until nothing is left to do.
+    int total = 0;
+    for (CQzFileSystem* fs : targets) {
+        DiskLockGuard disk(*fs);
+        const int count = fs->delete_stream_segment_by_para(para, 8);
+        if (count > 0)
+            total += count;
+    }
+    if (total > 0) {
+        QZLOG_ABOVE(0, "delete num is %d", total);
+        gQzfsManager.Clear_up_delete_list(para->group_mask);
+    }
+    return -1;
+}
+
+int CQzfsApi::qzfs_modify_stream_segment_end_time(_k4t_stream_segment_id_ id, _k4t_fs_time_ time)
+{
+    CQzFileSystem* fs = gQzfsManager.get_file_system(id.hdd_id);
+    if (fs == nullptr) {
+        QZLOG("gQzfsManager.get_file_system failed(pOss->hdd_id:%d)", int(id.hdd_id));
+        return -1;
+    }
+    if (!qzfs_time_valid(time)) {
+        QZLOG("invalid time(%d:%d:%d)", time.hour, time.minute, time.second);
+        return -1;
+    }
+    DiskLockGuard disk(*fs);
+    // A reader may stand in the tail that goes.
+    if (fs->find_opening_stream_segment_by_id(&id, nullptr, 1) >= 0) {
+        QZLOG("stream segment is opened for reading,can not delete(%d)(%lu)(%lu)", int(id.hdd_id),
+              (unsigned long)id.root_index, (unsigned long)id.stream_segment_index);
+        return -1;
+    }
+    return fs->delete_stream_segment_by_time(id.root_index, id.stream_segment_index, time, 1) < 0
+               ? -1
+               : 0;
 }

@@ -17,10 +17,12 @@
 // there. Two passes over one group at once are the caller's to avoid.
 #include "qzfilesystem.h"
 #include "qzfs_api.h"
+#include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
 #include "system_resource_manager.h"
 
+#include <cstring>
 #include <vector>
 
 namespace {
@@ -264,4 +266,29 @@ int CQzfsApi::start_delete_stream(int group, unsigned char big,
             return 0;
     }
     return 0;
+}
+
+// ------------------------------------------------------- the sweep by date
+
+int CQzfsApi::Qzfs_auto_delete(_k4t_fs_date_time_* now, int reserve_day)
+{
+    if (now == nullptr || !qzfs_date_time_valid(*now) || reserve_day < 0) {
+        QZLOG("para is invalid(%d-%d-%d %d:%d:%d), reserve day:%d!", now ? now->year : -1,
+              now ? now->month : -1, now ? now->day : -1, now ? now->hour : -1,
+              now ? now->minute : -1, now ? now->second : -1, reserve_day);
+        return -1;
+    }
+    // Everything of the big streams from the first day on up to the day
+    // `reserve_day` + 1 days back; locked recordings stay.
+    _k4t_fs_date_time_ cut = *now;
+    Date_time_add(now, -(long long)(reserve_day + 1) * 86400, &cut);
+    _qzfs_k4t_delete_para_ para;
+    memset(&para, 0, sizeof(para));
+    para.group_mask = 0xFFFFFFFFu;
+    para.channel_mask = 0xFFFFFFFFu;
+    para.stream_mask = 7;
+    para.end_year = cut.year;
+    para.end_month = cut.month;
+    para.end_day = cut.day;
+    return Qzfs_delete_stream_segment_by_para(&para);
 }

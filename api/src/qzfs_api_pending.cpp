@@ -15,11 +15,6 @@ int CQzfsApi::Qzfs_disk_recovery(unsigned char, char*, _qzfs_k4t_recovery_para_*
 
 /* ---- Work disk, thresholds and overwrite -------------------------------- */
 
-int CQzfsApi::Qzfs_auto_delete(_k4t_fs_date_time_*, int)
-{
-    return -1;
-}
-
 int CQzfsApi::Qzfs_auto_unlock(_k4t_fs_date_time_*, int)
 {
     return -1;
@@ -28,16 +23,6 @@ int CQzfsApi::Qzfs_auto_unlock(_k4t_fs_date_time_*, int)
 /* ---- Lock, delete, attributes ------------------------------------------- */
 
 int CQzfsApi::Qzfs_stream_segment_lock_by_time(_qzfs_k4t_stream_lock_para_*, unsigned char)
-{
-    return -1;
-}
-
-int CQzfsApi::Qzfs_delete_stream_segment_by_para(_qzfs_k4t_delete_para_*)
-{
-    return -1;
-}
-
-int CQzfsApi::qzfs_modify_stream_segment_end_time(_k4t_stream_segment_id_, _k4t_fs_time_)
 {
     return -1;
 }

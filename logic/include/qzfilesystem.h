@@ -530,6 +530,56 @@ public:
     // ---- deletion by time (qzfs_segment_delete.cpp)
     int delete_stream_segment_by_time(unsigned long root_index, unsigned long stream_segment_index,
                                       _k4t_fs_time_ time, unsigned char delete_backwards);
+
+    // ---- deletion over days and stretches of time (qzfs_delete_by_range.cpp)
+    // Deletes the unlocked normal segments, open neither for reading nor for
+    // writing, of the channels, stream types and days of `para`. Counts the
+    // roots walked from the first one with a deletion on, and stops when the
+    // count reaches `limit` (above 0). The count, or -1.
+    int delete_stream_segment_by_para(_qzfs_k4t_delete_para_* para, int limit);
+    // Takes [from, to] out of one segment: whole, its head, its tail, or a
+    // stretch inside it (split out, then deleted). Cuts fall on I-frames.
+    // A segment being recorded can only lose its head, or a stretch that
+    // ends before its live end. 0 or -1.
+    int delete_stream_segment_time_range(unsigned long root_index,
+                                         unsigned long stream_segment_index, _k4t_fs_time_ from,
+                                         _k4t_fs_time_ to);
+    // Whether the disk's record dates meet the given days; prints both
+    // ranges when they do not.
+    bool record_dates_meet(uint8_t start_year, uint8_t start_month, uint8_t start_day,
+                           uint8_t end_year, uint8_t end_month, uint8_t end_day);
+
+    // ---- split by time and attributes of a node (qzfs_segment_split.cpp)
+    // The part of a segment inside [op_start, op_end] takes the attributes of
+    // `modify_mask` (bit 0 lock and lock_type, bit 1 record_type and
+    // alarm_type) by becoming a node of its own: up to three pieces, under
+    // the split journal. 0 (also for a range that misses the segment) or -1.
+    int split_stream_segment_by_time(unsigned long root_index, unsigned long stream_segment_index,
+                                     _k4t_fs_time_ op_start, _k4t_fs_time_ op_end,
+                                     unsigned char modify_mask, unsigned char lock,
+                                     unsigned long lock_type, unsigned char record_type,
+                                     unsigned long long alarm_type);
+    // As above; `range_piece` gets the node that holds the range afterwards,
+    // or SPLIT_NO_PIECE when nothing was changed.
+    int split_out_time_range(unsigned long root_index, unsigned long stream_segment_index,
+                             _k4t_fs_time_ op_start, _k4t_fs_time_ op_end,
+                             unsigned char modify_mask, unsigned char lock, unsigned long lock_type,
+                             unsigned char record_type, unsigned long long alarm_type,
+                             unsigned long* range_piece);
+    static const unsigned long SPLIT_NO_PIECE = ~0UL;
+    // Changes the attributes of a whole normal segment (a writer's live node
+    // too) and brings its root's summary in line. The summary's result, or -1.
+    int modify_stream_segment_info_by_id(_k4t_stream_segment_id_* id, unsigned char modify_mask,
+                                         unsigned char lock, unsigned long lock_type,
+                                         unsigned char record_type, unsigned long long alarm_type);
+    // Adds a finished node at the first free place of a root's segment list;
+    // the chain may grow. 0 or -1.
+    int add_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
+                                      uint32_t** list, const _stream_segment_index_node_dev_* node,
+                                      uint32_t* position)
+    {
+        return place_stream_segment_node(root_index, block_num, list, node, position);
+    }
     // A data block's record from the first sound copy: key block, backup key
     // block, the block's own head. 0 or -1.
     int read_data_block_record(unsigned long block, _qzfs_block_info_* info);
@@ -623,6 +673,9 @@ private:
                               unsigned long index, const _stream_segment_index_node_dev_* node);
     int place_stream_segment_node(unsigned long root_index, uint32_t* block_num, uint32_t** list,
                                   const _stream_segment_index_node_dev_* node, uint32_t* position);
+    int delete_root_segments(unsigned long root_index);
+    int delete_split_out_range(unsigned long root_index, unsigned long segment,
+                               _k4t_fs_time_ from, _k4t_fs_time_ to);
     int walk_root_index_block(unsigned long root_block, std::list<_block_info_node_>& unowned);
     void note_root_error(std::list<_qzfs_k4t_recovery_para_>& errors,
                          const _root_index_node_dev_& node);

@@ -39,6 +39,12 @@ inline unsigned qzfs_second_of_day(unsigned hour, unsigned minute, unsigned seco
     return hour * 3600u + minute * 60u + second;
 }
 
+// True when a time of day is in range: hour 0..23, minute and second 0..59.
+inline bool qzfs_time_valid(const _k4t_fs_time_& t)
+{
+    return t.hour <= 23 && t.minute <= 59 && t.second <= 59;
+}
+
 // True when every field of a date time is in range: year 0..99, month
 // 1..12, day 1..31, hour 0..23, minute and second 0..59.
 inline bool qzfs_date_time_valid(const _k4t_fs_date_time_& t)
