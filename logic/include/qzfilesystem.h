@@ -540,7 +540,8 @@ public:
     // Takes [from, to] out of one segment: whole, its head, its tail, or a
     // stretch inside it (split out, then deleted). Cuts fall on I-frames.
     // A segment being recorded can only lose its head, or a stretch that
-    // ends before its live end. 0 or -1.
+    // ends before its live end; a locked one, or one open for reading, is
+    // refused. 0 or -1.
     int delete_stream_segment_time_range(unsigned long root_index,
                                          unsigned long stream_segment_index, _k4t_fs_time_ from,
                                          _k4t_fs_time_ to);

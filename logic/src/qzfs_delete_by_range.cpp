@@ -129,6 +129,14 @@ int CQzFileSystem::delete_stream_segment_time_range(unsigned long root_index,
         QZLOG("this segment is free(id:%d)", node.id);
         return -1;
     }
+    _k4t_stream_segment_id_ id = {Get_hdd_id(), uint32_t(root_index),
+                                  uint32_t(stream_segment_index)};
+    if (node.lock != 0 || find_opening_stream_segment_by_id(&id, nullptr, 1) >= 0) {
+        // A lock keeps the whole recording; a reader may stand in what goes.
+        QZLOG("stream segment is locked or opened for reading(lock:%d)(%lu)(%lu)", node.lock,
+              root_index, stream_segment_index);
+        return -1;
+    }
     const _k4t_fs_time_ start = {node.start_hour, node.start_minute, node.start_second};
     const _k4t_fs_time_ end = {node.end_hour, node.end_minute, node.end_second};
     const bool from_start = Compare_time(&from, &start) != 1;
