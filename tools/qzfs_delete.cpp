@@ -123,9 +123,13 @@ bool range_targets(const TimeRange& range, std::vector<Target>& targets)
         if (!query_day(day, 1u << range.channel, range.types, rows))
             return false;
         for (const _k4t_stream_query_result_& r : rows) {
+            // A segment ends at the time of the I-frame behind its last
+            // frame, or of its last frame: a range from that second on, or
+            // up to its start, takes nothing of it. One with no length in
+            // time goes when the range holds it.
             const unsigned start = r.start_hour * 3600u + r.start_minute * 60u + r.start_second;
             const unsigned end = r.end_hour * 3600u + r.end_minute * 60u + r.end_second;
-            if (start < to && from <= end)
+            if (start == end ? from <= start && start <= to : start < to && from < end)
                 targets.push_back({day, r, from, to});
         }
     }
