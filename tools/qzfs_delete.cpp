@@ -163,7 +163,7 @@ void print_range_cut(const Target& t, const RangeOutcome& out, RangeTally& tally
                                          t.row.end_second;
         printf("%s gone: %s, %llu bytes%s%s\n", id.c_str(), was.c_str(),
                (unsigned long long)out.taken,
-               covered ? "" : " (no I-frame after the range to start what was left at)",
+               covered ? "" : " (cut at the I-frames around the range, which left nothing)",
                out.root_deleted ? "; its root index entry, left empty, went with it" : "");
         tally.gone++;
         break;
