@@ -40,6 +40,17 @@ std::string span_of(const _k4t_stream_query_result_& r)
            clock_of(r.end_hour, r.end_minute, r.end_second);
 }
 
+// A listed segment's start and end, in seconds of its day.
+unsigned start_of(const _k4t_stream_query_result_& r)
+{
+    return r.start_hour * 3600u + r.start_minute * 60u + r.start_second;
+}
+
+unsigned end_of(const _k4t_stream_query_result_& r)
+{
+    return r.end_hour * 3600u + r.end_minute * 60u + r.end_second;
+}
+
 _k4t_stream_segment_id_ id_of(const _k4t_stream_query_result_& r, uint32_t index)
 {
     return {r.hdd_id, r.root_index, index};
@@ -127,8 +138,7 @@ bool range_targets(const TimeRange& range, std::vector<Target>& targets)
             // frame, or of its last frame: a range from that second on, or
             // up to its start, takes nothing of it. One with no length in
             // time goes when the range holds it.
-            const unsigned start = r.start_hour * 3600u + r.start_minute * 60u + r.start_second;
-            const unsigned end = r.end_hour * 3600u + r.end_minute * 60u + r.end_second;
+            const unsigned start = start_of(r), end = end_of(r);
             if (start == end ? from <= start && start <= to : start < to && from < end)
                 targets.push_back({day, r, from, to});
         }
@@ -157,10 +167,7 @@ void print_range_cut(const Target& t, const RangeOutcome& out, RangeTally& tally
     const std::string was = date_text(t.day) + " " + span_of(out.before);
     switch (out.cut) {
     case RangeCut::Whole: {
-        const bool covered = t.from <= t.row.start_hour * 3600u + t.row.start_minute * 60u +
-                                           t.row.start_second &&
-                             t.to >= t.row.end_hour * 3600u + t.row.end_minute * 60u +
-                                         t.row.end_second;
+        const bool covered = t.from <= start_of(t.row) && t.to >= end_of(t.row);
         printf("%s gone: %s, %llu bytes%s%s\n", id.c_str(), was.c_str(),
                (unsigned long long)out.taken,
                covered ? "" : " (cut at the I-frames around the range, which left nothing)",
