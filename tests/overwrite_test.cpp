@@ -80,25 +80,11 @@ protected:
         expect_segment_matches(fs_, image_, disk, r.written);
     }
 
-    // What a reader of the segment gets, start to end.
-    static std::vector<uint8_t> read_back(const _k4t_stream_segment_id_& id)
-    {
-        _k4t_stream_segment_id_ copy = id;
-        const int fd = api_qzfs_open_stream_segment_by_id(&copy, 0xFFFF, 0);
-        EXPECT_GT(fd, 0);
-        std::vector<uint8_t> out, buffer(1 << 20);
-        unsigned char next = 0;
-        for (int n; (n = api_qzfs_read_video_data(fd, buffer.data(), int(buffer.size()), &next)) > 0;)
-            out.insert(out.end(), buffer.begin(), buffer.begin() + n);
-        EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
-        return out;
-    }
-
     // A reader gets a tail of what was written that starts at one of its
     // I-frames.
     void expect_trimmed_at_iframe(const Recorded& r)
     {
-        const std::vector<uint8_t> got = read_back(r.id);
+        const std::vector<uint8_t> got = read_through_reader(r.id);
         ASSERT_GT(r.written.bytes.size(), got.size());
         ASSERT_FALSE(got.empty());
         const size_t cut = r.written.bytes.size() - got.size();

@@ -2,6 +2,7 @@
 
 #include "qzfilesystem.h"
 #include "qzfs_manager.h"
+#include "disk_consistency.h"
 
 #include <algorithm>
 #include <cstring>
@@ -15,6 +16,31 @@ void WrittenStream::add(const FrameBatch& batch)
         iframes.push_back(info);
     }
     bytes.insert(bytes.end(), batch.bytes.begin(), batch.bytes.end());
+}
+
+std::vector<uint8_t> read_through_reader(_k4t_stream_segment_id_ id)
+{
+    std::vector<uint8_t> all, chunk(1 << 20);
+    const int fd = api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0);
+    EXPECT_GT(fd, 0);
+    int n;
+    while (fd > 0 &&
+           (n = api_qzfs_read_video_data(fd, chunk.data(), int(chunk.size()), nullptr)) > 0)
+        all.insert(all.end(), chunk.begin(), chunk.begin() + n);
+    if (fd > 0) {
+        EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
+    }
+    return all;
+}
+
+std::vector<std::string> disk_check_failures(CQzFileSystem* fs, const std::string& image)
+{
+    DiskLockGuard disk(*fs);
+    powercut::DiskWalk walk;
+    std::string error;
+    if (!powercut::walk_disk(fs, walk, error))
+        return {"the index cannot be read: " + error};
+    return powercut::check_consistency(fs, image, walk).failures;
 }
 
 FrameSource channel_source(uint8_t channel)

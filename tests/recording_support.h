@@ -53,6 +53,12 @@ FrameBatch pframe_of_size(uint8_t channel, uint32_t total);
 // I-frame on.
 std::vector<uint8_t> from_first_iframe(const WrittenStream& written);
 
+// Every byte a reader of segment `id` returns, start to end.
+std::vector<uint8_t> read_through_reader(_k4t_stream_segment_id_ id);
+// What the disk checks of the power-cut rig find wrong with the mounted
+// disk: block records, owners, I-frame entries, share counts, the journal.
+std::vector<std::string> disk_check_failures(CQzFileSystem* fs, const std::string& image);
+
 // A formatted, mounted 3 GiB image (disk 0) in group 0, chosen for recording.
 class RecordingTest : public MountedImageTest {
 protected:

@@ -185,21 +185,6 @@ protected:
         resize_frame(batch, uint32_t(bs() - writer_of(fd)->block_offset + over));
         ASSERT_EQ(int(batch.bytes.size()), write(fd, batch, written));
     }
-
-    // Every byte a segment's reader returns.
-    std::vector<uint8_t> read_back(_k4t_stream_segment_id_ id)
-    {
-        std::vector<uint8_t> all, chunk(0x10000);
-        const int fd = api_qzfs_open_stream_segment_by_id(&id, 0xFFFF, 0);
-        EXPECT_GT(fd, 0);
-        int n;
-        while (fd > 0 && (n = api_qzfs_read_video_data(fd, chunk.data(), int(chunk.size()), nullptr)) > 0)
-            all.insert(all.end(), chunk.begin(), chunk.begin() + n);
-        if (fd > 0) {
-            EXPECT_EQ(0, api_qzfs_close_stream_segment(fd));
-        }
-        return all;
-    }
 };
 
 // The index is behind the frames: two I-frames and the frames around them
@@ -228,7 +213,7 @@ TEST_F(StreamEndRepair, FramesBehindTheIndexAreFoundAndTheSegmentClosed)
     std::string log = mount_expecting("start recovery stream segment chn:7,stream type:0,");
     EXPECT_NE(std::string::npos, log.find("end recovery stream segment chn:7,stream type:0,")) << log;
     expect_repaired(id, written);
-    EXPECT_TRUE(from_first_iframe(written) == read_back(id)) << "the reader returns the stream";
+    EXPECT_TRUE(from_first_iframe(written) == read_through_reader(id)) << "the reader returns the stream";
 
     // The next mount finds nothing to do, and writes nothing.
     umount();
