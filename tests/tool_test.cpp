@@ -449,6 +449,124 @@ TEST(Tool, DeleteAndTrimBySegmentIdAndTheJournalInInfo)
     EXPECT_EQ(before, image_fingerprint(image));
 }
 
+TEST(Tool, DeleteByTimeRangeAndTheSweepBeforeADay)
+{
+    ScratchDir dir;
+    const std::string a = dir.path("a.img"), b = dir.path("b.img");
+    ASSERT_EQ(0, run_tool("format " + a + " --size 3G").status);
+    ASSERT_EQ(0, run_tool("format " + b + " --size 3G").status);
+    // Image a: channels 0 and 1 on 2026-11-20 (roots 0 and 1, channel 1's
+    // locked), then a ten-second clip of channel 3 with an I-frame a second
+    // at 08:00, 09:00, 10:00 and 11:00 of 2026-11-21 (root 2, segments 0 to
+    // 3) and at midnight of 2026-11-22 (root 3), and at 12:00 of 2026-11-21
+    // with an I-frame every six seconds (segment 4, which ends at its last
+    // I-frame, 12:00:06). Image b, disk 1 of the
+    // group: channel 0 on 2026-11-19.
+    const std::string small = " --channels 2 --seconds 10 --bitrate 64000 --start 2026-11-20T08:00:00";
+    ASSERT_EQ(0, run_tool("record " + a + small).status);
+    ASSERT_EQ(0, run_tool("lock " + a + " --id 0:1:0").status);
+    ASSERT_EQ(0, run_tool("record " + b + " --channels 1 --seconds 10 --bitrate 64000 "
+                          "--start 2026-11-19T08:00:00").status);
+    SyntheticH264Config config;
+    config.frames = 250;
+    const SyntheticH264 clip = make_synthetic_h264(config);
+    const std::string clip_path = dir.path("clip.h264");
+    write_file(clip_path, clip.bytes);
+    for (const char* start : {"2026-11-21T08:00:00", "2026-11-21T09:00:00", "2026-11-21T10:00:00",
+                              "2026-11-21T11:00:00", "2026-11-22T00:00:00"})
+        ASSERT_EQ(0, run_tool("record " + a + " --h264 " + clip_path + " --channel 3 --start " +
+                              start).status);
+    config.gop = 150;
+    const SyntheticH264 sparse = make_synthetic_h264(config);
+    write_file(clip_path, sparse.bytes);
+    ASSERT_EQ(0, run_tool("record " + a + " --h264 " + clip_path + " --channel 3 --start "
+                          "2026-11-21T12:00:00").status);
+
+    // What a piece holds as ls counts it: the frames, 36 bytes around each
+    // payload.
+    auto stored = [](const SyntheticH264& stream, size_t from, size_t to) {
+        return std::to_string(units_bytes(stream, from, to).size() + (to - from) * 36);
+    };
+    const std::string range = b + " --channel 3 --from 2026-11-21T";
+    struct Case {
+        std::string args;  // after IMAGE a
+        bool ok;
+        std::string says;
+        std::string reads;           // channel 3 exported by time afterwards ...
+        std::vector<uint8_t> bytes;  // ... is this, or finds nothing when empty
+    } const cases[] = {
+        // Inside: from the I-frame at 08:00:03 up to the one at 08:00:06;
+        // the head becomes a piece of its own, the tail keeps the segment.
+        {range + "08:00:03 --to 2026-11-21T08:00:06", true,
+         "0:2:0 stretch taken: 2026-11-21 08:00:00-08:00:09 lost 08:00:03 up to 08:00:06, " +
+             stored(clip, 75, 150) + " bytes; pieces left: 0:2:6 08:00:00-08:00:03 (" +
+             stored(clip, 0, 75) + " bytes), 0:2:0 08:00:06-08:00:09 (" + stored(clip, 150, 250) +
+             " bytes)",
+         "2026-11-21T08:00:00 --to 2026-11-21T08:00:09",
+         joined(units_bytes(clip, 0, 75), units_bytes(clip, 150, 250))},
+        {range + "08:30:00 --to 2026-11-21T09:00:04", true,
+         "0:2:1 head cut: 2026-11-21 09:00:00-09:00:09 is now 0:2:1 09:00:04-09:00:09",
+         "2026-11-21T09:00:00 --to 2026-11-21T09:00:09", units_bytes(clip, 100, 250)},
+        {range + "10:00:07 --to 2026-11-21T10:30:00", true,
+         "0:2:2 tail cut: 2026-11-21 10:00:00-10:00:09 is now 0:2:2 10:00:00-10:00:07",
+         "2026-11-21T10:00:00 --to 2026-11-21T10:00:09", units_bytes(clip, 0, 175)},
+        {range + "10:59:00 --to 2026-11-21T11:00:30", true,
+         "0:2:3 gone: 2026-11-21 11:00:00-11:00:09, " + stored(clip, 0, 250) + " bytes",
+         "2026-11-21T11:00:00 --to 2026-11-21T11:00:09", {}},
+        // Over midnight: the next day's clip loses its first two seconds.
+        {range + "23:00:00 --to 2026-11-22T00:00:02", true, "0:3:0 head cut",
+         "2026-11-22T00:00:00 --to 2026-11-22T00:00:09", units_bytes(clip, 50, 250)},
+        // The 12:00 clip loses its tail from its last I-frame on; then it
+        // has no I-frame left to cut at from 12:00:03 on. The tail cut
+        // segment of 10:00 now ends at 10:00:07, and a range from then on
+        // meets nothing of it.
+        {range + "12:00:03 --to 2026-11-21T12:30:00", true,
+         "0:2:4 tail cut: 2026-11-21 12:00:00-12:00:06 is now 0:2:4 12:00:00-12:00:06 (" +
+             stored(sparse, 0, 150) + " bytes)",
+         "2026-11-21T12:00:00 --to 2026-11-21T12:00:09", units_bytes(sparse, 0, 150)},
+        {range + "12:00:03 --to 2026-11-21T12:30:00", false,
+         "0:2:4 left: 2026-11-21, 12:00:00-12:00:06; it has no I-frame from 12:00:03 on to cut its "
+         "tail at",
+         "", {}},
+        {range + "10:00:07 --to 2026-11-21T10:30:00", false, "no recordings", "", {}},
+        {b + " --channel 1 --from 2026-11-20T00:00:00 --to 2026-11-20T23:00:00", false,
+         "0:1:0 left: 2026-11-20, 08:00:00-08:00:09; it is locked", "", {}},
+        {range + "09:00:00 --to 2026-11-21T08:00:00", false, "--to is earlier than --from", "", {}},
+        {range + "09:00:00 --to 2026-11-21T09:00:00", false, "to itself is empty", "", {}},
+        {b + " --channel 3 --from 2026-11-23T00:00:00 --to 2026-11-24T00:00:00", false,
+         "no recordings", "", {}},
+        {range + "08:00:00 --to 2026-11-21T12:00:00 --type 1", false, "no recordings", "", {}},
+        {range + "08:00:00 --to 2026-11-21T12:00:00 --type 64", false, "--type takes 0 to 63", "", {}},
+        {b + " --channel 32 --from 2026-11-21T08:00:00 --to 2026-11-21T09:00:00", false,
+         "--channel C (0 to 31)", "", {}},
+        {b + " --channel 3 --from 2026-11-21 --to 2026-11-22", false, "YYYY-MM-DDTHH:MM:SS", "", {}},
+        {"--id 0:2:0 --channel 3", false, "one of them", "", {}},
+        {b + " --before 2026-11-19", false, "nothing was recorded before 2026-11-19", "", {}},
+        {b + " --before 2026-11-32", false, "--before takes YYYY-MM-DD", "", {}},
+        // The sweep: both images' days before 2026-11-21, the locked one left.
+        {b + " --before 2026-11-21", true,
+         "stayed: 0:1:0 channel 1, stream 0, 2026-11-20 08:00:00-08:00:09, 79840 bytes (locked)\n"
+         "swept the days before 2026-11-21 in 2 calls: 2 segments gone (159680 bytes), 1 stayed",
+         "", {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args);
+        run_verb_case("delete", a, c.args, c.ok, c.says);
+        if (c.reads.empty())
+            continue;
+        const std::string out = dir.path("out.h264");
+        CommandResult exp = run_tool("export " + a + " --channel 3 --out " + out + " --from " + c.reads);
+        EXPECT_EQ(!c.bytes.empty(), exp.status == 0) << exp.output;
+        if (!c.bytes.empty()) {
+            EXPECT_EQ(c.bytes, read_file(out));
+        }
+    }
+    CommandResult ls = run_tool("ls " + a + " " + b);
+    EXPECT_TRUE(contains(ls.output, "  0:1:0 ") && !contains(ls.output, "  0:0:0 ") &&
+                !contains(ls.output, "  1:0:0 ") && contains(ls.output, "\n7 segments\n"))
+        << ls.output;
+}
+
 // The lock column ("yes" or "no") of segment `id` in what ls prints, or ""
 // when ls does not list it.
 std::string listed_lock(const std::string& ls_output, const std::string& id)

@@ -306,6 +306,100 @@ TrimStatus trim_status(int step)
     return step == 0 ? TrimStatus::Done : step > 0 ? TrimStatus::Refused : TrimStatus::Failed;
 }
 
+// The used segments of root `root`; none when the root holds no recordings
+// (any more). 0, or -1 on a failed read.
+int used_segments(CQzFileSystem& fs, uint32_t root, std::vector<SegmentPiece>& out)
+{
+    out.clear();
+    _root_index_node_dev_ rn;
+    if (fs.Get_root_index_dev_node(root, &rn) != 0 || !IS_NORMAL_ROOT_INDEX(rn.id))
+        return 0;
+    for (uint32_t i = 0;; i++) {
+        _stream_segment_index_node_dev_ n;
+        if (fs.Get_stream_segment_index_dev_node(root, i, &n) != 0)
+            return -1;
+        SegmentPiece piece;
+        piece.index = i;
+        const IndexSlot slot = segment_entry_of(n, piece.entry);
+        if (slot == IndexSlot::End)
+            return 0;
+        if (slot == IndexSlot::Used)
+            out.push_back(piece);
+    }
+}
+
+// Why a time-range delete leaves the segment of node `n` alone, or "" when
+// it may go ahead.
+std::string range_refusal(CQzFileSystem& fs, uint32_t root, uint32_t index,
+                          const _stream_segment_index_node_dev_& n, const SegmentEntry& e,
+                          unsigned from, unsigned to, int& failed)
+{
+    failed = 0;
+    if (e.locked)
+        return "it is locked";
+    if (e.pre_record)
+        return "it is a pre-recording";
+    if (!e.closed)
+        return "it has no end time (being recorded)";
+    const _k4t_stream_segment_id_ id = {fs.Get_hdd_id(), root, index};
+    if (fs.find_opening_stream_segment_by_id(&id, nullptr, 3) >= 0)
+        return "it is open";
+    // A tail cut goes from the first I-frame at or after `from`; the library
+    // fails one that finds none.
+    if (from > start_second_of(e) && to >= end_second_of(e)) {
+        bool found = false;
+        if (has_iframe_from(fs, root, n, from, found) != 0)
+            failed = -1;
+        else if (!found)
+            return "it has no I-frame from " + clock_text(from) + " on to cut its tail at";
+    }
+    return "";
+}
+
+// How the cut left the segment, from what is left of it.
+RangeCut cut_of(const SegmentEntry& before, const std::vector<SegmentPiece>& pieces)
+{
+    if (pieces.empty())
+        return RangeCut::Whole;
+    if (pieces.size() > 1)
+        return RangeCut::Stretch;
+    const SegmentEntry& left = pieces[0].entry;
+    if (left.start_iframe != before.start_iframe)
+        return RangeCut::Head;
+    return left.len != before.len ? RangeCut::Tail : RangeCut::None;
+}
+
+// After a time-range delete: the pieces left of segment `index` (its own
+// index and those the cut added, which `had` does not list), the kind of
+// cut and the bytes taken.
+int read_after_range(CQzFileSystem& fs, uint32_t root, uint32_t index,
+                     const std::vector<SegmentPiece>& had, RangeOutcome& out)
+{
+    std::vector<SegmentPiece> now;
+    if (used_segments(fs, root, now) != 0)
+        return -1;
+    for (const SegmentPiece& piece : now) {
+        const bool added = std::none_of(had.begin(), had.end(), [&](const SegmentPiece& old) {
+            return old.index == piece.index;
+        });
+        if (piece.index == index || added)
+            out.pieces.push_back(piece);
+    }
+    std::sort(out.pieces.begin(), out.pieces.end(), [](const SegmentPiece& a, const SegmentPiece& b) {
+        return start_second_of(a.entry) < start_second_of(b.entry);
+    });
+    out.cut = cut_of(out.before, out.pieces);
+    out.whole = out.cut == RangeCut::Whole;
+    _root_index_node_dev_ rn;
+    out.root_deleted = out.whole && (fs.Get_root_index_dev_node(root, &rn) != 0 ||
+                                     !IS_NORMAL_ROOT_INDEX(rn.id));
+    uint64_t left = 0;
+    for (const SegmentPiece& piece : out.pieces)
+        left += piece.entry.len;
+    out.taken = out.before.len >= left ? out.before.len - left : 0;
+    return 0;
+}
+
 } // namespace
 
 bool disk_key_info(unsigned char hdd, DiskKeyInfo& out)
@@ -516,6 +610,40 @@ TrimStatus disk_trim_segment_bytes(unsigned char hdd, uint32_t root, uint32_t in
                           ", which the index does not show";
             return -1;
         }
+        return 0;
+    }));
+}
+
+TrimStatus disk_delete_time_range(unsigned char hdd, uint32_t root, uint32_t index, unsigned from,
+                                  unsigned to, RangeOutcome& out)
+{
+    out = RangeOutcome();
+    if (from >= to || to > 86399) {
+        out.refusal = "the range from " + clock_text(from) + " to " + clock_text(to) +
+                      (from >= to ? " is empty" : " runs past midnight");
+        return TrimStatus::Refused;
+    }
+    return trim_status(with_disk(hdd, -1, [&](CQzFileSystem& fs) {
+        _stream_segment_index_node_dev_ n;
+        if (!find_segment(fs, root, index, n, out))
+            return 1;
+        int failed = 0;
+        out.refusal = range_refusal(fs, root, index, n, out.before, from, to, failed);
+        if (failed != 0)
+            return -1;
+        if (!out.refusal.empty())
+            return 1;
+        std::vector<SegmentPiece> had;
+        if (used_segments(fs, root, had) != 0)
+            return -1;
+        const _k4t_fs_time_ at_from = {uint8_t(from / 3600), uint8_t(from / 60 % 60),
+                                       uint8_t(from % 60)};
+        const _k4t_fs_time_ at_to = {uint8_t(to / 3600), uint8_t(to / 60 % 60), uint8_t(to % 60)};
+        const int rc = fs.delete_stream_segment_time_range(root, index, at_from, at_to);
+        // What is left is read after a failure too: a failed split or
+        // delete may still have changed the segment.
+        if (read_after_range(fs, root, index, had, out) != 0 || rc != 0)
+            return -1;
         return 0;
     }));
 }

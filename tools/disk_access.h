@@ -171,6 +171,37 @@ TrimStatus disk_trim_segment_seconds(unsigned char hdd, uint32_t root, uint32_t 
 TrimStatus disk_trim_segment_bytes(unsigned char hdd, uint32_t root, uint32_t index,
                                    uint64_t bytes, TrimOutcome& out);
 
+// How a time-range delete left a segment.
+enum class RangeCut {
+    None,    // as it was: the range held no I-frame to cut at
+    Whole,   // the segment went whole
+    Head,    // it lost its head and starts later
+    Tail,    // it lost its tail and ends earlier
+    Stretch  // a stretch inside went, leaving two pieces
+};
+// One segment of a root entry, by its index.
+struct SegmentPiece {
+    uint32_t index = 0;
+    SegmentEntry entry;
+};
+// What a time-range delete found and did: `before` and `refusal` as for a
+// trim; `pieces` are what is left of the segment, in order of start time
+// (its own index, or those the cut gave the pieces).
+struct RangeOutcome : TrimOutcome {
+    RangeCut cut = RangeCut::None;
+    std::vector<SegmentPiece> pieces;
+};
+
+// Takes the seconds of the day [from, to] out of segment `index` of root
+// entry `root`, as the library's delete by time range does: whole when the
+// range covers it, else its head, its tail or a stretch inside it (split
+// off, then deleted), cut at I-frames. Refused, with nothing written: an
+// empty or reversed range, a segment that is not there, a locked one, a
+// pre-recording, one not closed or open for reading, and a tail cut with no
+// I-frame of the segment from `from` on.
+TrimStatus disk_delete_time_range(unsigned char hdd, uint32_t root, uint32_t index, unsigned from,
+                                  unsigned to, RangeOutcome& out);
+
 // Reads the action journal of the disk; 0 on success.
 int disk_journal(unsigned char hdd, JournalState& out);
 

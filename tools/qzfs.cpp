@@ -1,7 +1,8 @@
 // qzfs: the host tool. Formats, mounts and examines disks or disk images
 // through the library, from a shell. This file holds the usage text, the
-// verb dispatch and the verbs on disks, indexes, export, delete and
-// browsing; recording and retention have files of their own.
+// verb dispatch and the verbs on disks, indexes, export, delete by id and
+// browsing; deleting by the clock, recording and retention have files of
+// their own.
 #include "disk_access.h"
 #include "h264_stream.h"
 #include "qzfs_cli.h"
@@ -85,6 +86,21 @@ const char* USAGE =
     "      S (refused when that reaches its end); --trim-bytes cuts N bytes or\n"
     "      a little more at an I-frame, as the overwrite planner does, and takes\n"
     "      the segment whole when less than a block would be left\n"
+    "  delete IMAGE... --channel C --from TIME --to TIME [--type T]\n"
+    "      take the time range out of channel C's recordings (of stream type T,\n"
+    "      else of all), TIME as YYYY-MM-DDTHH:MM:SS, over every day it spans,\n"
+    "      the images mounted as one group: each segment it meets goes whole,\n"
+    "      loses its head or its tail, or loses a stretch inside and is left as\n"
+    "      two pieces; cuts fall on I-frames, so a little more or less may go.\n"
+    "      Locked segments and those open are left and named. Prints a line a\n"
+    "      segment (with the pieces left) and a summary; refused, with nothing\n"
+    "      written, when the range is empty or reversed or meets no recording\n"
+    "  delete IMAGE... --before YYYY-MM-DD\n"
+    "      the sweep: every unlocked segment of every channel and stream type\n"
+    "      recorded before that day goes, through the library's delete by\n"
+    "      channels, stream types and days (not its auto delete, which takes the\n"
+    "      big stream types 0 to 2 alone), called until the listing of those days\n"
+    "      stops changing; prints what went and what stayed (locked)\n"
     "  lock IMAGE... --id HDD:ROOT:SEG [--unlock | --number N]\n"
     "      lock a segment against overwrite with lock number N (default 1: the\n"
     "      lock type bit N-1), or with --unlock take its lock away; the images\n"
@@ -348,19 +364,15 @@ int verb_info(const Args& args)
     return listed;
 }
 
-// Reads "YYYY-MM-DD" with a year from 2000 to 2099.
-bool parse_date(const std::string& text, _qzfs_k4t_create_ss_para_& para)
+// Reads "YYYY-MM-DD" into the day of a creation request.
+bool parse_entry_date(const std::string& text, _qzfs_k4t_create_ss_para_& para)
 {
-    unsigned year, month, day;
-    char tail;
-    if (sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail) != 3)
+    _k4t_fs_date_ date;
+    if (!parse_date(text, date, false))
         return false;
-    if (year < 2000 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        day > library_days_in_month(year - 2000, month))
-        return false;
-    para.year = (uint8_t)(year - 2000);
-    para.month = (uint8_t)month;
-    para.day = (uint8_t)day;
+    para.year = date.year;
+    para.month = date.month;
+    para.day = date.day;
     return true;
 }
 
@@ -389,7 +401,7 @@ int verb_index_add(const Args& args)
     _qzfs_k4t_create_ss_para_ para;
     memset(&para, 0, sizeof(para));
     const std::string* date = args.option("--date");
-    if (date == nullptr || !parse_date(*date, para))
+    if (date == nullptr || !parse_entry_date(*date, para))
         return fail("index-add needs --date YYYY-MM-DD (2000 to 2099)");
     unsigned channel, stream, record_type;
     if (args.option("--channel") == nullptr || !number_option(args, "--channel", 254, 0, channel))
@@ -841,15 +853,24 @@ int trim_segment(const std::string& path, const _k4t_stream_segment_id_& id, boo
 
 int verb_delete(const Args& args)
 {
+    const bool by_id = args.option("--id") != nullptr;
+    const bool by_time = args.option("--channel") != nullptr || args.option("--from") != nullptr ||
+                         args.option("--to") != nullptr || args.option("--type") != nullptr;
+    const bool before = args.option("--before") != nullptr;
+    if (int(by_id) + int(by_time) + int(before) > 1)
+        return fail("delete takes --id, --channel with --from and --to, or --before: one of them");
+    if (by_time || before)
+        return verb_delete_by_clock(args);
     std::string error;
     if (!only_options(args, {"--id", "--trim-seconds", "--trim-bytes"}, error))
         return fail("%s", error);
     if (args.positional.size() != 1)
-        return fail("delete takes one IMAGE");
+        return fail("delete --id takes one IMAGE");
     _k4t_stream_segment_id_ id = {};
     const std::string* id_option = args.option("--id");
     if (id_option == nullptr || !parse_segment_id(*id_option, id))
-        return fail("delete needs --id HDD:ROOT:SEG, as ls prints it (e.g. 0:0:0)");
+        return fail("delete needs --id HDD:ROOT:SEG (as ls prints it, e.g. 0:0:0), --channel C "
+                    "with --from and --to, or --before YYYY-MM-DD");
     if (id.hdd_id != TOOL_HDD_ID)
         return fail("the tool mounts its image as disk %s, so --id begins with it",
                     std::to_string(TOOL_HDD_ID));
@@ -886,20 +907,6 @@ bool channel_and_type_filter(const Args& args, uint32_t& channels, uint64_t& typ
         return false;
     channels = args.option("--channel") != nullptr ? 1u << channel : 0xFFFFFFFFu;
     types = args.option("--type") != nullptr ? 1ULL << type : ~0ULL;
-    return true;
-}
-
-// Reads "YYYY-MM-DD" (or "YYYY-MM" when `month_only`).
-bool parse_date(const std::string& text, _k4t_fs_date_& out, bool month_only)
-{
-    unsigned year = 0, month = 0, day = 1;
-    char tail;
-    const int fields = month_only ? sscanf(text.c_str(), "%4u-%2u%c", &year, &month, &tail)
-                                  : sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail);
-    if (fields != (month_only ? 2 : 3) || year < 2000 || year > 2099 || month < 1 || month > 12 ||
-        day < 1 || day > library_days_in_month(year - 2000, month))
-        return false;
-    out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, 0};
     return true;
 }
 

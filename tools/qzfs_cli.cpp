@@ -149,6 +149,20 @@ bool parse_date_time(const std::string& text, _k4t_fs_date_time_& out)
     return true;
 }
 
+// Reads "YYYY-MM-DD" (or "YYYY-MM" when `month_only`).
+bool parse_date(const std::string& text, _k4t_fs_date_& out, bool month_only)
+{
+    unsigned year = 0, month = 0, day = 1;
+    char tail;
+    const int fields = month_only ? sscanf(text.c_str(), "%4u-%2u%c", &year, &month, &tail)
+                                  : sscanf(text.c_str(), "%4u-%2u-%2u%c", &year, &month, &day, &tail);
+    if (fields != (month_only ? 2 : 3) || year < 2000 || year > 2099 || month < 1 || month > 12 ||
+        day < 1 || day > library_days_in_month(year - 2000, month))
+        return false;
+    out = {(uint8_t)(year - 2000), (uint8_t)month, (uint8_t)day, 0};
+    return true;
+}
+
 // The local time now, as a recorder's clock shows it.
 bool local_now(_k4t_fs_date_time_& out)
 {

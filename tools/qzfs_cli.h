@@ -1,8 +1,9 @@
 // The host tool's shared plumbing: its command-line words, its one-line
 // failures, dates and segment ids as a user types them, mounting images as
 // the disks of group 0, and the day queries over that group. The verbs live
-// in qzfs.cpp (disks, indexes, export, delete, browsing), qzfs_record.cpp
-// (recording) and qzfs_retention.cpp (locks and recording with overwrite).
+// in qzfs.cpp (disks, indexes, export, delete by id, browsing),
+// qzfs_delete.cpp (delete by time and by date), qzfs_record.cpp (recording)
+// and qzfs_retention.cpp (locks and recording with overwrite).
 #ifndef QZFS_TOOL_CLI_H
 #define QZFS_TOOL_CLI_H
 
@@ -52,6 +53,8 @@ bool number_option(const Args& args, const char* name, unsigned limit, unsigned 
 
 // Reads "YYYY-MM-DDTHH:MM:SS" (a space may stand for the T).
 bool parse_date_time(const std::string& text, _k4t_fs_date_time_& out);
+// Reads "YYYY-MM-DD" (or "YYYY-MM" when `month_only`), 2000 to 2099.
+bool parse_date(const std::string& text, _k4t_fs_date_& out, bool month_only);
 // The local time now, as a recorder's clock shows it.
 bool local_now(_k4t_fs_date_time_& out);
 // "2026-11-21 08:00:00"
@@ -91,6 +94,8 @@ bool query_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types,
 // Verbs defined outside qzfs.cpp.
 int verb_record(const Args& args);  // qzfs_record.cpp
 int verb_lock(const Args& args);    // qzfs_retention.cpp
+// delete --channel C --from --to and delete --before DATE.
+int verb_delete_by_clock(const Args& args);  // qzfs_delete.cpp
 
 } // namespace qzfs_tool
 
