@@ -172,11 +172,49 @@ int restore_root_id(CQzFileSystem& fs, const _action_delete_& r, _root_index_nod
     return 0;
 }
 
+// The end a closed node had before a tail cut moved it to the cut I-frame;
+// the journal keeps no old end. Every end is an I-frame's time: the last
+// I-frame inside the length where a recording or the end repair closed the
+// node, or the I-frame where the length ends when an earlier cut or split
+// ended it there. So: the first I-frame at or past the journalled length
+// when it lies exactly there (and its stream goes on), else the last one
+// inside it.
+void put_back_end(CQzFileSystem& fs, const _action_delete_& r,
+                  const std::vector<uint32_t>& iframe_blocks, _stream_segment_index_node_dev_& node)
+{
+    std::vector<unsigned char> unit(QZFS_IO_UNIT);
+    iframe_log_reader log(fs, uint32_t(iframe_blocks.size()), iframe_blocks.data(), unit.data(),
+                          unit.size());
+    _iframe_index_node_dev_ e, end;
+    if (log.fetch(r.start_iframe, &end) != iframe_log_reader::OK ||
+        end.id != IFRAME_INDEX_ID_IFRAME)
+        return;
+    const uint64_t base = end.stream_segment_offset;
+    for (uint32_t i = r.start_iframe + 1;; i++) {
+        if (log.fetch(i, &e) != iframe_log_reader::OK || fs.Check_iframe_index_dev_node(&e) != 0)
+            break;
+        if (e.id == IFRAME_INDEX_ID_BLOCK)
+            continue;
+        // A new stream in the same log starts its offsets again.
+        if (e.id != IFRAME_INDEX_ID_IFRAME || e.stream_segment_offset <= end.stream_segment_offset)
+            break;
+        if (e.stream_segment_offset - base <= r.len_in_bytes)
+            end = e;
+        if (e.stream_segment_offset - base >= r.len_in_bytes)
+            break;
+    }
+    node.end_hour = end.hour;
+    node.end_minute = end.minute;
+    node.end_second = end.second;
+}
+
 // Puts back id, first I-frame and start time; the length only on a closed
-// node, since a node being recorded holds 0 until its close. The node is
-// read from the device: a freed node is not in the cache.
+// node, since a node being recorded holds 0 until its close, and with it
+// the end that a tail cut moved. The node is read from the device: a freed
+// node is not in the cache.
 int restore_segment_node(CQzFileSystem& fs, const _action_delete_& r,
-                         const std::vector<uint32_t>& ssi_blocks)
+                         const std::vector<uint32_t>& ssi_blocks,
+                         const std::vector<uint32_t>& iframe_blocks)
 {
     _stream_segment_index_node_dev_ node;
     memset(&node, 0, sizeof(node));
@@ -197,6 +235,11 @@ int restore_segment_node(CQzFileSystem& fs, const _action_delete_& r,
     node.start_hour = r.start_hour;
     node.start_minute = r.start_minute;
     node.start_second = r.start_second;
+    const bool tail_cut = node.end_hour < QZFS_INVALID_END_HOUR &&
+                          segment_start_iframe_of(node) == r.start_iframe &&
+                          segment_len_of(node) != r.len_in_bytes;
+    if (tail_cut)
+        put_back_end(fs, r, iframe_blocks, node);
     if (node.end_hour < QZFS_INVALID_END_HOUR)
         set_segment_len(node, r.len_in_bytes);
     const int failed = fs.Modify_stream_segment(r.root_index, uint32_t(ssi_blocks.size()),
@@ -334,7 +377,7 @@ int CQzFileSystem::Action_delete_recovery(_action_delete_* record)
         if (block != 0 && block < m_manage.total_block && !block_bit_is_set(block))
             mark_block_head(block, QZFS_BLOCK_SEGMENT_INDEX);
     }
-    if (restore_segment_node(*this, r, ssi_blocks) == 0)
+    if (restore_segment_node(*this, r, ssi_blocks, iframe_blocks) == 0)
         restore_root_id(*this, r, &root);
     for (uint32_t block : ssi_blocks)
         reclaim_block(block, QZFS_BLOCK_SEGMENT_INDEX);
