@@ -445,8 +445,9 @@ bool check_time_change(const DiskWalk& before, const Target& target, const Stret
 }
 
 // The change by time, through the calls a recorder makes: the split and
-// the delete of a stretch under the disk lock, the end moved back through
-// the API, which takes the lock itself.
+// the delete of a stretch under the disk lock (the split followed, as the
+// API's callers of it do, by the root's summary of record types and locks),
+// the end moved back through the API, which takes the lock itself.
 int change_by_time(const Workload& workload, const Target& target)
 {
     const unsigned start = start_second(target.node);
@@ -459,7 +460,10 @@ int change_by_time(const Workload& workload, const Target& target)
     const uint32_t root = target.id.root_index, slot = target.id.stream_segment_index;
     if (workload.action == Action::Split)
         return fs->split_stream_segment_by_time(root, slot, from, to, s.mask, s.lock, s.lock,
-                                                s.record_type, 0);
+                                                s.record_type, 0) == 0 &&
+                       fs->check_and_modify_root_info(root, nullptr) >= 0
+                   ? 0
+                   : -1;
     return fs->delete_stream_segment_time_range(root, slot, from, to);
 }
 
