@@ -614,6 +614,33 @@ protected:
         fs_->disk_lock(0);
         return o;
     }
+
+    // The journal record a delete of `b` arms while it holds `node`, its
+    // block entries left to the caller.
+    _action_delete_ delete_record(const Built& b, const _stream_segment_index_node_dev_& node)
+    {
+        _action_delete_ r;
+        memset(&r, 0, sizeof(r));
+        r.root_index = b.root;
+        r.stream_segment_index = b.index;
+        r.start_iframe = u32(&node.start_iframe);
+        r.len_in_bytes = len_of(node);
+        r.root_index_id = root_of(b.root).id;
+        r.stream_segment_index_id = node.id;
+        r.start_hour = node.start_hour;
+        r.start_minute = node.start_minute;
+        r.start_second = node.start_second;
+        return r;
+    }
+
+    void arm(const _action_delete_& r)
+    {
+        uint8_t bytes[QZFS_ACTION_DELETE_LEN];
+        qzfs_action_delete_to_bytes(r, bytes);
+        fs_->disk_lock(1);
+        ASSERT_EQ(0, fs_->Register_qzfs_action(fs_->journal_block(), QZFS_ACTION_DELETE, bytes));
+        fs_->disk_lock(0);
+    }
 };
 
 TEST_F(SegmentTrim, CutsAtTheFirstIframeThatReachesTheSizeOrTakesTheWhole)
@@ -827,32 +854,18 @@ TEST_F(SegmentTrim, MountRollsAnArmedDeleteBack)
         const _root_index_node_dev_ root = root_of(ri);
         const _stream_segment_index_node_dev_ node = node_of(b);
 
-        _action_delete_ r;
-        memset(&r, 0, sizeof(r));
-        r.root_index = ri;
-        r.stream_segment_index = b.index;
-        r.start_iframe = b.start_iframe;
-        r.len_in_bytes = len_of(node);
-        r.root_index_id = root.id;
-        r.stream_segment_index_id = node.id;
-        r.start_hour = node.start_hour;
-        r.start_minute = node.start_minute;
-        r.start_second = node.start_second;
+        _action_delete_ r = delete_record(b, node);
         r.first_block_iframe_index = b.entry_at[0];
         r.first_block_share_count = 2;
         r.last_block_iframe_index = c.trim_to < 0 ? b.entry_at.back() : b.entry_at[2];
         r.last_block_share_count = 1;
-        uint8_t bytes[QZFS_ACTION_DELETE_LEN];
-        qzfs_action_delete_to_bytes(r, bytes);
 
         if (c.trim_to < 0)
             EXPECT_EQ(1, trim(b, len_of(node)).whole);
         else
             EXPECT_EQ(0, trim(b, uint64_t(c.trim_to) * b.step).whole);
         EXPECT_EQ(c.alone ? FREE_ROOT_INDEX : root.id, root_of(ri).id);
-        fs_->disk_lock(1);
-        ASSERT_EQ(0, fs_->Register_qzfs_action(fs_->journal_block(), QZFS_ACTION_DELETE, bytes));
-        fs_->disk_lock(0);
+        arm(r);
 
         remount();
 
@@ -874,6 +887,42 @@ TEST_F(SegmentTrim, MountRollsAnArmedDeleteBack)
         // Clean up for the next case: the segment goes for good.
         _k4t_stream_segment_id_ id = {0, ri, b.index};
         EXPECT_EQ(0, api_qzfs_delete_stream_segment(&id));
+    }
+}
+
+// A tail cut moves the end to the cut I-frame and the journal keeps no old
+// end: the roll-back finds it in the log. A segment as its recording closed
+// it ends at its last I-frame (the next segment of the root, whose offsets
+// start again, lies behind it in the log); one that an earlier cut ended
+// ends at the I-frame where its length ends.
+TEST_F(SegmentTrim, MountPutsBackTheEndOfAnArmedTailCut)
+{
+    const uint32_t ri = make_root(para_at(8, 0, 0));
+    for (bool cut_before : {false, true}) {
+        SCOPED_TRACE(cut_before ? "ended by an earlier cut" : "as recorded");
+        const int hour = cut_before ? 9 : 8;
+        const Built b = add_segment(ri, para_at(hour, 0, 0), 4 * kPerBlock);
+        add_segment(ri, para_at(hour, 30, 0), 3);
+        if (cut_before) {
+            EXPECT_EQ(0, delete_by_time(b, at(hour, 0, 3 * kPerBlock + 2), 1));
+        }
+        const _stream_segment_index_node_dev_ node = node_of(b);
+        _action_delete_ r = delete_record(b, node);
+        r.first_block_iframe_index = b.entry_at[0];
+        r.first_block_share_count = 1;
+        r.last_block_iframe_index = b.entry_at.back();
+        r.last_block_share_count = 1;
+
+        EXPECT_EQ(0, delete_by_time(b, at(hour, 0, kPerBlock + 3), 1));
+        EXPECT_EQ(kPerBlock + 3, node_of(b).end_second);
+        arm(r);
+
+        remount();
+
+        expect_same_segment(node, node_of(b), "the segment as it was");
+        for (uint32_t block : b.blocks)
+            expect_type(block, QZFS_BLOCK_DATA, "a block of the segment");
+        expect_journal_clear("after the mount");
     }
 }
 
@@ -902,8 +951,10 @@ TEST_F(SegmentTrim, MountLeavesATornJournalAlone)
     EXPECT_EQ(QZFS_ACTION_DELETE, u32(raw.data())) << "and the journal stays as found";
 }
 
-// An unfinished split: pieces added but the old node not yet rewritten. The
-// pieces go; once the old node has moved on, the split stands.
+// An unfinished split: pieces added and the share count of the block where
+// the old node is to start raised, but the old node not yet rewritten. The
+// pieces go and the count falls back to the one user left; once the old
+// node has moved on, the split stands and two pieces share that block.
 TEST_F(SegmentTrim, MountRemovesThePiecesOfAnUncommittedSplit)
 {
     for (bool committed : {false, true}) {
@@ -926,6 +977,7 @@ TEST_F(SegmentTrim, MountRemovesThePiecesOfAnUncommittedSplit)
         piece.end_second = uint8_t(split_at);
         set_segment_len(piece, uint64_t(split_at) * b.step);
         ASSERT_EQ(0, fs_->Modify_stream_segment(ri, piece_index, 0, &piece));
+        set_share_count(ri, b.entry_at[1], 2);
         _action_segment_split_ r = {ri, b.index, b.start_iframe, b.iframe_at[split_at]};
         uint8_t bytes[QZFS_ACTION_SPLIT_LEN];
         qzfs_action_split_to_bytes(r, bytes);
@@ -945,6 +997,10 @@ TEST_F(SegmentTrim, MountRemovesThePiecesOfAnUncommittedSplit)
                   node_of(p).id);
         expect_same_segment(old_node, node_of(b), "the old node");
         expect_same_segment(other.node, node_of(other), "a segment outside the split");
+        fs_->disk_lock(1);
+        EXPECT_EQ(committed ? 2u : 1u, share_count_at(ri, b.entry_at[1]));
+        EXPECT_EQ(1u, share_count_at(ri, b.entry_at[0])) << "a block of the first piece alone";
+        fs_->disk_lock(0);
         expect_journal_clear("after the mount");
     }
 }

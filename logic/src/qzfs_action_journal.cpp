@@ -172,11 +172,49 @@ int restore_root_id(CQzFileSystem& fs, const _action_delete_& r, _root_index_nod
     return 0;
 }
 
+// The end a closed node had before a tail cut moved it to the cut I-frame;
+// the journal keeps no old end. Every end is an I-frame's time: the last
+// I-frame inside the length where a recording or the end repair closed the
+// node, or the I-frame where the length ends when an earlier cut or split
+// ended it there. So: the first I-frame at or past the journalled length
+// when it lies exactly there (and its stream goes on), else the last one
+// inside it.
+void put_back_end(CQzFileSystem& fs, const _action_delete_& r,
+                  const std::vector<uint32_t>& iframe_blocks, _stream_segment_index_node_dev_& node)
+{
+    std::vector<unsigned char> unit(QZFS_IO_UNIT);
+    iframe_log_reader log(fs, uint32_t(iframe_blocks.size()), iframe_blocks.data(), unit.data(),
+                          unit.size());
+    _iframe_index_node_dev_ e, end;
+    if (log.fetch(r.start_iframe, &end) != iframe_log_reader::OK ||
+        end.id != IFRAME_INDEX_ID_IFRAME)
+        return;
+    const uint64_t base = end.stream_segment_offset;
+    for (uint32_t i = r.start_iframe + 1;; i++) {
+        if (log.fetch(i, &e) != iframe_log_reader::OK || fs.Check_iframe_index_dev_node(&e) != 0)
+            break;
+        if (e.id == IFRAME_INDEX_ID_BLOCK)
+            continue;
+        // A new stream in the same log starts its offsets again.
+        if (e.id != IFRAME_INDEX_ID_IFRAME || e.stream_segment_offset <= end.stream_segment_offset)
+            break;
+        if (e.stream_segment_offset - base <= r.len_in_bytes)
+            end = e;
+        if (e.stream_segment_offset - base >= r.len_in_bytes)
+            break;
+    }
+    node.end_hour = end.hour;
+    node.end_minute = end.minute;
+    node.end_second = end.second;
+}
+
 // Puts back id, first I-frame and start time; the length only on a closed
-// node, since a node being recorded holds 0 until its close. The node is
-// read from the device: a freed node is not in the cache.
+// node, since a node being recorded holds 0 until its close, and with it
+// the end that a tail cut moved. The node is read from the device: a freed
+// node is not in the cache.
 int restore_segment_node(CQzFileSystem& fs, const _action_delete_& r,
-                         const std::vector<uint32_t>& ssi_blocks)
+                         const std::vector<uint32_t>& ssi_blocks,
+                         const std::vector<uint32_t>& iframe_blocks)
 {
     _stream_segment_index_node_dev_ node;
     memset(&node, 0, sizeof(node));
@@ -197,6 +235,11 @@ int restore_segment_node(CQzFileSystem& fs, const _action_delete_& r,
     node.start_hour = r.start_hour;
     node.start_minute = r.start_minute;
     node.start_second = r.start_second;
+    const bool tail_cut = node.end_hour < QZFS_INVALID_END_HOUR &&
+                          segment_start_iframe_of(node) == r.start_iframe &&
+                          segment_len_of(node) != r.len_in_bytes;
+    if (tail_cut)
+        put_back_end(fs, r, iframe_blocks, node);
     if (node.end_hour < QZFS_INVALID_END_HOUR)
         set_segment_len(node, r.len_in_bytes);
     const int failed = fs.Modify_stream_segment(r.root_index, uint32_t(ssi_blocks.size()),
@@ -334,7 +377,7 @@ int CQzFileSystem::Action_delete_recovery(_action_delete_* record)
         if (block != 0 && block < m_manage.total_block && !block_bit_is_set(block))
             mark_block_head(block, QZFS_BLOCK_SEGMENT_INDEX);
     }
-    if (restore_segment_node(*this, r, ssi_blocks) == 0)
+    if (restore_segment_node(*this, r, ssi_blocks, iframe_blocks) == 0)
         restore_root_id(*this, r, &root);
     for (uint32_t block : ssi_blocks)
         reclaim_block(block, QZFS_BLOCK_SEGMENT_INDEX);
@@ -343,10 +386,102 @@ int CQzFileSystem::Action_delete_recovery(_action_delete_* record)
 
 // ------------------------------------------------------------ split roll-back
 
+namespace {
+
+// Where a data block's first frame byte lies, behind its head.
+const uint32_t kFirstDataOffset = 0x1000;
+
+// The log positions of the first and last block entries of a segment's
+// data: the block entry in front of its first I-frame, then each later one
+// while its length reaches into it, or up to the log's end for a segment
+// being recorded, whose node holds no length yet.
+bool block_entry_span(CQzFileSystem& fs, iframe_log_reader& log,
+                      const _stream_segment_index_node_dev_& node, uint32_t* first, uint32_t* last)
+{
+    const uint32_t start = segment_start_iframe_of(node);
+    _iframe_index_node_dev_ e;
+    if (start == 0 || log.fetch(start, &e) != iframe_log_reader::OK ||
+        e.id != IFRAME_INDEX_ID_IFRAME)
+        return false;
+    const unsigned long block_size = fs.manage().block_size;
+    uint64_t covered = block_size - e.block_offset;
+    *first = start;
+    do {
+        if (*first == 0 || log.fetch(--*first, &e) != iframe_log_reader::OK)
+            return false;
+    } while (e.id == IFRAME_INDEX_ID_IFRAME);
+    if (e.id != IFRAME_INDEX_ID_BLOCK)
+        return false;
+    *last = *first;
+    const bool recording = node.end_hour == QZFS_INVALID_END_HOUR;
+    for (uint32_t i = start + 1;; i++) {
+        if (log.fetch(i, &e) != iframe_log_reader::OK || fs.Check_iframe_index_dev_node(&e) != 0)
+            return true;
+        if (e.id == IFRAME_INDEX_ID_IFRAME)
+            continue;
+        if (e.id != IFRAME_INDEX_ID_BLOCK || (!recording && covered >= segment_len_of(node)))
+            return true;
+        *last = i;
+        covered += block_size - kFirstDataOffset;
+    }
+}
+
+// A split raises the share count of the block where a new piece starts
+// inside it, before its commit. With the pieces gone, each block entry from
+// the old node's first block up to split_end_iframe is set to the number of
+// segments of the root that use its block, which is what it was before: a
+// recount, so that a roll-back cut on its way and run again ends the same.
+void recount_split_shares(CQzFileSystem& fs, const _action_segment_split_& r,
+                          const std::vector<uint32_t>& ssi_blocks, uint32_t iframe_head)
+{
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    if (fs.Read_iframe_index_block_list(iframe_head, &num, &list) != 0) {
+        delete[] list;
+        return;
+    }
+    const std::vector<uint32_t> chain = qzfs_take_chain(list, num);
+    std::vector<unsigned char> unit(QZFS_IO_UNIT);  // the writes below use the disk's buffer
+    iframe_log_reader log(fs, uint32_t(chain.size()), chain.data(), unit.data(), unit.size());
+    std::vector<std::pair<uint32_t, uint32_t>> spans;
+    uint32_t from = r.split_end_iframe;  // the old node's first block entry
+    for (uint32_t i = 0;; i++) {
+        _stream_segment_index_node_dev_ node;
+        if (fs.Get_stream_segment_index_dev_node(r.root_index, uint32_t(ssi_blocks.size()),
+                                                 ssi_blocks.data(), i, &node) != 0 ||
+            node.id == END_STREAM_SEGMENT_INDEX)
+            break;
+        uint32_t first = 0, last = 0;
+        if (node.id == FREE_STREAM_SEGMENT_INDEX || !block_entry_span(fs, log, node, &first, &last))
+            continue;
+        spans.emplace_back(first, last);
+        if (i == r.stream_segment_index)
+            from = first;
+    }
+    for (uint32_t e = from; e < r.split_end_iframe; e++) {
+        _iframe_index_node_dev_ entry;
+        if (log.fetch(e, &entry) != iframe_log_reader::OK ||
+            fs.Check_iframe_index_dev_node(&entry) != 0 || entry.id != IFRAME_INDEX_ID_BLOCK)
+            continue;
+        uint32_t users = 0;
+        for (const auto& span : spans)
+            users += span.first <= e && e <= span.second;
+        if (users == 0 || entry.pts_high == users)
+            continue;
+        QZLOG("share count(index:%lu)(%lu -> %lu)", (unsigned long)e,
+              (unsigned long)entry.pts_high, (unsigned long)users);
+        entry.pts_high = users;
+        fs.Write_iframe_index(uint32_t(chain.size()), chain.data(), e, &entry);
+    }
+}
+
+} // namespace
+
 // A split adds complete nodes for its new pieces and then commits by
 // rewriting the old node's first I-frame. While the old node still has its
 // journalled start, the commit did not happen: the pieces added so far
-// double part of its time and go.
+// double part of its time and go, and the share counts they raised are
+// counted again.
 int CQzFileSystem::action_segment_split_recovery(_action_segment_split_* record)
 {
     const _action_segment_split_& r = *record;
@@ -356,9 +491,10 @@ int CQzFileSystem::action_segment_split_recovery(_action_segment_split_* record)
     memset(&rinm, 0, sizeof(rinm));
     if (Get_root_index_mem_node(r.root_index, &rinm) != 0 || !IS_NORMAL_ROOT_INDEX(rinm.id))
         return 0;
-    uint32_t ssi_num = 0;
+    uint32_t ssi_num = 0, iframe_head = 0;
     uint32_t* ssi_list = nullptr;
-    if (Get_stream_segment_index_block_list(r.root_index, &ssi_num, &ssi_list, nullptr) != 0) {
+    if (Get_stream_segment_index_block_list(r.root_index, &ssi_num, &ssi_list, &iframe_head) !=
+        0) {
         delete[] ssi_list;
         QZLOG("Get_stream_segment_index_block_list(root_index:%ld)", long(r.root_index));
         return 0;
@@ -383,7 +519,7 @@ int CQzFileSystem::action_segment_split_recovery(_action_segment_split_* record)
             return 0;
         }
         if (piece.id == END_STREAM_SEGMENT_INDEX)
-            return 0;
+            break;
         const uint32_t start = segment_start_iframe_of(piece);
         if (piece.id != NORMAL_STREAM_SEGMENT_INDEX || start < r.start_iframe ||
             start > r.split_end_iframe)
@@ -393,4 +529,6 @@ int CQzFileSystem::action_segment_split_recovery(_action_segment_split_* record)
         piece.id = FREE_STREAM_SEGMENT_INDEX;
         Modify_stream_segment(r.root_index, ssi_num, ssi_blocks.data(), i, 0, &piece);
     }
+    recount_split_shares(*this, r, ssi_blocks, iframe_head);
+    return 0;
 }

@@ -390,11 +390,22 @@ static void root_block_attr(uint8_t attr[14], uint8_t channel, uint8_t stream_ty
     attr[4] = lock;
 }
 
+// The copies of the root's attributes in its segment index block's record
+// (both key tables and the block head) go first and the node last: a cut
+// in between leaves the node as it was, so the mount, which compares the
+// node with its segments, finds it stale and writes node and copies again.
 int CQzFileSystem::Modify_root_index(unsigned long root_index, int mode,
                                      const _root_index_node_dev_* node)
 {
     if (mode != 0)
         return 0;
+    uint8_t attr[14];
+    uint16_t record_type;
+    memcpy(&record_type, &node->record_type, 2);
+    root_block_attr(attr, node->channel, node->stream_type, record_type, node->lock);
+    uint32_t ssi_block;
+    memcpy(&ssi_block, &node->stream_segment_index_block, 4);
+    modify_block_attr(ssi_block, attr, QZFS_WHERE_ALL);
     if (Write_root_index(root_index, node, 0, 0) != 0) {
         QZLOG("Write_root_index failed");
         return -1;
@@ -403,13 +414,6 @@ int CQzFileSystem::Modify_root_index(unsigned long root_index, int mode,
         QZLOG("Update_root_index_cache failed");
         return -1;
     }
-    uint8_t attr[14];
-    uint16_t record_type;
-    memcpy(&record_type, &node->record_type, 2);
-    root_block_attr(attr, node->channel, node->stream_type, record_type, node->lock);
-    uint32_t ssi_block;
-    memcpy(&ssi_block, &node->stream_segment_index_block, 4);
-    modify_block_attr(ssi_block, attr, QZFS_WHERE_ALL);
     return 0;
 }
 

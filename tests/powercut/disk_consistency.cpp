@@ -39,11 +39,6 @@ private:
     int fd_;
 };
 
-bool allocated(CQzFileSystem* fs, uint32_t block)
-{
-    return (fs->manage().block_bitmap[block >> 3] >> (block & 7)) & 1;
-}
-
 void add_owner(Owners& owners, uint32_t block, const std::string& what, uint8_t type)
 {
     owners[block].push_back({what, type});
@@ -137,7 +132,7 @@ void check_block(CQzFileSystem* fs, const Image& image, uint32_t block, const Ow
 void check_owned_allocated(CQzFileSystem* fs, const Owners& owners, Consistency& result)
 {
     for (const auto& o : owners)
-        if (o.first >= fs->manage().total_block || !allocated(fs, o.first))
+        if (o.first >= fs->manage().total_block || !block_allocated(fs, o.first))
             result.failures.push_back("block " + std::to_string(o.first) + " (" +
                                       o.second[0].what + ") is not allocated");
 }
@@ -157,7 +152,7 @@ void check_iframe_entries(CQzFileSystem* fs, const RootWalk& root, const Image& 
             const uint32_t block = e.block_num, offset = e.block_offset;
             uint8_t head[4] = {};
             const bool whole = offset + 4 <= block_size;
-            if (!whole || block >= fs->manage().total_block || !allocated(fs, block) ||
+            if (!whole || block >= fs->manage().total_block || !block_allocated(fs, block) ||
                 !image.read((unsigned long long)block * block_size + offset, head, 4) ||
                 head[0] != root.node.channel || head[1] != QZFS_FRAME_CHAR_IFRAME ||
                 head[2] != QZFS_FRAME_MAGIC_0 || head[3] != QZFS_FRAME_MAGIC_1) {
@@ -219,6 +214,11 @@ void check_journal(CQzFileSystem* fs, const Image& image, Consistency& result)
 
 } // namespace
 
+bool block_allocated(CQzFileSystem* fs, uint32_t block)
+{
+    return (fs->manage().block_bitmap[block >> 3] >> (block & 7)) & 1;
+}
+
 Consistency check_consistency(CQzFileSystem* fs, const std::string& path, const DiskWalk& walk)
 {
     Consistency result;
@@ -227,7 +227,7 @@ Consistency check_consistency(CQzFileSystem* fs, const std::string& path, const 
     const Owners owners = index_owners(walk, block_size, result);
     check_owned_allocated(fs, owners, result);
     for (uint32_t block = 0; block < fs->manage().total_block; block++) {
-        if (!allocated(fs, block))
+        if (!block_allocated(fs, block))
             continue;
         result.allocated++;
         check_block(fs, image, block, owners, result);

@@ -24,6 +24,9 @@ struct Consistency {
 
 Consistency check_consistency(CQzFileSystem* fs, const std::string& image, const DiskWalk& walk);
 
+// Whether the block bitmap of the mounted disk `fs` has `block` allocated.
+bool block_allocated(CQzFileSystem* fs, uint32_t block);
+
 } // namespace powercut
 
 #endif

@@ -1,9 +1,9 @@
 // qzfs_powercut: cuts the power at every device write of a recording, a
-// delete, a trim or an overwrite pass (or a stride of them) and checks what
-// the next mount makes of the disk.
+// delete, a trim, an overwrite pass or a change by time (or a stride of
+// them) and checks what the next mount makes of the disk.
 //
 //   qzfs_powercut --workload start|one|four|delete-last|delete-one|delete-shared|trim|trim-live
-//                            |overwrite
+//                            |overwrite|split-two|split-three|delete-middle|shorten
 //                 [--mode drop|torn|reorder]
 //                 [--from N] [--to N] [--stride S] [--recut-stride R]
 //                 [--seed X] [--dir DIR] [--verbose]
@@ -14,7 +14,8 @@
 // workloads record their image once without a cut and count only the writes
 // from their delete or trim on; after the cut the disk must be exactly as
 // before the change or as after it (after a cut in an overwrite pass: as
-// after the first few of the pass's changes, in the pass's order). With
+// after the first few of the pass's changes, in the pass's order; after a
+// cut in the delete of a stretch: also as after its split alone). With
 // --recut-stride R, every R-th cut point tried also has its repairing mount
 // cut at each of its own writes, and the mount after that must end in the
 // same state as the uncut repair.

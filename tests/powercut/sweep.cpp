@@ -25,7 +25,9 @@ struct Totals {
     unsigned long orphans_max = 0;
     unsigned long recut_points = 0, recuts = 0, recut_failures = 0;
     unsigned long as_before = 0, as_after = 0;  // delete workloads: where cut points ended
-    unsigned long between = 0;                  // overwrite: after a part of the pass
+    // overwrite: after a part of the pass; the delete of a stretch: split
+    // and not yet deleted
+    unsigned long between = 0;
 };
 
 class Sweep {
@@ -45,6 +47,7 @@ private:
     bool cut_point(unsigned long long n);
     std::vector<std::string> recut_recovery(const CheckResult& uncut);
     void prepare_states(const ChildResult& uncut_run, const CheckResult& uncut);
+    std::vector<std::string> split_state();
     std::vector<std::string> state_of(const CheckResult& check) const;
     std::string check_state(const CheckResult& check);
     std::string overwrite_state(const std::vector<std::string>& now) const;
@@ -56,8 +59,9 @@ private:
     ScratchDir dir_;
     std::string base_, cut_, check_, recut_;
     Totals t_;
-    // A delete workload's disk before and after its uncut delete or trim.
-    std::vector<std::string> before_, after_;
+    // A delete workload's disk before and after its uncut delete or trim;
+    // the delete of a stretch: its disk after the split alone, between them.
+    std::vector<std::string> before_, between_, after_;
     // An overwrite workload's segments ("ROOT:SLOT") and their owner stamps
     // before the pass.
     std::map<std::string, unsigned long> stamps_;
@@ -199,6 +203,8 @@ void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncu
     }
     if (before_.empty() || before_ == after_)
         throw std::runtime_error("the uncut delete or trim changes nothing");
+    if (o_.workload.action == Action::DeleteStretch)
+        between_ = split_state();
     if (o_.workload.action != Action::Overwrite)
         return;
     for (const std::string& line : uncut_run.lines) {
@@ -214,8 +220,36 @@ void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncu
         throw std::runtime_error("the disk of the uncut pass fails its own state check: " + own);
 }
 
+// The delete of a stretch splits it out, attributes unchanged, and then
+// deletes its piece whole: the state between the two, from an uncut split of
+// the same stretch on a copy of the prepared disk (its workload checks the
+// pieces against the old segment).
+std::vector<std::string> Sweep::split_state()
+{
+    Workload split = o_.workload;
+    split.action = Action::Split;
+    split.stretch.mask = 0;
+    copy(base_, check_);
+    const power_cut::Settings observe = device(0, false);
+    ChildResult w = run_child(
+        [&](const LineWriter& out) { run_workload(split, check_, observe, out); }, o_.verbose);
+    const WorkloadProgress p = read_progress(split, w.lines);
+    if (!p.finished)
+        throw std::runtime_error("the uncut split of the stretch fails: " + p.failure);
+    const CheckResult split_disk = read_check(run_child(
+        [&](const LineWriter& out) { check_recovery(split, p, check_, out); }, o_.verbose));
+    if (!split_disk.failures.empty())
+        throw std::runtime_error("the disk of the uncut split fails the checks: " +
+                                 split_disk.failures[0]);
+    const std::vector<std::string> state = state_of(split_disk);
+    if (state == before_ || state == after_)
+        throw std::runtime_error("the split of the stretch leaves the disk as before or as after");
+    return state;
+}
+
 // After a cut in a delete or trim the disk is exactly as before it or as
-// after it, never in between.
+// after it, never in between (the delete of a stretch: or as after its
+// split).
 std::string Sweep::check_state(const CheckResult& check)
 {
     const std::vector<std::string> now = state_of(check);
@@ -226,7 +260,8 @@ std::string Sweep::check_state(const CheckResult& check)
         t_.between += fault.empty() && now != before_ && now != after_;
         return fault;
     }
-    if (now == before_ || now == after_)
+    t_.between += !between_.empty() && now == between_;
+    if (now == before_ || now == after_ || (!between_.empty() && now == between_))
         return "";
     return "the disk is neither as before nor as after the change: before and now " +
            first_difference(before_, now) + "; after and now " + first_difference(after_, now);
@@ -388,6 +423,10 @@ void Sweep::print_totals(unsigned long long writes, double seconds) const
     if (o_.workload.action == Action::Overwrite)
         printf("%s: %lu cut points ended as before the pass, %lu as after it, %lu in between\n",
                what.c_str(), t_.as_before, t_.as_after, t_.between);
+    else if (o_.workload.action == Action::DeleteStretch)
+        printf("%s: %lu cut points ended as before the change, %lu split and not deleted, %lu "
+               "as after it\n",
+               what.c_str(), t_.as_before, t_.between, t_.as_after);
     else if (o_.workload.action != Action::Record)
         printf("%s: %lu cut points ended as before the change, %lu as after it\n", what.c_str(),
                t_.as_before, t_.as_after);

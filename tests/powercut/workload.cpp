@@ -1,5 +1,6 @@
 #include "workload.h"
 
+#include "disk_consistency.h"
 #include "disk_walk.h"
 #include "qzfilesystem.h"
 #include "qzfs_manager.h"
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <map>
+#include <set>
 #include <unistd.h>
 
 namespace powercut {
@@ -30,6 +32,10 @@ const Workload kWorkloads[] = {
     {"trim", 1, 60, 5, Action::Trim, 1, false, 0, 0},
     {"trim-live", 1, 50, 5, Action::TrimLive, 1, false, 0, 0},
     {"overwrite", 2, 120, 5, Action::Overwrite, 3, false, 0, 0},
+    {"split-two", 1, 160, 5, Action::Split, 2, false, 0, 0, {45, 200, 2, 0, 3}},
+    {"split-three", 1, 160, 5, Action::Split, 2, false, 0, 0, {30, 55, 1, 1, 0}},
+    {"delete-middle", 1, 160, 5, Action::DeleteStretch, 2, false, 0, 0, {25, 60}},
+    {"shorten", 1, 160, 5, Action::Shorten, 2, false, 0, 0, {50, 200}},
 };
 
 // Group 0's thresholds: recording goes on while 50 MiB are free, above
@@ -180,76 +186,6 @@ bool walk_mounted_disk(DiskWalk& walk, const LineWriter& out)
     return true;
 }
 
-// The writer never lets two segments share a data block, but a segment split
-// at an I-frame inside a block leaves its two pieces sharing that block, and
-// a delete of one piece must leave the block to the other. This makes that
-// state by hand, without a cut: the only segment of the disk is cut at the
-// middle I-frame of its third data block into a front piece (a new node, the
-// old one up to that I-frame) and a back piece (the old node, starting at
-// that I-frame with the owner stamp of its block, as a trim leaves it), and
-// the block's entry in the log counts two users.
-bool split_sharing_a_block(const LineWriter& out)
-{
-    CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
-    DiskLockGuard disk(*fs);
-    DiskWalk walk;
-    SegmentExtent extent;
-    std::string error = "the disk holds no single segment";
-    if (!walk_mounted_disk(walk, out))
-        return false;
-    const RootWalk* root = walk.roots.size() == 1 ? &walk.roots[0] : nullptr;
-    if (root == nullptr || root->segments.size() != 1 ||
-        !segment_extent(*root, root->segments[0].node, fs->manage().block_size, extent, error) ||
-        extent.data_blocks.size() < 4) {
-        out.line("fail no segment to split: " + error);
-        return false;
-    }
-    const SegmentSlot& old = root->segments[0];
-    const uint32_t block = extent.data_blocks[2], entry = extent.block_entries[2];
-    std::vector<uint32_t> inside;  // log positions of the I-frames in the block
-    for (uint32_t i = entry + 1; i < root->log.size() && root->log[i].id == IFRAME_INDEX_ID_IFRAME;
-         i++)
-        inside.push_back(i);
-    if (inside.size() < 3) {
-        out.line("fail block " + std::to_string(block) + " holds too few I-frames to split at");
-        return false;
-    }
-    const uint32_t cut = inside[inside.size() / 2];
-    const _iframe_index_node_dev_ at = root->log[cut];
-    const uint64_t front_len = at.stream_segment_offset -
-                               root->log[segment_start_iframe_of(old.node)].stream_segment_offset;
-    _stream_segment_index_node_dev_ front = old.node, back = old.node;
-    set_segment_len(front, front_len);
-    front.end_hour = at.hour;
-    front.end_minute = at.minute;
-    front.end_second = at.second;
-    set_segment_len(back, segment_len_of(old.node) - front_len);
-    set_segment_start_iframe(back, cut);
-    back.start_hour = at.hour;
-    back.start_minute = at.minute;
-    back.start_second = at.second;
-    _qzfs_block_info_ info;
-    if (fs->read_data_block_record(block, &info) == 0)
-        memcpy(&back.owner_stamp, &info.owner_stamp, sizeof(back.owner_stamp));
-    uint32_t num = 0, slot = 0;
-    uint32_t* list = nullptr;
-    int is_end = 0;
-    bool ok = fs->Get_stream_segment_index_block_list(root->position, &num, &list, nullptr) == 0 &&
-              fs->Get_free_stream_segment_index(root->position, &num, &list, &slot, &is_end) == 0 &&
-              fs->Write_stream_segment_index(num, list, slot, &front, 1, is_end) == 0 &&
-              fs->Update_stream_segment_index_cache(root->position, slot, &front) == 0 &&
-              fs->Modify_stream_segment(root->position, num, list, old.index, 0, &back) == 0;
-    delete[] list;
-    _iframe_index_node_dev_ shared = root->log[entry];
-    shared.pts_high = 2;
-    ok = ok && fs->Write_iframe_index(uint32_t(root->iframe_blocks.size()),
-                                      root->iframe_blocks.data(), entry, &shared) == 0;
-    if (!ok)
-        out.line("fail the split of segment " + std::to_string(root->position) + ":" +
-                 std::to_string(old.index) + " at I-frame " + std::to_string(cut));
-    return ok;
-}
-
 // The segment a delete or trim works on, found in the index.
 struct Target {
     _k4t_stream_segment_id_ id;
@@ -285,6 +221,11 @@ bool find_target(const Workload& workload, DiskWalk& walk, Target& target, const
     return true;
 }
 
+std::string label(const std::pair<uint32_t, uint32_t>& key)
+{
+    return std::to_string(key.first) + ":" + std::to_string(key.second);
+}
+
 using SegmentNodes = std::map<std::pair<uint32_t, uint32_t>, _stream_segment_index_node_dev_>;
 
 SegmentNodes segment_nodes(const DiskWalk& walk)
@@ -294,6 +235,21 @@ SegmentNodes segment_nodes(const DiskWalk& walk)
         for (const SegmentSlot& s : r.segments)
             nodes[{r.position, s.index}] = s.node;
     return nodes;
+}
+
+// Takes out of both every segment that is in both and unchanged: `was`
+// keeps what the change took or changed, `now` what it made.
+void drop_unchanged(SegmentNodes& was, SegmentNodes& now)
+{
+    for (auto a = was.begin(); a != was.end();) {
+        auto b = now.find(a->first);
+        if (b == now.end() || memcmp(&a->second, &b->second, sizeof(a->second)) != 0) {
+            ++a;
+            continue;
+        }
+        now.erase(b);
+        a = was.erase(a);
+    }
 }
 
 // After the delete or trim of a closed segment: the segment is gone, or
@@ -306,32 +262,271 @@ bool check_change(const Workload& workload, const DiskWalk& before, const Target
     if (!walk_mounted_disk(after, out))
         return false;
     SegmentNodes was = segment_nodes(before), now = segment_nodes(after);
+    drop_unchanged(was, now);
     const std::pair<uint32_t, uint32_t> key(target.id.root_index, target.id.stream_segment_index);
     auto it = now.find(key);
-    bool ok = workload.action == Action::Delete
-                  ? it == now.end()
-                  : it != now.end() &&
-                        segment_len_of(it->second) + taken == segment_len_of(target.node) &&
-                        segment_start_iframe_of(it->second) > segment_start_iframe_of(target.node);
-    if (it != now.end())
-        now.erase(it);
-    was.erase(key);
-    ok = ok && was.size() == now.size();
-    for (auto a = was.begin(), b = now.begin(); ok && a != was.end(); ++a, ++b)
-        ok = a->first == b->first && memcmp(&a->second, &b->second, sizeof(a->second)) == 0;
+    bool ok = was.size() == 1 && was.count(key) == 1;
+    if (workload.action == Action::Delete)
+        ok = ok && now.empty();
+    else
+        ok = ok && now.size() == 1 && it != now.end() &&
+             segment_len_of(it->second) + taken == segment_len_of(target.node) &&
+             segment_start_iframe_of(it->second) > segment_start_iframe_of(target.node);
     if (!ok)
-        out.line("fail the change of segment " + std::to_string(key.first) + ":" +
-                 std::to_string(key.second) + " is not the one asked for");
+        out.line("fail the change of segment " + label(key) + " is not the one asked for");
     return ok;
 }
 
-// The delete or trim that the cut falls on; a TrimLive workload then
-// records on behind its trim and closes the segment.
+unsigned second_of(uint8_t hour, uint8_t minute, uint8_t second)
+{
+    return hour * 3600u + minute * 60u + second;
+}
+
+unsigned start_second(const _stream_segment_index_node_dev_& n)
+{
+    return second_of(n.start_hour, n.start_minute, n.start_second);
+}
+
+_k4t_fs_time_ time_of(unsigned second)
+{
+    return {uint8_t(second / 3600), uint8_t(second / 60 % 60), uint8_t(second % 60)};
+}
+
+// A piece that a change by time leaves of its segment: its first I-frame
+// (a log position), length, start and end second of the day, and whether it
+// is the stretch, which takes the change's attributes.
+struct Piece {
+    uint32_t first;
+    uint64_t len;
+    unsigned start, end;
+    bool stretch;
+};
+
+// The log position of the segment's I-frame at `second` of the day; 0 when
+// the segment has none there.
+uint32_t iframe_at(const RootWalk& root, const _stream_segment_index_node_dev_& node,
+                   unsigned second)
+{
+    const uint32_t first = segment_start_iframe_of(node);
+    for (uint32_t i = first; i < root.log.size(); i++) {
+        const _iframe_index_node_dev_& e = root.log[i];
+        if (e.id != IFRAME_INDEX_ID_IFRAME)
+            continue;
+        if (e.stream_segment_offset - root.log[first].stream_segment_offset >= segment_len_of(node))
+            return 0;
+        if (second_of(e.hour, e.minute, e.second) == second)
+            return i;
+    }
+    return 0;
+}
+
+// What a change of [from, to] (seconds of the day) must leave of `node`,
+// worked out from its I-frame entries: the part in front of the stretch, the
+// stretch itself when it stays, the part behind it. The stretch runs from
+// the segment's I-frame at `from` to the one at `to`, or to the segment's
+// end when it has none there. Empty when `from` meets no I-frame.
+std::vector<Piece> expected_pieces(const RootWalk& root, const _stream_segment_index_node_dev_& node,
+                                   unsigned from, unsigned to, bool keep_stretch)
+{
+    const uint32_t f = segment_start_iframe_of(node), a = iframe_at(root, node, from),
+                   b = iframe_at(root, node, to);
+    const uint64_t len = segment_len_of(node);
+    const unsigned end = second_of(node.end_hour, node.end_minute, node.end_second);
+    auto offset = [&](uint32_t i) {
+        return root.log[i].stream_segment_offset - root.log[f].stream_segment_offset;
+    };
+    auto second = [&](uint32_t i) {
+        return second_of(root.log[i].hour, root.log[i].minute, root.log[i].second);
+    };
+    std::vector<Piece> pieces;
+    if (a == 0)
+        return pieces;
+    if (a != f)
+        pieces.push_back({f, offset(a), start_second(node), second(a), false});
+    if (keep_stretch)
+        pieces.push_back({a, (b != 0 ? offset(b) : len) - offset(a), second(a),
+                          b != 0 ? second(b) : end, true});
+    if (b != 0)
+        pieces.push_back({b, len - offset(b), second(b), end, false});
+    return pieces;
+}
+
+// Whether node `n` is piece `p` of `old`, with the old node's attributes or,
+// for the stretch, those of `s`.
+bool is_piece(const _stream_segment_index_node_dev_& n, const Piece& p,
+              const _stream_segment_index_node_dev_& old, const Stretch& s)
+{
+    const bool lock = p.stretch && (s.mask & 1) != 0, type = p.stretch && (s.mask & 2) != 0;
+    return n.id == NORMAL_STREAM_SEGMENT_INDEX && segment_start_iframe_of(n) == p.first &&
+           segment_len_of(n) == p.len && start_second(n) == p.start &&
+           second_of(n.end_hour, n.end_minute, n.end_second) == p.end &&
+           n.lock == (lock ? s.lock : old.lock) &&
+           n.record_type == (type ? s.record_type : old.record_type);
+}
+
+const RootWalk* root_at(const DiskWalk& walk, uint32_t position)
+{
+    for (const RootWalk& r : walk.roots)
+        if (r.position == position)
+            return &r;
+    return nullptr;
+}
+
+// The data blocks of the live segments of a root.
+std::set<uint32_t> blocks_in_use(const RootWalk& root, unsigned long block_size)
+{
+    std::set<uint32_t> blocks;
+    for (const SegmentSlot& s : root.segments) {
+        SegmentExtent extent;
+        std::string error;
+        if (is_live(s.node) && segment_extent(root, s.node, block_size, extent, error))
+            blocks.insert(extent.data_blocks.begin(), extent.data_blocks.end());
+    }
+    return blocks;
+}
+
+// The faults of the disk after a change by time of `target` over `s`: its
+// node is replaced by exactly the pieces the change leaves, every other
+// segment is as it was, the data blocks of the segment that no piece uses
+// are free and, after a split, a block is shared where two pieces meet
+// (its share count matching its users is a check of every cut point).
+std::vector<std::string> time_change_faults(const DiskWalk& before, const DiskWalk& after,
+                                            const Target& target, const Stretch& s, bool split)
+{
+    const RootWalk* root = root_at(before, target.id.root_index);
+    const RootWalk* now_root = root_at(after, target.id.root_index);
+    const unsigned start = start_second(target.node);
+    const std::vector<Piece> pieces =
+        root == nullptr ? std::vector<Piece>()
+                        : expected_pieces(*root, target.node, start + s.from, start + s.to, split);
+    if (pieces.empty() || now_root == nullptr)
+        return {"the stretch starts on no I-frame of the segment, or its root is gone"};
+    std::vector<std::string> faults;
+    SegmentNodes was = segment_nodes(before), now = segment_nodes(after);
+    drop_unchanged(was, now);
+    if (was.size() != 1 || now.size() != pieces.size())
+        faults.push_back(std::to_string(was.size()) + " segments changed or went, " +
+                         std::to_string(now.size()) + " were made, " +
+                         std::to_string(pieces.size()) + " pieces were due");
+    for (const Piece& p : pieces)
+        if (std::count_if(now.begin(), now.end(), [&](const SegmentNodes::value_type& n) {
+                return n.first.first == root->position && is_piece(n.second, p, target.node, s);
+            }) != 1)
+            faults.push_back("no single piece from I-frame " + std::to_string(p.first) + ", " +
+                             std::to_string(p.len) + " bytes");
+    CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
+    const std::set<uint32_t> used = blocks_in_use(*now_root, fs->manage().block_size);
+    SegmentExtent extent;
+    std::string error;
+    if (segment_extent(*root, target.node, fs->manage().block_size, extent, error))
+        for (uint32_t block : extent.data_blocks)
+            if (used.count(block) == 0 && block_allocated(fs, block))
+                faults.push_back("block " + std::to_string(block) + ", which no piece uses, stays allocated");
+    const bool shared = std::any_of(now_root->log.begin(), now_root->log.end(),
+                                    [](const _iframe_index_node_dev_& e) {
+                                        return e.id == IFRAME_INDEX_ID_BLOCK && e.pts_high > 1;
+                                    });
+    if (split && !shared)
+        faults.push_back("the split leaves no data block shared: a stretch end lies at a block's start");
+    return faults;
+}
+
+bool check_time_change(const DiskWalk& before, const Target& target, const Stretch& s, bool split,
+                       const LineWriter& out)
+{
+    DiskWalk after;
+    if (!walk_mounted_disk(after, out))
+        return false;
+    const std::vector<std::string> faults = time_change_faults(before, after, target, s, split);
+    for (const std::string& f : faults)
+        out.line("fail the change by time of segment " +
+                 label({target.id.root_index, target.id.stream_segment_index}) + ": " + f);
+    return faults.empty();
+}
+
+// The change by time, through the calls a recorder makes: the split and
+// the delete of a stretch under the disk lock (the split followed, as the
+// API's callers of it do, by the root's summary of record types and locks),
+// the end moved back through the API, which takes the lock itself.
+int change_by_time(const Workload& workload, const Target& target)
+{
+    const unsigned start = start_second(target.node);
+    const Stretch& s = workload.stretch;
+    const _k4t_fs_time_ from = time_of(start + s.from), to = time_of(start + s.to);
+    if (workload.action == Action::Shorten)
+        return api_qzfs_modify_stream_segment_end_time(target.id, from);
+    CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
+    DiskLockGuard disk(*fs);
+    const uint32_t root = target.id.root_index, slot = target.id.stream_segment_index;
+    if (workload.action == Action::Split)
+        return fs->split_stream_segment_by_time(root, slot, from, to, s.mask, s.lock, s.lock,
+                                                s.record_type, 0) == 0 &&
+                       fs->check_and_modify_root_info(root, nullptr) >= 0
+                   ? 0
+                   : -1;
+    return fs->delete_stream_segment_time_range(root, slot, from, to);
+}
+
+// The writer never lets two segments share a data block, but a segment split
+// at an I-frame inside a block leaves its two pieces sharing that block, and
+// a delete of one piece must leave the block to the other. The only segment
+// of the disk is split, its attributes unchanged, at the middle I-frame of
+// its third data block into a front piece (a new node) and a back piece
+// (the old node).
+bool split_sharing_a_block(const LineWriter& out)
+{
+    CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
+    DiskLockGuard disk(*fs);
+    DiskWalk walk;
+    SegmentExtent extent;
+    std::string error = "the disk holds no single segment";
+    if (!walk_mounted_disk(walk, out))
+        return false;
+    const RootWalk* root = walk.roots.size() == 1 ? &walk.roots[0] : nullptr;
+    if (root == nullptr || root->segments.size() != 1 ||
+        !segment_extent(*root, root->segments[0].node, fs->manage().block_size, extent, error) ||
+        extent.data_blocks.size() < 4) {
+        out.line("fail no segment to split: " + error);
+        return false;
+    }
+    const Target target = {{kHdd, root->position, root->segments[0].index},
+                           root->segments[0].node};
+    std::vector<unsigned> inside;  // seconds of the I-frames in the third block
+    for (uint32_t i = extent.block_entries[2] + 1;
+         i < root->log.size() && root->log[i].id == IFRAME_INDEX_ID_IFRAME; i++)
+        inside.push_back(second_of(root->log[i].hour, root->log[i].minute, root->log[i].second));
+    if (inside.size() < 3) {
+        out.line("fail block " + std::to_string(extent.data_blocks[2]) +
+                 " holds too few I-frames to split at");
+        return false;
+    }
+    Stretch back;  // from the cut to an hour past it, beyond the segment's end
+    back.from = inside[inside.size() / 2] - start_second(target.node);
+    back.to = back.from + 3600;
+    const unsigned start = start_second(target.node);
+    if (fs->split_stream_segment_by_time(target.id.root_index, target.id.stream_segment_index,
+                                         time_of(start + back.from), time_of(start + back.to), 0,
+                                         0, 0, 0, 0) != 0) {
+        out.line("fail the split of segment " +
+                 label({target.id.root_index, target.id.stream_segment_index}));
+        return false;
+    }
+    return check_time_change(walk, target, back, true, out);
+}
+
+// The delete, trim or change by time that the cut falls on; a TrimLive
+// workload then records on behind its trim and closes the segment.
 bool act(const Workload& workload, const DiskWalk& before, Target& target,
          std::vector<Channel>& channels, const LineWriter& out)
 {
-    const std::string what = std::to_string(target.id.root_index) + ":" +
-                             std::to_string(target.id.stream_segment_index);
+    const std::string what = label({target.id.root_index, target.id.stream_segment_index});
+    if (changes_by_time(workload.action)) {
+        if (change_by_time(workload, target) == 0)
+            return check_time_change(before, target, workload.stretch,
+                                     workload.action == Action::Split, out);
+        out.line("fail the change by time of segment " + what);
+        return false;
+    }
     if (workload.action == Action::Delete) {
         if (api_qzfs_delete_stream_segment(&target.id) == 0)
             return check_change(workload, before, target, 0, out);
@@ -379,11 +574,6 @@ std::vector<Aged> by_age(const DiskWalk& walk)
         return a.node.owner_stamp < b.node.owner_stamp;
     });
     return aged;
-}
-
-std::string label(const std::pair<uint32_t, uint32_t>& key)
-{
-    return std::to_string(key.first) + ":" + std::to_string(key.second);
 }
 
 // After an uncut overwrite pass: what it changed is unlocked and no younger
@@ -557,8 +747,7 @@ void prepare_disk(const Workload& workload, const std::string& image, const Line
 {
     api_qzfs_init();
     api_qzfs_set_debug_level(0);
-    if (workload.action == Action::Delete || workload.action == Action::Trim ||
-        workload.action == Action::Overwrite) {
+    if (workload.action != Action::Record && workload.action != Action::TrimLive) {
         if (!mount_for_recording(image, out))
             return;
         std::vector<Channel> channels = make_channels(workload.channels);

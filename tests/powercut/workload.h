@@ -18,10 +18,24 @@ namespace powercut {
 // their disk without a cut first and the cut then falls on a whole delete
 // by id (Delete), a front trim by bytes of a closed segment (Trim), a front
 // trim of the segment being recorded, which records on behind it and is
-// closed (TrimLive), or one overwrite pass over the disk's group, which
-// removes the oldest unlocked segments and trims the next (Overwrite); the
-// unmount follows.
-enum class Action { Record, Delete, Trim, TrimLive, Overwrite };
+// closed (TrimLive), one overwrite pass over the disk's group, which
+// removes the oldest unlocked segments and trims the next (Overwrite), or a
+// change by time of a closed segment (see Stretch): its stretch split out
+// with other attributes (Split), split out and deleted (DeleteStretch), or
+// its end moved back to the stretch's start (Shorten); the unmount follows.
+enum class Action { Record, Delete, Trim, TrimLive, Overwrite, Split, DeleteStretch, Shorten };
+
+// The stretch a change by time works on, in seconds from its segment's
+// start: [from, to], each on an I-frame (the frames have one a second); `to`
+// may lie past the segment's end. A split gives the stretch's piece the
+// attributes of `mask` (bit 0 lock, bit 1 record type).
+struct Stretch {
+    unsigned from = 0;
+    unsigned to = 0;
+    unsigned char mask = 0;
+    unsigned char lock = 0;
+    unsigned char record_type = 0;
+};
 
 struct Workload {
     std::string name;
@@ -35,7 +49,14 @@ struct Workload {
     // finds locked): of this channel, the target_rank-th by start time.
     unsigned target_channel = 0;
     unsigned target_rank = 0;
+    Stretch stretch = {};
 };
+
+// Whether the cut falls on a change by time.
+inline bool changes_by_time(Action action)
+{
+    return action == Action::Split || action == Action::DeleteStretch || action == Action::Shorten;
+}
 
 // start: one channel, a new segment and its first three seconds;
 // one: one channel, a minute across several data blocks;
@@ -46,6 +67,10 @@ struct Workload {
 // delete-one: three segments of 20 s on one channel, the middle one deleted;
 // delete-shared: a minute split in two pieces sharing a data block, the
 // back piece deleted;
+// split-two, split-three, delete-middle, shorten: two segments of 80 s on
+// one channel; the first one is split into two pieces (from 45 s on, record
+// type 3), into three (30 s to 55 s locked), loses 25 s to 60 s, or ends at
+// 50 s. The split pieces share the data blocks where they meet;
 // trim: a minute on one channel, about two blocks trimmed from its front;
 // trim-live: 40 s recorded, the front block and a half trimmed, 10 s more
 // recorded, the segment closed;
@@ -76,9 +101,9 @@ struct WorkloadProgress {
 // In a child: formats a sparse image of 3 GiB at `image`.
 void format_base_image(const std::string& image, const LineWriter& out);
 
-// In a child: records the disk of a Delete, Trim or Overwrite workload on
-// `image` without a cut (an Overwrite workload locks its target segment by
-// id) and unmounts it ("done"); nothing for the others.
+// In a child: records the disk of a workload that changes a closed segment
+// on `image` without a cut (an Overwrite workload locks its target segment
+// by id) and unmounts it ("done"); nothing for the others.
 void prepare_disk(const Workload& workload, const std::string& image, const LineWriter& out);
 
 // In a child: mounts `image` with the emulated device of `device`, runs the
