@@ -40,6 +40,12 @@ int qzfs_copy_live_segment(_opened_stream_segment_* writer, segment_copy* out);
 // `show_start` adds the node's first I-frame to the lookup's failure line.
 int qzfs_copy_closed_segment(CQzFileSystem& fs, segment_copy* out, bool show_start);
 
+// A cut or split moved the head of a segment being recorded: the writer's
+// live node takes the new first I-frame, start time and owner stamp of
+// `node`, and its cut offset grows by the `cut` bytes that left its front.
+void qzfs_move_live_head(_opened_stream_segment_* writer,
+                         const _stream_segment_index_node_dev_& node, uint64_t cut);
+
 // Whether the data block of a block entry met behind `blocks_passed` whole
 // blocks after the first I-frame's block lies past the last byte of a
 // segment of `len` bytes: it is then the next segment's, even when the

@@ -100,6 +100,20 @@ int qzfs_copy_closed_segment(CQzFileSystem& fs, segment_copy* out, bool show_sta
     return 0;
 }
 
+void qzfs_move_live_head(_opened_stream_segment_* writer,
+                         const _stream_segment_index_node_dev_& node, uint64_t cut)
+{
+    // The writer's thread reads and grows the live node under its lock.
+    QzfsScopedLock writer_lock(writer->writer()->lock);
+    _stream_segment_index_node_dev_* live = writer->ssi();
+    memcpy(&live->start_iframe, &node.start_iframe, sizeof(node.start_iframe));
+    live->start_hour = node.start_hour;
+    live->start_minute = node.start_minute;
+    live->start_second = node.start_second;
+    memcpy(&live->owner_stamp, &node.owner_stamp, sizeof(node.owner_stamp));
+    writer->writer()->delete_len += cut;
+}
+
 bool qzfs_block_past_segment(const CQzFileSystem& fs, const _iframe_index_node_dev_& first,
                              uint32_t blocks_passed, uint64_t len)
 {

@@ -261,18 +261,9 @@ int change_node(CQzFileSystem& fs, segment_delete& job)
                   long(job.segment));
         return -1;
     }
-    if (job.writer != nullptr) {
-        // The writer's thread reads and grows the live node under its lock.
-        QzfsScopedLock writer_lock(job.writer->writer()->lock);
-        _stream_segment_index_node_dev_* live = job.writer->ssi();
-        memcpy(&live->start_iframe, &node.start_iframe, sizeof(node.start_iframe));
-        live->start_hour = node.start_hour;
-        live->start_minute = node.start_minute;
-        live->start_second = node.start_second;
-        memcpy(&live->owner_stamp, &node.owner_stamp, sizeof(node.owner_stamp));
-        job.writer->writer()->delete_len +=
-            job.end.node.stream_segment_offset - job.cut.node.stream_segment_offset;
-    }
+    if (job.writer != nullptr)
+        qzfs_move_live_head(job.writer, node,
+                            job.end.node.stream_segment_offset - job.cut.node.stream_segment_offset);
     return 0;
 }
 

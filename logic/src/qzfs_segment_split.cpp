@@ -298,14 +298,7 @@ int commit_last_piece(CQzFileSystem& fs, segment_split& job)
     }
     if (job.writer != nullptr) {
         copy_attributes_to_live(job.writer, last);
-        QzfsScopedLock writer_lock(job.writer->writer()->lock);
-        _stream_segment_index_node_dev_* live = job.writer->ssi();
-        memcpy(&live->start_iframe, &last.start_iframe, sizeof(last.start_iframe));
-        live->start_hour = last.start_hour;
-        live->start_minute = last.start_minute;
-        live->start_second = last.start_second;
-        memcpy(&live->owner_stamp, &last.owner_stamp, sizeof(last.owner_stamp));
-        job.writer->writer()->delete_len += moved;
+        qzfs_move_live_head(job.writer, last, moved);
     }
     return 0;
 }

@@ -323,17 +323,8 @@ int move_node_start(CQzFileSystem& fs, front_trim& job, uint64_t cut, unsigned l
         QZLOG("Modify stream segment failed(%ld)(%ld)", long(job.root_index), long(job.segment));
         return -1;
     }
-    if (job.writer != nullptr) {
-        // The writer's thread reads and grows the live node under its lock.
-        QzfsScopedLock writer_lock(job.writer->writer()->lock);
-        _stream_segment_index_node_dev_* live = job.writer->ssi();
-        set_segment_start_iframe(*live, job.cur.index);
-        live->start_hour = node.start_hour;
-        live->start_minute = node.start_minute;
-        live->start_second = node.start_second;
-        memcpy(&live->owner_stamp, &node.owner_stamp, sizeof(node.owner_stamp));
-        job.writer->writer()->delete_len += cut;
-    }
+    if (job.writer != nullptr)
+        qzfs_move_live_head(job.writer, node, cut);
     return 0;
 }
 
