@@ -324,6 +324,11 @@ const uint8_t IFRAME_INDEX_ID_FREE_AND_END = 0;
 const uint8_t IFRAME_INDEX_ID_IFRAME = 1;
 const uint8_t IFRAME_INDEX_ID_BLOCK = 2;
 
+// A data block's frames begin behind its 4096-byte head: an I-frame at this
+// offset is the block's first data, and a block holds block_size less this
+// of stream.
+const uint32_t QZFS_DATA_BLOCK_FIRST_FRAME = 0x1000;
+
 // I-frame nodes in a 512-byte sector; bytes 493..511 of a sector are unused.
 const unsigned long QZFS_IFRAME_NODES_PER_SECTOR = QZFS_SECTOR_SIZE / QZFS_IFRAME_NODE_SIZE;
 // Nodes the writer gathers before it appends them to the log.

@@ -81,6 +81,13 @@ private:
     bool loaded_ = false;
 };
 
+// Bit `bit` of a selection mask `width` bits wide; bits past the width
+// test as not set (a channel or stream type a mask cannot name).
+inline bool qzfs_bit_set(uint64_t bitmap, unsigned bit, unsigned width)
+{
+    return bit < width && ((bitmap >> bit) & 1u) != 0;
+}
+
 // The time of day of an I-frame log node.
 inline _k4t_fs_time_ qzfs_iframe_time(const _iframe_index_node_dev_& node)
 {

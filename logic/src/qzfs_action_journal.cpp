@@ -388,8 +388,6 @@ int CQzFileSystem::Action_delete_recovery(_action_delete_* record)
 
 namespace {
 
-// Where a data block's first frame byte lies, behind its head.
-const uint32_t kFirstDataOffset = 0x1000;
 
 // The log positions of the first and last block entries of a segment's
 // data: the block entry in front of its first I-frame, then each later one
@@ -422,7 +420,7 @@ bool block_entry_span(CQzFileSystem& fs, iframe_log_reader& log,
         if (e.id != IFRAME_INDEX_ID_BLOCK || (!recording && covered >= segment_len_of(node)))
             return true;
         *last = i;
-        covered += block_size - kFirstDataOffset;
+        covered += block_size - QZFS_DATA_BLOCK_FIRST_FRAME;
     }
 }
 

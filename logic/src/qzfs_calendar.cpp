@@ -16,12 +16,6 @@
 
 namespace {
 
-// Bit `n` of a 64-bit mask; 64 and above test as not set.
-bool bit_set64(uint64_t mask, unsigned n)
-{
-    return n < 64 && ((mask >> n) & 1u) != 0;
-}
-
 // A live root node that stands for more than pre-record data.
 bool counts_as_recording(const _root_index_node_mem_& node)
 {
@@ -78,7 +72,7 @@ int CQzFileSystem::Query_calendar(_k4t_calendar_stream_query_* query)
             return 0;
         if (!counts_as_recording(node) || node.channel >= 32 ||
             ((query->channel_bitmap >> node.channel) & 1u) == 0 ||
-            !bit_set64(query->stream_type_bitmap, node.stream_type) ||
+            !qzfs_bit_set(query->stream_type_bitmap, node.stream_type, 64) ||
             (node.record_type & query->record_type_bitmap) == 0 || node.year != query->year ||
             node.month != query->month || node.day < 1 || node.day > 31)
             continue;
@@ -94,7 +88,7 @@ int CQzFileSystem::Get_record_date_list(uint64_t stream_type_bitmap, std::list<_
 {
     return for_each_root(*this, __func__, [&](unsigned long ri, const _root_index_node_mem_& node) {
         trace_root("Get_record_date_list", ri, node);
-        if (counts_as_recording(node) && bit_set64(stream_type_bitmap, node.stream_type))
+        if (counts_as_recording(node) && qzfs_bit_set(stream_type_bitmap, node.stream_type, 64))
             add_date(dates, node);
     });
 }
@@ -113,8 +107,8 @@ int CQzFileSystem::Get_record_date_info(uint64_t stream_type_bitmap, uint64_t ch
 {
     return for_each_root(*this, __func__, [&](unsigned long ri, const _root_index_node_mem_& node) {
         trace_root("Get_record_date_info", ri, node);
-        if (!counts_as_recording(node) || !bit_set64(stream_type_bitmap, node.stream_type) ||
-            !bit_set64(channel_bitmap, node.channel))
+        if (!counts_as_recording(node) || !qzfs_bit_set(stream_type_bitmap, node.stream_type, 64) ||
+            !qzfs_bit_set(channel_bitmap, node.channel, 64))
             return;
         for (_k4t_fs_record_date_info_& info : infos) {
             if (info.date.year == node.year && info.date.month == node.month &&

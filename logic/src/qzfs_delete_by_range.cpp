@@ -7,16 +7,12 @@
 #include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_segment_change.h"
+#include "qzfs_stream_support.h"
 #include "system_resource_manager.h"
 
 #include <cstring>
 
 namespace {
-
-bool bit_set(uint64_t bitmap, unsigned bit, unsigned width)
-{
-    return bit < width && ((bitmap >> bit) & 1u) != 0;
-}
 
 // A root the delete by parameters walks: in use, of a day in the range, of
 // a chosen channel and stream type.
@@ -27,7 +23,7 @@ bool root_selected(const _root_index_node_mem_& root, const _qzfs_k4t_delete_par
                         p.start_day) != 2 &&
            Compare_date(root.year, root.month, root.day, p.end_year, p.end_month, p.end_day) !=
                1 &&
-           bit_set(p.channel_mask, root.channel, 32) && bit_set(p.stream_mask, root.stream_type, 64);
+           qzfs_bit_set(p.channel_mask, root.channel, 32) && qzfs_bit_set(p.stream_mask, root.stream_type, 64);
 }
 
 } // namespace

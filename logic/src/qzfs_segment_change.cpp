@@ -119,7 +119,7 @@ bool qzfs_block_past_segment(const CQzFileSystem& fs, const _iframe_index_node_d
 {
     const uint64_t block_size = fs.manage().block_size;
     const uint64_t in_first = block_size - first.block_offset;
-    return in_first + uint64_t(blocks_passed) * (block_size - 0x1000) >= len;
+    return in_first + uint64_t(blocks_passed) * (block_size - QZFS_DATA_BLOCK_FIRST_FRAME) >= len;
 }
 
 bool qzfs_keep_shared_block(CQzFileSystem& fs, const segment_copy& copy, uint32_t block,

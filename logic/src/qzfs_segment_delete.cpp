@@ -27,9 +27,6 @@
 
 namespace {
 
-// The first frame byte of a data block: an I-frame at this offset is the
-// block's first data, so nothing in front of it lies in the block.
-const uint32_t kFirstDataOffset = 0x1000;
 
 // Everything one call works on. Places with node.id 0 are not found yet.
 struct segment_delete : segment_copy {
@@ -293,7 +290,7 @@ void free_blocks(CQzFileSystem& fs, segment_delete& job)
         // its neighbours still share: the first with the segment before it,
         // the last with the one after it.
         if (!job.whole && block == job.cut.node.block_num &&
-            job.cut.node.block_offset != kFirstDataOffset)
+            job.cut.node.block_offset != QZFS_DATA_BLOCK_FIRST_FRAME)
             continue;
         if (job.whole && (qzfs_keep_shared_block(fs, job, block, job.first_block) ||
                           qzfs_keep_shared_block(fs, job, block, job.last_block)))

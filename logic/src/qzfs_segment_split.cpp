@@ -37,9 +37,6 @@
 
 namespace {
 
-// Where a data block's first frame byte lies: an I-frame there has nothing
-// of the piece before it in its block.
-const uint32_t kFirstDataOffset = 0x1000;
 
 // The attributes a split or a change gives a node.
 struct segment_attributes {
@@ -136,7 +133,7 @@ void end_piece_at(_stream_segment_index_node_dev_& piece, const _iframe_index_pl
 void share_block_of(CQzFileSystem& fs, const segment_split& job, const _iframe_index_place_& at,
                     const _iframe_index_place_& block_entry)
 {
-    if (at.node.block_offset <= kFirstDataOffset || block_entry.node.id != IFRAME_INDEX_ID_BLOCK)
+    if (at.node.block_offset <= QZFS_DATA_BLOCK_FIRST_FRAME || block_entry.node.id != IFRAME_INDEX_ID_BLOCK)
         return;
     const uint32_t chain = uint32_t(job.iframe_blocks.size());
     iframe_log_reader log(fs, chain, job.iframe_blocks.data(), fs.io_buffer(), QZFS_IO_UNIT);

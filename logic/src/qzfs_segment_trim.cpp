@@ -32,7 +32,7 @@
 namespace {
 
 // Stream data a data block carries behind its 4096-byte head.
-uint64_t block_payload(const CQzFileSystem& fs) { return fs.manage().block_size - 0x1000; }
+uint64_t block_payload(const CQzFileSystem& fs) { return fs.manage().block_size - QZFS_DATA_BLOCK_FIRST_FRAME; }
 
 // An I-frame more than this far behind the one before it is older data.
 const uint64_t kOffsetSlack = 0x10000;

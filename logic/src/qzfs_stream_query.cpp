@@ -10,6 +10,7 @@
 #include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
+#include "qzfs_stream_support.h"
 #include "system_resource_manager.h"
 
 #include <cstring>
@@ -24,11 +25,6 @@ namespace {
 const unsigned kQueryDiskSlots = 32;
 // I-frame log nodes read at a time by the byte-range walk.
 const unsigned long kIframeBatch = 512;
-
-bool bit_set(uint64_t bitmap, unsigned bit, unsigned width)
-{
-    return bit < width && ((bitmap >> bit) & 1u) != 0;
-}
 
 unsigned start_second_of(const _stream_segment_index_node_men_& n)
 {
@@ -186,8 +182,8 @@ bool date_on_disk(const _hdd_root_index_manager_* range, const _k4t_stream_query
 // query asks for.
 bool root_matches(const _root_index_node_mem_& root, const _k4t_stream_query_& q)
 {
-    return IS_NORMAL_ROOT_INDEX(root.id) && bit_set(q.channel_bitmap, root.channel, 32) &&
-           bit_set(q.stream_type_bitmap, root.stream_type, 64) &&
+    return IS_NORMAL_ROOT_INDEX(root.id) && qzfs_bit_set(q.channel_bitmap, root.channel, 32) &&
+           qzfs_bit_set(q.stream_type_bitmap, root.stream_type, 64) &&
            (root.record_type & q.record_type_bitmap) != 0 &&
            Compare_date(root.year, root.month, root.day, q.year, q.month, q.day) == 0;
 }
@@ -195,8 +191,8 @@ bool root_matches(const _root_index_node_mem_& root, const _k4t_stream_query_& q
 // A segment in use whose record type and lock the query asks for.
 bool segment_matches(const _stream_segment_index_node_men_& node, const _k4t_stream_query_& q)
 {
-    return IS_NORMAL_SSIN(node.id) && bit_set(q.record_type_bitmap, node.record_type, 8) &&
-           bit_set(q.lock_bitmap, node.lock, 8);
+    return IS_NORMAL_SSIN(node.id) && qzfs_bit_set(q.record_type_bitmap, node.record_type, 8) &&
+           qzfs_bit_set(q.lock_bitmap, node.lock, 8);
 }
 
 // A hit of a sequence query: the segment's whole times, sorted later.
