@@ -604,4 +604,48 @@ TEST_F(Attributes, PreRecordingIsHandedOverOrLosesItsHead)
     expect_disk_sound("after the hand-over");
 }
 
+// A lock by time over a closed segment (three pieces, the middle locked)
+// and over the segment being recorded; the overwrite pass then takes every
+// unlocked piece and leaves the locked ones whole.
+TEST_F(Attributes, OverwritePassesLeaveWhatWasLockedByTime)
+{
+    FrameSource source = source_for(0);
+    const Recorded closed = record(source, 30);
+    Recorded live;
+    live.start = source.next_second_of_day();
+    _k4t_fs_date_time_ start = moment(live.start);
+    const int fd = create(request(0, 0, start), &live.id);
+    ASSERT_GT(fd, 0);
+    record_seconds(fd, source, 20, live.written);
+    _qzfs_k4t_stream_lock_para_ lock = {1, 1, 1, 0xFFFF, moment(closed.start + 10),
+                                        moment(closed.start + 20)};
+    ASSERT_EQ(0, api_qzfs_stream_segment_lock_by_time(&lock, 1));
+    lock.start_date_time = moment(live.start + 10);
+    lock.end_date_time = moment(kEndOfDay);
+    ASSERT_EQ(0, api_qzfs_stream_segment_lock_by_time(&lock, 1));
+    const std::vector<std::pair<int, int>> want = {{0, 0}, {1, 0}, {0, 0}, {0, 0}, {1, 0}};
+    ASSERT_EQ(want, attributes_of(closed.id.root_index));
+    std::vector<std::vector<uint8_t>> locked;
+    for (const Piece& p : pieces_of(closed.id.root_index))
+        if (p.node.lock != 0 && p.id.stream_segment_index != live.id.stream_segment_index)
+            locked.push_back(read_through_reader(p.id));
+
+    _qzfs_k4t_hdd_overwrite_config_ config = {0x3200000, 0x3200000, 1ULL << 50, 1ULL << 40};
+    ASSERT_EQ(0, api_qzfs_config_overwrite(0, &config));
+    api_qzfs_disk_overwrite_big_stream(0);
+    record_seconds(fd, source, 5, live.written);
+    ASSERT_EQ(0, api_qzfs_close_stream_segment(fd));
+    const std::vector<Piece> left = pieces_of(closed.id.root_index);
+    ASSERT_EQ(2u, left.size()) << "every unlocked piece went";
+    EXPECT_EQ(1, left[0].node.lock);
+    EXPECT_EQ(1, left[1].node.lock);
+    EXPECT_TRUE(read_through_reader(left[0].id) == locked[0]);
+    const std::vector<uint8_t> tail = read_through_reader(left[1].id);
+    const std::vector<uint8_t> whole = from_first_iframe(live.written);
+    ASSERT_LT(tail.size(), whole.size());
+    EXPECT_TRUE(std::equal(tail.begin(), tail.end(), whole.end() - long(tail.size())))
+        << "the locked part of the recording holds what was written from its start on";
+    expect_disk_sound("after the pass");
+}
+
 } // namespace
