@@ -3,7 +3,8 @@
 // the disks of group 0, and the day queries over that group. The verbs live
 // in qzfs.cpp (disks, indexes, export, delete by id, browsing),
 // qzfs_delete.cpp (delete by time and by date), qzfs_record.cpp (recording)
-// and qzfs_retention.cpp (locks and recording with overwrite).
+// and qzfs_retention.cpp (locks, record types by time and recording with
+// overwrite).
 #ifndef QZFS_TOOL_CLI_H
 #define QZFS_TOOL_CLI_H
 

@@ -1,4 +1,5 @@
-// Retention from the shell: locking a segment against overwrite, and
+// Retention from the shell: locking a segment, or a stretch of a channel,
+// against overwrite, setting the record type of a stretch, and
 // recording past the capacity of the disks while a maintenance thread runs
 // the overwrite passes, as a recorder's application does.
 #include "disk_access.h"
