@@ -532,7 +532,10 @@ TEST_F(Attributes, RecordTypeChangesReachQueriesAndTheRootSummary)
     ASSERT_EQ(0, api_qzfs_modify_stream_segment_info(&change));
     const std::vector<std::pair<int, int>> closed_want = {{0, 0}, {0, 2}, {0, 0}};
     EXPECT_EQ(closed_want, attributes_of(closed.id.root_index));
-    EXPECT_EQ((1u << 0) | (1u << 2), root_of(closed.id.root_index).record_type);
+    const _root_index_node_dev_ root = root_of(closed.id.root_index);
+    uint16_t record_types;
+    memcpy(&record_types, &root.record_type, sizeof(record_types));
+    EXPECT_EQ((1u << 0) | (1u << 2), record_types);
     EXPECT_EQ(1, query_count(0xFF, 1u << 2));
 
     FrameSource live_source = source_for(1);
