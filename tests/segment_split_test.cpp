@@ -1,7 +1,8 @@
 // Changing recordings by the clock on recorded images: a segment split into
 // up to three pieces by a time range, a stretch deleted from inside a
 // segment, a segment's end moved back, deletes over days, channels and
-// stream types, and the sweep by date. Every piece must start at an I-frame
+// stream types, the sweep by date, locks and record types over a range and
+// on a writer's descriptor, and the pre-recording's hand-over. Every piece must start at an I-frame
 // and read back byte-identical to the stretch of the old segment it covers,
 // before and after a remount, with the disk checks of the power-cut rig
 // clean.
@@ -433,6 +434,221 @@ TEST_F(DeleteByDays, TheSweepTakesBigStreamsOlderThanTheReserve)
     const bool stays[] = {false, true, false, true, true, true, true, true};
     for (size_t i = 0; i < r.size(); i++)
         EXPECT_EQ(stays[i], exists(r[i])) << "segment " << i;
+}
+
+// ------------------------------------------------- attributes over a range
+
+class Attributes : public SplitByTime {
+protected:
+    // Rows of the day's query that admit these locks and record types.
+    static int query_count(uint8_t lock_bitmap, uint8_t record_type_bitmap)
+    {
+        _k4t_stream_query_ q = whole_day_query(26, 11, 21);
+        q.lock_bitmap = lock_bitmap;
+        q.record_type_bitmap = record_type_bitmap;
+        const int handle = api_qzfs_get_query_stream_segment_handle(&q);
+        EXPECT_GT(handle, 0);
+        std::vector<_k4t_stream_query_result_> rows(64);
+        int num = 64;
+        EXPECT_EQ(0, api_qzfs_query_stream_segment(handle, K4T_QUERY_FIRST, &num, rows.data()));
+        EXPECT_EQ(0, api_qzfs_close_query_stream_segment_handle(handle));
+        return num;
+    }
+
+    static _k4t_fs_date_time_ moment(unsigned second_of_day, uint8_t day = 21)
+    {
+        const _k4t_fs_time_ t = clock_at(second_of_day);
+        return {26, 11, day, t.hour, t.minute, t.second, 0};
+    }
+
+    _root_index_node_dev_ root_of(uint32_t ri)
+    {
+        _root_index_node_dev_ root;
+        DiskLockGuard disk(*fs_);
+        EXPECT_EQ(0, fs_->Get_root_index_dev_node(ri, &root));
+        return root;
+    }
+
+    // The locks and record types of the root's pieces, in time order.
+    std::vector<std::pair<int, int>> attributes_of(uint32_t root)
+    {
+        std::vector<std::pair<int, int>> out;
+        for (const Piece& p : pieces_of(root))
+            out.emplace_back(p.node.lock, p.node.record_type);
+        return out;
+    }
+};
+
+// A lock from inside one segment to inside the next: each is split, only
+// the parts in the range are locked, the root says so, queries show it at
+// once and after a remount, and a delete by days keeps what is locked.
+TEST_F(Attributes, LockOverARangeLocksOnlyThePiecesInIt)
+{
+    FrameSource source = source_for(0);
+    const Recorded first = record(source, 30);
+    const Recorded second = record(source, 30);
+    _qzfs_k4t_stream_lock_para_ lock = {1, 1, 1, 0xFFFF, moment(first.start + 30),
+                                        moment(first.start + 20)};
+    EXPECT_EQ(-1, api_qzfs_stream_segment_lock_by_time(&lock, 3)) << "a reversed range";
+    lock.end_date_time = lock.start_date_time;
+    EXPECT_EQ(-1, api_qzfs_stream_segment_lock_by_time(&lock, 3)) << "an empty range";
+    lock.start_date_time = moment(first.start + 20);
+    lock.end_date_time = moment(second.start + 10);
+    ASSERT_EQ(0, api_qzfs_stream_segment_lock_by_time(&lock, 3));
+
+    const std::vector<std::pair<int, int>> want = {{0, 0}, {1, 0}, {1, 0}, {0, 0}};
+    EXPECT_EQ(want, attributes_of(first.id.root_index));
+    for (const Piece& p : pieces_of(first.id.root_index)) {
+        EXPECT_EQ(p.node.lock != 0 ? 1u << 2 : 0u, p.node.lock_type);
+    }
+    EXPECT_EQ(1, root_of(first.id.root_index).lock);
+    EXPECT_EQ(2, query_count(0x02, 0xFF));
+    EXPECT_EQ(2, query_count(0x01, 0xFF));
+    _qzfs_k4t_delete_para_ all = {1, ~0u, ~0ULL, 26, 11, 21, 26, 11, 21};
+    api_qzfs_delete_stream_segment_by_para(&all);
+    EXPECT_EQ(2, query_count(0x02, 0xFF)) << "the locked pieces stay";
+    EXPECT_EQ(0, query_count(0x01, 0xFF));
+    remount();
+    EXPECT_EQ(2, query_count(0x02, 0xFF));
+    expect_disk_sound("after the remount");
+
+    // The sweep with no reserve unlocks everything.
+    _k4t_fs_date_time_ now = moment(12 * 3600);
+    ASSERT_EQ(0, api_qzfs_auto_unlock(&now, 0));
+    EXPECT_EQ(0, query_count(0x02, 0xFF));
+    EXPECT_EQ(0, root_of(first.id.root_index).lock);
+}
+
+// A record type over a range, and on a writer's descriptor from a moment
+// on while it records.
+TEST_F(Attributes, RecordTypeChangesReachQueriesAndTheRootSummary)
+{
+    FrameSource closed_source = source_for(0);
+    const Recorded closed = record(closed_source, 30);
+    _qzfs_k4t_modify_segment_para_ change = {1, 1, 1, moment(closed.start + 10),
+                                            moment(closed.start + 20), 0x02, 0, 20, 0, 0x4};
+    EXPECT_EQ(-1, api_qzfs_modify_stream_segment_info(&change)) << "a record type above 15";
+    change.record_type = 2;
+    ASSERT_EQ(0, api_qzfs_modify_stream_segment_info(&change));
+    const std::vector<std::pair<int, int>> closed_want = {{0, 0}, {0, 2}, {0, 0}};
+    EXPECT_EQ(closed_want, attributes_of(closed.id.root_index));
+    const _root_index_node_dev_ root = root_of(closed.id.root_index);
+    uint16_t record_types;
+    memcpy(&record_types, &root.record_type, sizeof(record_types));
+    EXPECT_EQ((1u << 0) | (1u << 2), record_types);
+    EXPECT_EQ(1, query_count(0xFF, 1u << 2));
+
+    FrameSource live_source = source_for(1);
+    Recorded live;
+    live.start = live_source.next_second_of_day();
+    const int fd = create(request(1, 0, live_source.config().start), &live.id);
+    ASSERT_GT(fd, 0);
+    record_seconds(fd, live_source, 20, live.written);
+    _k4t_fs_time_ from = clock_at(live.start + 10);
+    ASSERT_EQ(0, api_qzfs_modify_stream_segment_info_by_fd(fd, 0x03, 1, 2, 5, 0x8, &from));
+    record_seconds(fd, live_source, 10, live.written);
+    ASSERT_EQ(0, api_qzfs_close_stream_segment(fd));
+    EXPECT_EQ(-1, api_qzfs_modify_stream_segment_info_by_fd(fd, 0x02, 0, 0, 5, 0, nullptr))
+        << "a closed descriptor";
+    const std::vector<std::pair<int, int>> live_want = {{0, 0}, {1, 5}};
+    EXPECT_EQ(live_want, attributes_of(live.id.root_index));
+    EXPECT_TRUE(joined(read_pieces(live)) == from_first_iframe(live.written));
+    remount();
+    EXPECT_EQ(live_want, attributes_of(live.id.root_index));
+    EXPECT_EQ(1, query_count(0xFF, 1u << 5));
+    expect_disk_sound("after the remount");
+}
+
+// A pre-recording handed over keeps its tail from the event on as a normal
+// recording; one that only loses its head stays a pre-recording and goes at
+// its close.
+TEST_F(Attributes, PreRecordingIsHandedOverOrLosesItsHead)
+{
+    for (bool hand_over : {true, false}) {
+        SCOPED_TRACE(hand_over ? "handed over" : "head dropped");
+        FrameSource source = source_for(hand_over ? 2 : 3);
+        Recorded r;
+        r.start = source.next_second_of_day();
+        _qzfs_k4t_create_ss_para_ para = request(source.config().channel, 0, source.config().start);
+        para.for_pre_record = 1;
+        const int fd = create(para, &r.id);
+        ASSERT_GT(fd, 0);
+        record_seconds(fd, source, 20, r.written);
+        const _k4t_fs_time_ event = clock_at(r.start + 8);
+        if (hand_over) {
+            EXPECT_EQ(-1, api_qzfs_modify_pre_record_info(fd, 16, 0, 0, 0, event))
+                << "a record type above 15";
+            ASSERT_EQ(0, api_qzfs_modify_pre_record_info(fd, 4, 0x2, 1, 1, event));
+            EXPECT_EQ(-1, api_qzfs_modify_pre_record_info(fd, 4, 0x2, 1, 1, event))
+                << "no longer a pre-recording";
+        } else {
+            ASSERT_EQ(0, api_qzfs_overwrite_pre_record_stream(fd, event));
+        }
+        record_seconds(fd, source, 5, r.written);
+        ASSERT_EQ(0, api_qzfs_close_stream_segment(fd));
+        const std::vector<Piece> pieces = pieces_of(r.id.root_index);
+        if (!hand_over) {
+            EXPECT_TRUE(pieces.empty()) << "an unconfirmed pre-recording goes at its close";
+            continue;
+        }
+        ASSERT_EQ(1u, pieces.size());
+        EXPECT_EQ(4, pieces[0].node.record_type);
+        EXPECT_EQ(1, pieces[0].node.lock);
+        EXPECT_EQ(r.start + 8, qzfs_second_of_day(pieces[0].node.start_hour,
+                                                  pieces[0].node.start_minute,
+                                                  pieces[0].node.start_second));
+        const std::vector<uint8_t> got = read_through_reader(r.id);
+        const std::vector<uint8_t> whole = from_first_iframe(r.written);
+        ASSERT_LT(got.size(), whole.size());
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), whole.end() - long(got.size())))
+            << "the tail from the event on";
+        EXPECT_EQ(0, root_of(r.id.root_index).only_pre_record);
+    }
+    expect_disk_sound("after the hand-over");
+}
+
+// A lock by time over a closed segment (three pieces, the middle locked)
+// and over the segment being recorded; the overwrite pass then takes every
+// unlocked piece and leaves the locked ones whole.
+TEST_F(Attributes, OverwritePassesLeaveWhatWasLockedByTime)
+{
+    FrameSource source = source_for(0);
+    const Recorded closed = record(source, 30);
+    Recorded live;
+    live.start = source.next_second_of_day();
+    _k4t_fs_date_time_ start = moment(live.start);
+    const int fd = create(request(0, 0, start), &live.id);
+    ASSERT_GT(fd, 0);
+    record_seconds(fd, source, 20, live.written);
+    _qzfs_k4t_stream_lock_para_ lock = {1, 1, 1, 0xFFFF, moment(closed.start + 10),
+                                        moment(closed.start + 20)};
+    ASSERT_EQ(0, api_qzfs_stream_segment_lock_by_time(&lock, 1));
+    lock.start_date_time = moment(live.start + 10);
+    lock.end_date_time = moment(kEndOfDay);
+    ASSERT_EQ(0, api_qzfs_stream_segment_lock_by_time(&lock, 1));
+    const std::vector<std::pair<int, int>> want = {{0, 0}, {1, 0}, {0, 0}, {0, 0}, {1, 0}};
+    ASSERT_EQ(want, attributes_of(closed.id.root_index));
+    std::vector<std::vector<uint8_t>> locked;
+    for (const Piece& p : pieces_of(closed.id.root_index))
+        if (p.node.lock != 0 && p.id.stream_segment_index != live.id.stream_segment_index)
+            locked.push_back(read_through_reader(p.id));
+
+    _qzfs_k4t_hdd_overwrite_config_ config = {0x3200000, 0x3200000, 1ULL << 50, 1ULL << 40};
+    ASSERT_EQ(0, api_qzfs_config_overwrite(0, &config));
+    api_qzfs_disk_overwrite_big_stream(0);
+    record_seconds(fd, source, 5, live.written);
+    ASSERT_EQ(0, api_qzfs_close_stream_segment(fd));
+    const std::vector<Piece> left = pieces_of(closed.id.root_index);
+    ASSERT_EQ(2u, left.size()) << "every unlocked piece went";
+    EXPECT_EQ(1, left[0].node.lock);
+    EXPECT_EQ(1, left[1].node.lock);
+    EXPECT_TRUE(read_through_reader(left[0].id) == locked[0]);
+    const std::vector<uint8_t> tail = read_through_reader(left[1].id);
+    const std::vector<uint8_t> whole = from_first_iframe(live.written);
+    ASSERT_LT(tail.size(), whole.size());
+    EXPECT_TRUE(std::equal(tail.begin(), tail.end(), whole.end() - long(tail.size())))
+        << "the locked part of the recording holds what was written from its start on";
+    expect_disk_sound("after the pass");
 }
 
 } // namespace

@@ -579,7 +579,7 @@ std::string listed_lock(const std::string& ls_output, const std::string& id)
     return row.substr(row.find_last_of(' ') + 1);
 }
 
-TEST(Tool, LockAndUnlockBySegmentId)
+TEST(Tool, LockBySegmentIdAndByTimeAndMarkRecordTypes)
 {
     ScratchDir dir;
     const std::string image = dir.path("rec.img");
@@ -593,6 +593,7 @@ TEST(Tool, LockAndUnlockBySegmentId)
         bool ok;
         const char* says;
         const char* lock_after;  // ls's lock column of 0:0:0 after the call
+        const char* verb = "lock";
     } const cases[] = {
         {"--id 0:0:0", true,
          "locked segment 0:0:0: channel 0, 2026-11-21 08:00:00 to 08:00:09, 79840 bytes, lock type "
@@ -608,10 +609,36 @@ TEST(Tool, LockAndUnlockBySegmentId)
         {"--id 0:0:0 --unlock --number 2", false, "not both", "no"},
         {"--id 0:0:0 --number 0", false, "--number takes 1 to 255", "no"},
         {"--id 0:0", false, "lock needs --id HDD:ROOT:SEG", "no"},
+        // By time: 08:00:03 to 08:00:06 splits 0:0:0 into three pieces, the
+        // middle one locked; 0:0:0 keeps the tail.
+        {"--channel 0 --from 2026-11-21T08:00:03 --to 2026-11-21T08:00:06 --number 2", true,
+         "0:0:2 2026-11-21 08:00:00-08:00:03 stream 0, 23952 bytes: unlocked\n"
+         "0:0:1 2026-11-21 08:00:03-08:00:06 stream 0, 23952 bytes: locked, lock type 0x00000002 "
+         "(in the range)\n0:0:0 2026-11-21 08:00:06-08:00:09 stream 0, 31936 bytes: unlocked\n"
+         "1 piece in the range",
+         "no"},
+        {"--channel 0 --from 2026-11-21T08:00:03 --to 2026-11-21T08:00:06 --record-type 5 --alarm 0x4",
+         true,
+         "0:0:2 2026-11-21 08:00:00-08:00:03 stream 0, 23952 bytes: record type 0, alarm "
+         "0x0000000000000000\n0:0:1 2026-11-21 08:00:03-08:00:06 stream 0, 23952 bytes: record type "
+         "5, alarm 0x0000000000000004 (in the range)",
+         "no", "mark"},
+        {"--channel 0 --from 2026-11-21T08:00:03 --to 2026-11-21T08:00:06 --unlock", true,
+         "0:0:1 2026-11-21 08:00:03-08:00:06 stream 0, 23952 bytes: unlocked (in the range)", "no"},
+        {"--channel 0 --from 2026-11-21T08:00:06 --to 2026-11-21T08:00:03", false,
+         "--to is earlier than --from", "no"},
+        {"--channel 1 --from 2026-11-21T08:00:00 --to 2026-11-21T08:00:09", false, "no recordings",
+         "no"},
+        {"--channel 0 --from 2026-11-21T08:00:00 --to 2026-11-21T08:00:09 --record-type 16", false,
+         "--record-type R (0 to 15)", "no", "mark"},
+        {"--channel 0 --from 2026-11-21T08:00:03 --to 2026-11-21T08:00:03 --record-type 1", false,
+         "to itself is empty", "no", "mark"},
+        {"--channel 32 --from 2026-11-21T08:00:00 --to 2026-11-21T08:00:09", false,
+         "--channel C (0 to 31)", "no"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args);
-        run_verb_case("lock", image, c.args, c.ok, c.says);
+        run_verb_case(c.verb, image, c.args, c.ok, c.says);
         EXPECT_EQ(c.lock_after, listed_lock(run_tool("ls " + image).output, "0:0:0"));
     }
 }

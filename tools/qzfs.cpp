@@ -106,6 +106,14 @@ const char* USAGE =
     "      lock type bit N-1), or with --unlock take its lock away; the images\n"
     "      are mounted as one group, disks 0, 1, ... (refused for an unknown or\n"
     "      deleted id)\n"
+    "  lock IMAGE... --channel C --from TIME --to TIME [--unlock | --number N]\n"
+    "      lock (or unlock) the stretch of channel C, every stream type, between\n"
+    "      the two moments; segments the range starts or ends inside are split\n"
+    "      there. Lists the pieces of the channel on those days with their locks\n"
+    "  mark IMAGE... --channel C --from TIME --to TIME --record-type R\n"
+    "       [--alarm BITS]\n"
+    "      set record type R (0 to 15) and add the alarm bits on that stretch,\n"
+    "      split out as lock does; lists the pieces with their record types\n"
     "  ls IMAGE... [--channel C] [--date YYYY-MM-DD] [--type T]\n"
     "      list the segments of the images, mounted as one group, in order of\n"
     "      start time: id HDD:ROOT:SEG, channel, stream type, start, end, bytes,\n"
@@ -1118,6 +1126,8 @@ int main(int argc, char** argv)
         rc = verb_delete(args);
     else if (verb == "lock")
         rc = verb_lock(args);
+    else if (verb == "mark")
+        rc = verb_mark(args);
     else if (verb == "ls")
         rc = verb_ls(args);
     else if (verb == "calendar")

@@ -308,4 +308,96 @@ bool query_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types,
     return ok;
 }
 
+std::string date_text(const _k4t_fs_date_& d)
+{
+    char text[16];
+    snprintf(text, sizeof(text), "20%02u-%02u-%02u", d.year % 100u, d.month % 100u, d.day % 100u);
+    return text;
+}
+
+std::string span_text(const _k4t_stream_query_result_& r)
+{
+    return clock_of(r.start_hour, r.start_minute, r.start_second) + "-" +
+           clock_of(r.end_hour, r.end_minute, r.end_second);
+}
+
+unsigned start_of(const _k4t_stream_query_result_& r)
+{
+    return r.start_hour * 3600u + r.start_minute * 60u + r.start_second;
+}
+
+unsigned end_of(const _k4t_stream_query_result_& r)
+{
+    return r.end_hour * 3600u + r.end_minute * 60u + r.end_second;
+}
+
+_k4t_stream_segment_id_ id_of(const _k4t_stream_query_result_& r, uint32_t index)
+{
+    return {r.hdd_id, r.root_index, index};
+}
+
+int parse_channel_range(const Args& args, const char* verb, ChannelRange& range)
+{
+    if (args.option("--channel") == nullptr ||
+        !number_option(args, "--channel", 31, 0, range.channel))
+        return fail("%s by time needs --channel C (0 to 31)", verb);
+    const std::string* from_text = args.option("--from");
+    const std::string* to_text = args.option("--to");
+    if (from_text == nullptr || !parse_date_time(*from_text, range.from) || to_text == nullptr ||
+        !parse_date_time(*to_text, range.to))
+        return fail("%s --channel needs --from and --to as YYYY-MM-DDTHH:MM:SS", verb);
+    const int order = compare_date_time(range.from, range.to);
+    if (order == 0)
+        return fail("the range from %s to itself is empty", format_date_time(range.from));
+    if (order > 0)
+        return fail("--to is earlier than --from");
+    return 0;
+}
+
+namespace {
+
+bool same_day(const _k4t_fs_date_& day, const _k4t_fs_date_time_& t)
+{
+    return day.year == t.year && day.month == t.month && day.day == t.day;
+}
+
+} // namespace
+
+std::tuple<uint8_t, uint8_t, uint8_t> day_key(uint8_t year, uint8_t month, uint8_t day)
+{
+    return std::make_tuple(year, month, day);
+}
+
+bool range_segments(const ChannelRange& range, std::vector<RangeSegment>& out)
+{
+    out.clear();
+    std::vector<_k4t_fs_date_> days;
+    if (!recorded_days(range.types, days))
+        return false;
+    const auto first = day_key(range.from.year, range.from.month, range.from.day);
+    const auto last = day_key(range.to.year, range.to.month, range.to.day);
+    for (const _k4t_fs_date_& day : days) {
+        const auto key = day_key(day.year, day.month, day.day);
+        if (key < first || key > last)
+            continue;
+        const unsigned from = same_day(day, range.from) ? second_of_day(range.from) : 0;
+        const unsigned to = same_day(day, range.to) ? second_of_day(range.to) : 86399;
+        if (from >= to)
+            continue;  // the range only touches this day at midnight
+        std::vector<_k4t_stream_query_result_> rows;
+        if (!query_day(day, 1u << range.channel, range.types, rows))
+            return false;
+        for (const _k4t_stream_query_result_& r : rows) {
+            // A segment ends at the time of the I-frame behind its last
+            // frame, or of its last frame: a range from that second on, or
+            // up to its start, takes nothing of it. One with no length in
+            // time belongs to the range when the range holds it.
+            const unsigned start = start_of(r), end = end_of(r);
+            if (start == end ? from <= start && start <= to : start < to && from < end)
+                out.push_back({day, r, from, to});
+        }
+    }
+    return true;
+}
+
 } // namespace qzfs_tool

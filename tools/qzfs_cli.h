@@ -3,7 +3,8 @@
 // the disks of group 0, and the day queries over that group. The verbs live
 // in qzfs.cpp (disks, indexes, export, delete by id, browsing),
 // qzfs_delete.cpp (delete by time and by date), qzfs_record.cpp (recording)
-// and qzfs_retention.cpp (locks and recording with overwrite).
+// and qzfs_retention.cpp (locks, record types by time and recording with
+// overwrite).
 #ifndef QZFS_TOOL_CLI_H
 #define QZFS_TOOL_CLI_H
 
@@ -12,6 +13,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -91,9 +93,46 @@ bool recorded_days(uint64_t types, std::vector<_k4t_fs_date_>& days);
 bool query_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types,
                std::vector<_k4t_stream_query_result_>& rows);
 
+// Orders days by year, month and day.
+std::tuple<uint8_t, uint8_t, uint8_t> day_key(uint8_t year, uint8_t month, uint8_t day);
+// "2026-11-21"
+std::string date_text(const _k4t_fs_date_& d);
+// "08:00:00-08:00:09", the start and end of a listed segment.
+std::string span_text(const _k4t_stream_query_result_& r);
+// A listed segment's start and end, in seconds of its day.
+unsigned start_of(const _k4t_stream_query_result_& r);
+unsigned end_of(const _k4t_stream_query_result_& r);
+// The id of the segment of `r`'s root index entry numbered `index`.
+_k4t_stream_segment_id_ id_of(const _k4t_stream_query_result_& r, uint32_t index);
+
+// A stretch of one channel's recordings: --channel C --from TIME --to TIME,
+// of every stream type unless `types` narrows it.
+struct ChannelRange {
+    unsigned channel = 0;
+    uint64_t types = ~0ULL;
+    _k4t_fs_date_time_ from = {};
+    _k4t_fs_date_time_ to = {};
+};
+// Reads --channel, --from and --to for `verb`; on bad input prints why and
+// returns 1, else 0. The range must run forward and not be empty.
+int parse_channel_range(const Args& args, const char* verb, ChannelRange& range);
+
+// A segment a range meets, with the range's part of the segment's day in
+// seconds of that day.
+struct RangeSegment {
+    _k4t_fs_date_ day;
+    _k4t_stream_query_result_ row;
+    unsigned from, to;
+};
+// The segments of group 0 of the range's channel and stream types that the
+// range meets, day by day, in order of start time. False when a listing
+// fails.
+bool range_segments(const ChannelRange& range, std::vector<RangeSegment>& out);
+
 // Verbs defined outside qzfs.cpp.
 int verb_record(const Args& args);  // qzfs_record.cpp
 int verb_lock(const Args& args);    // qzfs_retention.cpp
+int verb_mark(const Args& args);    // qzfs_retention.cpp
 // delete --channel C --from --to and delete --before DATE.
 int verb_delete_by_clock(const Args& args);  // qzfs_delete.cpp
 

@@ -16,13 +16,6 @@ namespace qzfs_tool {
 
 namespace {
 
-std::string date_text(const _k4t_fs_date_& d)
-{
-    char text[16];
-    snprintf(text, sizeof(text), "20%02u-%02u-%02u", d.year % 100u, d.month % 100u, d.day % 100u);
-    return text;
-}
-
 std::string clock_of_second(unsigned second_of_day)
 {
     return clock_of(second_of_day / 3600, second_of_day / 60 % 60, second_of_day % 60);
@@ -34,49 +27,13 @@ std::string span_of(const SegmentEntry& e)
            clock_of(e.end_hour, e.end_minute, e.end_second);
 }
 
-std::string span_of(const _k4t_stream_query_result_& r)
-{
-    return clock_of(r.start_hour, r.start_minute, r.start_second) + "-" +
-           clock_of(r.end_hour, r.end_minute, r.end_second);
-}
-
-// A listed segment's start and end, in seconds of its day.
-unsigned start_of(const _k4t_stream_query_result_& r)
-{
-    return r.start_hour * 3600u + r.start_minute * 60u + r.start_second;
-}
-
-unsigned end_of(const _k4t_stream_query_result_& r)
-{
-    return r.end_hour * 3600u + r.end_minute * 60u + r.end_second;
-}
-
-_k4t_stream_segment_id_ id_of(const _k4t_stream_query_result_& r, uint32_t index)
-{
-    return {r.hdd_id, r.root_index, index};
-}
-
-bool same_day(const _k4t_fs_date_& day, const _k4t_fs_date_time_& t)
-{
-    return day.year == t.year && day.month == t.month && day.day == t.day;
-}
-
-// Orders days by year, month and day.
-std::tuple<uint8_t, uint8_t, uint8_t> day_key(uint8_t year, uint8_t month, uint8_t day)
-{
-    return std::make_tuple(year, month, day);
-}
-
 // ---------------------------------------------------- a stretch of a channel
 
-// --channel C --from TIME --to TIME [--type T].
-struct TimeRange {
-    unsigned channel = 0;
-    bool typed = false;  // --type given: that stream type alone
+// delete --channel C --from TIME --to TIME [--type T]: --type narrows the
+// range to that stream type.
+struct TimeRange : ChannelRange {
+    bool typed = false;
     unsigned type = 0;
-    uint64_t types = ~0ULL;
-    _k4t_fs_date_time_ from = {};
-    _k4t_fs_date_time_ to = {};
 };
 
 int parse_time_range(const Args& args, TimeRange& range)
@@ -84,67 +41,17 @@ int parse_time_range(const Args& args, TimeRange& range)
     std::string error;
     if (!only_options(args, {"--channel", "--from", "--to", "--type"}, error))
         return fail("%s", error);
-    if (args.option("--channel") == nullptr ||
-        !number_option(args, "--channel", 31, 0, range.channel))
-        return fail("delete by time needs --channel C (0 to 31)");
+    if (parse_channel_range(args, "delete", range) != 0)
+        return 1;
     if (!number_option(args, "--type", 63, 0, range.type))
         return fail("--type takes 0 to 63");
     range.typed = args.option("--type") != nullptr;
     if (range.typed)
         range.types = 1ULL << range.type;
-    const std::string* from_text = args.option("--from");
-    const std::string* to_text = args.option("--to");
-    if (from_text == nullptr || !parse_date_time(*from_text, range.from) || to_text == nullptr ||
-        !parse_date_time(*to_text, range.to))
-        return fail("delete --channel needs --from and --to as YYYY-MM-DDTHH:MM:SS");
-    const int order = compare_date_time(range.from, range.to);
-    if (order == 0)
-        return fail("the range from %s to itself is empty", format_date_time(range.from));
-    if (order > 0)
-        return fail("--to is earlier than --from");
     return 0;
 }
 
-// A segment the range meets, with the range's part of its day in seconds
-// of the day.
-struct Target {
-    _k4t_fs_date_ day;
-    _k4t_stream_query_result_ row;
-    unsigned from, to;
-};
-
-// The segments of the channel that the range meets, day by day, in order
-// of start time. False when a listing fails.
-bool range_targets(const TimeRange& range, std::vector<Target>& targets)
-{
-    std::vector<_k4t_fs_date_> days;
-    if (!recorded_days(range.types, days))
-        return false;
-    const auto first = day_key(range.from.year, range.from.month, range.from.day);
-    const auto last = day_key(range.to.year, range.to.month, range.to.day);
-    for (const _k4t_fs_date_& day : days) {
-        const auto key = day_key(day.year, day.month, day.day);
-        if (key < first || key > last)
-            continue;
-        const unsigned from = same_day(day, range.from) ? second_of_day(range.from) : 0;
-        const unsigned to = same_day(day, range.to) ? second_of_day(range.to) : 86399;
-        if (from >= to)
-            continue;  // the range only touches this day at midnight
-        std::vector<_k4t_stream_query_result_> rows;
-        if (!query_day(day, 1u << range.channel, range.types, rows))
-            return false;
-        for (const _k4t_stream_query_result_& r : rows) {
-            // A segment ends at the time of the I-frame behind its last
-            // frame, or of its last frame: a range from that second on, or
-            // up to its start, takes nothing of it. One with no length in
-            // time goes when the range holds it.
-            const unsigned start = start_of(r), end = end_of(r);
-            if (start == end ? from <= start && start <= to : start < to && from < end)
-                targets.push_back({day, r, from, to});
-        }
-    }
-    return true;
-}
+using Target = RangeSegment;
 
 // What the range took, segment by segment.
 struct RangeTally {
@@ -216,7 +123,7 @@ int delete_targets(const std::vector<Target>& targets, RangeTally& tally)
                                                          out);
         if (status == TrimStatus::Refused) {
             printf("%s left: %s, %s; %s\n", id.c_str(), date_text(t.day).c_str(),
-                   span_of(t.row).c_str(), out.refusal.c_str());
+                   span_text(t.row).c_str(), out.refusal.c_str());
             tally.left++;
         } else if (status == TrimStatus::Failed) {
             std::string pieces;
@@ -248,7 +155,7 @@ int delete_time_range(const Args& args)
                              " from " + format_date_time(range.from) + " to " +
                              format_date_time(range.to);
     std::vector<Target> targets;
-    if (!range_targets(range, targets)) {
+    if (!range_segments(range, targets)) {
         leave_group(mounted);
         return fail("cannot list the recordings of %s", what);
     }
@@ -307,7 +214,7 @@ bool listed_in(const Listed& s, const std::vector<Listed>& list)
                o.row.stream_segment_index == s.row.stream_segment_index &&
                day_key(o.day.year, o.day.month, o.day.day) ==
                    day_key(s.day.year, s.day.month, s.day.day) &&
-               span_of(o.row) == span_of(s.row) && o.row.len == s.row.len;
+               span_text(o.row) == span_text(s.row) && o.row.len == s.row.len;
     });
 }
 
@@ -336,7 +243,7 @@ std::string listed_text(const Listed& s)
 {
     return id_text(id_of(s.row, s.row.stream_segment_index)) + " channel " +
            std::to_string(s.row.channel) + ", stream " + std::to_string(s.row.stream_type) + ", " +
-           date_text(s.day) + " " + span_of(s.row) + ", " +
+           date_text(s.day) + " " + span_text(s.row) + ", " +
            std::to_string((unsigned long long)s.row.len) + " bytes";
 }
 

@@ -1,10 +1,13 @@
-// Retention from the shell: locking a segment against overwrite, and
+// Retention from the shell: locking a segment, or a stretch of a channel,
+// against overwrite, setting the record type of a stretch, and
 // recording past the capacity of the disks while a maintenance thread runs
 // the overwrite passes, as a recorder's application does.
 #include "disk_access.h"
 #include "qzfs_record.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -71,9 +74,21 @@ int lock_segment(_k4t_stream_segment_id_ id, unsigned char number)
     return 0;
 }
 
-} // namespace
+// --number N (1 to 255) or --unlock (0); 1 when neither is given. Prints
+// why and returns 1 on bad input.
+int lock_number_option(const Args& args, unsigned& number)
+{
+    const bool unlock = args.option("--unlock") != nullptr;
+    if (unlock && args.option("--number") != nullptr)
+        return fail("give --unlock or --number, not both");
+    if (!number_option(args, "--number", 255, 1, number) || number == 0)
+        return fail("--number takes 1 to 255 (--unlock takes the lock away)");
+    if (unlock)
+        number = 0;
+    return 0;
+}
 
-int verb_lock(const Args& args)
+int lock_by_id(const Args& args)
 {
     std::string error;
     if (!only_options(args, {"--id", "--unlock", "--number"}, error))
@@ -81,13 +96,11 @@ int verb_lock(const Args& args)
     _k4t_stream_segment_id_ id = {};
     const std::string* id_option = args.option("--id");
     if (id_option == nullptr || !parse_segment_id(*id_option, id))
-        return fail("lock needs --id HDD:ROOT:SEG, as ls prints it (e.g. 0:0:0)");
-    const bool unlock = args.option("--unlock") != nullptr;
-    if (unlock && args.option("--number") != nullptr)
-        return fail("give --unlock or --number, not both");
+        return fail("lock needs --id HDD:ROOT:SEG, as ls prints it (e.g. 0:0:0), or --channel C "
+                    "--from TIME --to TIME");
     unsigned number = 1;
-    if (!number_option(args, "--number", 255, 1, number) || number == 0)
-        return fail("--number takes 1 to 255 (--unlock takes the lock away)");
+    if (lock_number_option(args, number) != 0)
+        return 1;
     if (!args.positional.empty() && id.hdd_id >= args.positional.size())
         return fail("%s", "--id names disk " + std::to_string(id.hdd_id) + ", but the images are disks 0 to " +
                               std::to_string(args.positional.size() - 1) + ", in the order given");
@@ -96,9 +109,161 @@ int verb_lock(const Args& args)
         leave_group(mounted);
         return 1;
     }
-    const int rc = lock_segment(id, (unsigned char)(unlock ? 0 : number));
+    const int rc = lock_segment(id, (unsigned char)number);
     leave_group(mounted);
     return rc;
+}
+
+// ----------------------------------------------- locks and marks by time
+
+// What the listing after a change by time shows of each piece.
+enum class PieceShows { Lock, RecordType };
+
+std::string range_text(const ChannelRange& range)
+{
+    return "channel " + std::to_string(range.channel) + " from " + format_date_time(range.from) +
+           " to " + format_date_time(range.to);
+}
+
+// Lists the pieces of the range's channel on the whole days the range
+// spans, each with its lock or its record type and alarm bits; those that
+// overlap the range are marked. `in_range` counts them. False when the
+// listing fails.
+bool print_pieces(const ChannelRange& range, PieceShows shows, unsigned& in_range)
+{
+    ChannelRange days = range;
+    days.from = at_second_of_day(range.from, 0);
+    days.to = at_second_of_day(range.to, 86399);
+    std::vector<RangeSegment> pieces;
+    if (!range_segments(days, pieces))
+        return false;
+    in_range = 0;
+    for (const RangeSegment& p : pieces) {
+        const _k4t_fs_date_time_ day = {p.day.year, p.day.month, p.day.day, 0, 0, 0, 0};
+        const bool inside =
+            compare_date_time(at_second_of_day(day, start_of(p.row)), range.to) < 0 &&
+            compare_date_time(range.from, at_second_of_day(day, end_of(p.row))) < 0;
+        in_range += inside ? 1 : 0;
+        char state[96];
+        if (shows == PieceShows::RecordType)
+            snprintf(state, sizeof(state), "record type %u, alarm 0x%016llx", p.row.record_type,
+                     (unsigned long long)p.row.alarm_type);
+        else if (p.row.lock != 0)
+            snprintf(state, sizeof(state), "locked, lock type 0x%08x", p.row.lock_type);
+        else
+            snprintf(state, sizeof(state), "unlocked");
+        printf("%s %s %s stream %u, %llu bytes: %s%s\n",
+               id_text(id_of(p.row, p.row.stream_segment_index)).c_str(), date_text(p.day).c_str(),
+               span_text(p.row).c_str(), p.row.stream_type, (unsigned long long)p.row.len, state,
+               inside ? " (in the range)" : "");
+    }
+    return true;
+}
+
+// Mounts the images, checks that the range meets a recording, runs `change`
+// (the library's call; 0 when it succeeded) and lists the pieces.
+template <typename Change>
+int change_by_time(const Args& args, const ChannelRange& range, const std::string& what,
+                   PieceShows shows, Change change)
+{
+    unsigned mounted = 0;
+    if (mount_group(args.positional, mounted) != 0) {
+        leave_group(mounted);
+        return 1;
+    }
+    std::vector<RangeSegment> met;
+    if (!range_segments(range, met)) {
+        leave_group(mounted);
+        return fail("cannot list the recordings of %s", range_text(range));
+    }
+    if (met.empty()) {
+        leave_group(mounted);
+        return fail("%s: no recordings (see ls)", range_text(range));
+    }
+    if (change() != 0) {
+        leave_group(mounted);
+        return fail("the library refused to %s", what + " " + range_text(range));
+    }
+    printf("%s %s; the pieces of its days:\n", what.c_str(), range_text(range).c_str());
+    unsigned in_range = 0;
+    const bool listed = print_pieces(range, shows, in_range);
+    leave_group(mounted);
+    if (!listed)
+        return fail("cannot list %s afterwards", range_text(range));
+    printf("%u piece%s in the range\n", in_range, in_range == 1 ? "" : "s");
+    return 0;
+}
+
+// lock IMAGE... --channel C --from TIME --to TIME [--unlock | --number N]
+int lock_by_time(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--channel", "--from", "--to", "--unlock", "--number"}, error))
+        return fail("%s", error);
+    ChannelRange range;
+    unsigned number = 1;
+    if (parse_channel_range(args, "lock", range) != 0 || lock_number_option(args, number) != 0)
+        return 1;
+    const std::string what =
+        number != 0 ? "locked (lock number " + std::to_string(number) + ")" : "unlocked";
+    return change_by_time(args, range, what, PieceShows::Lock, [&] {
+        // Group 0 is the images; every stream type of the channel.
+        _qzfs_k4t_stream_lock_para_ para = {};
+        para.group_mask = 1;
+        para.channel_mask = 1u << range.channel;
+        para.stream_mask = range.types;
+        para.start_date_time = range.from;
+        para.end_date_time = range.to;
+        return api_qzfs_stream_segment_lock_by_time(&para, (unsigned char)number);
+    });
+}
+
+} // namespace
+
+int verb_lock(const Args& args)
+{
+    return args.option("--id") == nullptr && args.option("--channel") != nullptr
+               ? lock_by_time(args)
+               : lock_by_id(args);
+}
+
+// mark IMAGE... --channel C --from TIME --to TIME --record-type R [--alarm BITS]
+int verb_mark(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {"--channel", "--from", "--to", "--record-type", "--alarm"}, error))
+        return fail("%s", error);
+    ChannelRange range;
+    if (parse_channel_range(args, "mark", range) != 0)
+        return 1;
+    unsigned record_type = 0;
+    if (args.option("--record-type") == nullptr ||
+        !number_option(args, "--record-type", 15, 0, record_type))
+        return fail("mark needs --record-type R (0 to 15)");
+    unsigned long long alarm = 0;
+    const std::string* alarm_text = args.option("--alarm");
+    if (alarm_text != nullptr) {
+        char* end = nullptr;
+        errno = 0;
+        alarm = strtoull(alarm_text->c_str(), &end, 0);
+        if (alarm_text->empty() || (*alarm_text)[0] == '-' || *end != '\0' || errno != 0)
+            return fail("--alarm takes a 64-bit number of alarm bits (e.g. 0x4)");
+    }
+    const std::string what = "marked record type " + std::to_string(record_type) +
+                             (alarm != 0 ? ", alarm bits " + *alarm_text : "") + " on";
+    return change_by_time(args, range, what, PieceShows::RecordType, [&] {
+        // Record type and alarm bits alone (bit 1 of the mask), of group 0.
+        _qzfs_k4t_modify_segment_para_ para = {};
+        para.group_mask = 1;
+        para.channel_mask = 1u << range.channel;
+        para.stream_mask = range.types;
+        para.start_date_time = range.from;
+        para.end_date_time = range.to;
+        para.modify_mask = 2;
+        para.record_type = (uint8_t)record_type;
+        para.alarm_type = alarm;
+        return api_qzfs_modify_stream_segment_info(&para);
+    });
 }
 
 // ---------------------------------------------------- recording with overwrite

@@ -60,13 +60,7 @@ int CQzfsApi::Qzfs_delete_stream_segment_by_para(_qzfs_k4t_delete_para_* para)
         QZLOG("invalid parameter");
         return -1;
     }
-    unsigned long disks = 0;
-    for (int group = 0; group < 32; group++) {
-        unsigned long members = 0;
-        if (((para->group_mask >> group) & 1u) != 0 && gQzfsManager.group_members(group, members))
-            disks |= members;
-    }
-    const std::vector<CQzFileSystem*> targets = gQzfsManager.mounted_disks(disks);
+    const std::vector<CQzFileSystem*> targets = api_disks_of_groups(para->group_mask);
     if (targets.empty()) {
         QZLOG("group have not disk(0x%lx)", (unsigned long)para->group_mask);
         return 0;

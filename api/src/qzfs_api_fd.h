@@ -5,6 +5,9 @@
 
 #include "opened_stream_segment.h"
 
+#include <cstdint>
+#include <vector>
+
 class CQzFileSystem;
 
 // The mounted disk `hdd_id`, or null after "gQzfsManager.get_file_system
@@ -12,6 +15,10 @@ class CQzFileSystem;
 CQzFileSystem* api_disk(unsigned hdd_id, const char* func);
 // The same, refusing also a disk being formatted ("Formatting(hdd_id:%d)").
 CQzFileSystem* api_usable_disk(unsigned hdd_id, const char* func);
+
+// The mounted disks of the groups whose bits `group_mask` sets, lowest
+// hdd_id first.
+std::vector<CQzFileSystem*> api_disks_of_groups(uint32_t group_mask);
 
 // A descriptor resolved to its disk and open record.
 struct resolved_fd {

@@ -13,37 +13,6 @@ int CQzfsApi::Qzfs_disk_recovery(unsigned char, char*, _qzfs_k4t_recovery_para_*
     return -1;
 }
 
-/* ---- Work disk, thresholds and overwrite -------------------------------- */
-
-int CQzfsApi::Qzfs_auto_unlock(_k4t_fs_date_time_*, int)
-{
-    return -1;
-}
-
-/* ---- Lock, delete, attributes ------------------------------------------- */
-
-int CQzfsApi::Qzfs_stream_segment_lock_by_time(_qzfs_k4t_stream_lock_para_*, unsigned char)
-{
-    return -1;
-}
-
-int CQzfsApi::qzfs_modify_stream_segment_info(_qzfs_k4t_modify_segment_para_*)
-{
-    return -1;
-}
-
-int CQzfsApi::qzfs_modify_stream_segment_info_by_fd(int, unsigned char, unsigned char, unsigned long, unsigned char,
-                                                    unsigned long long, _k4t_fs_time_*)
-{
-    return -1;
-}
-
-int CQzfsApi::qzfs_modify_pre_record_info(int, unsigned char, unsigned long long, unsigned char, unsigned long,
-                                          _k4t_fs_time_)
-{
-    return -1;
-}
-
 /* ---- Normal files ------------------------------------------------------- */
 
 void* CQzfsApi::qzfs_open_normal_file(unsigned char, char*, int)

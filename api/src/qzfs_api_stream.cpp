@@ -54,6 +54,17 @@ CQzFileSystem* api_usable_disk(unsigned hdd_id, const char* func)
     return fs;
 }
 
+std::vector<CQzFileSystem*> api_disks_of_groups(uint32_t group_mask)
+{
+    unsigned long disks = 0;
+    for (int group = 0; group < 32; group++) {
+        unsigned long members = 0;
+        if (((group_mask >> group) & 1u) != 0 && gQzfsManager.group_members(group, members))
+            disks |= members;
+    }
+    return gQzfsManager.mounted_disks(disks);
+}
+
 // ossfd -> disk ossid -> disk -> open record. `func` names the caller in
 // the messages. The record is looked up without the disk lock: the caller
 // owns the descriptor.

@@ -573,6 +573,20 @@ public:
     int modify_stream_segment_info_by_id(_k4t_stream_segment_id_* id, unsigned char modify_mask,
                                          unsigned char lock, unsigned long lock_type,
                                          unsigned char record_type, unsigned long long alarm_type);
+
+    // ---- attributes over a time range, the pre-recording's hand-over
+    // (qzfs_segment_attributes.cpp)
+    // Gives the part of every normal segment of the range's roots that the
+    // range meets the attributes of `modify_mask`, splitting where the range
+    // starts or ends inside a segment; root summaries follow. 0 or -1.
+    int stream_segment_info_change(_qzfs_k4t_modify_segment_para_* para);
+    // A pre-recording (id 2) becomes a normal recording with these
+    // attributes, unless `record_type` is 255; then its head before `time`
+    // goes. 0, or -1 for anything but a pre-recording.
+    int modify_pre_record_info(unsigned long root_index, unsigned long stream_segment_index,
+                               unsigned char record_type, unsigned long long alarm_type,
+                               unsigned char lock, unsigned long lock_type, _k4t_fs_time_ time);
+
     // Adds a finished node at the first free place of a root's segment list;
     // the chain may grow. 0 or -1.
     int add_stream_segment_index_node(unsigned long root_index, uint32_t* block_num,
@@ -675,6 +689,11 @@ private:
     int place_stream_segment_node(unsigned long root_index, uint32_t* block_num, uint32_t** list,
                                   const _stream_segment_index_node_dev_* node, uint32_t* position);
     int delete_root_segments(unsigned long root_index);
+    int change_root_segments(unsigned long root_index, const _qzfs_k4t_modify_segment_para_& p,
+                             _k4t_fs_time_ from, _k4t_fs_time_ to);
+    int hand_over_pre_record(struct segment_copy& copy, unsigned char record_type,
+                             unsigned long long alarm_type, unsigned char lock,
+                             unsigned long lock_type);
     int delete_split_out_range(unsigned long root_index, unsigned long segment,
                                _k4t_fs_time_ from, _k4t_fs_time_ to);
     int walk_root_index_block(unsigned long root_block, std::list<_block_info_node_>& unowned);

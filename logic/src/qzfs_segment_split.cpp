@@ -378,6 +378,12 @@ int CQzFileSystem::split_out_time_range(unsigned long root_index,
             *range_piece = stream_segment_index;
         return result;
     }
+    // A range that begins before the segment begins, for the split, at its
+    // first I-frame: the lookup of A finds no I-frame before that.
+    const _k4t_fs_time_ start = {job.node.start_hour, job.node.start_minute,
+                                 job.node.start_second};
+    if (Compare_time(&job.from, &start) == 2)
+        job.from = start;
     if (get_stream_segment_time_area_iframe_info(uint32_t(job.iframe_blocks.size()),
                                                  job.iframe_blocks.data(),
                                                  segment_start_iframe_of(job.node),

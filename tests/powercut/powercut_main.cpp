@@ -3,7 +3,8 @@
 // them) and checks what the next mount makes of the disk.
 //
 //   qzfs_powercut --workload start|one|four|delete-last|delete-one|delete-shared|trim|trim-live
-//                            |overwrite|split-two|split-three|delete-middle|shorten
+//                            |overwrite|split-two|split-three|lock-range|delete-middle
+//                            |shorten
 //                 [--mode drop|torn|reorder]
 //                 [--from N] [--to N] [--stride S] [--recut-stride R]
 //                 [--seed X] [--dir DIR] [--verbose]
@@ -15,7 +16,9 @@
 // from their delete or trim on; after the cut the disk must be exactly as
 // before the change or as after it (after a cut in an overwrite pass: as
 // after the first few of the pass's changes, in the pass's order; after a
-// cut in the delete of a stretch: also as after its split alone). With
+// cut in the delete of a stretch: also as after its split alone; after a
+// cut in the lock of a range: also as after the split of its first segment
+// alone). With
 // --recut-stride R, every R-th cut point tried also has its repairing mount
 // cut at each of its own writes, and the mount after that must end in the
 // same state as the uncut repair.

@@ -26,7 +26,8 @@ struct Totals {
     unsigned long recut_points = 0, recuts = 0, recut_failures = 0;
     unsigned long as_before = 0, as_after = 0;  // delete workloads: where cut points ended
     // overwrite: after a part of the pass; the delete of a stretch: split
-    // and not yet deleted
+    // and not yet deleted; the lock of a range: its first segment split and
+    // locked, its second not yet
     unsigned long between = 0;
 };
 
@@ -60,7 +61,8 @@ private:
     std::string base_, cut_, check_, recut_;
     Totals t_;
     // A delete workload's disk before and after its uncut delete or trim;
-    // the delete of a stretch: its disk after the split alone, between them.
+    // the delete of a stretch: its disk after the split alone, between them;
+    // the lock of a range: after the split of its first segment alone.
     std::vector<std::string> before_, between_, after_;
     // An overwrite workload's segments ("ROOT:SLOT") and their owner stamps
     // before the pass.
@@ -203,7 +205,7 @@ void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncu
     }
     if (before_.empty() || before_ == after_)
         throw std::runtime_error("the uncut delete or trim changes nothing");
-    if (o_.workload.action == Action::DeleteStretch)
+    if (o_.workload.action == Action::DeleteStretch || o_.workload.action == Action::LockRange)
         between_ = split_state();
     if (o_.workload.action != Action::Overwrite)
         return;
@@ -223,12 +225,19 @@ void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncu
 // The delete of a stretch splits it out, attributes unchanged, and then
 // deletes its piece whole: the state between the two, from an uncut split of
 // the same stretch on a copy of the prepared disk (its workload checks the
-// pieces against the old segment).
+// pieces against the old segment). The lock of a range splits its first
+// segment, then its second, and counts the root's summary at the end: the
+// state between, from an uncut split of the first segment alone with the
+// lock's attributes and no new summary.
 std::vector<std::string> Sweep::split_state()
 {
     Workload split = o_.workload;
+    const bool lock = split.action == Action::LockRange;
     split.action = Action::Split;
-    split.stretch.mask = 0;
+    if (lock)
+        split.root_summary = false;
+    else
+        split.stretch.mask = 0;
     copy(base_, check_);
     const power_cut::Settings observe = device(0, false);
     ChildResult w = run_child(
@@ -426,6 +435,10 @@ void Sweep::print_totals(unsigned long long writes, double seconds) const
     else if (o_.workload.action == Action::DeleteStretch)
         printf("%s: %lu cut points ended as before the change, %lu split and not deleted, %lu "
                "as after it\n",
+               what.c_str(), t_.as_before, t_.between, t_.as_after);
+    else if (o_.workload.action == Action::LockRange)
+        printf("%s: %lu cut points ended as before the change, %lu with the first segment "
+               "locked and the second not, %lu as after it\n",
                what.c_str(), t_.as_before, t_.between, t_.as_after);
     else if (o_.workload.action != Action::Record)
         printf("%s: %lu cut points ended as before the change, %lu as after it\n", what.c_str(),

@@ -21,6 +21,8 @@ const unsigned char kHdd = 0;
 const unsigned long long kImageSize = 3ULL << 30;
 // Seconds a TrimLive workload records on behind its trim.
 const unsigned kSecondsAfterLiveTrim = 10;
+// The lock a LockRange workload puts on its stretch: lock type bit 2.
+const unsigned char kRangeLockNumber = 3;
 
 const Workload kWorkloads[] = {
     {"start", 1, 3, 1},
@@ -33,9 +35,11 @@ const Workload kWorkloads[] = {
     {"trim-live", 1, 50, 5, Action::TrimLive, 1, false, 0, 0},
     {"overwrite", 2, 120, 5, Action::Overwrite, 3, false, 0, 0},
     {"split-two", 1, 160, 5, Action::Split, 2, false, 0, 0, {45, 200, 2, 0, 3}},
-    {"split-three", 1, 160, 5, Action::Split, 2, false, 0, 0, {30, 55, 1, 1, 0}},
+    {"split-three", 1, 160, 5, Action::Split, 2, false, 0, 0, {30, 55, 1, 1, 0, 1}},
     {"delete-middle", 1, 160, 5, Action::DeleteStretch, 2, false, 0, 0, {25, 60}},
     {"shorten", 1, 160, 5, Action::Shorten, 2, false, 0, 0, {50, 200}},
+    {"lock-range", 1, 160, 5, Action::LockRange, 2, false, 0, 0,
+     {40, 110, 1, 1, 0, 1u << (kRangeLockNumber - 1)}},
 };
 
 // Group 0's thresholds: recording goes on while 50 MiB are free, above
@@ -192,10 +196,9 @@ struct Target {
     _stream_segment_index_node_dev_ node;
 };
 
-bool find_target(const Workload& workload, DiskWalk& walk, Target& target, const LineWriter& out)
+// The segments of the workload's target channel, by start time.
+std::vector<Target> channel_targets(const Workload& workload, const DiskWalk& walk)
 {
-    if (!walk_mounted_disk(walk, out))
-        return false;
     std::vector<std::pair<unsigned, Target>> found;  // start second of the day, segment
     for (const RootWalk& r : walk.roots) {
         if (r.node.channel != workload.target_channel)
@@ -212,12 +215,23 @@ bool find_target(const Workload& workload, DiskWalk& walk, Target& target, const
     using Found = std::pair<unsigned, Target>;
     std::stable_sort(found.begin(), found.end(),
                      [](const Found& a, const Found& b) { return a.first < b.first; });
+    std::vector<Target> targets;
+    for (const Found& f : found)
+        targets.push_back(f.second);
+    return targets;
+}
+
+bool find_target(const Workload& workload, DiskWalk& walk, Target& target, const LineWriter& out)
+{
+    if (!walk_mounted_disk(walk, out))
+        return false;
+    const std::vector<Target> found = channel_targets(workload, walk);
     if (found.size() <= workload.target_rank) {
         out.line("fail channel " + std::to_string(workload.target_channel) + " has " +
                  std::to_string(found.size()) + " segments, none to work on");
         return false;
     }
-    target = found[workload.target_rank].second;
+    target = found[workload.target_rank];
     return true;
 }
 
@@ -303,17 +317,22 @@ struct Piece {
 };
 
 // The log position of the segment's I-frame at `second` of the day; 0 when
-// the segment has none there.
+// the segment has none there. The segment's entries end where its length
+// does, or where the stream offsets start again from below: the entries of
+// the next segment recorded into the root.
 uint32_t iframe_at(const RootWalk& root, const _stream_segment_index_node_dev_& node,
                    unsigned second)
 {
     const uint32_t first = segment_start_iframe_of(node);
+    uint64_t last = root.log[first].stream_segment_offset;
     for (uint32_t i = first; i < root.log.size(); i++) {
         const _iframe_index_node_dev_& e = root.log[i];
         if (e.id != IFRAME_INDEX_ID_IFRAME)
             continue;
-        if (e.stream_segment_offset - root.log[first].stream_segment_offset >= segment_len_of(node))
+        if (e.stream_segment_offset < last ||
+            e.stream_segment_offset - root.log[first].stream_segment_offset >= segment_len_of(node))
             return 0;
+        last = e.stream_segment_offset;
         if (second_of(e.hour, e.minute, e.second) == second)
             return i;
     }
@@ -323,12 +342,14 @@ uint32_t iframe_at(const RootWalk& root, const _stream_segment_index_node_dev_& 
 // What a change of [from, to] (seconds of the day) must leave of `node`,
 // worked out from its I-frame entries: the part in front of the stretch, the
 // stretch itself when it stays, the part behind it. The stretch runs from
-// the segment's I-frame at `from` to the one at `to`, or to the segment's
-// end when it has none there. Empty when `from` meets no I-frame.
+// the segment's I-frame at `from` (its first I-frame when `from` lies before
+// its start) to the one at `to`, or to the segment's end when it has none
+// there. Empty when `from` meets no I-frame.
 std::vector<Piece> expected_pieces(const RootWalk& root, const _stream_segment_index_node_dev_& node,
                                    unsigned from, unsigned to, bool keep_stretch)
 {
-    const uint32_t f = segment_start_iframe_of(node), a = iframe_at(root, node, from),
+    const uint32_t f = segment_start_iframe_of(node),
+                   a = from < start_second(node) ? f : iframe_at(root, node, from),
                    b = iframe_at(root, node, to);
     const uint64_t len = segment_len_of(node);
     const unsigned end = second_of(node.end_hour, node.end_minute, node.end_second);
@@ -351,6 +372,13 @@ std::vector<Piece> expected_pieces(const RootWalk& root, const _stream_segment_i
     return pieces;
 }
 
+uint32_t lock_type_of(const _stream_segment_index_node_dev_& n)
+{
+    uint32_t bits = 0;
+    memcpy(&bits, &n.lock_type, sizeof(bits));
+    return bits;
+}
+
 // Whether node `n` is piece `p` of `old`, with the old node's attributes or,
 // for the stretch, those of `s`.
 bool is_piece(const _stream_segment_index_node_dev_& n, const Piece& p,
@@ -361,6 +389,7 @@ bool is_piece(const _stream_segment_index_node_dev_& n, const Piece& p,
            segment_len_of(n) == p.len && start_second(n) == p.start &&
            second_of(n.end_hour, n.end_minute, n.end_second) == p.end &&
            n.lock == (lock ? s.lock : old.lock) &&
+           lock_type_of(n) == (lock ? s.lock_type : lock_type_of(old)) &&
            n.record_type == (type ? s.record_type : old.record_type);
 }
 
@@ -385,43 +414,59 @@ std::set<uint32_t> blocks_in_use(const RootWalk& root, unsigned long block_size)
     return blocks;
 }
 
-// The faults of the disk after a change by time of `target` over `s`: its
-// node is replaced by exactly the pieces the change leaves, every other
-// segment is as it was, the data blocks of the segment that no piece uses
+// The faults of the disk after a change by time over `s` (seconds from the
+// first target's start) of `targets`, segments of one root: each node is
+// replaced by exactly the pieces the change leaves of it, every other
+// segment is as it was, the data blocks of the targets that no piece uses
 // are free and, after a split, a block is shared where two pieces meet
 // (its share count matching its users is a check of every cut point).
 std::vector<std::string> time_change_faults(const DiskWalk& before, const DiskWalk& after,
-                                            const Target& target, const Stretch& s, bool split)
+                                            const std::vector<Target>& targets, const Stretch& s,
+                                            bool split)
 {
-    const RootWalk* root = root_at(before, target.id.root_index);
-    const RootWalk* now_root = root_at(after, target.id.root_index);
-    const unsigned start = start_second(target.node);
-    const std::vector<Piece> pieces =
-        root == nullptr ? std::vector<Piece>()
-                        : expected_pieces(*root, target.node, start + s.from, start + s.to, split);
-    if (pieces.empty() || now_root == nullptr)
-        return {"the stretch starts on no I-frame of the segment, or its root is gone"};
+    const uint32_t position = targets.front().id.root_index;
+    const RootWalk* root = root_at(before, position);
+    const RootWalk* now_root = root_at(after, position);
+    const unsigned start = start_second(targets.front().node);
+    std::vector<std::pair<const Target*, Piece>> pieces;
+    for (const Target& t : targets) {
+        const std::vector<Piece> of_target =
+            root == nullptr || t.id.root_index != position
+                ? std::vector<Piece>()
+                : expected_pieces(*root, t.node, start + s.from, start + s.to, split);
+        if (of_target.empty() || now_root == nullptr)
+            return {"the stretch starts on no I-frame of segment " +
+                    label({t.id.root_index, t.id.stream_segment_index}) +
+                    ", or its root is gone or another"};
+        for (const Piece& p : of_target)
+            pieces.emplace_back(&t, p);
+    }
     std::vector<std::string> faults;
     SegmentNodes was = segment_nodes(before), now = segment_nodes(after);
     drop_unchanged(was, now);
-    if (was.size() != 1 || now.size() != pieces.size())
+    if (was.size() != targets.size() || now.size() != pieces.size())
         faults.push_back(std::to_string(was.size()) + " segments changed or went, " +
                          std::to_string(now.size()) + " were made, " +
                          std::to_string(pieces.size()) + " pieces were due");
-    for (const Piece& p : pieces)
+    for (const auto& tp : pieces) {
+        const Piece& p = tp.second;
         if (std::count_if(now.begin(), now.end(), [&](const SegmentNodes::value_type& n) {
-                return n.first.first == root->position && is_piece(n.second, p, target.node, s);
+                return n.first.first == position && is_piece(n.second, p, tp.first->node, s);
             }) != 1)
             faults.push_back("no single piece from I-frame " + std::to_string(p.first) + ", " +
                              std::to_string(p.len) + " bytes");
+    }
     CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
     const std::set<uint32_t> used = blocks_in_use(*now_root, fs->manage().block_size);
-    SegmentExtent extent;
-    std::string error;
-    if (segment_extent(*root, target.node, fs->manage().block_size, extent, error))
-        for (uint32_t block : extent.data_blocks)
-            if (used.count(block) == 0 && block_allocated(fs, block))
-                faults.push_back("block " + std::to_string(block) + ", which no piece uses, stays allocated");
+    for (const Target& t : targets) {
+        SegmentExtent extent;
+        std::string error;
+        if (segment_extent(*root, t.node, fs->manage().block_size, extent, error))
+            for (uint32_t block : extent.data_blocks)
+                if (used.count(block) == 0 && block_allocated(fs, block))
+                    faults.push_back("block " + std::to_string(block) +
+                                     ", which no piece uses, stays allocated");
+    }
     const bool shared = std::any_of(now_root->log.begin(), now_root->log.end(),
                                     [](const _iframe_index_node_dev_& e) {
                                         return e.id == IFRAME_INDEX_ID_BLOCK && e.pts_high > 1;
@@ -431,23 +476,37 @@ std::vector<std::string> time_change_faults(const DiskWalk& before, const DiskWa
     return faults;
 }
 
-bool check_time_change(const DiskWalk& before, const Target& target, const Stretch& s, bool split,
-                       const LineWriter& out)
+bool check_time_change(const DiskWalk& before, const std::vector<Target>& targets,
+                       const Stretch& s, bool split, const LineWriter& out)
 {
     DiskWalk after;
     if (!walk_mounted_disk(after, out))
         return false;
-    const std::vector<std::string> faults = time_change_faults(before, after, target, s, split);
+    const std::vector<std::string> faults = time_change_faults(before, after, targets, s, split);
+    std::string what;
+    for (const Target& t : targets)
+        what += (what.empty() ? "" : ", ") + label({t.id.root_index, t.id.stream_segment_index});
     for (const std::string& f : faults)
-        out.line("fail the change by time of segment " +
-                 label({target.id.root_index, target.id.stream_segment_index}) + ": " + f);
+        out.line("fail the change by time of segment " + what + ": " + f);
     return faults.empty();
 }
 
+// The stretch as a moment of the workload's day.
+_k4t_fs_date_time_ moment_of(unsigned second)
+{
+    _k4t_fs_date_time_ at = workload_start();
+    const _k4t_fs_time_ t = time_of(second);
+    at.hour = t.hour;
+    at.minute = t.minute;
+    at.second = t.second;
+    return at;
+}
+
 // The change by time, through the calls a recorder makes: the split and
-// the delete of a stretch under the disk lock (the split followed, as the
-// API's callers of it do, by the root's summary of record types and locks),
-// the end moved back through the API, which takes the lock itself.
+// the delete of a stretch under the disk lock (the split followed, unless
+// the workload leaves it out, by the root's summary of record types and
+// locks, as the API's callers of it do), the end moved back and the lock
+// over a range through the API, which takes the lock itself.
 int change_by_time(const Workload& workload, const Target& target)
 {
     const unsigned start = start_second(target.node);
@@ -455,13 +514,24 @@ int change_by_time(const Workload& workload, const Target& target)
     const _k4t_fs_time_ from = time_of(start + s.from), to = time_of(start + s.to);
     if (workload.action == Action::Shorten)
         return api_qzfs_modify_stream_segment_end_time(target.id, from);
+    if (workload.action == Action::LockRange) {
+        _qzfs_k4t_stream_lock_para_ para = {};
+        para.group_mask = 1;
+        para.channel_mask = 1u << workload.target_channel;
+        para.stream_mask = 1;
+        para.record_type = 0xFFFF;
+        para.start_date_time = moment_of(start + s.from);
+        para.end_date_time = moment_of(start + s.to);
+        return api_qzfs_stream_segment_lock_by_time(&para, kRangeLockNumber);
+    }
     CQzFileSystem* fs = gQzfsManager.get_file_system(kHdd);
     DiskLockGuard disk(*fs);
     const uint32_t root = target.id.root_index, slot = target.id.stream_segment_index;
     if (workload.action == Action::Split)
-        return fs->split_stream_segment_by_time(root, slot, from, to, s.mask, s.lock, s.lock,
-                                                s.record_type, 0) == 0 &&
-                       fs->check_and_modify_root_info(root, nullptr) >= 0
+        return fs->split_stream_segment_by_time(root, slot, from, to, s.mask, s.lock,
+                                                s.lock_type, s.record_type, 0) == 0 &&
+                       (!workload.root_summary ||
+                        fs->check_and_modify_root_info(root, nullptr) >= 0)
                    ? 0
                    : -1;
     return fs->delete_stream_segment_time_range(root, slot, from, to);
@@ -511,7 +581,7 @@ bool split_sharing_a_block(const LineWriter& out)
                  label({target.id.root_index, target.id.stream_segment_index}));
         return false;
     }
-    return check_time_change(walk, target, back, true, out);
+    return check_time_change(walk, {target}, back, true, out);
 }
 
 // The delete, trim or change by time that the cut falls on; a TrimLive
@@ -521,9 +591,22 @@ bool act(const Workload& workload, const DiskWalk& before, Target& target,
 {
     const std::string what = label({target.id.root_index, target.id.stream_segment_index});
     if (changes_by_time(workload.action)) {
+        // A lock over a range splits every segment of the channel it meets.
+        std::vector<Target> targets = {target};
+        if (workload.action == Action::LockRange) {
+            const unsigned from = start_second(target.node) + workload.stretch.from,
+                           to = start_second(target.node) + workload.stretch.to;
+            targets.clear();
+            for (const Target& t : channel_targets(workload, before))
+                if (start_second(t.node) < to &&
+                    second_of(t.node.end_hour, t.node.end_minute, t.node.end_second) > from)
+                    targets.push_back(t);
+        }
         if (change_by_time(workload, target) == 0)
-            return check_time_change(before, target, workload.stretch,
-                                     workload.action == Action::Split, out);
+            return check_time_change(before, targets, workload.stretch,
+                                     workload.action == Action::Split ||
+                                         workload.action == Action::LockRange,
+                                     out);
         out.line("fail the change by time of segment " + what);
         return false;
     }

@@ -22,19 +22,24 @@ namespace powercut {
 // removes the oldest unlocked segments and trims the next (Overwrite), or a
 // change by time of a closed segment (see Stretch): its stretch split out
 // with other attributes (Split), split out and deleted (DeleteStretch), or
-// its end moved back to the stretch's start (Shorten); the unmount follows.
-enum class Action { Record, Delete, Trim, TrimLive, Overwrite, Split, DeleteStretch, Shorten };
+// its end moved back to the stretch's start (Shorten), or a lock over the
+// stretch through the API's lock by time, which splits every segment of the
+// channel that it meets (LockRange); the unmount follows.
+enum class Action { Record, Delete, Trim, TrimLive, Overwrite, Split, DeleteStretch, Shorten,
+                    LockRange };
 
 // The stretch a change by time works on, in seconds from its segment's
 // start: [from, to], each on an I-frame (the frames have one a second); `to`
-// may lie past the segment's end. A split gives the stretch's piece the
-// attributes of `mask` (bit 0 lock, bit 1 record type).
+// may lie past the segment's end, and past the start of the next segment
+// (LockRange). A split gives the stretch's piece the attributes of `mask`
+// (bit 0 lock and lock type, bit 1 record type).
 struct Stretch {
     unsigned from = 0;
     unsigned to = 0;
     unsigned char mask = 0;
     unsigned char lock = 0;
     unsigned char record_type = 0;
+    uint32_t lock_type = 0;
 };
 
 struct Workload {
@@ -50,12 +55,17 @@ struct Workload {
     unsigned target_channel = 0;
     unsigned target_rank = 0;
     Stretch stretch = {};
+    // A Split also counts the root's summary of record types and locks
+    // again, as the API's callers of it do; without, it leaves the disk as
+    // a LockRange does between its first segment and its second.
+    bool root_summary = true;
 };
 
 // Whether the cut falls on a change by time.
 inline bool changes_by_time(Action action)
 {
-    return action == Action::Split || action == Action::DeleteStretch || action == Action::Shorten;
+    return action == Action::Split || action == Action::DeleteStretch ||
+           action == Action::Shorten || action == Action::LockRange;
 }
 
 // start: one channel, a new segment and its first three seconds;
@@ -71,6 +81,8 @@ inline bool changes_by_time(Action action)
 // one channel; the first one is split into two pieces (from 45 s on, record
 // type 3), into three (30 s to 55 s locked), loses 25 s to 60 s, or ends at
 // 50 s. The split pieces share the data blocks where they meet;
+// lock-range: the same two segments, locked (lock 3) from 40 s into the
+// first to 30 s into the second, which splits each in two;
 // trim: a minute on one channel, about two blocks trimmed from its front;
 // trim-live: 40 s recorded, the front block and a half trimmed, 10 s more
 // recorded, the segment closed;
