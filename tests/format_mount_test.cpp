@@ -163,19 +163,6 @@ TEST_F(FormatMount, DamagedOrStaleBackupIsRewritten)
     EXPECT_TRUE(qzfs_block_info_is_sound(&mended));
 }
 
-TEST_F(FormatMount, DamagedTableRecordFailsTheMountWithoutWriting)
-{
-    ASSERT_EQ(0, format_image(image_, 3 * GiB));
-    damage_byte(image_, table_record_offset(BS, KEY, 100) + 4);
-    damage_byte(image_, table_record_offset(BS, BAK, 100) + 4);
-    std::string before = image_fingerprint(image_);
-    std::string log = expect_result_and_log(-1, "block 100 check num is error", [&] { return mount(); }, 2);
-    EXPECT_NE(std::string::npos, log.find("get disk manage info failed"));
-    EXPECT_NE(std::string::npos, log.find("mount failed(hdd_id:0)!!!!!!!!!!!!!"));
-    EXPECT_EQ(before, image_fingerprint(image_));
-    EXPECT_EQ(nullptr, gQzfsManager.get_file_system(0));  // the object is gone again
-}
-
 TEST_F(FormatMount, ImagesThatAreNotOursAreRefusedUntouched)
 {
     // Random bytes over both key places.

@@ -1,4 +1,5 @@
-// CQzfsApi disk operations: format, mount, unmount and disk information.
+// CQzfsApi disk operations: format, mount, unmount, disk information and
+// the recovery of an unmounted disk.
 #include "qzfilesystem.h"
 #include "qzfs_api.h"
 #include "qzfs_log.h"
@@ -203,6 +204,26 @@ int CQzfsApi::qzfs_rebuild_rely(unsigned char hdd_id, char* dev)
     result = result == 0 ? 0 : -1;
     unregister_disk(hdd_id);
     return result;
+}
+
+// Recovers an unmounted disk: its key info by every level, then its
+// indexes from the data blocks. The disk is left unmounted.
+int CQzfsApi::Qzfs_disk_recovery(unsigned char hdd_id, char* path, _qzfs_k4t_recovery_para_* para)
+{
+    QZLOG("********************GORGEOUS START********************");
+    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd_id);
+    if (fs == nullptr) {
+        QZLOG("gQzfsManager.register_qzfilesystem failed(HddId:%d)", hdd_id);
+        return -1;
+    }
+    QZLOG("gQzfsManager.register_qzfilesystem success(HddId:%d)", hdd_id);
+    fs->Set_hdd_id(hdd_id);
+    int result = on_registered_disk(fs, [&](CQzFileSystem* disk) {
+        return disk->disk_recovery(path, para);
+    });
+    unregister_disk(hdd_id);
+    QZLOG("********************GORGEOUS END********************");
+    return result == 0 ? 0 : -1;
 }
 
 int CQzfsApi::Qzfs_test_hdd(unsigned char hdd_id, unsigned long value)

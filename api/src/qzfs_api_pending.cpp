@@ -6,13 +6,6 @@
 #include "qzfilesystem_api.h"
 #include "qzfs_api.h"
 
-/* ---- Disks -------------------------------------------------------------- */
-
-int CQzfsApi::Qzfs_disk_recovery(unsigned char, char*, _qzfs_k4t_recovery_para_*)
-{
-    return -1;
-}
-
 /* ---- Normal files ------------------------------------------------------- */
 
 void* CQzfsApi::qzfs_open_normal_file(unsigned char, char*, int)

@@ -100,6 +100,31 @@ struct _qzfs_disk_manage_ {
     std::list<_invalid_block_list_node_> invalid_block_list;
 };
 
+// How far the last load of a disk's key info had to go to stand.
+enum qzfs_key_repair_level {
+    QZFS_KEY_REPAIR_NONE = 0,    // both copies sound and equal
+    QZFS_KEY_REPAIR_BACKUP = 1,  // the backup was missing or stale and is written anew
+    QZFS_KEY_REPAIR_COPY = 2,    // a damaged copy was replaced by the clean one
+    QZFS_KEY_REPAIR_MERGE = 3,   // both damaged: merged, blocks' own records as third witness
+    QZFS_KEY_REPAIR_SCAN = 4,    // no key info block: a new table from the blocks' own records
+};
+
+// What the last load of the key info found and mended, for the host tool
+// and tests. Counts are of table records.
+struct qzfs_key_repair_report {
+    int level = QZFS_KEY_REPAIR_NONE;
+    unsigned long loaded_from = 0;      // the key place whose table was loaded
+    unsigned long primary_damaged = 0;  // records failing their check in the chosen key block
+    unsigned long backup_damaged = 0;   // the same in the chosen backup
+    unsigned long copied_from = 0;      // the copy written over a damaged or missing one
+    unsigned long backup_written = 0;   // the place that copy went to
+    unsigned long merged_into = 0;      // the key block a merge wrote
+    unsigned long from_other_copy = 0;  // merged records taken from the other copy
+    unsigned long from_block_head = 0;  // records taken from the block's own head
+    unsigned long marked_bad = 0;       // records no witness had: the block is bad
+    unsigned long marked_free = 0;      // records no witness had in a new table: free
+};
+
 class CQzFileSystem {
 public:
     CQzFileSystem();
@@ -113,6 +138,15 @@ public:
     int Get_hdd_info(_qzfs_k4t_hdd_info_* info);
     int Test_hdd(unsigned long value);
     int rebuild_rely(char* dev);
+    // The application's recovery of an unmounted disk: its key info by
+    // every level, then the index rebuild from the data blocks
+    // (qzfs_key_info_recovery.cpp).
+    int disk_recovery(char* path, _qzfs_k4t_recovery_para_* para);
+    // The key info levels alone, on an unmounted disk, the scan level
+    // included when `allow_scan` is 1; the disk is left unmounted.
+    int recover_key_info(char* path, unsigned char allow_scan);
+    int sync_disk();
+    const qzfs_key_repair_report& key_repair() const { return m_key_repair; }
     // Number of table records of each block type (index = type, 0 to 10).
     int count_blocks_by_type(unsigned long counts[11]);
     int disk_lock(unsigned char lock);
@@ -195,10 +229,26 @@ public:
                                   unsigned long block);
     void init_normal_file_cache();
 
-    // ---- mount repair steps (qzfs_recovery.cpp, the root index check in
-    // qzfs_root_index_check.cpp)
+    // ---- key info recovery (qzfs_key_info_recovery.cpp)
     int fast_recovery_key_info();
     int scan_recovery_key_info();
+    // 1 when the header of the key block at `block` is good; the blocks
+    // whose table records fail their check are added to `bad`.
+    int check_key_info_block(unsigned long block, std::list<unsigned long>& bad);
+    int recovery_key_info_by_merge(unsigned long key, std::list<unsigned long>& bad,
+                                   unsigned long other, std::list<unsigned long>& other_bad,
+                                   std::list<unsigned long>& system,
+                                   std::list<unsigned long>& unusable, unsigned long target);
+    int find_block_and_recovery_bak_block(unsigned long key, unsigned long first,
+                                          unsigned long end, unsigned long len,
+                                          std::list<unsigned long>& system,
+                                          std::list<unsigned long>& unusable);
+    // The index rebuild from the data blocks; not built yet (-1).
+    int scan_check_recovery_all_stream_segment_index(_qzfs_k4t_recovery_para_* para,
+                                                     unsigned char rebuild_root);
+
+    // ---- mount repair steps (qzfs_recovery.cpp, the root index check in
+    // qzfs_root_index_check.cpp)
     int check_root_index_block_integrity_and_recovery();
     int Power_down_recovery();
     int get_disk_invalid_data_block_num();
@@ -662,6 +712,26 @@ private:
                              unsigned long first_key, std::list<unsigned long>& bad,
                              std::list<unsigned long>& system);
     int repair_bak_key_block(unsigned long first_key);
+    int open_device_for_recovery(char* path);
+    int merge_key_info_in_place(unsigned long key, std::list<unsigned long>& bad,
+                                unsigned long other, std::list<unsigned long>& other_bad,
+                                std::list<unsigned long>& system,
+                                std::list<unsigned long>& unusable);
+    int merge_key_info_into_new_copy(unsigned long key, std::list<unsigned long>& bad,
+                                     unsigned long other, std::list<unsigned long>& other_bad,
+                                     std::list<unsigned long>& system,
+                                     std::list<unsigned long>& unusable, unsigned long target);
+    int merge_damaged_key_copies(unsigned long& key, std::list<unsigned long>& bad,
+                                 unsigned long bak, std::list<unsigned long>& bak_bad,
+                                 unsigned long first, unsigned long total,
+                                 std::list<unsigned long>& system,
+                                 std::list<unsigned long>& unusable);
+    int write_scanned_key_table(unsigned long& place, unsigned long total,
+                                std::list<unsigned long>& system,
+                                std::list<unsigned long>& unusable);
+    int write_scanned_key_backup(unsigned long key, unsigned long total,
+                                 std::list<unsigned long>& system,
+                                 std::list<unsigned long>& unusable);
 
     int read_index_header_unit(unsigned long block);
     int read_index_chain(const index_chain_kind& kind, unsigned long first_block, uint32_t* num,
@@ -706,6 +776,7 @@ private:
     unsigned long m_file_system_io_buffer_len;
     int m_state;
     _qzfs_disk_manage_ m_manage;
+    qzfs_key_repair_report m_key_repair;
     unsigned char m_hdd_id;
     std::string m_dev_path;
     unsigned char bare_dev;

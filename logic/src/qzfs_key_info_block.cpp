@@ -623,6 +623,10 @@ int CQzFileSystem::repair_bak_key_block(unsigned long first_key)
             continue;
         if (write_key_info_bak_block(m_manage.key_block, b, m_manage.block_size) != 0)
             continue;
+        if (m_key_repair.level == QZFS_KEY_REPAIR_NONE)
+            m_key_repair.level = QZFS_KEY_REPAIR_BACKUP;
+        m_key_repair.copied_from = m_manage.key_block;
+        m_key_repair.backup_written = b;
         if (b < m_manage.key_block) {
             m_manage.bak_key_block = m_manage.key_block;
             m_manage.key_block = b;
@@ -643,6 +647,7 @@ int CQzFileSystem::get_disk_manage_info_by_key_info_block(unsigned char allow_sc
         return -1;
     }
     m_manage.block_size = block_size;
+    m_key_repair = qzfs_key_repair_report();
     bool tried = (m_state == QZFSS_FORMATING);
 
     for (;;) {
@@ -656,8 +661,10 @@ int CQzFileSystem::get_disk_manage_info_by_key_info_block(unsigned char allow_sc
             tried = true;
             continue;
         }
-        if (load_disk_manage_info_by_key_info_block(m_manage.key_block) == 0)
+        if (load_disk_manage_info_by_key_info_block(m_manage.key_block) == 0) {
+            m_key_repair.loaded_from = m_manage.key_block;
             break;
+        }
         if (tried)
             return -1;
         if (fast_recovery_key_info() != 0)

@@ -14,19 +14,15 @@
 //      pre-recordings that the application never confirmed are removed.
 //
 // Other mount repairs live elsewhere: the backup key table's in
-// qzfs_key_info_block.cpp, the root index check in qzfs_root_index_check.cpp.
+// qzfs_key_info_block.cpp, the repair of a damaged key table in
+// qzfs_key_info_recovery.cpp, the root index check in
+// qzfs_root_index_check.cpp.
 #include "qzfilesystem.h"
 #include "qzfs_log.h"
 #include "system_resource_manager.h"
 
 #include <cstring>
 #include <vector>
-
-// Not built yet: a table that fails to load makes the mount fail.
-int CQzFileSystem::fast_recovery_key_info() { return -1; }
-
-// Not built yet; nothing enters it (scan recovery is never allowed).
-int CQzFileSystem::scan_recovery_key_info() { return -1; }
 
 namespace {
 
