@@ -5,7 +5,9 @@
 
 #include "qzfilesystem.h"
 #include "qzfs_datetime.h"
+#include "qzfs_device.h"
 #include "qzfs_manager.h"
+#include "system_resource_manager.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -400,6 +402,44 @@ int read_after_range(CQzFileSystem& fs, uint32_t root, uint32_t index,
     return 0;
 }
 
+// The disk object's report of its last key info load, as a plain record.
+DiskKeyRepair key_repair_of(const CQzFileSystem& fs)
+{
+    const qzfs_key_repair_report& r = fs.key_repair();
+    static const KeyRepairLevel levels[] = {KeyRepairLevel::None, KeyRepairLevel::Backup,
+                                            KeyRepairLevel::Copy, KeyRepairLevel::Merge,
+                                            KeyRepairLevel::Scan};
+    DiskKeyRepair out;
+    if (r.level >= 0 && r.level < int(std::size(levels)))
+        out.level = levels[r.level];
+    out.loaded_from = r.loaded_from;
+    out.key_block = fs.manage().key_block;
+    out.backup_key_block = fs.manage().bak_key_block;
+    // A repair may move the key block to the lower of the two places; the
+    // copy loaded is the primary when it is the key block now.
+    out.loaded_primary = r.loaded_from == out.key_block;
+    out.primary_damaged = r.primary_damaged;
+    out.backup_damaged = r.backup_damaged;
+    out.copied_from = r.copied_from;
+    out.backup_written = r.backup_written;
+    out.merged_into = r.merged_into;
+    out.from_other_copy = r.from_other_copy;
+    out.from_block_head = r.from_block_head;
+    out.marked_bad = r.marked_bad;
+    out.marked_free = r.marked_free;
+    return out;
+}
+
+// After a failed recovery without the scan: whether the device opened and
+// none of its key places holds a key info block (a read-only look).
+bool no_key_block_found(CQzFileSystem& fs)
+{
+    unsigned long block_size = 0, first = 0, found = 0;
+    return fs.io_interface() != nullptr &&
+           qzfs_get_block_info(fs.io_interface(), block_size, first) == 0 &&
+           fs.find_key_info_block(first, found) != 0;
+}
+
 } // namespace
 
 bool disk_key_info(unsigned char hdd, DiskKeyInfo& out)
@@ -420,6 +460,44 @@ bool disk_key_info(unsigned char hdd, DiskKeyInfo& out)
     out.label = text_of(header.label);
     out.version = text_of(header.version);
     return read == 0;
+}
+
+bool disk_key_repair(unsigned char hdd, DiskKeyRepair& out)
+{
+    return with_disk(hdd, -1, [&](CQzFileSystem& fs) {
+        out = key_repair_of(fs);
+        return 0;
+    }) == 0;
+}
+
+KeyRecovery disk_recover_key_info(unsigned char hdd, const std::string& path, bool allow_scan,
+                                  DiskKeyRepair& out)
+{
+    out = DiskKeyRepair();
+    CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd);
+    if (fs == nullptr)
+        return KeyRecovery::Failed;
+    fs->Set_hdd_id(hdd);
+    std::string dev = path;
+    KeyRecovery result;
+    {
+        // As the library's own recovery call: the registry held shared (an
+        // unmount waits for it) and the disk lock held.
+        DiskRegistryReadGuard registry;
+        DiskLockGuard disk(*fs);
+        if (fs->recover_key_info(&dev[0], allow_scan ? 1 : 0) == 0)
+            result = KeyRecovery::Done;
+        else
+            result = !allow_scan && no_key_block_found(*fs) ? KeyRecovery::NoKeyBlock
+                                                             : KeyRecovery::Failed;
+        out = key_repair_of(*fs);
+    }
+    // The object goes, and what the node caches hold of the disk with it.
+    DiskRegistryWriteGuard registry;
+    gQzfsManager.unregiseter_qzfilesystem(hdd);
+    if (pgSystemResourceManager != nullptr)
+        pgSystemResourceManager->Free_resource(hdd);
+    return result;
 }
 
 bool disk_free_bytes(unsigned char hdd, unsigned long long& bytes)

@@ -6,8 +6,8 @@
 // one by one, the I-frame index of a root entry, the key info block and the
 // block table. This is the one place where the tool does that; the records
 // below carry what it prints, so the rest of the tool needs nothing but the
-// public header. Every function takes the id of a mounted disk and holds
-// that disk's lock while it reads or writes.
+// public header. Every function but disk_recover_key_info takes the id of a
+// mounted disk and holds that disk's lock while it reads or writes.
 #ifndef QZFS_TOOL_DISK_ACCESS_H
 #define QZFS_TOOL_DISK_ACCESS_H
 
@@ -115,6 +115,44 @@ struct JournalState {
     JournalDeleteRecord deletion;
     JournalSplitRecord split;
 };
+
+// How far the last load of a disk's key info had to go to stand.
+enum class KeyRepairLevel {
+    None,    // both copies of the block table sound and equal
+    Backup,  // the backup was missing or stale and is written anew
+    Copy,    // a damaged copy was replaced by the clean one
+    Merge,   // both damaged: merged, the blocks' own heads as third witness
+    Scan     // no key info block left: a new table from the blocks' own heads
+};
+// What that load found and mended; counts are of table records.
+struct DiskKeyRepair {
+    KeyRepairLevel level = KeyRepairLevel::None;
+    unsigned long loaded_from = 0;  // the key place whose table was loaded
+    bool loaded_primary = true;     // that place is the key block, not the backup
+    unsigned long key_block = 0, backup_key_block = 0;  // where they stand after it
+    unsigned long primary_damaged = 0, backup_damaged = 0;
+    unsigned long copied_from = 0;     // the copy written over a damaged or missing one
+    unsigned long backup_written = 0;  // where that copy went
+    unsigned long merged_into = 0;     // the key block a merge or a scan wrote
+    unsigned long from_other_copy = 0, from_block_head = 0;
+    unsigned long marked_bad = 0, marked_free = 0;
+};
+
+// The key info repair of the mount of disk `hdd`; false when none is mounted.
+bool disk_key_repair(unsigned char hdd, DiskKeyRepair& out);
+
+// What a key info recovery of an unmounted image came to.
+enum class KeyRecovery {
+    Done,        // the table loads; `out` says what was mended
+    NoKeyBlock,  // no key place holds a key info block, and no scan was allowed
+    Failed       // the image did not open, or a repair failed
+};
+// Runs the key info repair levels on the unmounted image at `path` as disk
+// `hdd` (registered for the run, so no mount of that id comes in between),
+// the scan for a new table included when `allow_scan`, and syncs it. A run
+// that finds no key block without the scan writes nothing.
+KeyRecovery disk_recover_key_info(unsigned char hdd, const std::string& path, bool allow_scan,
+                                  DiskKeyRepair& out);
 
 // Key block places, owner stamp, label and version of the disk.
 bool disk_key_info(unsigned char hdd, DiskKeyInfo& out);

@@ -1,8 +1,8 @@
 // qzfs: the host tool. Formats, mounts and examines disks or disk images
 // through the library, from a shell. This file holds the usage text, the
 // verb dispatch and the verbs on disks, indexes, export, delete by id and
-// browsing; deleting by the clock, recording and retention have files of
-// their own.
+// browsing; deleting by the clock, recording, retention and the key info
+// recovery have files of their own.
 #include "disk_access.h"
 #include "h264_stream.h"
 #include "qzfs_cli.h"
@@ -32,8 +32,11 @@ const char* USAGE =
     "      of SIZE bytes (suffixes K, M, G, T: powers of 1024)\n"
     "  info IMAGE [--index] [--segments ROOT_INDEX [--iframes]]\n"
     "      mount and print block size, block counts, key info places, label,\n"
-    "      version, owner stamp, the action journal (clear, or the record a\n"
-    "      mount left in it) and the number of blocks of each type;\n"
+    "      version, owner stamp, the key place the block table was loaded from\n"
+    "      and what the mount repaired in it (a damaged table is mended from the\n"
+    "      clean copy, or by a merge with the blocks' own records), the action\n"
+    "      journal (clear, or the record a mount left in it) and the number of\n"
+    "      blocks of each type;\n"
     "      --index lists the root index: one line for each day, channel,\n"
     "      stream type and name that has recordings;\n"
     "      --segments lists the stream segments of one root index entry\n"
@@ -122,6 +125,13 @@ const char* USAGE =
     "      print the month with the days that hold recordings marked\n"
     "  test IMAGE\n"
     "      write, read back and free one block of a mounted disk\n"
+    "  recover IMAGE [--scan]\n"
+    "      repair the key info of an unmounted image that will not mount: load\n"
+    "      the block table from whichever copy stands, mend a damaged copy or\n"
+    "      merge two with the blocks' own records, and say what was repaired;\n"
+    "      with no key info block left it fails and writes nothing, unless\n"
+    "      --scan makes a new table (and its backup) from the blocks' own\n"
+    "      records\n"
     "  rebuild-shell IMAGE\n"
     "      lay the MBR and FAT32 shell anew; recordings are left alone\n"
     "\n"
@@ -288,6 +298,12 @@ void print_disk_summary(const std::string& path)
     printf("label:            %s\n", key.label.c_str());
     printf("version:          %s\n", key.version.c_str());
     printf("owner stamp:      %lu\n", key.owner_stamp);
+    DiskKeyRepair repair;
+    if (disk_key_repair(TOOL_HDD_ID, repair)) {
+        const std::string text = key_repair_text(repair);
+        printf("table loaded:     %s\n", key_loaded_text(repair).c_str());
+        printf("mount repaired:   %s\n", text.empty() ? "nothing" : text.c_str());
+    }
 }
 
 // The action journal of the mounted tool disk. A mount rolls back a delete
@@ -1134,6 +1150,8 @@ int main(int argc, char** argv)
         rc = verb_calendar(args);
     else if (verb == "test")
         rc = verb_test(args);
+    else if (verb == "recover")
+        rc = verb_recover(args);
     else if (verb == "rebuild-shell")
         rc = verb_rebuild_shell(args);
     else if (verb == "help")

@@ -54,7 +54,7 @@ namespace {
 
 // Options that stand alone, without a value.
 const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock",     "--raw",
-                                    "--reverse", "--unlock",  "--overwrite"};
+                                    "--reverse", "--unlock",  "--overwrite", "--scan"};
 
 bool is_flag(const std::string& word)
 {
@@ -108,7 +108,8 @@ int mount_disk(unsigned char hdd_id, const std::string& path)
         return fail("no such image: %s", path);
     std::string copy = path;
     if (api_qzfs_mount(hdd_id, &copy[0]) != 0)
-        return fail("cannot mount %s (not formatted, or its key info is damaged)", path);
+        return fail("cannot mount %s (not formatted, or its key info is damaged beyond what a "
+                    "mount mends: see qzfs recover)", path);
     return 0;
 }
 

@@ -2,9 +2,9 @@
 // failures, dates and segment ids as a user types them, mounting images as
 // the disks of group 0, and the day queries over that group. The verbs live
 // in qzfs.cpp (disks, indexes, export, delete by id, browsing),
-// qzfs_delete.cpp (delete by time and by date), qzfs_record.cpp (recording)
-// and qzfs_retention.cpp (locks, record types by time and recording with
-// overwrite).
+// qzfs_delete.cpp (delete by time and by date), qzfs_record.cpp (recording),
+// qzfs_retention.cpp (locks, record types by time and recording with
+// overwrite) and qzfs_recover.cpp (the key info repair).
 #ifndef QZFS_TOOL_CLI_H
 #define QZFS_TOOL_CLI_H
 
@@ -16,6 +16,8 @@
 #include <tuple>
 #include <utility>
 #include <vector>
+
+struct DiskKeyRepair;
 
 namespace qzfs_tool {
 
@@ -135,6 +137,12 @@ int verb_lock(const Args& args);    // qzfs_retention.cpp
 int verb_mark(const Args& args);    // qzfs_retention.cpp
 // delete --channel C --from --to and delete --before DATE.
 int verb_delete_by_clock(const Args& args);  // qzfs_delete.cpp
+int verb_recover(const Args& args);          // qzfs_recover.cpp
+// What a key info load mended, in words ("" when it mended nothing), for
+// recover and info.
+std::string key_repair_text(const DiskKeyRepair& repair);  // qzfs_recover.cpp
+// "block 65 (the primary copy)": where the table was loaded from.
+std::string key_loaded_text(const DiskKeyRepair& repair);   // qzfs_recover.cpp
 
 } // namespace qzfs_tool
 
