@@ -719,6 +719,75 @@ TEST(Tool, RecordWithOverwriteRemovesTheOldestAndKeepsTheLocked)
     }
 }
 
+// A recorded image with its block table damaged: info tells where the
+// mount loaded the table from and what it mended; recover mends an image
+// that no longer mounts, refusing (and writing nothing) without --scan when
+// no key info block is left. Afterwards the recordings list as before and
+// nothing is left to mend.
+TEST(Tool, InfoAndRecoverReportTheKeyInfoRepair)
+{
+    ScratchDir dir;
+    const std::string pristine = dir.path("pristine.img"), image = dir.path("rec.img");
+    ASSERT_EQ(0, run_tool("format " + pristine + " --size 3G").status);
+    ASSERT_EQ(0, run_tool("record " + pristine +
+                          " --channels 2 --seconds 10 --bitrate 64000 --start 2026-11-21T08:00:00")
+                     .status);
+    const CommandResult listed = run_tool("ls " + pristine);
+    const CommandResult info = run_tool("info " + pristine);
+    ASSERT_EQ(0, info.status) << info.output;
+    unsigned long bs = 0, key = 0, bak = 0;
+    ASSERT_EQ(1, sscanf(info.output.c_str() + info.output.find("block size:"), "block size: %lu", &bs));
+    ASSERT_EQ(1, sscanf(info.output.c_str() + info.output.find("key block:"), "key block: %lu", &key));
+    ASSERT_EQ(1, sscanf(info.output.c_str() + info.output.find("backup key block:"),
+                         "backup key block: %lu", &bak));
+    unsigned long data = key + 1;
+    while (read_table_record(pristine, bs, key, data).block_type != QZFS_BLOCK_DATA)
+        ASSERT_LT(++data, bak) << "no data block";
+    const auto record = [&](unsigned long k) { return table_record_offset(bs, k, data) + 4; };
+    const auto header = [&](unsigned long k) {
+        return (unsigned long long)k * bs + QZFS_KEY_HEADER_OFFSET + 40;
+    };
+    const std::string K = std::to_string(key), B = std::to_string(bak);
+    struct Case {
+        const char* what;
+        std::vector<unsigned long long> damaged;
+        std::string run;  // the verb and its options
+        bool ok;
+        std::string says;
+    } const cases[] = {
+        {"one record in both copies", {record(key), record(bak)}, "info", true,
+         "table loaded:     block " + K + " (the primary copy)\nmount repaired:   both copies "
+         "damaged (1 and 1 record): merged into block " + K + ", 0 records from the other copy, "
+         "1 from the blocks' own heads, 0 marked bad; backup rewritten at block " + B + "\n"},
+        {"the primary's header", {header(key)}, "info", true,
+         "table loaded:     block " + B + " (the backup copy)\nmount repaired:   backup rewritten "
+         "at block " + K + " from the copy at block " + B + "\n"},
+        {"both headers, no scan", {header(key), header(bak)}, "recover", false,
+         "nothing was written; run it again with --scan"},
+        {"both headers, scan", {header(key), header(bak)}, "recover --scan", true,
+         ": table loaded from block " + K + " (the primary copy)\nno key info block: new table at "
+         "block " + K + " from the blocks' own records ("},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_EQ(0, run_command("cp --sparse=always " + pristine + " " + image).status);
+        for (unsigned long long at : c.damaged)
+            damage_byte(image, at);
+        const std::string verb = c.run.substr(0, c.run.find(' '));
+        run_verb_case(verb, image, c.run.substr(verb.size()), c.ok, c.says);
+        if (!c.ok) {
+            EXPECT_TRUE(contains(run_tool("info " + image).output, "see qzfs recover"));
+            continue;
+        }
+        EXPECT_EQ(listed.output, run_tool("ls " + image).output);
+        EXPECT_TRUE(contains(run_tool("recover " + image).output, "\nnothing to repair\n"));
+        const CommandResult settled = run_tool("info " + image);
+        EXPECT_TRUE(contains(settled.output, "key block:        " + K + "\nbackup key block: " + B +
+                                                 "\n")) << settled.output;
+        EXPECT_TRUE(contains(settled.output, "mount repaired:   nothing\n")) << settled.output;
+    }
+}
+
 TEST(Tool, FailuresExitNonZeroWithOneLineReason)
 {
     ScratchDir dir;
