@@ -763,7 +763,7 @@ TEST(Tool, InfoAndRecoverReportTheKeyInfoRepair)
          "table loaded:     block " + B + " (the backup copy)\nmount repaired:   backup rewritten "
          "at block " + K + " from the copy at block " + B + "\n"},
         {"both headers, no scan", {header(key), header(bak)}, "recover", false,
-         "nothing was written; run it again with --scan"},
+         "nothing was written; if it was formatted, run it again with --scan"},
         {"both headers, scan", {header(key), header(bak)}, "recover --scan", true,
          ": table loaded from block " + K + " (the primary copy)\nno key info block: new table at "
          "block " + K + " from the blocks' own records ("},

@@ -77,8 +77,9 @@ int verb_recover(const Args& args)
     case KeyRecovery::Done:
         break;
     case KeyRecovery::NoKeyBlock:
-        return fail("no key info block left on %s: nothing was written; run it again with "
-                    "--scan to make a new block table from the blocks' own records",
+        return fail("no key info block found on %s: nothing was written; if it was formatted, "
+                    "run it again with --scan to make a new block table from the blocks' own "
+                    "records",
                     path);
     case KeyRecovery::Failed:
         return fail("key info recovery of %s failed (not formatted, unreadable, or a repair "
