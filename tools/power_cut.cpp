@@ -173,6 +173,8 @@ long long cut_device_write(qzfs_dev_info* dev, unsigned long long where, const v
     std::lock_guard<std::mutex> hold(s.lock);
     const unsigned long long number = ++s.counts.writes;
     s.counts.bytes += length;
+    if (s.settings.on_write != nullptr)
+        s.settings.on_write(number, where, length);
     if (s.settings.mode != Mode::Observe && number == s.settings.cut_at)
         cut(dev, where, data, length, number);
     if (s.settings.mode == Mode::Observe) {

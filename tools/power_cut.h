@@ -46,6 +46,11 @@ struct Settings {
     int exit_code = 86;
     // Called at the cut, before stdout is flushed and the process ends.
     void (*on_cut)(const CutReport& report) = nullptr;
+    // Called for every device write before it is made (or cut), with its
+    // number, device byte offset and length; under the device's lock, so it
+    // must not do I/O through the library.
+    void (*on_write)(unsigned long long number, unsigned long long offset,
+                     unsigned long length) = nullptr;
 };
 
 // Counts since install(); thread safe.

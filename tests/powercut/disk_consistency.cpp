@@ -219,6 +219,31 @@ bool block_allocated(CQzFileSystem* fs, uint32_t block)
     return (fs->manage().block_bitmap[block >> 3] >> (block & 7)) & 1;
 }
 
+std::string key_pair_difference(CQzFileSystem* fs, const std::string& path)
+{
+    const Image image(path);
+    const _qzfs_disk_manage_& m = fs->manage();
+    const unsigned long long table = QZFS_KEY_TABLE_FIRST_SLOT * sizeof(_qzfs_block_info_);
+    const size_t length = size_t(m.total_block) * sizeof(_qzfs_block_info_);
+    std::vector<uint8_t> primary(length), backup(length);
+    if (!image.read((unsigned long long)m.key_block * m.block_size + table, primary.data(),
+                    length) ||
+        !image.read((unsigned long long)m.bak_key_block * m.block_size + table, backup.data(),
+                    length))
+        return "the block table's copies cannot be read";
+    unsigned long differ = 0, first = 0;
+    for (unsigned long b = m.total_block; b-- > 0;)
+        if (memcmp(&primary[b * sizeof(_qzfs_block_info_)], &backup[b * sizeof(_qzfs_block_info_)],
+                   sizeof(_qzfs_block_info_)) != 0) {
+            differ++;
+            first = b;
+        }
+    if (differ == 0)
+        return "";
+    return "the key table and its backup differ in " + std::to_string(differ) +
+           " records, the first of block " + std::to_string(first);
+}
+
 Consistency check_consistency(CQzFileSystem* fs, const std::string& path, const DiskWalk& walk)
 {
     Consistency result;

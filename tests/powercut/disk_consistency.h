@@ -24,6 +24,10 @@ struct Consistency {
 
 Consistency check_consistency(CQzFileSystem* fs, const std::string& image, const DiskWalk& walk);
 
+// Where the two copies of the block table of the mounted disk `fs` differ
+// on `image`, record by record over every block: empty when they agree.
+std::string key_pair_difference(CQzFileSystem* fs, const std::string& image);
+
 // Whether the block bitmap of the mounted disk `fs` has `block` allocated.
 bool block_allocated(CQzFileSystem* fs, uint32_t block);
 

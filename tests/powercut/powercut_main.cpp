@@ -1,10 +1,11 @@
 // qzfs_powercut: cuts the power at every device write of a recording, a
-// delete, a trim, an overwrite pass or a change by time (or a stride of
-// them) and checks what the next mount makes of the disk.
+// delete, a trim, an overwrite pass, a change by time or a mount that mends
+// the block table (or a stride of them) and checks what the next mount
+// makes of the disk.
 //
 //   qzfs_powercut --workload start|one|four|delete-last|delete-one|delete-shared|trim|trim-live
 //                            |overwrite|split-two|split-three|lock-range|delete-middle
-//                            |shorten
+//                            |shorten|alloc|key-merge
 //                 [--mode drop|torn|reorder]
 //                 [--from N] [--to N] [--stride S] [--recut-stride R]
 //                 [--seed X] [--dir DIR] [--verbose]
@@ -18,7 +19,12 @@
 // after the first few of the pass's changes, in the pass's order; after a
 // cut in the delete of a stretch: also as after its split alone; after a
 // cut in the lock of a range: also as after the split of its first segment
-// alone). With
+// alone). The alloc workload is cut only at the writes of its block
+// requests (its records in the key table, the backup table and the block's
+// head), found in an uncut run; the mount after must mend no more than the
+// backup of the table. The key-merge workload is cut in the mount that
+// merges its damaged table; the disk after must end as the uncut repair.
+// With
 // --recut-stride R, every R-th cut point tried also has its repairing mount
 // cut at each of its own writes, and the mount after that must end in the
 // same state as the uncut repair.

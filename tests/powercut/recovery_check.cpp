@@ -353,6 +353,8 @@ void check_recovery(const Workload& workload, const WorkloadProgress& progress,
         out.line("fail the mount after the cut fails");
         return;
     }
+    out.line("key_repair " +
+             std::to_string(gQzfsManager.get_file_system(kHdd)->key_repair().level));
     api_qzfs_umount(kHdd);
     out.line("recovery_writes " + std::to_string(power_cut::counts().writes));
     power_cut::install(power_cut::Settings());
@@ -361,6 +363,10 @@ void check_recovery(const Workload& workload, const WorkloadProgress& progress,
         return;
     }
     const power_cut::Counts second = power_cut::counts();
+    const int level = gQzfsManager.get_file_system(kHdd)->key_repair().level;
+    if (level != QZFS_KEY_REPAIR_NONE)
+        out.line("fail the second mount mends the block table again (level " +
+                 std::to_string(level) + ")");
     if (second.changed_writes != 0)
         out.line("fail the second mount changes the image (" +
                  std::to_string(second.changed_writes) + " writes, " +
@@ -378,6 +384,9 @@ void check_recovery(const Workload& workload, const WorkloadProgress& progress,
         check_consistency(gQzfsManager.get_file_system(kHdd), image, walk);
     for (const std::string& f : consistency.failures)
         out.line("fail " + f);
+    const std::string pair = key_pair_difference(gQzfsManager.get_file_system(kHdd), image);
+    if (!pair.empty())
+        out.line("fail " + pair);
     out.line("orphans " + std::to_string(consistency.orphans));
     check_listing(walk, out);
     write_summary(walk, gQzfsManager.get_file_system(kHdd)->manage().block_size,
@@ -434,6 +443,8 @@ CheckResult read_check(const ChildResult& child)
             result.recovery_writes = last;
         else if (w[0] == "orphans")
             result.orphans = last;
+        else if (w[0] == "key_repair")
+            result.key_repair = int(last);
     }
     if (!child.exited || child.exit_code != 0)
         result.failures.push_back("the checking process ended with " + child.describe());

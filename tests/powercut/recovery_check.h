@@ -21,7 +21,9 @@ namespace powercut {
 // "frames C N" (whole frames recovered), "beyond C N" (of them, written
 // after the last sync), "lost C N" (synced frames missing),
 // "recovery_writes N" (writes of the repairing mount and its unmount),
-// "orphans N", "summary TEXT".
+// "orphans N", "key_repair L" (the level of the repairing mount's mend of
+// the block table), "summary TEXT". The second mount must mend nothing of
+// the table, and its two copies must agree record by record.
 void check_recovery(const Workload& workload, const WorkloadProgress& progress,
                     const std::string& image, const LineWriter& out);
 
@@ -41,6 +43,7 @@ struct CheckResult {
     unsigned long frames_lost = 0;
     unsigned long recovery_writes = 0;
     unsigned long orphans = 0;
+    int key_repair = -1;  // qzfs_key_repair_level; -1 when the mount never told it
 };
 CheckResult read_check(const ChildResult& child);
 

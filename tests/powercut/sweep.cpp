@@ -1,5 +1,6 @@
 #include "sweep.h"
 
+#include "qzfilesystem.h"
 #include "recovery_check.h"
 #include "rig_process.h"
 
@@ -29,6 +30,9 @@ struct Totals {
     // and not yet deleted; the lock of a range: its first segment split and
     // locked, its second not yet
     unsigned long between = 0;
+    // The levels of the table mends at the mounts after the cuts (index:
+    // qzfs_key_repair_level).
+    unsigned long key_repairs[QZFS_KEY_REPAIR_SCAN + 1] = {};
 };
 
 class Sweep {
@@ -67,6 +71,9 @@ private:
     // An overwrite workload's segments ("ROOT:SLOT") and their owner stamps
     // before the pass.
     std::map<std::string, unsigned long> stamps_;
+    // An allocation_cuts workload's cut points: the writes of its block
+    // requests in the uncut run.
+    std::vector<unsigned long long> requests_;
 };
 
 // The first line where two summaries differ, as "A", "B".
@@ -127,6 +134,13 @@ unsigned long long Sweep::prepare_base()
                                  whole.failures[0]);
     if (o_.workload.action != Action::Record)
         prepare_states(w, whole);
+    for (const std::string& line : w.lines) {
+        const std::vector<std::string> x = words(line);
+        if (x.size() == 2 && x[0] == "alloc")
+            requests_.push_back(std::stoull(x[1]));
+    }
+    if (o_.workload.allocation_cuts && requests_.empty())
+        throw std::runtime_error("the uncut workload tells no write of a block request");
     return std::stoull(words(w.lines.back()).at(1));
 }
 
@@ -189,6 +203,12 @@ std::vector<std::string> Sweep::state_of(const CheckResult& check) const
 void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncut)
 {
     after_ = state_of(uncut);
+    // A mend of the block table changes no recording: every cut must end
+    // as the uncut repair did.
+    if (o_.workload.action == Action::KeyMerge) {
+        before_ = after_;
+        return;
+    }
     if (o_.workload.action == Action::TrimLive) {
         for (const std::string& line : uncut_run.lines)
             if (line.compare(0, 7, "before ") == 0)
@@ -406,6 +426,13 @@ bool Sweep::cut_point(unsigned long long n)
     const std::string state = o_.workload.action != Action::Record ? check_state(check) : "";
     if (!state.empty())
         failures.push_back(state);
+    if (check.key_repair >= 0 && check.key_repair <= QZFS_KEY_REPAIR_SCAN)
+        t_.key_repairs[check.key_repair]++;
+    // Sector writes are whole or absent: a cut can leave the copies of a
+    // record different, never a record that fails its check.
+    if (o_.workload.allocation_cuts && check.key_repair > QZFS_KEY_REPAIR_BACKUP)
+        failures.push_back("the mount after the cut mends the block table at level " +
+                           std::to_string(check.key_repair) + ", above a new backup");
     if (o_.recut_stride > 0 && t_.points % o_.recut_stride == 0) {
         const std::vector<std::string> more = recut_recovery(check);
         failures.insert(failures.end(), more.begin(), more.end());
@@ -417,6 +444,9 @@ bool Sweep::cut_point(unsigned long long n)
 void Sweep::print_totals(unsigned long long writes, double seconds) const
 {
     const std::string what = o_.workload.name + " " + o_.mode_name;
+    if (o_.workload.allocation_cuts)
+        printf("%s: %zu of the device writes belong to block requests\n", what.c_str(),
+               requests_.size());
     printf("%s: the workload makes %llu device writes; %lu cut points tried (from %llu, "
            "stride %llu), %lu failed\n",
            what.c_str(), writes, t_.points, o_.from, o_.stride, t_.failed_points);
@@ -440,9 +470,15 @@ void Sweep::print_totals(unsigned long long writes, double seconds) const
         printf("%s: %lu cut points ended as before the change, %lu with the first segment "
                "locked and the second not, %lu as after it\n",
                what.c_str(), t_.as_before, t_.between, t_.as_after);
+    else if (o_.workload.action == Action::KeyMerge)
+        printf("%s: %lu cut points ended as the uncut repair\n", what.c_str(), t_.as_after);
     else if (o_.workload.action != Action::Record)
         printf("%s: %lu cut points ended as before the change, %lu as after it\n", what.c_str(),
                t_.as_before, t_.as_after);
+    const unsigned long* k = t_.key_repairs;
+    printf("%s: block table mends at the mounts after the cuts: %lu none, %lu backup, %lu copy, "
+           "%lu merge, %lu scan\n",
+           what.c_str(), k[0], k[1], k[2], k[3], k[4]);
     printf("%s: orphan blocks after a repair: at most %lu\n", what.c_str(), t_.orphans_max);
     printf("%s: %.1f s, %.0f ms a cut point\n", what.c_str(), seconds,
            t_.points > 0 ? seconds * 1000 / double(t_.points) : 0.0);
@@ -455,9 +491,19 @@ int Sweep::run()
     printf("%s %s: %llu device writes in the uncut workload\n", o_.workload.name.c_str(),
            o_.mode_name.c_str(), writes);
     fflush(stdout);
-    for (unsigned long long n = o_.from; n <= o_.to && n <= writes; n += o_.stride)
-        if (!cut_point(n))
-            break;
+    if (requests_.empty()) {
+        for (unsigned long long n = o_.from; n <= o_.to && n <= writes; n += o_.stride)
+            if (!cut_point(n))
+                break;
+    } else {
+        std::vector<unsigned long long> points;
+        for (unsigned long long n : requests_)
+            if (n >= o_.from && n <= o_.to)
+                points.push_back(n);
+        for (size_t i = 0; i < points.size(); i += o_.stride)
+            if (!cut_point(points[i]))
+                break;
+    }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
     print_totals(writes, seconds);

@@ -3,6 +3,7 @@
 #include "disk_consistency.h"
 #include "disk_walk.h"
 #include "qzfilesystem.h"
+#include "qzfs_disk_format.h"
 #include "qzfs_manager.h"
 
 #include <algorithm>
@@ -40,7 +41,119 @@ const Workload kWorkloads[] = {
     {"shorten", 1, 160, 5, Action::Shorten, 2, false, 0, 0, {50, 200}},
     {"lock-range", 1, 160, 5, Action::LockRange, 2, false, 0, 0,
      {40, 110, 1, 1, 0, 1u << (kRangeLockNumber - 1)}},
+    {"alloc", 6, 40, 5, Action::Record, 1, false, 0, 0, {}, true, true},
+    {"key-merge", 2, 20, 5, Action::KeyMerge, 1, false, 0, 0},
 };
+
+// Where the block table lives on the mounted disk: its two key places, the
+// block size and the number of blocks.
+struct KeyPlaces {
+    unsigned long long key = 0, bak = 0, block_size = 0, total = 0;
+};
+
+KeyPlaces key_places()
+{
+    const _qzfs_disk_manage_& m = gQzfsManager.get_file_system(kHdd)->manage();
+    return {m.key_block, m.bak_key_block, m.block_size, m.total_block};
+}
+
+unsigned long long record_offset(unsigned long long key, const KeyPlaces& k, uint32_t block)
+{
+    return key * k.block_size + (block + QZFS_KEY_TABLE_FIRST_SLOT) * sizeof(_qzfs_block_info_);
+}
+
+// Whether a write of `length` bytes at `at` belongs to a block request: it
+// meets the table of a key place or the record at a block's head.
+bool block_request_write(unsigned long long at, unsigned long length, const KeyPlaces& k)
+{
+    const unsigned long long end = at + length;
+    for (unsigned long long key : {k.key, k.bak})
+        if (at < record_offset(key, k, uint32_t(k.total)) && end > record_offset(key, k, 0))
+            return true;
+    for (unsigned long long b = at / k.block_size; b * k.block_size < end; b++)
+        if (at < b * k.block_size + sizeof(_qzfs_block_info_))
+            return true;
+    return false;
+}
+
+// The writes an Observe run saw: number, offset, length.
+struct SeenWrite {
+    unsigned long long number, offset;
+    unsigned long length;
+};
+std::vector<SeenWrite>& seen_writes()
+{
+    static std::vector<SeenWrite>* seen = new std::vector<SeenWrite>();
+    return *seen;
+}
+void note_write(unsigned long long number, unsigned long long offset, unsigned long length)
+{
+    seen_writes().push_back({number, offset, length});
+}
+
+// Damages a table record in the image: its fifth byte inverted, which its
+// check sum then fails.
+bool damage_record(const std::string& image, unsigned long long at)
+{
+    const int fd = open(image.c_str(), O_RDWR);
+    uint8_t byte = 0;
+    bool ok = fd >= 0 && pread(fd, &byte, 1, off_t(at + 4)) == 1;
+    byte ^= 0xFF;
+    ok = ok && pwrite(fd, &byte, 1, off_t(at + 4)) == 1;
+    if (fd >= 0)
+        close(fd);
+    return ok;
+}
+
+// The damage of a KeyMerge workload, on its unmounted image: the record of
+// the first data block in both copies, that of the last data block in the
+// primary alone. The mount must merge: one record from the block's head,
+// one from the backup.
+bool damage_key_table(const std::string& image, const KeyPlaces& k, const LineWriter& out)
+{
+    std::vector<uint32_t> data;
+    const int fd = open(image.c_str(), O_RDONLY);
+    for (uint32_t b = 0; fd >= 0 && b < k.total; b++) {
+        _qzfs_block_info_ r;
+        if (pread(fd, &r, sizeof(r), off_t(record_offset(k.key, k, b))) == ssize_t(sizeof(r)) &&
+            r.block_type == QZFS_BLOCK_DATA)
+            data.push_back(b);
+    }
+    if (fd >= 0)
+        close(fd);
+    if (data.size() < 2 || !damage_record(image, record_offset(k.key, k, data.front())) ||
+        !damage_record(image, record_offset(k.bak, k, data.front())) ||
+        !damage_record(image, record_offset(k.key, k, data.back()))) {
+        out.line("fail the block table cannot be damaged (" + std::to_string(data.size()) +
+                 " data blocks)");
+        return false;
+    }
+    return true;
+}
+
+// The mount that merges the damaged table, and its unmount; the uncut one
+// must report a merge with one record from each witness.
+bool repair_key_table(const std::string& image, const LineWriter& out)
+{
+    std::string path = image;
+    if (api_qzfs_mount(kHdd, &path[0]) != 0) {
+        out.line("fail the repairing mount fails");
+        return false;
+    }
+    const qzfs_key_repair_report r = gQzfsManager.get_file_system(kHdd)->key_repair();
+    if (r.level != QZFS_KEY_REPAIR_MERGE || r.from_other_copy != 1 || r.from_block_head != 1 ||
+        r.marked_bad != 0) {
+        out.line("fail the repair is of level " + std::to_string(r.level) + " with " +
+                 std::to_string(r.from_other_copy) + " records from the other copy, " +
+                 std::to_string(r.from_block_head) + " from block heads, " +
+                 std::to_string(r.marked_bad) + " marked bad; a merge of 1 and 1 was due");
+        return false;
+    }
+    if (api_qzfs_umount(kHdd) == 0)
+        return true;
+    out.line("fail unmount");
+    return false;
+}
 
 // Group 0's thresholds: recording goes on while 50 MiB are free, above
 // which free space counts as spare.
@@ -840,9 +953,12 @@ void prepare_disk(const Workload& workload, const std::string& image, const Line
                         out) ||
                 !close_channels(channels, out))
                 return;
+        const KeyPlaces places = key_places();
         if ((workload.split && !split_sharing_a_block(out)) ||
             (workload.action == Action::Overwrite && !lock_target(workload, out)) ||
             !unmount(out))
+            return;
+        if (workload.action == Action::KeyMerge && !damage_key_table(image, places, out))
             return;
     }
     out.line("done");
@@ -853,10 +969,22 @@ void run_workload(const Workload& workload, const std::string& image,
 {
     api_qzfs_init();
     api_qzfs_set_debug_level(0);
+    if (workload.action == Action::KeyMerge) {
+        power_cut::install(device);
+        if (repair_key_table(image, out))
+            out.line("done " + std::to_string(power_cut::counts().writes));
+        return;
+    }
     const bool recording = workload.action == Action::Record;
-    power_cut::install(recording ? device : power_cut::Settings());
+    power_cut::Settings settings = recording ? device : power_cut::Settings();
+    const bool tell_allocations =
+        workload.allocation_cuts && device.mode == power_cut::Mode::Observe;
+    if (tell_allocations)
+        settings.on_write = note_write;
+    power_cut::install(settings);
     if (!mount_for_recording(image, out))
         return;
+    const KeyPlaces places = key_places();
     std::vector<Channel> channels = make_channels(workload.channels);
     if (recording) {
         if (!open_segments(channels, out) ||
@@ -885,6 +1013,10 @@ void run_workload(const Workload& workload, const std::string& image,
     }
     if (!unmount(out))
         return;
+    if (tell_allocations)
+        for (const SeenWrite& w : seen_writes())
+            if (block_request_write(w.offset, w.length, places))
+                out.line("alloc " + std::to_string(w.number));
     out.line("done " + std::to_string(power_cut::counts().writes));
 }
 

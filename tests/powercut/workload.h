@@ -24,9 +24,11 @@ namespace powercut {
 // with other attributes (Split), split out and deleted (DeleteStretch), or
 // its end moved back to the stretch's start (Shorten), or a lock over the
 // stretch through the API's lock by time, which splits every segment of the
-// channel that it meets (LockRange); the unmount follows.
+// channel that it meets (LockRange); the unmount follows. KeyMerge: the
+// recorded disk has its block table damaged so that the mount must merge
+// the two copies, and the cut falls on that repairing mount and its unmount.
 enum class Action { Record, Delete, Trim, TrimLive, Overwrite, Split, DeleteStretch, Shorten,
-                    LockRange };
+                    LockRange, KeyMerge };
 
 // The stretch a change by time works on, in seconds from its segment's
 // start: [from, to], each on an I-frame (the frames have one a second); `to`
@@ -59,6 +61,11 @@ struct Workload {
     // again, as the API's callers of it do; without, it leaves the disk as
     // a LockRange does between its first segment and its second.
     bool root_summary = true;
+    // A Record workload cut only at the writes of its block requests: those
+    // that land in a key place's table or in a block's head (its own
+    // record). The mount after such a cut must need no more than a new
+    // backup of the table.
+    bool allocation_cuts = false;
 };
 
 // Whether the cut falls on a change by time.
@@ -86,6 +93,11 @@ inline bool changes_by_time(Action action)
 // trim: a minute on one channel, about two blocks trimmed from its front;
 // trim-live: 40 s recorded, the front block and a half trimmed, 10 s more
 // recorded, the segment closed;
+// alloc: six channels taking turns frame by frame, 40 s each, cut only at
+// the writes of its block requests;
+// key-merge: two channels of 20 s; the disk is unmounted, one data block's
+// table record is damaged in both copies and another block's in the
+// primary alone, and the cut falls on the mount that merges them;
 // overwrite: two channels of three 40 s segments each, channel 0's first
 // one locked; one overwrite pass that must run is asked for the oldest
 // unlocked segment and half the next one.
@@ -115,13 +127,17 @@ void format_base_image(const std::string& image, const LineWriter& out);
 
 // In a child: records the disk of a workload that changes a closed segment
 // on `image` without a cut (an Overwrite workload locks its target segment
-// by id) and unmounts it ("done"); nothing for the others.
+// by id; a KeyMerge workload then has its block table damaged) and
+// unmounts it ("done"); nothing for the others.
 void prepare_disk(const Workload& workload, const std::string& image, const LineWriter& out);
 
 // In a child: mounts `image` with the emulated device of `device`, runs the
 // workload and tells each step on `out`. Only the writes from the recording
 // of a Record workload on, or from the delete or trim of the others on, are
-// counted and cut; the mount and a TrimLive workload's first 40 s are not.
+// counted and cut; the mount and a TrimLive workload's first 40 s are not
+// (a KeyMerge workload: its mount and unmount are all that is cut).
+// An allocation_cuts workload, run in Observe mode, tells each write of a
+// block request: "alloc N".
 // A TrimLive workload tells the start of its segment before the trim:
 // "before " and the segment's start_key (disk_walk.h). An Overwrite workload
 // tells each segment's owner stamp before its pass: "stamp ROOT:SLOT N".
