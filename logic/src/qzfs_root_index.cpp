@@ -591,13 +591,17 @@ int CQzFileSystem::Delete_root_index(unsigned long root_index, int)
         return 0;
     uint32_t ssi_num = 0, iframe_num = 0, iframe_head = 0;
     uint32_t *ssi_list = nullptr, *iframe_list = nullptr;
+    // Both chains are read before anything is freed, and the I-frame index
+    // blocks go first: they are found only through the segment index
+    // blocks, so a power cut between the two frees must leave those still
+    // in the table for the next mount to finish the delete.
     if (Get_stream_segment_index_block_list(root_index, &ssi_num, &ssi_list, &iframe_head) == 0) {
-        for (uint32_t i = 0; i < ssi_num; i++)
-            Free_one_block(ssi_list[i], 0);
         if (Read_iframe_index_block_list(iframe_head, &iframe_num, &iframe_list) == 0) {
             for (uint32_t i = 0; i < iframe_num; i++)
                 Free_one_block(iframe_list[i], 0);
         }
+        for (uint32_t i = 0; i < ssi_num; i++)
+            Free_one_block(ssi_list[i], 0);
     }
     QZLOG_ABOVE(0, "delete root index(chn:%d,stream:%d,%d-%d-%d)", int(node.channel),
                 int(node.stream_type), int(node.year) + 2000, int(node.month), int(node.day));
