@@ -713,6 +713,8 @@ private:
                              std::list<unsigned long>& system);
     int repair_bak_key_block(unsigned long first_key);
     int open_device_for_recovery(char* path);
+    int start_key_info_recovery(unsigned long& block_size, unsigned long& first,
+                                unsigned long& total, std::list<unsigned long>& system);
     int merge_key_info_in_place(unsigned long key, std::list<unsigned long>& bad,
                                 unsigned long other, std::list<unsigned long>& other_bad,
                                 std::list<unsigned long>& system,

@@ -297,19 +297,21 @@ int CQzFileSystem::merge_damaged_key_copies(unsigned long& key, std::list<unsign
 
 // ------------------------------------------------------------ fast recovery
 
-int CQzFileSystem::fast_recovery_key_info()
+// What both recoveries start from: a bare device, its geometry, the first
+// key place and the blocks of the partition shell.
+int CQzFileSystem::start_key_info_recovery(unsigned long& block_size, unsigned long& first,
+                                           unsigned long& total, std::list<unsigned long>& system)
 {
     QZLOG("start recovery key info block!");
     if (bare_dev == 0) {
         QZLOG("not bare dev!");
         return -1;
     }
-    unsigned long block_size = 0, first = 0, total = 0, system_block_size = 0;
     if (qzfs_get_block_info(m_pIo_interface, block_size, first) != 0) {
         QZLOG("get key block info failed!");
         return -1;
     }
-    std::list<unsigned long> system, unusable, bad, bak_bad;
+    unsigned long system_block_size = 0;
     if (qzfs_get_system_info(m_dev_path.c_str(), system_block_size, total, system) != 0) {
         QZLOG("get %s system info failed!", m_dev_path.c_str());
         return -1;
@@ -317,6 +319,16 @@ int CQzFileSystem::fast_recovery_key_info()
     QZLOG("block size:%lu, total block:%lu", block_size, total);
     m_manage.block_size = block_size;
     m_manage.total_block = total;
+    return 0;
+}
+
+
+int CQzFileSystem::fast_recovery_key_info()
+{
+    unsigned long block_size = 0, first = 0, total = 0;
+    std::list<unsigned long> system, unusable, bad, bak_bad;
+    if (start_key_info_recovery(block_size, first, total, system) != 0)
+        return -1;
 
     // The first two places with a good header and few enough damaged
     // records are the key block and its backup; the lists are not emptied
@@ -468,24 +480,10 @@ int CQzFileSystem::write_scanned_key_backup(unsigned long key, unsigned long tot
 
 int CQzFileSystem::scan_recovery_key_info()
 {
-    QZLOG("start recovery key info block!");
-    if (bare_dev == 0) {
-        QZLOG("not bare dev!");
-        return -1;
-    }
-    unsigned long block_size = 0, first = 0, total = 0, system_block_size = 0;
-    if (qzfs_get_block_info(m_pIo_interface, block_size, first) != 0) {
-        QZLOG("get key block info failed!");
-        return -1;
-    }
+    unsigned long block_size = 0, first = 0, total = 0;
     std::list<unsigned long> system, unusable;
-    if (qzfs_get_system_info(m_dev_path.c_str(), system_block_size, total, system) != 0) {
-        QZLOG("get %s system info failed!", m_dev_path.c_str());
+    if (start_key_info_recovery(block_size, first, total, system) != 0)
         return -1;
-    }
-    QZLOG("block size:%lu, total block:%lu", block_size, total);
-    m_manage.block_size = block_size;
-    m_manage.total_block = total;
     m_key_repair.level = QZFS_KEY_REPAIR_SCAN;
 
     unsigned long key = first;
