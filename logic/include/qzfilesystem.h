@@ -125,6 +125,18 @@ struct qzfs_key_repair_report {
     unsigned long marked_free = 0;      // records no witness had in a new table: free
 };
 
+// What the last rebuild from the data blocks found and made.
+struct qzfs_rebuild_report {
+    unsigned long data_blocks = 0;    // data blocks looked at
+    unsigned long streams = 0;        // streams (groups of data blocks) found
+    unsigned long small_streams = 0;  // of them small streams, left as they are
+    unsigned long sound = 0;          // streams whose indexes checked out
+    unsigned long rebuilt = 0;        // streams given a new segment and I-frame index
+    unsigned long segments = 0;       // segments written by the rebuild
+    unsigned long entries = 0;        // I-frame index entries written
+    bool root_rebuilt = false;        // the root index was made anew
+};
+
 class CQzFileSystem {
 public:
     CQzFileSystem();
@@ -243,9 +255,24 @@ public:
                                           unsigned long end, unsigned long len,
                                           std::list<unsigned long>& system,
                                           std::list<unsigned long>& unusable);
-    // The index rebuild from the data blocks; not built yet (-1).
+    // ---- rebuild from the data blocks (qzfs_rebuild_from_data.cpp)
     int scan_check_recovery_all_stream_segment_index(_qzfs_k4t_recovery_para_* para,
                                                      unsigned char rebuild_root);
+    int check_recovery_segment_index_block_by_data_block_list(std::list<_block_info_node_>& group);
+    int recovery_iframe_index_block_by_data_block_list(
+        std::list<_block_info_node_>& group, std::list<_stream_segment_index_node_dev_>& segments,
+        unsigned long* iframe_block);
+    // The entries of one segment written at `start_index` of the chain
+    // (which grows as needed): their count, 0 when no I-frame was found
+    // (node id 255), -1 on a failed write.
+    int recovery_one_stream_iframe_index_by_data_block_list(
+        std::list<_block_info_node_>& blocks, int start_index, uint32_t* chain_num,
+        uint32_t** chain, _stream_segment_index_node_dev_& node);
+    int get_one_stream_iframe_info_by_data_block(std::list<_block_info_node_>& blocks,
+                                                 std::list<_iframe_index_node_dev_>& entries,
+                                                 _iframe_index_node_dev_& first,
+                                                 _iframe_index_node_dev_& last);
+    const qzfs_rebuild_report& rebuild_report() const { return m_rebuild; }
 
     // ---- mount repair steps (qzfs_recovery.cpp, the root index check in
     // qzfs_root_index_check.cpp)
@@ -779,6 +806,7 @@ private:
     int m_state;
     _qzfs_disk_manage_ m_manage;
     qzfs_key_repair_report m_key_repair;
+    qzfs_rebuild_report m_rebuild;
     unsigned char m_hdd_id;
     std::string m_dev_path;
     unsigned char bare_dev;

@@ -545,13 +545,5 @@ int CQzFileSystem::disk_recovery(char* path, _qzfs_k4t_recovery_para_* para)
         QZLOG("scan check recovery all data blcok failed");
         return -1;
     }
-    return 0;
-}
-
-// Not built yet: the streams cannot be rebuilt from their data blocks, so
-// a full recovery ends after its key info levels with a failure.
-int CQzFileSystem::scan_check_recovery_all_stream_segment_index(_qzfs_k4t_recovery_para_*,
-                                                                unsigned char)
-{
-    return -1;
+    return sync_disk();
 }
