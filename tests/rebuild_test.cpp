@@ -203,3 +203,29 @@ TEST_F(Rebuild, LostIndexesComeBackFromTheData)
 }
 
 }  // namespace
+
+namespace {
+
+// The host tool's rebuild says what it found and made, and finds nothing
+// to make a second time.
+TEST_F(Rebuild, ToolSaysWhatItRebuilt)
+{
+    for (unsigned long b : blocks_of_type(QZFS_BLOCK_IFRAME_INDEX, 1, 21))
+        wipe(b);
+    const std::string tool = std::string(QZFS_TOOL_PATH) + " rebuild ";
+    CommandResult first = run_command(tool + image_);
+    EXPECT_EQ(0, first.status) << first.output;
+    for (const char* line : {"nothing to repair", "data blocks: ", " in 3 streams",
+                             "rebuilt: 1 stream, with 1 segment and ", "root index made anew"})
+        EXPECT_NE(std::string::npos, first.output.find(line)) << line << " in:\n" << first.output;
+    CommandResult second = run_command(tool + image_);
+    EXPECT_EQ(0, second.status);
+    EXPECT_NE(std::string::npos, second.output.find("indexes that stood: 3 streams; rebuilt: 0 streams"))
+        << second.output;
+    EXPECT_NE(std::string::npos, second.output.find("root index left as it was"));
+    CommandResult missing = run_command(tool + scratch_.path("missing.img"));
+    EXPECT_EQ(1, missing.status);
+    EXPECT_NE(std::string::npos, missing.output.find("no such image"));
+}
+
+}  // namespace

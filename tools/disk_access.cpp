@@ -470,34 +470,65 @@ bool disk_key_repair(unsigned char hdd, DiskKeyRepair& out)
     }) == 0;
 }
 
-KeyRecovery disk_recover_key_info(unsigned char hdd, const std::string& path, bool allow_scan,
-                                  DiskKeyRepair& out)
+// Registers disk `hdd` for a run of `step` on the unmounted image at
+// `path`, as the library's own recovery call does: the registry held shared
+// (an unmount waits for it) and the disk lock held; then takes the object
+// down, and what the node caches hold of the disk with it.
+template <typename Step>
+static bool on_unmounted_disk(unsigned char hdd, const std::string& path, Step step)
 {
-    out = DiskKeyRepair();
     CQzFileSystem* fs = gQzfsManager.register_qzfilesystem(hdd);
     if (fs == nullptr)
-        return KeyRecovery::Failed;
+        return false;
     fs->Set_hdd_id(hdd);
     std::string dev = path;
-    KeyRecovery result;
     {
-        // As the library's own recovery call: the registry held shared (an
-        // unmount waits for it) and the disk lock held.
         DiskRegistryReadGuard registry;
         DiskLockGuard disk(*fs);
-        if (fs->recover_key_info(&dev[0], allow_scan ? 1 : 0) == 0)
-            result = KeyRecovery::Done;
-        else
-            result = !allow_scan && no_key_block_found(*fs) ? KeyRecovery::NoKeyBlock
-                                                             : KeyRecovery::Failed;
-        out = key_repair_of(*fs);
+        step(*fs, &dev[0]);
     }
-    // The object goes, and what the node caches hold of the disk with it.
     DiskRegistryWriteGuard registry;
     gQzfsManager.unregiseter_qzfilesystem(hdd);
     if (pgSystemResourceManager != nullptr)
         pgSystemResourceManager->Free_resource(hdd);
+    return true;
+}
+
+KeyRecovery disk_recover_key_info(unsigned char hdd, const std::string& path, bool allow_scan,
+                                  DiskKeyRepair& out)
+{
+    out = DiskKeyRepair();
+    KeyRecovery result = KeyRecovery::Failed;
+    on_unmounted_disk(hdd, path, [&](CQzFileSystem& fs, char* dev) {
+        if (fs.recover_key_info(dev, allow_scan ? 1 : 0) == 0)
+            result = KeyRecovery::Done;
+        else if (!allow_scan && no_key_block_found(fs))
+            result = KeyRecovery::NoKeyBlock;
+        out = key_repair_of(fs);
+    });
     return result;
+}
+
+bool disk_rebuild(unsigned char hdd, const std::string& path, DiskKeyRepair& key,
+                  DiskRebuild& out)
+{
+    key = DiskKeyRepair();
+    out = DiskRebuild();
+    bool done = false;
+    on_unmounted_disk(hdd, path, [&](CQzFileSystem& fs, char* dev) {
+        done = fs.disk_recovery(dev, nullptr) == 0;
+        key = key_repair_of(fs);
+        const qzfs_rebuild_report& r = fs.rebuild_report();
+        out.data_blocks = r.data_blocks;
+        out.streams = r.streams;
+        out.small_streams = r.small_streams;
+        out.sound = r.sound;
+        out.rebuilt = r.rebuilt;
+        out.segments = r.segments;
+        out.entries = r.entries;
+        out.root_rebuilt = r.root_rebuilt;
+    });
+    return done;
 }
 
 bool disk_free_bytes(unsigned char hdd, unsigned long long& bytes)

@@ -6,8 +6,9 @@
 // one by one, the I-frame index of a root entry, the key info block and the
 // block table. This is the one place where the tool does that; the records
 // below carry what it prints, so the rest of the tool needs nothing but the
-// public header. Every function but disk_recover_key_info takes the id of a
-// mounted disk and holds that disk's lock while it reads or writes.
+// public header. Every function but disk_recover_key_info and disk_rebuild
+// takes the id of a mounted disk and holds that disk's lock while it reads
+// or writes.
 #ifndef QZFS_TOOL_DISK_ACCESS_H
 #define QZFS_TOOL_DISK_ACCESS_H
 
@@ -153,6 +154,23 @@ enum class KeyRecovery {
 // that finds no key block without the scan writes nothing.
 KeyRecovery disk_recover_key_info(unsigned char hdd, const std::string& path, bool allow_scan,
                                   DiskKeyRepair& out);
+
+// What a rebuild of lost indexes from the data blocks found and made.
+struct DiskRebuild {
+    unsigned long data_blocks = 0;    // data blocks looked at
+    unsigned long streams = 0;        // streams they make up
+    unsigned long small_streams = 0;  // of them small streams, left as they are
+    unsigned long sound = 0;          // streams whose indexes checked out
+    unsigned long rebuilt = 0;        // streams given a new segment and I-frame index
+    unsigned long segments = 0;       // segments the rebuild wrote
+    unsigned long entries = 0;        // I-frame index entries it wrote
+    bool root_rebuilt = false;        // the root index was made anew
+};
+// The application's recovery of the unmounted image at `path` as disk `hdd`:
+// the key info repair (no scan), then the rebuild. False when it failed;
+// `key` and `out` say how far it came.
+bool disk_rebuild(unsigned char hdd, const std::string& path, DiskKeyRepair& key,
+                  DiskRebuild& out);
 
 // Key block places, owner stamp, label and version of the disk.
 bool disk_key_info(unsigned char hdd, DiskKeyInfo& out);

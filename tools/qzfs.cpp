@@ -132,6 +132,12 @@ const char* USAGE =
     "      with no key info block left it fails and writes nothing, unless\n"
     "      --scan makes a new table (and its backup) from the blocks' own\n"
     "      records\n"
+    "  rebuild IMAGE\n"
+    "      the application's recovery of an unmounted image: the key info repair,\n"
+    "      then every stream whose segment or I-frame index does not check out\n"
+    "      gets both anew from the frames of its data blocks (its segments then\n"
+    "      end at their last I-frame, and lock reasons and alarm bits read 255),\n"
+    "      and the root index is made anew; says what it found and made\n"
     "  rebuild-shell IMAGE\n"
     "      lay the MBR and FAT32 shell anew; recordings are left alone\n"
     "\n"
@@ -1152,6 +1158,8 @@ int main(int argc, char** argv)
         rc = verb_test(args);
     else if (verb == "recover")
         rc = verb_recover(args);
+    else if (verb == "rebuild")
+        rc = verb_rebuild(args);
     else if (verb == "rebuild-shell")
         rc = verb_rebuild_shell(args);
     else if (verb == "help")

@@ -60,17 +60,48 @@ std::string key_repair_text(const DiskKeyRepair& r)
     return "";
 }
 
+namespace {
+
+// The one IMAGE of recover and rebuild, which must exist; empty (with the
+// message printed) when it does not.
+std::string one_existing_image(const Args& args, const char* verb, int& rc)
+{
+    rc = 0;
+    if (args.positional.size() != 1) {
+        rc = fail("%s takes one IMAGE", std::string(verb));
+        return "";
+    }
+    struct stat st;
+    if (stat(args.positional[0].c_str(), &st) != 0) {
+        rc = fail("no such image: %s", args.positional[0]);
+        return "";
+    }
+    return args.positional[0];
+}
+
+void print_key_repair(const std::string& path, const DiskKeyRepair& repair)
+{
+    printf("key info of %s: table loaded from %s\n", path.c_str(), key_loaded_text(repair).c_str());
+    const std::string text = key_repair_text(repair);
+    printf("%s\n", text.empty() ? "nothing to repair" : text.c_str());
+}
+
+std::string count_of(unsigned long n, const char* one, const char* many)
+{
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+} // namespace
+
 int verb_recover(const Args& args)
 {
     std::string error;
     if (!only_options(args, {"--scan"}, error))
         return fail("%s", error);
-    if (args.positional.size() != 1)
-        return fail("recover takes one IMAGE");
-    const std::string& path = args.positional[0];
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0)
-        return fail("no such image: %s", path);
+    int rc = 0;
+    const std::string path = one_existing_image(args, "recover", rc);
+    if (path.empty())
+        return rc;
     const bool scan = args.option("--scan") != nullptr;
     DiskKeyRepair repair;
     switch (disk_recover_key_info(TOOL_HDD_ID, path, scan, repair)) {
@@ -86,9 +117,37 @@ int verb_recover(const Args& args)
                     "write failed)",
                     path);
     }
-    printf("key info of %s: table loaded from %s\n", path.c_str(), key_loaded_text(repair).c_str());
-    const std::string text = key_repair_text(repair);
-    printf("%s\n", text.empty() ? "nothing to repair" : text.c_str());
+    print_key_repair(path, repair);
+    return 0;
+}
+
+int verb_rebuild(const Args& args)
+{
+    std::string error;
+    if (!only_options(args, {}, error))
+        return fail("%s", error);
+    int rc = 0;
+    const std::string path = one_existing_image(args, "rebuild", rc);
+    if (path.empty())
+        return rc;
+    DiskKeyRepair key;
+    DiskRebuild rebuild;
+    if (!disk_rebuild(TOOL_HDD_ID, path, key, rebuild))
+        return fail("rebuild of %s failed: its key info does not load (try qzfs recover), or "
+                    "its data blocks could not be listed",
+                    path);
+    print_key_repair(path, key);
+    printf("data blocks: %s in %s", count_of(rebuild.data_blocks, "block", "blocks").c_str(),
+           count_of(rebuild.streams, "stream", "streams").c_str());
+    if (rebuild.small_streams != 0)
+        printf(" (%s left as they are)",
+               count_of(rebuild.small_streams, "small stream", "small streams").c_str());
+    printf("\nindexes that stood: %s; rebuilt: %s, with %s and %s\n",
+           count_of(rebuild.sound, "stream", "streams").c_str(),
+           count_of(rebuild.rebuilt, "stream", "streams").c_str(),
+           count_of(rebuild.segments, "segment", "segments").c_str(),
+           count_of(rebuild.entries, "I-frame index entry", "I-frame index entries").c_str());
+    printf("%s\n", rebuild.root_rebuilt ? "root index made anew" : "root index left as it was");
     return 0;
 }
 
