@@ -273,6 +273,8 @@ public:
                                                  _iframe_index_node_dev_& first,
                                                  _iframe_index_node_dev_& last);
     const qzfs_rebuild_report& rebuild_report() const { return m_rebuild; }
+    int free_destroy_stream_by_data_block_list(std::list<_block_info_node_>& group);
+    int recovery_delete_stream_segment_index_block();
 
     // ---- mount repair steps (qzfs_recovery.cpp, the root index check in
     // qzfs_root_index_check.cpp)
@@ -740,6 +742,8 @@ private:
                              std::list<unsigned long>& system);
     int repair_bak_key_block(unsigned long first_key);
     int open_device_for_recovery(char* path);
+    int find_group_index_block(std::list<_block_info_node_>& group, unsigned long& found,
+                               bool& sound);
     int start_key_info_recovery(unsigned long& block_size, unsigned long& first,
                                 unsigned long& total, std::list<unsigned long>& system);
     int merge_key_info_in_place(unsigned long key, std::list<unsigned long>& bad,

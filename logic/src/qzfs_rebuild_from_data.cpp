@@ -373,11 +373,15 @@ int CQzFileSystem::recovery_iframe_index_block_by_data_block_list(
     return -1;
 }
 
-int CQzFileSystem::check_recovery_segment_index_block_by_data_block_list(
-    std::list<_block_info_node_>& group)
+// The first steps of the check of a group: sorts it into recording order,
+// finds the segment index block of its stream and day that leads to its
+// I-frame index, and says whether both check out. 0, or -1 when the index
+// blocks cannot be listed.
+int CQzFileSystem::find_group_index_block(std::list<_block_info_node_>& group,
+                                          unsigned long& found, bool& sound)
 {
-    if (group.empty())
-        return 0;
+    found = 0;
+    sound = false;
     group.sort([](const _block_info_node_& a, const _block_info_node_& b) {
         return a.info.block_index < b.info.block_index;
     });
@@ -390,8 +394,6 @@ int CQzFileSystem::check_recovery_segment_index_block_by_data_block_list(
     }
     QZLOG("data:%d-%d-%d chn:%d,stream:%d", model.year, model.month, model.day, model.attr[0],
           model.attr[1]);
-
-    unsigned long found = 0;
     for (const _block_info_node_& b : index_blocks) {
         _stream_segment_block_header_dev_ header;
         if (!same_stream_day(b.info, model) ||
@@ -403,12 +405,25 @@ int CQzFileSystem::check_recovery_segment_index_block_by_data_block_list(
         QZLOG("find segment index block(%lu)", found);
         break;
     }
-    if (found != 0) {
-        uint32_t iframe_block = 0;
-        if (check_stream_segment_index_block(found, &iframe_block) == 0 &&
-            check_iframe_index_block(iframe_block) == 0)
-            return 0;
-    }
+    uint32_t iframe_block = 0;
+    sound = found != 0 && check_stream_segment_index_block(found, &iframe_block) == 0 &&
+            check_iframe_index_block(iframe_block) == 0;
+    return 0;
+}
+
+int CQzFileSystem::check_recovery_segment_index_block_by_data_block_list(
+    std::list<_block_info_node_>& group)
+{
+    if (group.empty())
+        return 0;
+    unsigned long found = 0;
+    bool sound = false;
+    if (find_group_index_block(group, found, sound) != 0)
+        return -1;
+    if (sound)
+        return 0;
+    const _qzfs_block_info_ model = group.front().info;
+    const uint32_t key = group_key(model);
 
     std::list<_stream_segment_index_node_dev_> segments;
     unsigned long new_iframe_block = 0;
@@ -436,6 +451,70 @@ int CQzFileSystem::check_recovery_segment_index_block_by_data_block_list(
         return 1;
     }
     return 1;
+}
+
+// Frees a stream whose index does not check out, with all its data
+// blocks: 1 when it did, 0 when the index stood (or the group is empty).
+// Nothing calls it at present; it stays for a recovery that would rather
+// drop such a stream than rebuild it.
+int CQzFileSystem::free_destroy_stream_by_data_block_list(std::list<_block_info_node_>& group)
+{
+    if (group.empty())
+        return 0;
+    unsigned long found = 0;
+    bool sound = false;
+    if (find_group_index_block(group, found, sound) != 0)
+        return -1;
+    if (sound)
+        return 0;
+    if (found != 0) {
+        QZLOG("free block:%lu", found);
+        Free_one_block(found, 0);
+    }
+    for (const _block_info_node_& b : group)
+        Free_one_block(b.block, 0);
+    return 1;
+}
+
+// Gives every segment index block back its table record from its own head,
+// and the first block of the I-frame index it leads to likewise. Nothing
+// calls it at present.
+int CQzFileSystem::recovery_delete_stream_segment_index_block()
+{
+    std::list<_block_info_node_> index_blocks;
+    if (get_block_list_by_type(QZFS_BLOCK_SEGMENT_INDEX, index_blocks) != 0) {
+        QZLOG("get stream segment index block list failed!");
+        return -1;
+    }
+    QZLOG("free block list size:%d", int(index_blocks.size()));
+    unsigned long count = 0;
+    for (const _block_info_node_& b : index_blocks) {
+        if (++count % 1000 == 0)
+            QZLOG("cur block count:%lu", count);
+        _qzfs_block_info_ own;
+        if (read_block_info_from_block(b.block, &own) != 0 || !qzfs_block_info_is_sound(&own) ||
+            own.block_type != QZFS_BLOCK_SEGMENT_INDEX)
+            continue;
+        QZLOG("this is stream segment index block(block num:%lu)(%d-%d-%d %d:%d:%d)",
+              (unsigned long)b.block, own.year, own.month, own.day, own.hour, own.minute,
+              own.second);
+        _stream_segment_block_header_dev_ header;
+        if (Read_stream_segment_index_block_header(b.block, &header) != 0)
+            continue;
+        QZLOG("recovery stream segment index block %lu", (unsigned long)b.block);
+        modify_block_info(m_manage.key_block, m_manage.bak_key_block, b.block, &own,
+                          QZFS_WHERE_KEY_TABLES);
+        _qzfs_block_info_ iframe;
+        const unsigned long iframe_block = header.iframe_index_block;
+        if (iframe_block == 0 || iframe_block >= m_manage.total_block ||
+            read_block_info_from_block(iframe_block, &iframe) != 0 ||
+            !qzfs_block_info_is_sound(&iframe) || iframe.block_type != QZFS_BLOCK_IFRAME_INDEX)
+            continue;
+        QZLOG("iframe index blcok:%lu", iframe_block);
+        modify_block_info(m_manage.key_block, m_manage.bak_key_block, iframe_block, &iframe,
+                          QZFS_WHERE_KEY_TABLES);
+    }
+    return 0;
 }
 
 // ------------------------------------------------------------ the whole disk
