@@ -93,9 +93,20 @@ int read_iframe_chain(CQzFileSystem& fs, uint32_t root, uint32_t& head, uint32_t
     return rc;
 }
 
+// What a writer puts in the record of each data block it opens: the
+// stream's channel, type and day, the segment's attribute bytes, the first
+// block of the root's I-frame index and the segment's first entry (which a
+// rebuild from the data groups blocks by), and the block's ordinal.
+struct synthetic_block_owner {
+    uint32_t iframe_head = 0;
+    uint32_t start_iframe = 0;
+    uint8_t stream_type = 0;
+};
+
 // Takes one data block for the day of `para`, as a writer opening a block
 // would.
-int take_data_block(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para, uint32_t& block)
+int take_data_block(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para,
+                    const synthetic_block_owner& owner, uint32_t ordinal, uint32_t& block)
 {
     _qzfs_block_info_ info = {};
     info.block_type = QZFS_BLOCK_DATA;
@@ -103,6 +114,17 @@ int take_data_block(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para, ui
     info.year = para.year;
     info.month = para.month;
     info.day = para.day;
+    info.hour = para.hour;
+    info.minute = para.minute;
+    info.second = para.second;
+    info.attr[0] = para.channel;
+    info.attr[1] = owner.stream_type;
+    info.attr[2] = para.segment_type;
+    info.attr[3] = para.record_type;
+    info.attr[4] = para.lock;
+    memcpy(info.attr + 6, &owner.iframe_head, 4);
+    memcpy(info.attr + 10, &owner.start_iframe, 4);
+    info.block_index = uint16_t(ordinal);
     unsigned long taken = 0;
     if (fs.Request_free_block(1, &taken, &info, 0) != 0)
         return -1;
@@ -113,7 +135,8 @@ int take_data_block(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para, ui
 // The I-frame entries of `seconds` seconds from the start time of `para`:
 // a block entry for every eighth second's data block, one I-frame a second
 // spread over it. `next_ordinal` counts the data blocks of the root.
-int synthetic_iframes(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para, unsigned seconds,
+int synthetic_iframes(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para,
+                      const synthetic_block_owner& owner, unsigned seconds,
                       unsigned long block_size, uint32_t next_ordinal,
                       std::vector<_iframe_index_node_dev_>& nodes, uint64_t& len)
 {
@@ -123,7 +146,7 @@ int synthetic_iframes(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para, 
         unsigned at = para.hour * 3600u + para.minute * 60u + para.second + s;
         _iframe_index_node_dev_ n = {};
         if (s % 8 == 0) {
-            if (take_data_block(fs, para, block) != 0)
+            if (take_data_block(fs, para, owner, next_ordinal, block) != 0)
                 return -1;
             uint32_t ordinal = next_ordinal++, shared = 1;
             n.id = IFRAME_INDEX_ID_BLOCK;
@@ -185,8 +208,16 @@ int add_synthetic_segment(CQzFileSystem& fs, uint32_t root, const _qzfs_k4t_crea
     uint64_t len = 0;
     _stream_segment_index_node_dev_ node;
     int rc = fs.Create_stream_segment_index_node(root, &para, next + 1, &index, &node);
+    _root_index_node_dev_ root_node;
     if (rc == 0)
-        rc = synthetic_iframes(fs, para, seconds, block_size, info.block_index_num, nodes, len);
+        rc = fs.Get_root_index_dev_node(root, &root_node);
+    synthetic_block_owner owner;
+    owner.iframe_head = head;
+    owner.start_iframe = next + 1;
+    owner.stream_type = root_node.stream_type;
+    if (rc == 0)
+        rc = synthetic_iframes(fs, para, owner, seconds, block_size, info.block_index_num, nodes,
+                               len);
     const uint8_t date_time[6] = {para.year, para.month, para.day, para.hour, para.minute, para.second};
     for (size_t done = 0; rc == 0 && done < nodes.size();) {
         size_t count = std::min<size_t>(FS_IFI_BUFFER_NUM, nodes.size() - done);
@@ -524,6 +555,7 @@ bool disk_rebuild(unsigned char hdd, const std::string& path, DiskKeyRepair& key
         out.small_streams = r.small_streams;
         out.sound = r.sound;
         out.rebuilt = r.rebuilt;
+        out.given_up = r.given_up;
         out.segments = r.segments;
         out.entries = r.entries;
         out.root_rebuilt = r.root_rebuilt;

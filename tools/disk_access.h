@@ -162,6 +162,7 @@ struct DiskRebuild {
     unsigned long small_streams = 0;  // of them small streams, left as they are
     unsigned long sound = 0;          // streams whose indexes checked out
     unsigned long rebuilt = 0;        // streams given a new segment and I-frame index
+    unsigned long given_up = 0;       // streams with a broken index and no usable I-frame
     unsigned long segments = 0;       // segments the rebuild wrote
     unsigned long entries = 0;        // I-frame index entries it wrote
     bool root_rebuilt = false;        // the root index was made anew

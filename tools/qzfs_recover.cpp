@@ -147,6 +147,9 @@ int verb_rebuild(const Args& args)
            count_of(rebuild.rebuilt, "stream", "streams").c_str(),
            count_of(rebuild.segments, "segment", "segments").c_str(),
            count_of(rebuild.entries, "I-frame index entry", "I-frame index entries").c_str());
+    if (rebuild.given_up != 0)
+        printf("%s with a broken index and no usable I-frame left as they were\n",
+               count_of(rebuild.given_up, "stream", "streams").c_str());
     printf("%s\n", rebuild.root_rebuilt ? "root index made anew" : "root index left as it was");
     return 0;
 }

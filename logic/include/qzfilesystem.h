@@ -132,6 +132,7 @@ struct qzfs_rebuild_report {
     unsigned long small_streams = 0;  // of them small streams, left as they are
     unsigned long sound = 0;          // streams whose indexes checked out
     unsigned long rebuilt = 0;        // streams given a new segment and I-frame index
+    unsigned long given_up = 0;       // streams with a broken index and nothing to rebuild from
     unsigned long segments = 0;       // segments written by the rebuild
     unsigned long entries = 0;        // I-frame index entries written
     bool root_rebuilt = false;        // the root index was made anew

@@ -428,8 +428,10 @@ int CQzFileSystem::check_recovery_segment_index_block_by_data_block_list(
     std::list<_stream_segment_index_node_dev_> segments;
     unsigned long new_iframe_block = 0;
     if (recovery_iframe_index_block_by_data_block_list(group, segments, &new_iframe_block) != 0 ||
-        segments.empty())
+        segments.empty()) {
+        m_rebuild.given_up++;
         return 1;
+    }
     if (found != 0)
         Free_one_block(found, 0);
 
@@ -450,6 +452,7 @@ int CQzFileSystem::check_recovery_segment_index_block_by_data_block_list(
         m_rebuild.rebuilt++;
         return 1;
     }
+    m_rebuild.given_up++;
     return 1;
 }
 
