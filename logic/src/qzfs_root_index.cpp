@@ -600,17 +600,6 @@ int CQzFileSystem::Delete_root_index(unsigned long root_index, int)
             for (uint32_t i = 0; i < iframe_num; i++)
                 Free_one_block(iframe_list[i], 0);
         }
-        // A stream rebuilt from its data keeps its old first I-frame index
-        // block as the reference its data blocks name; it goes with it.
-        _stream_segment_block_header_dev_ header;
-        _qzfs_block_info_ old;
-        if (ssi_num > 0 && Read_stream_segment_index_block_header(ssi_list[0], &header) == 0 &&
-            header.first_iframe_index_block != header.iframe_index_block &&
-            header.first_iframe_index_block < m_manage.total_block &&
-            read_block_info_from_key_block(m_manage.key_block, header.first_iframe_index_block,
-                                           &old) == 0 &&
-            old.block_type == QZFS_BLOCK_IFRAME_INDEX)
-            Free_one_block(header.first_iframe_index_block, 0);
         for (uint32_t i = 0; i < ssi_num; i++)
             Free_one_block(ssi_list[i], 0);
     }
