@@ -18,6 +18,8 @@
 #include "qzfs_log.h"
 
 #include <cstring>
+#include <iterator>
+#include <list>
 #include <vector>
 
 namespace {
@@ -148,6 +150,25 @@ void note_rebuilt_iframe_in(CQzFileSystem& fs, const uint8_t* frame, uint32_t le
     keep(iframe);
 }
 
+// Appends an I-frame entry where the writer has it: an I-frame that begins
+// in the previous block and runs on into the current one was logged before
+// the block entry of the block it runs into, and readers take each I-frame
+// to lie in the block of the block entry in front of it.
+void keep_in_block_order(std::list<_iframe_index_node_dev_>& entries,
+                         const _iframe_index_node_dev_& iframe)
+{
+    auto at = entries.end();
+    while (at != entries.begin()) {
+        auto before = std::prev(at);
+        if (before->id == IFRAME_INDEX_ID_BLOCK && before->block_num != iframe.block_num) {
+            at = before;
+            continue;
+        }
+        break;
+    }
+    entries.insert(at, iframe);
+}
+
 }  // namespace
 
 // ------------------------------------------------------------ frames
@@ -234,7 +255,7 @@ int CQzFileSystem::get_one_stream_iframe_info_by_data_block(
                                         [&](_iframe_index_node_dev_& iframe) {
                                             place.at(at, iframe.block_num, iframe.block_offset);
                                             iframe.stream_segment_offset = passed + at;
-                                            entries.push_back(iframe);
+                                            keep_in_block_order(entries, iframe);
                                             last = iframe;
                                             if (!have_first) {
                                                 first = iframe;
