@@ -169,6 +169,19 @@ void keep_in_block_order(std::list<_iframe_index_node_dev_>& entries,
     entries.insert(at, iframe);
 }
 
+// Whether segment index block `block` has a sound header and a first node:
+// one that does not is no index of any stream.
+bool lists_a_segment(CQzFileSystem& fs, unsigned long block)
+{
+    _stream_segment_block_header_dev_ header;
+    unsigned char sector[QZFS_SECTOR_SIZE];
+    return fs.Read_stream_segment_index_block_header(block, &header) == 0 &&
+           header.magic == QZFS_STREAM_SEGMENT_MAGIC &&
+           fs.read_in_block(block, QZFS_INDEX_HEAD_SECTORS * QZFS_SECTOR_SIZE, sector,
+                            QZFS_SECTOR_SIZE) == 0 &&
+           sector[0] != END_STREAM_SEGMENT_INDEX;
+}
+
 }  // namespace
 
 // ------------------------------------------------------------ frames
@@ -425,9 +438,12 @@ int CQzFileSystem::check_recovery_segment_index_block_by_data_block_list(
         break;
     }
     if (found != 0) {
+        // A block whose header was written and its nodes not yet (a rebuild
+        // cut in between) reads as an index without a segment: it does not
+        // check out either.
         uint32_t iframe_block = 0;
         if (check_stream_segment_index_block(found, &iframe_block) == 0 &&
-            check_iframe_index_block(iframe_block) == 0)
+            check_iframe_index_block(iframe_block) == 0 && lists_a_segment(*this, found))
             return 0;
     }
 
@@ -505,6 +521,16 @@ int CQzFileSystem::scan_check_recovery_all_stream_segment_index(_qzfs_k4t_recove
 
     if (rebuild_root == 1 && rebuilt > 0) {
         QZLOG("recovery segment num is %d, so recovery root index!", rebuilt);
+        // The new root index has a node for every segment index block: one
+        // that lists no segment (wiped, or left half made by a rebuild that
+        // was cut) would only stand for an empty root, so it is freed.
+        std::list<_block_info_node_> index_blocks;
+        if (get_block_list_by_type(QZFS_BLOCK_SEGMENT_INDEX, index_blocks) == 0)
+            for (const _block_info_node_& b : index_blocks)
+                if (!lists_a_segment(*this, b.block)) {
+                    QZLOG("free segment index block without segments:%lu", (unsigned long)b.block);
+                    Free_one_block(b.block, 0);
+                }
         for (const auto& entry : m_manage.root_index_block_map) {
             QZLOG("free root index block:%lu", entry.second);
             Free_one_block(entry.second, 0);
