@@ -20,6 +20,7 @@
 #include <cstring>
 #include <iterator>
 #include <list>
+#include <set>
 #include <vector>
 
 namespace {
@@ -180,6 +181,51 @@ bool lists_a_segment(CQzFileSystem& fs, unsigned long block)
            fs.read_in_block(block, QZFS_INDEX_HEAD_SECTORS * QZFS_SECTOR_SIZE, sector,
                             QZFS_SECTOR_SIZE) == 0 &&
            sector[0] != END_STREAM_SEGMENT_INDEX;
+}
+
+// Frees the segment index blocks that list no segment; their number.
+unsigned long free_segment_blocks_without_segments(CQzFileSystem& fs)
+{
+    std::list<_block_info_node_> blocks;
+    unsigned long freed = 0;
+    if (fs.get_block_list_by_type(QZFS_BLOCK_SEGMENT_INDEX, blocks) != 0)
+        return 0;
+    for (const _block_info_node_& b : blocks)
+        if (!lists_a_segment(fs, b.block)) {
+            QZLOG("free segment index block without segments:%lu", (unsigned long)b.block);
+            fs.Free_one_block(b.block, 0);
+            freed++;
+        }
+    return freed;
+}
+
+// Frees the I-frame index blocks of the big streams that no segment index
+// block leads to: the index of a stream given a new one, and blocks that a
+// rebuild cut before its segment index was written had asked for. Nothing
+// is freed when a chain cannot be read.
+void free_unreached_iframe_blocks(CQzFileSystem& fs)
+{
+    std::list<_block_info_node_> segment_blocks, iframe_blocks;
+    if (fs.get_block_list_by_type(QZFS_BLOCK_SEGMENT_INDEX, segment_blocks) != 0 ||
+        fs.get_block_list_by_type(QZFS_BLOCK_IFRAME_INDEX, iframe_blocks) != 0)
+        return;
+    std::set<uint32_t> reached;
+    for (const _block_info_node_& b : segment_blocks) {
+        _stream_segment_block_header_dev_ header;
+        uint32_t num = 0;
+        uint32_t* chain = nullptr;
+        if (fs.Read_stream_segment_index_block_header(b.block, &header) != 0 ||
+            header.magic != QZFS_STREAM_SEGMENT_MAGIC ||
+            fs.Read_iframe_index_block_list(header.iframe_index_block, &num, &chain) != 0)
+            return;
+        reached.insert(chain, chain + num);
+        delete[] chain;
+    }
+    for (const _block_info_node_& b : iframe_blocks)
+        if (b.info.attr[1] <= 2 && reached.count(uint32_t(b.block)) == 0) {
+            QZLOG("free iframe index block no segment index leads to:%lu", (unsigned long)b.block);
+            fs.Free_one_block(b.block, 0);
+        }
 }
 
 }  // namespace
@@ -519,26 +565,25 @@ int CQzFileSystem::scan_check_recovery_all_stream_segment_index(_qzfs_k4t_recove
             m_rebuild.sound++;
     }
 
-    if (rebuild_root == 1 && rebuilt > 0) {
-        QZLOG("recovery segment num is %d, so recovery root index!", rebuilt);
-        // The new root index has a node for every segment index block: one
-        // that lists no segment (wiped, or left half made by a rebuild that
-        // was cut) would only stand for an empty root, so it is freed.
-        std::list<_block_info_node_> index_blocks;
-        if (get_block_list_by_type(QZFS_BLOCK_SEGMENT_INDEX, index_blocks) == 0)
-            for (const _block_info_node_& b : index_blocks)
-                if (!lists_a_segment(*this, b.block)) {
-                    QZLOG("free segment index block without segments:%lu", (unsigned long)b.block);
-                    Free_one_block(b.block, 0);
-                }
-        for (const auto& entry : m_manage.root_index_block_map) {
-            QZLOG("free root index block:%lu", entry.second);
-            Free_one_block(entry.second, 0);
+    // The new root index has a node for every segment index block: one
+    // that lists no segment (wiped, or left half made by a rebuild that was
+    // cut) would only stand for an empty root, so it is freed first. The
+    // clean-up runs on every recovery, so that one cut in it is finished by
+    // the next.
+    if (rebuild_root == 1) {
+        const unsigned long emptied = free_segment_blocks_without_segments(*this);
+        free_unreached_iframe_blocks(*this);
+        if (rebuilt > 0 || emptied > 0) {
+            QZLOG("recovery segment num is %d, so recovery root index!", rebuilt);
+            for (const auto& entry : m_manage.root_index_block_map) {
+                QZLOG("free root index block:%lu", entry.second);
+                Free_one_block(entry.second, 0);
+            }
+            m_manage.root_index_block_map.clear();
+            m_rebuild.root_rebuilt = true;
+            if (recovery_root_index() != 0)
+                QZLOG("recovery root index failed!");
         }
-        m_manage.root_index_block_map.clear();
-        m_rebuild.root_rebuilt = true;
-        if (recovery_root_index() != 0)
-            QZLOG("recovery root index failed!");
     }
     return 0;
 }
