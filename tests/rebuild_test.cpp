@@ -206,6 +206,28 @@ TEST_F(Rebuild, LostIndexesComeBackFromTheData)
 
 namespace {
 
+// A rebuilt stream's old I-frame index goes at the rebuild (its data blocks
+// still name its first block, as the new segment index does); deleting the
+// stream afterwards leaves no index block of it behind.
+TEST_F(Rebuild, DeletingARebuiltStreamLeavesNoIndexBlock)
+{
+    const std::vector<unsigned long> old = blocks_of_type(QZFS_BLOCK_IFRAME_INDEX, 1, 21);
+    for (unsigned long b : old)
+        wipe(b);
+    ASSERT_EQ(0, recover());
+    mount();
+    choose_work_disk();
+    _qzfs_k4t_delete_para_ day = {1, 1u << 1, ~0ULL, 26, 11, 21, 26, 11, 21};
+    api_qzfs_delete_stream_segment_by_para(&day);
+    EXPECT_EQ(std::vector<std::string>(), disk_check_failures(fs_, image_));
+    ASSERT_EQ(0, api_qzfs_delete_disk_from_group(0, 0));
+    umount();
+    EXPECT_EQ(std::vector<unsigned long>(), blocks_of_type(QZFS_BLOCK_IFRAME_INDEX, 1, 21));
+    // The rebuilt segment ended at its last I-frame: a block holding only
+    // frames behind it is left to the overwrite pass as an orphan.
+    EXPECT_LE(blocks_of_type(QZFS_BLOCK_DATA, 1, 21).size(), 1u);
+}
+
 // The host tool's rebuild says what it found and made, and finds nothing
 // to make a second time.
 TEST_F(Rebuild, ToolSaysWhatItRebuilt)

@@ -18,6 +18,9 @@
 #include "qzfs_log.h"
 
 #include <cstring>
+#include <iterator>
+#include <list>
+#include <set>
 #include <vector>
 
 namespace {
@@ -148,6 +151,83 @@ void note_rebuilt_iframe_in(CQzFileSystem& fs, const uint8_t* frame, uint32_t le
     keep(iframe);
 }
 
+// Appends an I-frame entry where the writer has it: an I-frame that begins
+// in the previous block and runs on into the current one was logged before
+// the block entry of the block it runs into, and readers take each I-frame
+// to lie in the block of the block entry in front of it.
+void keep_in_block_order(std::list<_iframe_index_node_dev_>& entries,
+                         const _iframe_index_node_dev_& iframe)
+{
+    auto at = entries.end();
+    while (at != entries.begin()) {
+        auto before = std::prev(at);
+        if (before->id == IFRAME_INDEX_ID_BLOCK && before->block_num != iframe.block_num) {
+            at = before;
+            continue;
+        }
+        break;
+    }
+    entries.insert(at, iframe);
+}
+
+// Whether segment index block `block` has a sound header and a first node:
+// one that does not is no index of any stream.
+bool lists_a_segment(CQzFileSystem& fs, unsigned long block)
+{
+    _stream_segment_block_header_dev_ header;
+    unsigned char sector[QZFS_SECTOR_SIZE];
+    return fs.Read_stream_segment_index_block_header(block, &header) == 0 &&
+           header.magic == QZFS_STREAM_SEGMENT_MAGIC &&
+           fs.read_in_block(block, QZFS_INDEX_HEAD_SECTORS * QZFS_SECTOR_SIZE, sector,
+                            QZFS_SECTOR_SIZE) == 0 &&
+           sector[0] != END_STREAM_SEGMENT_INDEX;
+}
+
+// Frees the segment index blocks that list no segment; their number.
+unsigned long free_segment_blocks_without_segments(CQzFileSystem& fs)
+{
+    std::list<_block_info_node_> blocks;
+    unsigned long freed = 0;
+    if (fs.get_block_list_by_type(QZFS_BLOCK_SEGMENT_INDEX, blocks) != 0)
+        return 0;
+    for (const _block_info_node_& b : blocks)
+        if (!lists_a_segment(fs, b.block)) {
+            QZLOG("free segment index block without segments:%lu", (unsigned long)b.block);
+            fs.Free_one_block(b.block, 0);
+            freed++;
+        }
+    return freed;
+}
+
+// Frees the I-frame index blocks of the big streams that no segment index
+// block leads to: the index of a stream given a new one, and blocks that a
+// rebuild cut before its segment index was written had asked for. Nothing
+// is freed when a chain cannot be read.
+void free_unreached_iframe_blocks(CQzFileSystem& fs)
+{
+    std::list<_block_info_node_> segment_blocks, iframe_blocks;
+    if (fs.get_block_list_by_type(QZFS_BLOCK_SEGMENT_INDEX, segment_blocks) != 0 ||
+        fs.get_block_list_by_type(QZFS_BLOCK_IFRAME_INDEX, iframe_blocks) != 0)
+        return;
+    std::set<uint32_t> reached;
+    for (const _block_info_node_& b : segment_blocks) {
+        _stream_segment_block_header_dev_ header;
+        uint32_t num = 0;
+        uint32_t* chain = nullptr;
+        if (fs.Read_stream_segment_index_block_header(b.block, &header) != 0 ||
+            header.magic != QZFS_STREAM_SEGMENT_MAGIC ||
+            fs.Read_iframe_index_block_list(header.iframe_index_block, &num, &chain) != 0)
+            return;
+        reached.insert(chain, chain + num);
+        delete[] chain;
+    }
+    for (const _block_info_node_& b : iframe_blocks)
+        if (b.info.attr[1] <= 2 && reached.count(uint32_t(b.block)) == 0) {
+            QZLOG("free iframe index block no segment index leads to:%lu", (unsigned long)b.block);
+            fs.Free_one_block(b.block, 0);
+        }
+}
+
 }  // namespace
 
 // ------------------------------------------------------------ frames
@@ -234,7 +314,7 @@ int CQzFileSystem::get_one_stream_iframe_info_by_data_block(
                                         [&](_iframe_index_node_dev_& iframe) {
                                             place.at(at, iframe.block_num, iframe.block_offset);
                                             iframe.stream_segment_offset = passed + at;
-                                            entries.push_back(iframe);
+                                            keep_in_block_order(entries, iframe);
                                             last = iframe;
                                             if (!have_first) {
                                                 first = iframe;
@@ -405,9 +485,12 @@ int CQzFileSystem::find_group_index_block(std::list<_block_info_node_>& group,
         QZLOG("find segment index block(%lu)", found);
         break;
     }
+    // A block whose header was written and its nodes not yet (a rebuild cut
+    // in between) reads as an index without a segment: it does not check
+    // out either.
     uint32_t iframe_block = 0;
     sound = found != 0 && check_stream_segment_index_block(found, &iframe_block) == 0 &&
-            check_iframe_index_block(iframe_block) == 0;
+            check_iframe_index_block(iframe_block) == 0 && lists_a_segment(*this, found);
     return 0;
 }
 
@@ -564,16 +647,25 @@ int CQzFileSystem::scan_check_recovery_all_stream_segment_index(_qzfs_k4t_recove
             m_rebuild.sound++;
     }
 
-    if (rebuild_root == 1 && rebuilt > 0) {
-        QZLOG("recovery segment num is %d, so recovery root index!", rebuilt);
-        for (const auto& entry : m_manage.root_index_block_map) {
-            QZLOG("free root index block:%lu", entry.second);
-            Free_one_block(entry.second, 0);
+    // The new root index has a node for every segment index block: one
+    // that lists no segment (wiped, or left half made by a rebuild that was
+    // cut) would only stand for an empty root, so it is freed first. The
+    // clean-up runs on every recovery, so that one cut in it is finished by
+    // the next.
+    if (rebuild_root == 1) {
+        const unsigned long emptied = free_segment_blocks_without_segments(*this);
+        free_unreached_iframe_blocks(*this);
+        if (rebuilt > 0 || emptied > 0) {
+            QZLOG("recovery segment num is %d, so recovery root index!", rebuilt);
+            for (const auto& entry : m_manage.root_index_block_map) {
+                QZLOG("free root index block:%lu", entry.second);
+                Free_one_block(entry.second, 0);
+            }
+            m_manage.root_index_block_map.clear();
+            m_rebuild.root_rebuilt = true;
+            if (recovery_root_index() != 0)
+                QZLOG("recovery root index failed!");
         }
-        m_manage.root_index_block_map.clear();
-        m_rebuild.root_rebuilt = true;
-        if (recovery_root_index() != 0)
-            QZLOG("recovery root index failed!");
     }
     return 0;
 }

@@ -1,11 +1,11 @@
 // qzfs_powercut: cuts the power at every device write of a recording, a
-// delete, a trim, an overwrite pass, a change by time or a mount that mends
-// the block table (or a stride of them) and checks what the next mount
-// makes of the disk.
+// delete, a trim, an overwrite pass, a change by time, a mount that mends
+// the block table or the recovery that rebuilds lost indexes (or a stride
+// of them) and checks what the next mount makes of the disk.
 //
 //   qzfs_powercut --workload start|one|four|delete-last|delete-one|delete-shared|trim|trim-live
 //                            |overwrite|split-two|split-three|lock-range|delete-middle
-//                            |shorten|alloc|key-merge
+//                            |shorten|alloc|key-merge|rebuild
 //                 [--mode drop|torn|reorder]
 //                 [--from N] [--to N] [--stride S] [--recut-stride R]
 //                 [--seed X] [--dir DIR] [--verbose]
@@ -24,7 +24,10 @@
 // head), found in an uncut run; the mount after must mend no more than the
 // backup of the table. The key-merge workload is cut in the mount that
 // merges its damaged table; the disk after must end as the uncut repair.
-// With
+// The rebuild workload is cut in the recovery of an unmounted disk whose
+// indexes were wiped; after the cut a recovery must succeed, every
+// recording end as after the uncut one, and a recovery after the checks
+// change nothing. With
 // --recut-stride R, every R-th cut point tried also has its repairing mount
 // cut at each of its own writes, and the mount after that must end in the
 // same state as the uncut repair.

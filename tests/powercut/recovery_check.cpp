@@ -341,6 +341,20 @@ bool walk_mounted(DiskWalk& walk, const LineWriter& out)
     return true;
 }
 
+// The application's recovery of the unmounted `image`, under an observing
+// device: the writes that changed the image, or -1 (with a failure) when it
+// does not return 0.
+long long recover(const std::string& image, const char* which, const LineWriter& out)
+{
+    power_cut::install(power_cut::Settings());
+    std::string path = image;
+    const int result = api_qzfs_disk_recovery(kHdd, &path[0], nullptr);
+    if (result == 0)
+        return (long long)power_cut::counts().changed_writes;
+    out.line(std::string("fail the ") + which + " recovery returns " + std::to_string(result));
+    return -1;
+}
+
 } // namespace
 
 void check_recovery(const Workload& workload, const WorkloadProgress& progress,
@@ -348,6 +362,13 @@ void check_recovery(const Workload& workload, const WorkloadProgress& progress,
 {
     api_qzfs_init();
     api_qzfs_set_debug_level(0);
+    const bool rebuild = workload.action == Action::Rebuild;
+    if (rebuild) {
+        const long long changed = recover(image, "uncut", out);
+        if (changed < 0)
+            return;
+        out.line("recovery_changes " + std::to_string(changed));
+    }
     power_cut::install(power_cut::Settings());
     if (!mount(image)) {
         out.line("fail the mount after the cut fails");
@@ -391,6 +412,19 @@ void check_recovery(const Workload& workload, const WorkloadProgress& progress,
     check_listing(walk, out);
     write_summary(walk, gQzfsManager.get_file_system(kHdd)->manage().block_size,
                   consistency.allocated, out);
+    if (!rebuild)
+        return;
+    // The recovered disk, mounted and unmounted, leaves a recovery nothing
+    // to do.
+    api_qzfs_delete_disk_from_group(kHdd, 0);
+    if (api_qzfs_umount(kHdd) != 0) {
+        out.line("fail the unmount before the last recovery");
+        return;
+    }
+    const long long changed = recover(image, "last", out);
+    if (changed > 0)
+        out.line("fail the last recovery changes the image (" + std::to_string(changed) +
+                 " writes)");
 }
 
 void mount_and_unmount(const std::string& image, const power_cut::Settings& device,
@@ -439,6 +473,8 @@ CheckResult read_check(const ChildResult& child)
             result.frames_beyond_sync += last;
         else if (w[0] == "lost")
             result.frames_lost += last;
+        else if (w[0] == "recovery_changes")
+            result.recovery_changes = last;
         else if (w[0] == "recovery_writes")
             result.recovery_writes = last;
         else if (w[0] == "orphans")

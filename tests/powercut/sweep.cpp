@@ -30,6 +30,9 @@ struct Totals {
     // and not yet deleted; the lock of a range: its first segment split and
     // locked, its second not yet
     unsigned long between = 0;
+    // rebuild: cut points after which the uncut recovery changed the image
+    // again (rebuilt or mended what the cut recovery left)
+    unsigned long recovered_again = 0;
     // The levels of the table mends at the mounts after the cuts (index:
     // qzfs_key_repair_level).
     unsigned long key_repairs[QZFS_KEY_REPAIR_SCAN + 1] = {};
@@ -183,11 +186,51 @@ SummaryParts summary_parts(const std::vector<std::string>& summary)
     return parts;
 }
 
+// The recordings of a summary, one line each, whatever root or slot holds
+// them: the channel, the segment node's times, length, type, lock and first
+// I-frame, its stream, I-frame entries and data blocks; sorted, and the
+// allocated block count last. A rebuild makes its roots anew from the
+// segment index blocks, in the order the block table lists them, so a cut
+// may change where a recording's root stands but not the recording.
+std::vector<std::string> recordings(const std::vector<std::string>& summary)
+{
+    std::map<std::string, std::string> channel_of;  // root position: channel
+    std::map<std::string, std::string> of_segment;  // ROOT:SLOT: what the segment has
+    std::string allocated;
+    for (const std::string& line : summary) {
+        const std::vector<std::string> w = words(line);
+        if (w.size() > 5 && w[0] == "root") {
+            channel_of[w[1]] = w[5];
+        } else if (w.size() > 4 && w[0] == "segment") {
+            // "segment ROOT:SLOT id N TIMES len ...": the node without its place and id
+            std::string& r = of_segment[w[1]];
+            r = "chn " + channel_of[w[1].substr(0, w[1].find(':'))] + r;
+            for (size_t i = 4; i < w.size(); i++)
+                r += " " + w[i];
+        } else if (w.size() > 2 && (w[0] == "stream" || w[0] == "iframes" || w[0] == "blocks")) {
+            std::string& r = of_segment[w[1]];
+            r += " " + w[0];
+            for (size_t i = 2; i < w.size(); i++)
+                r += " " + w[i];
+        } else if (w.size() == 3 && w[0] == "allocated") {
+            allocated = line;
+        }
+    }
+    std::vector<std::string> out;
+    for (const auto& s : of_segment)
+        out.push_back(s.second);
+    std::sort(out.begin(), out.end());
+    out.push_back(allocated);
+    return out;
+}
+
 // What a delete workload compares: the whole summary of the repaired disk,
 // or, for a live trim, whose segment's end depends on the cut, the start of
 // each segment.
 std::vector<std::string> Sweep::state_of(const CheckResult& check) const
 {
+    if (o_.workload.action == Action::Rebuild)
+        return recordings(check.summary);
     if (o_.workload.action != Action::TrimLive)
         return check.summary;
     std::vector<std::string> starts;
@@ -207,6 +250,20 @@ void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncu
     // as the uncut repair did.
     if (o_.workload.action == Action::KeyMerge) {
         before_ = after_;
+        return;
+    }
+    // Nor does the rebuild of an index lose a recording; a recovery after
+    // the uncut one has nothing left to do.
+    if (o_.workload.action == Action::Rebuild) {
+        before_ = after_;
+        const size_t segments = size_t(std::count_if(
+            uncut.summary.begin(), uncut.summary.end(),
+            [](const std::string& line) { return line.compare(0, 8, "segment ") == 0; }));
+        if (segments != o_.workload.channels * o_.workload.segments + 1)
+            throw std::runtime_error("the uncut recovery leaves " + std::to_string(segments) +
+                                     " segments");
+        if (uncut.recovery_changes != 0)
+            throw std::runtime_error("a recovery after the uncut one changes the image");
         return;
     }
     if (o_.workload.action == Action::TrimLive) {
@@ -428,6 +485,7 @@ bool Sweep::cut_point(unsigned long long n)
         failures.push_back(state);
     if (check.key_repair >= 0 && check.key_repair <= QZFS_KEY_REPAIR_SCAN)
         t_.key_repairs[check.key_repair]++;
+    t_.recovered_again += check.recovery_changes > 0;
     // Sector writes are whole or absent: a cut can leave the copies of a
     // record different, never a record that fails its check.
     if (o_.workload.allocation_cuts && check.key_repair > QZFS_KEY_REPAIR_BACKUP)
@@ -472,6 +530,10 @@ void Sweep::print_totals(unsigned long long writes, double seconds) const
                what.c_str(), t_.as_before, t_.between, t_.as_after);
     else if (o_.workload.action == Action::KeyMerge)
         printf("%s: %lu cut points ended as the uncut repair\n", what.c_str(), t_.as_after);
+    else if (o_.workload.action == Action::Rebuild)
+        printf("%s: %lu cut points ended as the uncut recovery; at %lu the recovery after the "
+               "cut changed the image again, at %lu it found nothing to do\n",
+               what.c_str(), t_.as_after, t_.recovered_again, t_.points - t_.recovered_again);
     else if (o_.workload.action != Action::Record)
         printf("%s: %lu cut points ended as before the change, %lu as after it\n", what.c_str(),
                t_.as_before, t_.as_after);
@@ -524,3 +586,4 @@ int run_sweep(const SweepOptions& options)
 }
 
 } // namespace powercut
+

@@ -24,6 +24,8 @@ const unsigned long long kImageSize = 3ULL << 30;
 const unsigned kSecondsAfterLiveTrim = 10;
 // The lock a LockRange workload puts on its stretch: lock type bit 2.
 const unsigned char kRangeLockNumber = 3;
+// Seconds of the second segment a Rebuild workload records on channel 0.
+const unsigned kRebuildSecondSegment = 10;
 
 const Workload kWorkloads[] = {
     {"start", 1, 3, 1},
@@ -43,6 +45,7 @@ const Workload kWorkloads[] = {
      {40, 110, 1, 1, 0, 1u << (kRangeLockNumber - 1)}},
     {"alloc", 6, 40, 5, Action::Record, 1, false, 0, 0, {}, true, true},
     {"key-merge", 2, 20, 5, Action::KeyMerge, 1, false, 0, 0},
+    {"rebuild", 2, 20 + kRebuildSecondSegment, 5, Action::Rebuild, 1, false, 0, 0},
 };
 
 // Where the block table lives on the mounted disk: its two key places, the
@@ -126,6 +129,58 @@ bool damage_key_table(const std::string& image, const KeyPlaces& k, const LineWr
         !damage_record(image, record_offset(k.key, k, data.back()))) {
         out.line("fail the block table cannot be damaged (" + std::to_string(data.size()) +
                  " data blocks)");
+        return false;
+    }
+    return true;
+}
+
+// The damage of a Rebuild workload, on its unmounted image: the index part
+// of every I-frame index block of channel 0's root and of every segment
+// index block of channel 1's, zeroed behind the block's own 32-byte record
+// (which keeps the block allocated and typed in the table).
+bool wipe_indexes(const std::string& image, const KeyPlaces& k, const LineWriter& out)
+{
+    const int fd = open(image.c_str(), O_RDWR);
+    const std::vector<uint8_t> zeros(k.block_size - 32, 0);
+    unsigned iframe = 0, segment = 0;
+    bool ok = fd >= 0;
+    for (uint32_t b = 0; ok && b < k.total; b++) {
+        _qzfs_block_info_ r = {};
+        if (pread(fd, &r, sizeof(r), off_t(record_offset(k.key, k, b))) != ssize_t(sizeof(r)))
+            ok = false;
+        const bool wipe = (r.block_type == QZFS_BLOCK_IFRAME_INDEX && r.attr[0] == 0) ||
+                          (r.block_type == QZFS_BLOCK_SEGMENT_INDEX && r.attr[0] == 1);
+        if (!ok || !wipe)
+            continue;
+        iframe += r.block_type == QZFS_BLOCK_IFRAME_INDEX;
+        segment += r.block_type == QZFS_BLOCK_SEGMENT_INDEX;
+        ok = pwrite(fd, zeros.data(), zeros.size(), off_t(b * k.block_size + 32)) ==
+             ssize_t(zeros.size());
+    }
+    if (fd >= 0)
+        close(fd);
+    if (!ok || iframe == 0 || segment == 0) {
+        out.line("fail the indexes cannot be wiped (" + std::to_string(iframe) +
+                 " I-frame index blocks of channel 0, " + std::to_string(segment) +
+                 " segment index blocks of channel 1)");
+        return false;
+    }
+    return true;
+}
+
+// The application's recovery of the unmounted disk; the uncut one must
+// change the image.
+bool recover_disk(const std::string& image, const power_cut::Settings& device,
+                  const LineWriter& out)
+{
+    std::string path = image;
+    const int result = api_qzfs_disk_recovery(kHdd, &path[0], nullptr);
+    if (result != 0) {
+        out.line("fail the recovery returns " + std::to_string(result));
+        return false;
+    }
+    if (device.mode == power_cut::Mode::Observe && power_cut::counts().changed_writes == 0) {
+        out.line("fail the recovery of the wiped indexes changes nothing");
         return false;
     }
     return true;
@@ -947,18 +1002,29 @@ void prepare_disk(const Workload& workload, const std::string& image, const Line
         if (!mount_for_recording(image, out))
             return;
         std::vector<Channel> channels = make_channels(workload.channels);
+        const bool rebuild = workload.action == Action::Rebuild;
+        const unsigned seconds =
+            rebuild ? workload.seconds - kRebuildSecondSegment : workload.seconds / workload.segments;
         for (unsigned s = 0; s < workload.segments; s++)
             if (!open_segments(channels, out) ||
-                !record(channels, workload.seconds / workload.segments, workload.sync_every,
-                        out) ||
+                !record(channels, seconds, workload.sync_every, out) ||
                 !close_channels(channels, out))
                 return;
+        if (rebuild) {
+            channels.erase(channels.begin() + 1, channels.end());  // channel 0 records on
+            if (!open_segments(channels, out) ||
+                !record(channels, kRebuildSecondSegment, workload.sync_every, out) ||
+                !close_channels(channels, out))
+                return;
+        }
         const KeyPlaces places = key_places();
         if ((workload.split && !split_sharing_a_block(out)) ||
             (workload.action == Action::Overwrite && !lock_target(workload, out)) ||
             !unmount(out))
             return;
         if (workload.action == Action::KeyMerge && !damage_key_table(image, places, out))
+            return;
+        if (rebuild && !wipe_indexes(image, places, out))
             return;
     }
     out.line("done");
@@ -972,6 +1038,12 @@ void run_workload(const Workload& workload, const std::string& image,
     if (workload.action == Action::KeyMerge) {
         power_cut::install(device);
         if (repair_key_table(image, out))
+            out.line("done " + std::to_string(power_cut::counts().writes));
+        return;
+    }
+    if (workload.action == Action::Rebuild) {
+        power_cut::install(device);
+        if (recover_disk(image, device, out))
             out.line("done " + std::to_string(power_cut::counts().writes));
         return;
     }

@@ -27,8 +27,11 @@ namespace powercut {
 // channel that it meets (LockRange); the unmount follows. KeyMerge: the
 // recorded disk has its block table damaged so that the mount must merge
 // the two copies, and the cut falls on that repairing mount and its unmount.
+// Rebuild: the recorded disk has the I-frame index of one root and the
+// segment index of another wiped, and the cut falls on the application's
+// recovery of the unmounted disk, which makes them anew from the data.
 enum class Action { Record, Delete, Trim, TrimLive, Overwrite, Split, DeleteStretch, Shorten,
-                    LockRange, KeyMerge };
+                    LockRange, KeyMerge, Rebuild };
 
 // The stretch a change by time works on, in seconds from its segment's
 // start: [from, to], each on an I-frame (the frames have one a second); `to`
@@ -98,6 +101,10 @@ inline bool changes_by_time(Action action)
 // key-merge: two channels of 20 s; the disk is unmounted, one data block's
 // table record is damaged in both copies and another block's in the
 // primary alone, and the cut falls on the mount that merges them;
+// rebuild: two channels of 20 s, then 10 s more in a second segment on
+// channel 0; the disk is unmounted, the I-frame index blocks of channel 0's
+// root and the segment index block of channel 1's are wiped behind their
+// own records, and the cut falls on api_qzfs_disk_recovery;
 // overwrite: two channels of three 40 s segments each, channel 0's first
 // one locked; one overwrite pass that must run is asked for the oldest
 // unlocked segment and half the next one.
@@ -128,14 +135,17 @@ void format_base_image(const std::string& image, const LineWriter& out);
 // In a child: records the disk of a workload that changes a closed segment
 // on `image` without a cut (an Overwrite workload locks its target segment
 // by id; a KeyMerge workload then has its block table damaged) and
-// unmounts it ("done"); nothing for the others.
+// unmounts it ("done"); a Rebuild workload then has its indexes wiped;
+// nothing for the others.
 void prepare_disk(const Workload& workload, const std::string& image, const LineWriter& out);
 
 // In a child: mounts `image` with the emulated device of `device`, runs the
 // workload and tells each step on `out`. Only the writes from the recording
 // of a Record workload on, or from the delete or trim of the others on, are
 // counted and cut; the mount and a TrimLive workload's first 40 s are not
-// (a KeyMerge workload: its mount and unmount are all that is cut).
+// (a KeyMerge workload: its mount and unmount are all that is cut; a
+// Rebuild workload: its recovery of the unmounted disk, whose uncut run
+// must change the image).
 // An allocation_cuts workload, run in Observe mode, tells each write of a
 // block request: "alloc N".
 // A TrimLive workload tells the start of its segment before the trim:
