@@ -7,7 +7,11 @@
 // rebuild groups the data blocks by X, and for a group whose segment and
 // I-frame index do not both check out it scans the frames again, writes a
 // new I-frame index and a new stream segment index block, and at the end
-// the root index anew from the segment index blocks.
+// the root index anew from the segment index blocks. Index blocks that no
+// longer lead anywhere (a replaced I-frame index, a segment index block
+// without segments, what a cut rebuild left half made) are freed before
+// that, on every run, so that a run cut in its clean-up is finished by the
+// next.
 //
 // Rebuilt segments end at their last I-frame, and the lock reasons and
 // alarm bits they had are gone with the index: one value (255) stands for
