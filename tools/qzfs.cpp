@@ -132,6 +132,13 @@ const char* USAGE =
     "      with no key info block left it fails and writes nothing, unless\n"
     "      --scan makes a new table (and its backup) from the blocks' own\n"
     "      records\n"
+    "  check IMAGE...\n"
+    "      a read-only check of each image: mounted with every write kept in\n"
+    "      memory, so the image is left as it was; says how much the mount wrote\n"
+    "      and where, then one line per problem (a repair the mount had to make,\n"
+    "      a block whose records disagree or that nothing owns, an index entry\n"
+    "      that does not match the frames...) and a summary line; exit status 0\n"
+    "      only when every image is sound\n"
     "  rebuild-shell IMAGE\n"
     "      lay the MBR and FAT32 shell anew; recordings are left alone\n"
     "\n"
@@ -1152,6 +1159,8 @@ int main(int argc, char** argv)
         rc = verb_test(args);
     else if (verb == "recover")
         rc = verb_recover(args);
+    else if (verb == "check")
+        rc = verb_check(args);
     else if (verb == "rebuild-shell")
         rc = verb_rebuild_shell(args);
     else if (verb == "help")
