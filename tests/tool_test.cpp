@@ -852,7 +852,8 @@ TEST(Tool, CheckFindsDamageAndNeverWritesTheImage)
          [&] { damage_byte(image, table_record_offset(bs, bak, data) + 4); },
          ": the mount repaired the key info: backup rewritten at block " + std::to_string(bak)},
         {"a segment's end time", [&] { shift_node_byte(image, segment0, 7, 1); },
-         "segment 0:0: its end time is the time of none of its I-frames"},
+         "segment 0:0: its end time 08:00:10 is not between the times of its last I-frame "
+         "(08:00:09) and of the next one (08:00:09)"},
         {"a segment's length", [&] { shift_node_byte(image, segment0, 35, 1); },
          "segment 0:0: its length 16857056 runs past its data blocks"},
         {"a root's record types", [&] { shift_node_byte(image, root0, 7, 2); },

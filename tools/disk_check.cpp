@@ -7,6 +7,7 @@
 #include "qzfs_disk_format.h"
 #include "qzfs_manager.h"
 
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -56,6 +57,13 @@ unsigned clock_seconds(unsigned hour, unsigned minute, unsigned second)
     return hour * 3600 + minute * 60 + second;
 }
 
+std::string clock_text(unsigned seconds)
+{
+    char text[16];
+    snprintf(text, sizeof(text), "%02u:%02u:%02u", seconds / 3600, seconds / 60 % 60, seconds % 60);
+    return text;
+}
+
 std::string segment_name(const RootWalk& root, uint32_t index)
 {
     return "segment " + std::to_string(root.position) + ":" + std::to_string(index);
@@ -89,8 +97,10 @@ void check_root_summary(const RootWalk& root, std::vector<std::string>& problems
                            std::to_string(lock) + ", " + std::to_string(only_pre) + ")");
 }
 
-// A closed segment starts at the time of its first I-frame and ends at the
-// time of an I-frame it holds.
+// A closed segment starts at the time of its first I-frame and ends between
+// the time of its last I-frame and that of the next I-frame of the root's
+// log: a recording ends at its last I-frame, a piece a split made ends
+// where the next piece starts.
 void check_segment_times(const RootWalk& root, unsigned long block_size,
                          std::vector<std::string>& problems)
 {
@@ -103,17 +113,25 @@ void check_segment_times(const RootWalk& root, unsigned long block_size,
             continue;  // the consistency checks name a segment without an extent
         const _stream_segment_index_node_dev_& n = slot.node;
         const _iframe_index_node_dev_& first = extent.iframes.front();
+        const _iframe_index_node_dev_& last = extent.iframes.back();
         if (clock_seconds(n.start_hour, n.start_minute, n.start_second) !=
             clock_seconds(first.hour, first.minute, first.second))
             problems.push_back(segment_name(root, slot.index) + ": its start time is not that of "
                                                                 "its first I-frame");
+        unsigned latest = clock_seconds(last.hour, last.minute, last.second);
+        const size_t held = n.start_iframe + extent.iframes.size() +
+                            (extent.block_entries.size() - 1);  // entries up to its last I-frame
+        for (size_t i = held; i < root.log.size(); i++)
+            if (root.log[i].id == IFRAME_INDEX_ID_IFRAME) {
+                latest = clock_seconds(root.log[i].hour, root.log[i].minute, root.log[i].second);
+                break;
+            }
         const unsigned end = clock_seconds(n.end_hour, n.end_minute, n.end_second);
-        bool found = false;
-        for (const _iframe_index_node_dev_& e : extent.iframes)
-            found = found || clock_seconds(e.hour, e.minute, e.second) == end;
-        if (!found)
-            problems.push_back(segment_name(root, slot.index) +
-                               ": its end time is the time of none of its I-frames");
+        if (end < clock_seconds(last.hour, last.minute, last.second) || end > latest)
+            problems.push_back(segment_name(root, slot.index) + ": its end time " +
+                               clock_text(end) + " is not between the times of its last I-frame (" +
+                               clock_text(clock_seconds(last.hour, last.minute, last.second)) +
+                               ") and of the next one (" + clock_text(latest) + ")");
     }
 }
 
