@@ -4,6 +4,8 @@
 #include "test_support.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <string>
 #include <sys/stat.h>
 
@@ -785,6 +787,92 @@ TEST(Tool, InfoAndRecoverReportTheKeyInfoRepair)
         EXPECT_TRUE(contains(settled.output, "key block:        " + K + "\nbackup key block: " + B +
                                                  "\n")) << settled.output;
         EXPECT_TRUE(contains(settled.output, "mount repaired:   nothing\n")) << settled.output;
+    }
+}
+
+// The number after `label` in `text`, or 0.
+unsigned long number_after(const std::string& text, const std::string& label)
+{
+    const size_t at = text.find(label);
+    return at == std::string::npos ? 0 : strtoul(text.c_str() + at + label.size(), nullptr, 10);
+}
+
+// Adds `delta` to byte `field` of the index node at byte `node` of the image
+// and to the node's byte sum (its byte 1), so that the node still reads as
+// sound while it says something else.
+void shift_node_byte(const std::string& image, unsigned long long node, unsigned field, int delta)
+{
+    std::vector<unsigned char> bytes = read_bytes(image, node, field + 1);
+    bytes[field] = (unsigned char)(bytes[field] + delta);
+    bytes[1] = (unsigned char)(bytes[1] + delta);
+    write_bytes(image, node, bytes);
+}
+
+TEST(Tool, CheckFindsDamageAndNeverWritesTheImage)
+{
+    ScratchDir dir;
+    const std::string pristine = dir.path("pristine.img"), image = dir.path("damaged.img");
+    ASSERT_EQ(0, run_tool("format " + pristine + " --size 3G").status);
+    ASSERT_EQ(0, run_tool("record " + pristine +
+                          " --channels 2 --seconds 10 --bitrate 64000 --start 2026-11-21T08:00:00")
+                     .status);
+    const std::string index = run_tool("info " + pristine + " --index").output;
+    const std::string iframes = run_tool("info " + pristine + " --segments 0 --iframes").output;
+    const unsigned long bs = number_after(index, "block size:"),
+                        bak = number_after(index, "backup key block:"),
+                        key = number_after(index, "key block:"),
+                        root_block = number_after(index, "root index (block "),
+                        segment_block = number_after(index, "0x0001 "),
+                        iframe_block = number_after(iframes, "i-frame index (first block "),
+                        data = number_after(iframes, "i-frame  08:00:00 ");
+    ASSERT_TRUE(bs != 0 && key != 0 && bak != 0 && root_block != 0 && segment_block != 0 &&
+                iframe_block != 0 && data != 0)
+        << index << iframes;
+    ASSERT_EQ(QZFS_BLOCK_DATA, read_table_record(pristine, bs, key, data).block_type);
+    unsigned long unused = data + 1;
+    while (read_table_record(pristine, bs, key, unused).block_type != QZFS_BLOCK_FREE)
+        unused++;
+    // The first node of each index; I-frame entry 1 is the first I-frame.
+    const unsigned long long nodes = 4608, root0 = (unsigned long long)root_block * bs + nodes,
+                             segment0 = (unsigned long long)segment_block * bs + nodes,
+                             iframe1 = (unsigned long long)iframe_block * bs + nodes + 29;
+    const auto own_record = [&](unsigned long copy) {
+        write_bytes(image, table_record_offset(bs, copy, unused),
+                    read_bytes(pristine, table_record_offset(bs, copy, data), 32));
+    };
+    struct Case {
+        const char* what;
+        std::function<void()> damage;
+        std::string says;
+    } const cases[] = {
+        {"sound", [] {}, ": 0 problems; "},
+        {"a block head's record", [&] { damage_byte(image, (unsigned long long)data * bs + 8); },
+         "block " + std::to_string(data) + ": the key table, backup table and block head disagree"},
+        {"a record of the backup table",
+         [&] { damage_byte(image, table_record_offset(bs, bak, data) + 4); },
+         ": the mount repaired the key info: backup rewritten at block " + std::to_string(bak)},
+        {"a segment's end time", [&] { shift_node_byte(image, segment0, 7, 1); },
+         "segment 0:0: its end time 08:00:10 is not between the times of its last I-frame "
+         "(08:00:09) and of the next one (08:00:09)"},
+        {"a segment's length", [&] { shift_node_byte(image, segment0, 35, 1); },
+         "segment 0:0: its length 16857056 runs past its data blocks"},
+        {"a root's record types", [&] { shift_node_byte(image, root0, 7, 2); },
+         ": the mount repaired: "},
+        {"an I-frame entry's offset", [&] { shift_node_byte(image, iframe1, 9, 1); },
+         "segment 0:0: an I-frame entry points at no I-frame of channel 0 (block " +
+             std::to_string(data) + ", offset 4097)"},
+        {"a block nothing owns", [&] { own_record(key), own_record(bak); },
+         ": 1 allocated blocks that nothing owns (orphans)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_EQ(0, run_command("cp --sparse=always " + pristine + " " + image).status);
+        c.damage();
+        const std::string before = image_fingerprint(image);
+        const CommandResult run = run_tool("check " + image);
+        EXPECT_EQ(c.what == std::string("sound") ? 0 : 1, run.status) << run.output;
+        EXPECT_TRUE(contains(run.output, c.says)) << run.output;
+        EXPECT_EQ(before, image_fingerprint(image)) << "check wrote to the image";
     }
 }
 

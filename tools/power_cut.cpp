@@ -31,11 +31,15 @@ struct SectorHistory {
 // Sectors written since the last barrier, by device name and sector number.
 using PendingSectors = std::map<std::pair<std::string, unsigned long long>, SectorHistory>;
 
+// Overlay mode: the written sectors, by device name and sector number.
+using KeptSectors = std::map<std::pair<std::string, unsigned long long>, std::vector<uint8_t>>;
+
 struct State {
     std::mutex lock;
     Settings settings;
     Counts counts;
     PendingSectors pending;
+    KeptSectors kept;
 };
 
 State& state()
@@ -144,6 +148,54 @@ void revert_lost_writes(CutReport& report)
     report.dropped_writes = (unsigned long)lost.size();
 }
 
+// Lays the kept sectors of `device` over `length` bytes read at `where`.
+void patch_kept(const std::string& device, unsigned long long where, uint8_t* data,
+                unsigned long length)
+{
+    const KeptSectors& kept = state().kept;
+    if (kept.empty() || length == 0)
+        return;
+    const unsigned long long end = where + length;
+    auto it = kept.lower_bound({device, where / kSector});
+    for (; it != kept.end() && it->first.first == device && it->first.second * kSector < end; ++it) {
+        const unsigned long long start = it->first.second * kSector;
+        const unsigned long long from = start > where ? start : where;
+        const unsigned long long to = start + kSector < end ? start + kSector : end;
+        memcpy(data + (from - where), it->second.data() + (from - start), to - from);
+    }
+}
+
+// Overlay mode: the write goes into the kept sectors only, each taken from
+// the file (or the kept copy) before it is patched.
+long long keep_write(qzfs_dev_info* dev, unsigned long long where, const void* data,
+                     unsigned long length)
+{
+    State& s = state();
+    const std::string device = dev->dev_name;
+    const uint8_t* in = static_cast<const uint8_t*>(data);
+    unsigned long changed = 0;
+    for (unsigned long long sector = where / kSector; sector * kSector < where + length; sector++) {
+        auto found = s.kept.find({device, sector});
+        if (found == s.kept.end()) {
+            std::vector<uint8_t> bytes(kSector);
+            read_fill(dev->fd, sector * kSector, bytes.data(), kSector);
+            found = s.kept.emplace(std::make_pair(device, sector), std::move(bytes)).first;
+        }
+        const unsigned long long start = sector * kSector;
+        const unsigned long long from = start > where ? start : where;
+        const unsigned long long to = start + kSector < where + length ? start + kSector
+                                                                        : where + length;
+        for (unsigned long long at = from; at < to; at++) {
+            uint8_t& b = found->second[at - start];
+            changed += b != in[at - where];
+            b = in[at - where];
+        }
+    }
+    s.counts.changed_writes += changed > 0;
+    s.counts.changed_bytes += changed;
+    return (long long)length;
+}
+
 [[noreturn]] void cut(qzfs_dev_info* dev, unsigned long long where, const void* data,
                       unsigned long length, unsigned long long number)
 {
@@ -175,6 +227,8 @@ long long cut_device_write(qzfs_dev_info* dev, unsigned long long where, const v
     s.counts.bytes += length;
     if (s.settings.on_write != nullptr)
         s.settings.on_write(number, where, length);
+    if (s.settings.mode == Mode::Overlay)
+        return keep_write(dev, where, data, length);
     if (s.settings.mode != Mode::Observe && number == s.settings.cut_at)
         cut(dev, where, data, length, number);
     if (s.settings.mode == Mode::Observe) {
@@ -193,7 +247,12 @@ long long cut_device_write(qzfs_dev_info* dev, unsigned long long where, const v
 long long cut_device_read(qzfs_dev_info* dev, unsigned long long where, void* data,
                           unsigned long length)
 {
-    return (long long)pread(dev->fd, data, length, (off_t)where);
+    const long long done = (long long)pread(dev->fd, data, length, (off_t)where);
+    State& s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    if (done > 0)
+        patch_kept(dev->dev_name, where, static_cast<uint8_t*>(data), (unsigned long)done);
+    return done;
 }
 
 // A flush of the whole device: every write before it has reached the disk.
@@ -203,7 +262,7 @@ int cut_device_sync(qzfs_dev_info* dev)
     std::lock_guard<std::mutex> hold(s.lock);
     s.counts.syncs++;
     s.pending.clear();
-    return fsync(dev->fd);
+    return s.settings.mode == Mode::Overlay ? 0 : fsync(dev->fd);
 }
 
 // A flush of a range: the sectors inside it have reached the disk.
@@ -241,6 +300,7 @@ void install(const Settings& settings)
     s.settings = settings;
     s.counts = Counts();
     s.pending.clear();
+    s.kept.clear();
     qzfs_block_device_ops_for_new_handles = &kCutDeviceOps;
 }
 
@@ -251,6 +311,37 @@ Counts counts()
     State& s = state();
     std::lock_guard<std::mutex> hold(s.lock);
     return s.counts;
+}
+
+void overlay_patch(const char* device, unsigned long long offset, void* data,
+                   unsigned long length)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    // The device keeps its name cut to 127 characters.
+    patch_kept(std::string(device).substr(0, sizeof(qzfs_dev_info::dev_name) - 1), offset,
+               static_cast<uint8_t*>(data), length);
+}
+
+std::vector<unsigned long long> overlay_changed_sectors(const char* device)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    const std::string name = std::string(device).substr(0, sizeof(qzfs_dev_info::dev_name) - 1);
+    std::vector<unsigned long long> out;
+    const int fd = open(name.c_str(), O_RDONLY);
+    if (fd < 0)
+        return out;
+    std::vector<uint8_t> file(kSector);
+    for (const auto& k : s.kept) {
+        if (k.first.first != name)
+            continue;
+        read_fill(fd, k.first.second * kSector, file.data(), kSector);
+        if (file != k.second)
+            out.push_back(k.first.second * kSector);
+    }
+    close(fd);
+    return out;
 }
 
 } // namespace power_cut

@@ -13,13 +13,17 @@
 #define QZFS_POWER_CUT_H
 
 #include <cstdint>
+#include <vector>
 
 namespace power_cut {
 
 enum class Mode {
     Observe,  // count writes, and the writes and bytes that changed the image
     Drop,     // the cut write never reaches the image
-    Torn      // a prefix of whole sectors of the cut write reaches it
+    Torn,     // a prefix of whole sectors of the cut write reaches it
+    Overlay   // no write reaches the image: the written sectors are kept in
+              // memory and reads see them (a read-only look at what the
+              // library would make of the disk); never cuts
 };
 
 // What happened at the cut; handed to the callback just before the exit.
@@ -57,17 +61,29 @@ struct Settings {
 struct Counts {
     unsigned long long writes = 0;
     unsigned long long bytes = 0;
-    unsigned long long changed_writes = 0;  // Observe mode only
-    unsigned long long changed_bytes = 0;   // Observe mode only
+    unsigned long long changed_writes = 0;  // Observe and Overlay modes only
+    unsigned long long changed_bytes = 0;   // Observe and Overlay modes only
     unsigned long long syncs = 0;
 };
 
 // Makes the I/O handles opened from now on use the emulated device, with
-// the counts set to zero. Settings can be installed again at any time.
+// the counts set to zero (and, in Overlay mode, no sector kept). Settings
+// can be installed again at any time.
 void install(const Settings& settings);
 // Handles opened from now on use the device itself again.
 void uninstall();
 Counts counts();
+
+// Lays the sectors that Overlay mode keeps for the device `device` (the path
+// the library opened) over `data`, `length` bytes read from it at `offset`,
+// so that a reader of the file sees what the library's reads see. Does
+// nothing when none is kept.
+void overlay_patch(const char* device, unsigned long long offset, void* data,
+                   unsigned long length);
+
+// The device byte offsets of the sectors of `device` that Overlay mode keeps
+// with a content other than the file's, in order.
+std::vector<unsigned long long> overlay_changed_sectors(const char* device);
 
 // Device writes the cut leaves of a write of `length` bytes at `offset`, in
 // Torn mode, for a seeded draw `draw`: a prefix ending on a sector boundary,

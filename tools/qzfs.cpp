@@ -138,6 +138,13 @@ const char* USAGE =
     "      gets both anew from the frames of its data blocks (its segments then\n"
     "      end at their last I-frame, and lock reasons and alarm bits read 255),\n"
     "      and the root index is made anew; says what it found and made\n"
+    "  check IMAGE...\n"
+    "      a read-only check of each image: mounted with every write kept in\n"
+    "      memory, so the image is left as it was; says how much the mount wrote\n"
+    "      and where, then one line per problem (a repair the mount had to make,\n"
+    "      a block whose records disagree or that nothing owns, an index entry\n"
+    "      that does not match the frames...) and a summary line; exit status 0\n"
+    "      only when every image is sound\n"
     "  rebuild-shell IMAGE\n"
     "      lay the MBR and FAT32 shell anew; recordings are left alone\n"
     "\n"
@@ -1160,6 +1167,8 @@ int main(int argc, char** argv)
         rc = verb_recover(args);
     else if (verb == "rebuild")
         rc = verb_rebuild(args);
+    else if (verb == "check")
+        rc = verb_check(args);
     else if (verb == "rebuild-shell")
         rc = verb_rebuild_shell(args);
     else if (verb == "help")

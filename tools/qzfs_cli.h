@@ -139,6 +139,7 @@ int verb_mark(const Args& args);    // qzfs_retention.cpp
 int verb_delete_by_clock(const Args& args);  // qzfs_delete.cpp
 int verb_recover(const Args& args);          // qzfs_recover.cpp
 int verb_rebuild(const Args& args);          // qzfs_recover.cpp
+int verb_check(const Args& args);            // qzfs_check.cpp
 // What a key info load mended, in words ("" when it mended nothing), for
 // recover and info.
 std::string key_repair_text(const DiskKeyRepair& repair);  // qzfs_recover.cpp

@@ -4,8 +4,8 @@
 // I-frame of the root's channel in an allocated block, each block entry
 // counts the live segments that share its block, and the action journal is
 // clear.
-#ifndef QZFS_POWERCUT_DISK_CONSISTENCY_H
-#define QZFS_POWERCUT_DISK_CONSISTENCY_H
+#ifndef QZFS_TOOL_DISK_CONSISTENCY_H
+#define QZFS_TOOL_DISK_CONSISTENCY_H
 
 #include "disk_walk.h"
 

@@ -1,5 +1,7 @@
 #include "disk_consistency.h"
 
+#include "power_cut.h"
+
 #include "qzfilesystem.h"
 #include "qzfs_av_frame.h"
 #include "qzfs_disk_format.h"
@@ -21,10 +23,11 @@ struct Owner {
 };
 using Owners = std::map<uint32_t, std::vector<Owner>>;
 
-// The image, read straight from the file.
+// The image, read from the file with the writes the emulated device keeps
+// in memory laid over it (the check verb mounts through that overlay).
 class Image {
 public:
-    explicit Image(const std::string& path) : fd_(open(path.c_str(), O_RDONLY)) {}
+    explicit Image(const std::string& path) : path_(path), fd_(open(path.c_str(), O_RDONLY)) {}
     ~Image()
     {
         if (fd_ >= 0)
@@ -32,10 +35,14 @@ public:
     }
     bool read(unsigned long long at, void* out, size_t length) const
     {
-        return fd_ >= 0 && pread(fd_, out, length, off_t(at)) == ssize_t(length);
+        if (fd_ < 0 || pread(fd_, out, length, off_t(at)) != ssize_t(length))
+            return false;
+        power_cut::overlay_patch(path_.c_str(), at, out, (unsigned long)length);
+        return true;
     }
 
 private:
+    std::string path_;
     int fd_;
 };
 

@@ -1,8 +1,8 @@
 // Everything the index of a mounted disk says, read once: the root index
 // chain, and for each used root node its segment index and I-frame index
 // chains, its segment nodes and its whole I-frame log.
-#ifndef QZFS_POWERCUT_DISK_WALK_H
-#define QZFS_POWERCUT_DISK_WALK_H
+#ifndef QZFS_TOOL_DISK_WALK_H
+#define QZFS_TOOL_DISK_WALK_H
 
 #include "qzfs_index_format.h"
 
