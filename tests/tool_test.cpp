@@ -836,9 +836,11 @@ TEST(Tool, CheckFindsDamageAndNeverWritesTheImage)
     const unsigned long long nodes = 4608, root0 = (unsigned long long)root_block * bs + nodes,
                              segment0 = (unsigned long long)segment_block * bs + nodes,
                              iframe1 = (unsigned long long)iframe_block * bs + nodes + 29;
+    // A free block gets the record of the I-frame index block in a table:
+    // an index block that nothing owns.
     const auto own_record = [&](unsigned long copy) {
         write_bytes(image, table_record_offset(bs, copy, unused),
-                    read_bytes(pristine, table_record_offset(bs, copy, data), 32));
+                    read_bytes(pristine, table_record_offset(bs, copy, iframe_block), 32));
     };
     struct Case {
         const char* what;
@@ -861,8 +863,8 @@ TEST(Tool, CheckFindsDamageAndNeverWritesTheImage)
         {"an I-frame entry's offset", [&] { shift_node_byte(image, iframe1, 9, 1); },
          "segment 0:0: an I-frame entry points at no I-frame of channel 0 (block " +
              std::to_string(data) + ", offset 4097)"},
-        {"a block nothing owns", [&] { own_record(key), own_record(bak); },
-         ": 1 allocated blocks that nothing owns (orphans)"},
+        {"an index block nothing owns", [&] { own_record(key), own_record(bak); },
+         ": 1 allocated index blocks that nothing owns"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

@@ -2,6 +2,7 @@
 // the mounted disk, takes its lock for the reads and writes it makes, and
 // hands back plain records.
 #include "disk_access.h"
+#include "frame_source.h"
 
 #include "qzfilesystem.h"
 #include "qzfs_datetime.h"
@@ -141,6 +142,15 @@ int synthetic_iframes(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para,
                       std::vector<_iframe_index_node_dev_>& nodes, uint64_t& len)
 {
     const uint32_t step = uint32_t((block_size - 4096) / 8);
+    // Each second's I-frame is a small one of the channel, written where
+    // its entry points, so that the entries stand for real frames.
+    FrameSourceConfig config;
+    config.channel = para.channel;
+    config.fps = 1;
+    config.gop = 1;
+    config.iframe_bytes = 1024;
+    config.start = {para.year, para.month, para.day, para.hour, para.minute, para.second, 0};
+    FrameSource source(config);
     uint32_t block = 0;
     for (unsigned s = 0; s < seconds; s++) {
         unsigned at = para.hour * 3600u + para.minute * 60u + para.second + s;
@@ -167,6 +177,10 @@ int synthetic_iframes(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para,
         WRITE_PACKED(n.pts_low, &pts);
         WRITE_PACKED(n.stream_segment_offset, &stream_offset);
         nodes.push_back(n);
+        FrameBatch frame;
+        source.append_frame(frame);
+        if (fs.write_in_block(block, offset, frame.bytes.data(), frame.bytes.size()) != 0)
+            return -1;
     }
     len = uint64_t(seconds) * step;
     return 0;

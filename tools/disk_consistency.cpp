@@ -125,6 +125,8 @@ void check_block(CQzFileSystem* fs, const Image& image, uint32_t block, const Ow
                                   std::to_string(r[2].block_type) + ")");
     if (!owned) {
         result.orphans++;
+        if (type != QZFS_BLOCK_DATA)
+            result.index_orphans++;
         return;
     }
     const std::vector<Owner>& own = found->second;

@@ -20,6 +20,7 @@ struct Consistency {
     std::vector<std::string> failures;
     unsigned long allocated = 0;  // bitmap bits set
     unsigned long orphans = 0;    // allocated data or index blocks that nothing owns
+    unsigned long index_orphans = 0;  // of those, the index blocks
 };
 
 Consistency check_consistency(CQzFileSystem* fs, const std::string& image, const DiskWalk& walk);

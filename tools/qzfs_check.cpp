@@ -56,7 +56,8 @@ long check_image(const std::string& path)
     problems.insert(problems.end(), report.problems.begin(), report.problems.end());
     for (const std::string& p : problems)
         printf("%s: %s\n", path.c_str(), p.c_str());
-    printf("%s: %zu problems; %lu blocks in use, %lu orphans, %lu roots, %lu segments\n",
+    printf("%s: %zu problems; %lu blocks in use, %lu orphan data blocks (left to the overwrite "
+           "pass), %lu roots, %lu segments\n",
            path.c_str(), problems.size(), report.in_use, report.orphans, report.roots,
            report.segments);
     return (long)problems.size();

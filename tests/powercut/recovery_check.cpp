@@ -1,5 +1,7 @@
 #include "recovery_check.h"
 
+#include "disk_check.h"
+
 #include "disk_consistency.h"
 #include "disk_walk.h"
 #include "frame_source.h"
@@ -401,17 +403,15 @@ void check_recovery(const Workload& workload, const WorkloadProgress& progress,
             check_channel(walk, c, workload, progress.channels[c], out);
     else
         check_segments(walk, workload, progress, out);
-    const Consistency consistency =
-        check_consistency(gQzfsManager.get_file_system(kHdd), image, walk);
-    for (const std::string& f : consistency.failures)
+    // The checks of the tool's check verb.
+    DiskCheckReport report;
+    disk_check_walked(gQzfsManager.get_file_system(kHdd), image, walk, report);
+    for (const std::string& f : report.problems)
         out.line("fail " + f);
-    const std::string pair = key_pair_difference(gQzfsManager.get_file_system(kHdd), image);
-    if (!pair.empty())
-        out.line("fail " + pair);
-    out.line("orphans " + std::to_string(consistency.orphans));
+    out.line("orphans " + std::to_string(report.orphans + report.index_orphans));
     check_listing(walk, out);
-    write_summary(walk, gQzfsManager.get_file_system(kHdd)->manage().block_size,
-                  consistency.allocated, out);
+    write_summary(walk, gQzfsManager.get_file_system(kHdd)->manage().block_size, report.in_use,
+                  out);
     if (!rebuild)
         return;
     // The recovered disk, mounted and unmounted, leaves a recovery nothing

@@ -22,6 +22,7 @@
 //
 //   qzfs_soak [--fill F] [--disk-mib M] [--channels N] [--pass-ms T] ...
 // (--help lists all options.)
+#include "disk_check.h"
 #include "disk_consistency.h"
 #include "disk_walk.h"
 #include "frame_source.h"
@@ -727,15 +728,18 @@ void Soak::remount_checks()
             fail("disk " + std::to_string(hdd) + " after the remount: " + error);
             continue;
         }
-        const powercut::Consistency c = powercut::check_consistency(fs, images_[hdd], walk);
-        for (const std::string& f : c.failures)
+        // The checks of the tool's check verb.
+        DiskCheckReport c;
+        disk_check_walked(fs, images_[hdd], walk, c);
+        for (const std::string& f : c.problems)
             fail("disk " + std::to_string(hdd) + " after the remount: " + f);
-        if (c.orphans != 0)
+        if (c.orphans + c.index_orphans != 0)
             fail("disk " + std::to_string(hdd) + " after the remount: " +
-                 std::to_string(c.orphans) + " allocated blocks that nothing owns");
+                 std::to_string(c.orphans + c.index_orphans) +
+                 " allocated blocks that nothing owns");
         fprintf(report, "soak: disk %u after the remount: %zu roots, %lu blocks in use, %zu "
                         "consistency failures\n",
-                unsigned(hdd), walk.roots.size(), c.allocated, c.failures.size());
+                unsigned(hdd), walk.roots.size(), c.in_use, c.problems.size());
     }
     std::lock_guard<std::mutex> g(book_.mutex);
     for (const auto& l : book_.locks()) {
