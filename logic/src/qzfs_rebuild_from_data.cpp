@@ -316,7 +316,10 @@ int CQzFileSystem::get_one_stream_iframe_info_by_data_block(
                 if (is_iframe != 0)
                     note_rebuilt_iframe_in(*this, &buffer[at], uint32_t(len), b.info, reference,
                                         [&](_iframe_index_node_dev_& iframe) {
-                                            place.at(at, iframe.block_num, iframe.block_offset);
+                                            uint32_t block = 0, offset = 0;
+                                            place.at(at, block, offset);
+                                            iframe.block_num = block;  // packed fields
+                                            iframe.block_offset = offset;
                                             iframe.stream_segment_offset = passed + at;
                                             keep_in_block_order(entries, iframe);
                                             last = iframe;
