@@ -864,7 +864,7 @@ TEST(Tool, CheckFindsDamageAndNeverWritesTheImage)
          "segment 0:0: an I-frame entry points at no I-frame of channel 0 (block " +
              std::to_string(data) + ", offset 4097)"},
         {"an index block nothing owns", [&] { own_record(key), own_record(bak); },
-         ": 1 allocated index blocks that nothing owns"},
+         ": 1 index blocks that nothing owns (a leak a power cut can leave)"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -872,7 +872,10 @@ TEST(Tool, CheckFindsDamageAndNeverWritesTheImage)
         c.damage();
         const std::string before = image_fingerprint(image);
         const CommandResult run = run_tool("check " + image);
-        EXPECT_EQ(c.what == std::string("sound") ? 0 : 1, run.status) << run.output;
+        // A leaked index block is reported, and is no fault.
+        const bool sound = c.what == std::string("sound") ||
+                           c.what == std::string("an index block nothing owns");
+        EXPECT_EQ(sound ? 0 : 1, run.status) << run.output;
         EXPECT_TRUE(contains(run.output, c.says)) << run.output;
         EXPECT_EQ(before, image_fingerprint(image)) << "check wrote to the image";
     }
