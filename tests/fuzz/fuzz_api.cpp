@@ -14,7 +14,8 @@
 #include "frame_source.h"
 #include "power_cut.h"
 
-#include <cstdio>
+#include <algorithm>
+#include <cstddef>
 #include <string>
 #include <vector>
 

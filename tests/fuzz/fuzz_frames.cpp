@@ -9,9 +9,11 @@
 #include "h264_stream.h"
 #include "qzfs_av_frame.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #define FUZZ_CHECK(cond)                                                     \
     do {                                                                     \

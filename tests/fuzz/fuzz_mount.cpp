@@ -24,11 +24,11 @@
 #include "qzfs_disk_format.h"
 #include "qzfs_manager.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -96,7 +96,7 @@ void list_regions(Seed& seed)
         else if (type == QZFS_BLOCK_DATA)
             add_region(seed, b * bs, 4096);
     }
-    // The frame headers at the I-frames, and at the P-frame after each.
+    // The frame headers at the I-frames, as the I-frame index has them.
     IndexSlot slot;
     RootEntry root;
     for (uint32_t r = 0; disk_root_entry(0, r, slot, root) == 0 && slot != IndexSlot::End; r++) {
