@@ -64,12 +64,17 @@ void run_calls(Bytes& in)
             api_qzfs_get_hdd_info(in.u8(), &info);
             break;
         }
-        case 1:
-            if (in.u8() & 1)
-                api_qzfs_add_disk_to_group(in.u8(), in.u8());
+        case 1: {
+            // Every parameter is read into a variable of its own first: the
+            // order in which a call's arguments are evaluated is unspecified,
+            // and an input must mean the same calls to every compiler.
+            const uint8_t add = in.u8(), hdd = in.u8(), group = in.u8();
+            if (add & 1)
+                api_qzfs_add_disk_to_group(hdd, group);
             else
-                api_qzfs_delete_disk_from_group(in.u8(), in.u8());
+                api_qzfs_delete_disk_from_group(hdd, group);
             break;
+        }
         case 2: {
             unsigned char ids[256];
             const uint8_t group = in.u8();
@@ -125,7 +130,8 @@ void run_calls(Bytes& in)
         case 10: {
             // Frames from the input: the length never passes what is there.
             const int fd = pick(in, fds);
-            const int len = int(std::min<size_t>(in.u16(), in.left()));
+            const size_t wanted = in.u16();  // taken before what is left is counted
+            const int len = int(std::min(wanted, in.left()));
             std::vector<uint8_t> data(in.rest(), in.rest() + len);
             in.skip(size_t(len));
             _k4t_video_frame_info_ infos[8];
@@ -136,7 +142,8 @@ void run_calls(Bytes& in)
         }
         case 11: {
             const int fd = pick(in, fds);
-            const int len = int(in.u32() % (buffer.size() + 1)) * ((in.u8() & 1) ? 1 : -1);
+            const int size = int(in.u32() % (buffer.size() + 1));
+            const int len = (in.u8() & 1) ? size : -size;
             unsigned char new_segment = 0;
             api_qzfs_read_video_data(fd, buffer.data(), len, &new_segment);
             break;
@@ -260,13 +267,21 @@ void run_calls(Bytes& in)
             case 2: {
                 _k4t_fs_time_ start = clock;
                 const int fd = pick(in, fds);
-                api_qzfs_modify_stream_segment_info_by_fd(fd, in.u8(), in.u8(), in.u32(), in.u8(),
-                                                          in.u64(), &start);
+                const uint8_t mask = in.u8(), lock = in.u8();
+                const unsigned long lock_type = in.u32();
+                const uint8_t record_type = in.u8();
+                const unsigned long long alarm = in.u64();
+                api_qzfs_modify_stream_segment_info_by_fd(fd, mask, lock, lock_type, record_type,
+                                                          alarm, &start);
                 break;
             }
             case 3: {
                 const int fd = pick(in, fds);
-                api_qzfs_modify_pre_record_info(fd, in.u8(), in.u64(), in.u8(), in.u32(), clock);
+                const uint8_t record_type = in.u8();
+                const unsigned long long alarm = in.u64();
+                const uint8_t lock = in.u8();
+                const unsigned long lock_type = in.u32();
+                api_qzfs_modify_pre_record_info(fd, record_type, alarm, lock, lock_type, clock);
                 break;
             }
             default:

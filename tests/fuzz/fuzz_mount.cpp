@@ -227,7 +227,8 @@ QZFS_FUZZ_TARGET(fuzz_mount)
     qzfs_fuzz::Bytes in(data, size);
     while (in.left() >= 5 && saved.size() < 64) {
         const Region& r = s.regions[in.u8() % s.regions.size()];
-        const unsigned long at = (in.u16() | in.u8() << 16) % r.length;
+        const unsigned long low = in.u16();
+        const unsigned long at = (low | in.u8() << 16) % r.length;
         unsigned long len = in.u8() % 32 + 1;
         len = std::min(len, std::min<unsigned long>(r.length - at, in.left()));
         if (len == 0)

@@ -41,9 +41,24 @@ public:
     Bytes(const uint8_t* data, size_t size) : data_(data), size_(size) {}
     size_t left() const { return size_ - used_; }
     uint8_t u8() { return used_ < size_ ? data_[used_++] : 0; }
-    uint32_t u16() { return uint32_t(u8()) | uint32_t(u8()) << 8; }
-    uint32_t u32() { return u16() | u16() << 16; }
-    uint64_t u64() { return uint64_t(u32()) | uint64_t(u32()) << 32; }
+    // Little endian. Each part is read by a statement of its own: the
+    // operands of one expression are evaluated in no fixed order, and an
+    // input must mean the same to every compiler.
+    uint32_t u16()
+    {
+        const uint32_t low = u8();
+        return low | uint32_t(u8()) << 8;
+    }
+    uint32_t u32()
+    {
+        const uint32_t low = u16();
+        return low | u16() << 16;
+    }
+    uint64_t u64()
+    {
+        const uint64_t low = u32();
+        return low | uint64_t(u32()) << 32;
+    }
     // Fills `n` bytes of `out`, zeros past the end.
     void fill(void* out, size_t n)
     {
