@@ -315,7 +315,7 @@ FILE* keep_stdout_for_data()
     return fdopen(data, "wb");
 }
 
-// The bytes of a file of the host, at most INT_MAX of them.
+// The bytes of a file of the host.
 bool read_host_file(const std::string& path, std::vector<char>& bytes, std::string& error)
 {
     FILE* in = fopen(path.c_str(), "rb");
@@ -325,14 +325,11 @@ bool read_host_file(const std::string& path, std::vector<char>& bytes, std::stri
     }
     std::vector<char> chunk(kChunk);
     size_t got = 0;
-    while ((got = fread(chunk.data(), 1, chunk.size(), in)) > 0 && bytes.size() <= INT_MAX)
+    while ((got = fread(chunk.data(), 1, chunk.size(), in)) > 0)
         bytes.insert(bytes.end(), chunk.begin(), chunk.begin() + long(got));
-    const bool failed = ferror(in) != 0;
-    fclose(in);
-    if (failed)
+    if (ferror(in) != 0)
         error = "cannot read " + path;
-    else if (bytes.size() > INT_MAX)
-        error = path + " is too big for device info";
+    fclose(in);
     return error.empty();
 }
 
@@ -396,10 +393,15 @@ int show_device_info(const std::string& path)
 
 int set_device_info(const std::string& path, const std::string& source)
 {
-    std::vector<char> bytes;
-    std::string error;
-    if (!read_host_file(source, bytes, error))
-        return fail("%s", error);
+    // The library takes the device info in one piece: its size is known,
+    // and checked against the disk's room, before it is read.
+    struct stat st;
+    if (stat(source.c_str(), &st) != 0)
+        return fail("cannot read %s", source + ": " + strerror(errno));
+    if (!S_ISREG(st.st_mode))
+        return fail("cannot read %s: not a regular file", source);
+    if ((unsigned long long)st.st_size > INT_MAX)
+        return fail("%s is too big for device info (2 GiB at most)", source);
     if (mount_image(path) != 0)
         return 1;
     // The old device info goes before the new one is written.
@@ -409,10 +411,16 @@ int set_device_info(const std::string& path, const std::string& source)
     if (old_length >= 0 && api_qzfs_get_hdd_info(TOOL_HDD_ID, &info) == 0 &&
         info.block_size > kFileBlockHead)
         reclaimed = blocks_for((unsigned long long)old_length, info.block_size);
-    const std::string lack = lack_of_room(TOOL_HDD_ID, (long long)bytes.size(), reclaimed);
-    if (!lack.empty()) {
+    const std::string lack = lack_of_room(TOOL_HDD_ID, (long long)st.st_size, reclaimed);
+    std::vector<char> bytes;
+    std::string error;
+    if (!lack.empty())
+        error = "the device info does not fit: " + lack;
+    else if (read_host_file(source, bytes, error) && bytes.size() > INT_MAX)
+        error = source + " is too big for device info (2 GiB at most)";
+    if (!error.empty()) {
         api_qzfs_umount(TOOL_HDD_ID);
-        return fail("%s", "the device info does not fit: " + lack);
+        return fail("%s", error);
     }
     char none = 0;
     const int rc = api_qzfs_write_device_info(TOOL_HDD_ID, bytes.empty() ? &none : bytes.data(),
