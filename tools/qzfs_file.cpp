@@ -66,22 +66,38 @@ long long stream_size(FILE* stream)
     return (long long)st.st_size;
 }
 
-// Says why a file of `bytes` does not fit on disk `hdd`, whose free blocks
-// count `reclaimed` more for a copy the write replaces there; "" when it
-// fits (or its size is not known).
-std::string lack_of_room(unsigned char hdd, long long bytes, unsigned long long reclaimed)
-{
-    _qzfs_k4t_hdd_info_ info = {};
-    if (bytes < 0 || api_qzfs_get_hdd_info(hdd, &info) != 0 || info.block_size <= kFileBlockHead)
-        return "";
-    const unsigned long long needed = blocks_for((unsigned long long)bytes, info.block_size);
-    const unsigned long long room = (unsigned long long)info.free_num + reclaimed;
-    if (needed <= room)
-        return "";
-    return std::to_string(bytes) + " bytes need " + std::to_string(needed) + " blocks of " +
-           std::to_string(info.block_size >> 10) + " KiB and disk " + std::to_string(hdd) +
-           " has " + std::to_string(info.free_num) + " free";
-}
+// The room a file has on a disk: its free blocks as the library shows them
+// (less the reserve its group keeps for recordings), and the blocks of the
+// copy the write replaces there.
+struct Room {
+    unsigned char hdd = 0;
+    unsigned long block_size = 0;  // 0 when the disk could not tell
+    unsigned long free = 0;
+    unsigned long long reclaimed = 0;
+
+    Room(unsigned char disk, long long replaced) : hdd(disk)
+    {
+        _qzfs_k4t_hdd_info_ info = {};
+        if (api_qzfs_get_hdd_info(hdd, &info) != 0 || info.block_size <= kFileBlockHead)
+            return;
+        block_size = info.block_size;
+        free = info.free_num;
+        if (replaced >= 0)
+            reclaimed = blocks_for((unsigned long long)replaced, block_size);
+    }
+    bool fits(unsigned long long bytes) const
+    {
+        return block_size == 0 || blocks_for(bytes, block_size) <= free + reclaimed;
+    }
+    // Why `bytes` do not fit.
+    std::string lack(unsigned long long bytes) const
+    {
+        return std::to_string(bytes) + " bytes need " +
+               std::to_string(blocks_for(bytes, block_size)) + " blocks of " +
+               std::to_string(block_size >> 10) + " KiB and disk " + std::to_string(hdd) +
+               " has " + std::to_string(free) + " free";
+    }
+};
 
 // Lets new files go to any disk of group 0 with 50 MiB free, the least
 // reserve the library accepts (its default of 500 MiB would keep small
@@ -153,21 +169,21 @@ int file_put(const std::string& name, const std::string* from, unsigned mounted)
                 fclose(f);
         }
     } closer{in};
+    struct stat st;
+    if (fstat(fileno(in), &st) == 0 && S_ISDIR(st.st_mode))
+        return fail("cannot read %s: a directory", from != nullptr ? *from : "standard input");
 
     unsigned char hdd = 255;
     if (!choose_disk_for_files(hdd))
         return fail("no disk of the group has room for a file (more than 50 MiB free is needed)");
     // A file of that name on the only disk is freed before the new one
-    // takes its blocks.
+    // takes its blocks. A size known ahead is checked before anything is
+    // written, one from a pipe as it comes.
     const long long old_size = file_size_of(name);
-    unsigned long long reclaimed = 0;
-    _qzfs_k4t_hdd_info_ info = {};
-    if (old_size >= 0 && mounted == 1 && api_qzfs_get_hdd_info(hdd, &info) == 0 &&
-        info.block_size > kFileBlockHead)
-        reclaimed = blocks_for((unsigned long long)old_size, info.block_size);
-    const std::string lack = lack_of_room(hdd, stream_size(in), reclaimed);
-    if (!lack.empty())
-        return fail("%s", name + " does not fit: " + lack);
+    const Room room(hdd, mounted == 1 ? old_size : -1);
+    const long long size = stream_size(in);
+    if (size >= 0 && !room.fits((unsigned long long)size))
+        return fail("%s", name + " does not fit: " + room.lack((unsigned long long)size));
 
     FileName n(name);
     void* file = api_qzfs_open_normal_file(0, n.text, QZFS_NORMAL_FILE_CREATE);
@@ -179,6 +195,11 @@ int file_put(const std::string& name, const std::string* from, unsigned mounted)
     std::string why;
     for (;;) {
         const size_t got = fread(chunk.data(), 1, chunk.size(), in);
+        if (got > 0 && !room.fits(written + got)) {
+            ok = false;
+            why = "it does not fit: " + room.lack(written + got);
+            break;
+        }
         if (got > 0) {
             if (api_qzfs_write_normal_file(file, chunk.data(), int(got)) != int(got)) {
                 ok = false;
@@ -405,13 +426,9 @@ int set_device_info(const std::string& path, const std::string& source)
     if (mount_image(path) != 0)
         return 1;
     // The old device info goes before the new one is written.
-    const int old_length = api_qzfs_get_device_info_len(TOOL_HDD_ID);
-    _qzfs_k4t_hdd_info_ info = {};
-    unsigned long long reclaimed = 0;
-    if (old_length >= 0 && api_qzfs_get_hdd_info(TOOL_HDD_ID, &info) == 0 &&
-        info.block_size > kFileBlockHead)
-        reclaimed = blocks_for((unsigned long long)old_length, info.block_size);
-    const std::string lack = lack_of_room(TOOL_HDD_ID, (long long)st.st_size, reclaimed);
+    const Room room(TOOL_HDD_ID, api_qzfs_get_device_info_len(TOOL_HDD_ID));
+    const std::string lack =
+        room.fits((unsigned long long)st.st_size) ? "" : room.lack((unsigned long long)st.st_size);
     std::vector<char> bytes;
     std::string error;
     if (!lack.empty())
