@@ -2,6 +2,7 @@
 // logs on its record disks: write, remount, read back; the open modes and
 // what two handles of a file may do together; files across a group of two
 // disks; a full disk; damaged chain headers.
+#include "recording_support.h"
 #include "test_support.h"
 
 #include "qzfilesystem.h"
@@ -277,6 +278,7 @@ TEST_F(NormalFileTest, RenameDeleteAndSearch)
     EXPECT_EQ((std::vector<std::string>{"config.ini", "longest.name1", "old.log"}), search(""));
     EXPECT_EQ(-1, size_of("log.2"));
     EXPECT_TRUE(read_file("old.log") == pattern_bytes(size_t(data_ + 1), 5));
+    EXPECT_EQ(std::vector<std::string>(), disk_check_failures(fs_, image_));
 
     // The cursor of a search handle.
     void* s = api_qzfs_get_search_normal_file_handle(GROUP, const_cast<char*>("o"));
