@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <chrono>
 #include <functional>
+#include <thread>
 #include <vector>
 
 using namespace qzfs_test;
@@ -430,6 +432,39 @@ TEST_F(NormalFileTest, DeviceInfoMissing)
                           [&] { return api_qzfs_read_device_info(0, got, 8); }, 1);
     EXPECT_EQ(-1, api_qzfs_get_device_info_len(0));
     EXPECT_EQ(-1, api_qzfs_write_device_info(5, got, 8));
+}
+
+// A reader opened on an empty file follows a writer in another thread
+// across block ends, and ends with every byte in order.
+class NormalFileThreads : public NormalFileTest {};
+
+TEST_F(NormalFileThreads, ReaderFollowsAWriter)
+{
+    const std::vector<char> bytes = pattern_bytes(size_t(2 * data_ + 777), 8);
+    void* writer = open("live", QZFS_NORMAL_FILE_CREATE);
+    void* reader = open("live", QZFS_NORMAL_FILE_READ);
+    ASSERT_NE(nullptr, writer);
+    ASSERT_NE(nullptr, reader);
+    std::thread write_side([&] {
+        for (size_t at = 0; at < bytes.size(); at += 65519) {
+            const int n = int(std::min<size_t>(65519, bytes.size() - at));
+            ASSERT_EQ(n, api_qzfs_write_normal_file(writer, const_cast<char*>(&bytes[at]), n));
+        }
+        ASSERT_EQ(0, api_qzfs_sync_normal_file(writer));
+    });
+    std::vector<char> got(bytes.size());
+    size_t have = 0;
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::minutes(2);
+    while (have < got.size() && std::chrono::steady_clock::now() < give_up) {
+        const int n = api_qzfs_read_normal_file(reader, &got[have], int(got.size() - have));
+        ASSERT_GE(n, 0);
+        have += size_t(n);
+        if (n == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    write_side.join();
+    EXPECT_EQ(bytes.size(), have);
+    EXPECT_TRUE(got == bytes);
 }
 
 }  // namespace
