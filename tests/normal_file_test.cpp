@@ -332,6 +332,9 @@ TEST_F(NormalFileTest, BadInputChangesNothing)
     gQzfsManager.find_group(GROUP)->m_current_record_hdd_id = QZFS_NO_HDD;
     expect_result_and_log(0, "(hdd_id == 0xff)", [&] { return open("new", 1); });
     EXPECT_EQ(-1, g_error_no);
+    // A handle the application never closes goes with the library.
+    join_group(0);
+    EXPECT_NE(nullptr, api_qzfs_open_normal_file(GROUP, (char*)"left.open", 1));
 }
 
 TEST_F(NormalFileTest, FullDiskRefusesToGrowAFile)
