@@ -1091,7 +1091,7 @@ TEST(Tool, FileLsMvRmAndDeviceInfo)
     ASSERT_EQ(0, run_tool("device-info " + b + " --set " + binary).status);
     info = run_tool("device-info " + b);
     EXPECT_TRUE(contains(info.output, "  00000000  de ad 00 51 ff ")) << info.output;
-    EXPECT_TRUE(contains(info.output, "|..Q.|\n")) << info.output;
+    EXPECT_TRUE(contains(info.output, "|...Q.|\n")) << info.output;
     EXPECT_TRUE(contains(run_tool("device-info " + a).output, "id=7")) << "a's own is kept";
 
     // 382 free blocks of 4 MiB, not enough for 1900 MiB.
@@ -1102,7 +1102,7 @@ TEST(Tool, FileLsMvRmAndDeviceInfo)
         std::string says;
     } refused[] = {
         {"put", "file put takes one NAME"},
-        {"put fourteen-chars --from " + text, "1 to 13 characters: 'fourteen-chars'"},
+        {"put fourteen-chars --from " + text, "a file name takes 1 to 13 characters: 'fourteen-chars'"},
         {"get absent --to " + dir.path("out"), "there is no file absent"},
         {"rm absent", "there is no file absent"},
         {"mv absent other", "there is no file absent"},

@@ -1153,6 +1153,8 @@ int main(int argc, char** argv)
     if (!split_args(argc, argv, i + 1, args, error))
         return fail("%s", error);
 
+    if (!set_stdout_aside(verb, args))
+        return fail("cannot set standard output aside for the file's bytes");
     api_qzfs_init();
     api_qzfs_set_debug_level(debug_level);
     int rc;

@@ -143,6 +143,11 @@ int verb_rebuild(const Args& args);          // qzfs_recover.cpp
 int verb_check(const Args& args);            // qzfs_check.cpp
 int verb_file(const Args& args);             // qzfs_file.cpp
 int verb_device_info(const Args& args);      // qzfs_file.cpp
+// For a request whose standard output carries a file's bytes (file ...
+// get without --to), sends everything else printed there, the library's
+// log included, to standard error; called before the library is started,
+// which prints from then on. False when that cannot be done.
+bool set_stdout_aside(const std::string& verb, const Args& args);  // qzfs_file.cpp
 // What a key info load mended, in words ("" when it mended nothing), for
 // recover and info.
 std::string key_repair_text(const DiskKeyRepair& repair);  // qzfs_recover.cpp

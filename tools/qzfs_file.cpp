@@ -325,15 +325,18 @@ int check_file_request(const std::string& action, const Args& args,
     return 0;
 }
 
-// Sends what the library prints to standard error, so that standard output
-// carries a file's bytes alone; gives a stream on the real standard output.
-FILE* keep_stdout_for_data()
+// The real standard output while it carries a file's bytes, else null.
+FILE* g_data_out = nullptr;
+
+// Whether the request writes a file's bytes to standard output.
+bool writes_data_to_stdout(const std::string& verb, const Args& args)
 {
-    fflush(stdout);
-    const int data = dup(STDOUT_FILENO);
-    if (data < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
-        return nullptr;
-    return fdopen(data, "wb");
+    if (verb != "file" || args.option("--to") != nullptr)
+        return false;
+    for (const std::string& word : args.positional)
+        if (is_file_action(word))
+            return word == "get";
+    return false;
 }
 
 // The bytes of a file of the host.
@@ -452,8 +455,21 @@ int set_device_info(const std::string& path, const std::string& source)
 
 } // namespace
 
+bool set_stdout_aside(const std::string& verb, const Args& args)
+{
+    if (g_data_out != nullptr || !writes_data_to_stdout(verb, args))
+        return true;
+    fflush(stdout);
+    const int data = dup(STDOUT_FILENO);
+    if (data < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+        return false;
+    g_data_out = fdopen(data, "wb");
+    return g_data_out != nullptr;
+}
+
 int verb_file(const Args& args)
 {
+    const std::string verb_name = "file";
     const std::vector<std::string>& words = args.positional;
     size_t at = 0;
     while (at < words.size() && !is_file_action(words[at]))
@@ -468,10 +484,10 @@ int verb_file(const Args& args)
     if (check_file_request(action, args, rest) != 0)
         return 1;
 
-    FILE* out = stdout;
-    if (action == "get" && args.option("--to") == nullptr &&
-        (out = keep_stdout_for_data()) == nullptr)
+    if (action == "get" && args.option("--to") == nullptr && g_data_out == nullptr &&
+        !set_stdout_aside(verb_name, args))
         return fail("cannot set standard output aside for the file's bytes");
+    FILE* out = g_data_out != nullptr ? g_data_out : stdout;
     unsigned mounted = 0;
     int rc = 1;
     if (mount_group(images, mounted) == 0) {
@@ -487,8 +503,6 @@ int verb_file(const Args& args)
             rc = file_mv(rest[0], rest[1]);
     }
     leave_group(mounted);
-    if (out != stdout)
-        fclose(out);
     return rc;
 }
 
