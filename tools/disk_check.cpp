@@ -7,11 +7,9 @@
 #include "qzfs_disk_format.h"
 #include "qzfs_manager.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <map>
 #include <unistd.h>
 
 namespace {
@@ -32,37 +30,8 @@ bool read_image(const std::string& path, unsigned long long at, void* out, size_
     return whole;
 }
 
-// The blocks of each named file (type 8 in the table, the name in attr)
-// carry the indexes 0 to n-1, each once: the mount makes a file of these
-// records alone.
-void check_normal_file_blocks(const std::vector<_qzfs_block_info_>& table,
-                              std::vector<std::string>& problems)
-{
-    std::map<std::string, std::vector<unsigned>> files;  // 14 bytes of name: indexes
-    for (const _qzfs_block_info_& r : table)
-        if (r.block_type == QZFS_BLOCK_NORMAL_FILE)
-            files[std::string(reinterpret_cast<const char*>(r.attr), sizeof(r.attr))].push_back(
-                r.block_index);
-    for (auto& f : files) {
-        std::vector<unsigned>& got = f.second;
-        std::sort(got.begin(), got.end());
-        unsigned i = 0;
-        while (i < got.size() && got[i] == i)
-            i++;
-        if (i == got.size())
-            continue;
-        std::string indexes;
-        for (unsigned index : got)
-            indexes += (indexes.empty() ? "" : ", ") + std::to_string(index);
-        problems.push_back("normal file \"" + std::string(f.first.c_str()) + "\": its " +
-                           std::to_string(got.size()) + " blocks carry the indexes " + indexes +
-                           ", not 0 to " + std::to_string(got.size() - 1) + " once each");
-    }
-}
-
 // Every block whose table record is in use (any type but free) is set in
-// the bitmap, and every block set there has such a record; the named files'
-// blocks are checked from the same table.
+// the bitmap, and every block set there has such a record.
 void check_bitmap(CQzFileSystem* fs, const std::string& path, std::vector<std::string>& problems)
 {
     const _qzfs_disk_manage_& m = fs->manage();
@@ -83,7 +52,6 @@ void check_bitmap(CQzFileSystem* fs, const std::string& path, std::vector<std::s
                                std::to_string(table[b].block_type) + " but the bitmap has it " +
                                (used ? "free" : "in use"));
     }
-    check_normal_file_blocks(table, problems);
 }
 
 unsigned clock_seconds(unsigned hour, unsigned minute, unsigned second)

@@ -1,9 +1,8 @@
 // disk_check: the read-only check of a mounted disk that the tool's check
 // verb runs. It takes the disk checks of disk_walk and disk_consistency and
 // adds a few of its own: the bitmap against the block table, each root's
-// summary against its segments, a closed segment's times against its
-// I-frames, and the block indexes of each named file. The header needs
-// nothing of the library's internals.
+// summary against its segments, and a closed segment's times against its
+// I-frames. The header needs nothing of the library's internals.
 #ifndef QZFS_TOOL_DISK_CHECK_H
 #define QZFS_TOOL_DISK_CHECK_H
 

@@ -142,10 +142,6 @@ void check_block(CQzFileSystem* fs, const Image& image, uint32_t block, const Ow
                                   std::to_string(r[1].block_type) + ", " +
                                   std::to_string(r[2].block_type) + ")");
     if (!owned) {
-        // A named file's blocks are owned by their records in the table
-        // alone (disk_check checks them): no orphans.
-        if (type == QZFS_BLOCK_NORMAL_FILE)
-            return;
         result.orphans++;
         if (type != QZFS_BLOCK_DATA)
             result.index_orphans++;

@@ -1,6 +1,5 @@
 // The block-level consistency of a mounted disk: every allocated block has
-// one owner in the index (or is counted as an orphan; a named file's blocks,
-// which the table alone names, are neither), its record agrees in
+// one owner in the index (or is counted as an orphan), its record agrees in
 // its three places, every I-frame entry of a live segment points at an
 // I-frame of the root's channel in an allocated block, each block entry
 // counts the live segments that share its block, and the action journal is
