@@ -479,7 +479,8 @@ void check_files(const Workload& workload, const WorkloadProgress& progress,
             out.line("fail file A has " + std::to_string(size) + " bytes, neither its " +
                      std::to_string(prepared["A"]) + " nor a number of whole blocks of them");
         else if (holds(got, "A", "A", size, out))
-            outcome = whole ? "A whole" : "A " + std::to_string(blocks) + " blocks";
+            outcome = whole ? "A whole"
+                            : "A " + std::to_string(blocks) + (blocks == 1 ? " block" : " blocks");
     }
     const bool d = names.count("D") > 0, e = names.count("E") > 0;
     if (d == e || (renamed && d) || (!deleted && e))
