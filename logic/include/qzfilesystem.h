@@ -260,6 +260,10 @@ public:
     int delete_normal_file(const char* name);
     int rename_normal_file(const char* old_name, const char* new_name);
     int search_normal_file(const char* pattern, _qzfs_normal_file_search_describe_* out);
+    // A power cut between a block request's table writes and its head
+    // write, or inside a rename, leaves a file block whose own record is not
+    // the table's; the table decides, so the head is written from it (mount).
+    void repair_normal_file_heads();
     int write_normal_file_block_header(void* io, unsigned long block,
                                        _qzfs_file_block_header_* header);
     // Reads the first 4096 bytes of `block`; `info` and `header`, when given,

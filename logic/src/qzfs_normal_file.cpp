@@ -93,6 +93,23 @@ void CQzFileSystem::set_normal_file_write_user(const char* name,
 
 // ------------------------------------------------------------ block heads
 
+void CQzFileSystem::repair_normal_file_heads()
+{
+    for (const _qzfs_normal_file_cache_node_& file : m_manage.normal_file_cache) {
+        for (const _qzfs_block_cache_node_& b : file.blocks) {
+            _qzfs_block_info_ table, head;
+            if (read_block_info_from_key_block(m_manage.key_block, b.block, &table) != 0)
+                continue;
+            if (read_block_info_from_block(b.block, &head) == 0 &&
+                memcmp(&table, &head, sizeof(table)) == 0)
+                continue;
+            QZLOG_ABOVE(0, "file %s block %lu: its head is written from the table", file.name,
+                        (unsigned long)b.block);
+            mark_block_head(b.block, QZFS_BLOCK_NORMAL_FILE);
+        }
+    }
+}
+
 int CQzFileSystem::write_normal_file_block_header(void* io, unsigned long block,
                                                   _qzfs_file_block_header_* header)
 {
