@@ -966,3 +966,159 @@ TEST(Tool, LsCalendarAndIframeExportShowWhatWasRecorded)
     EXPECT_TRUE(contains(ex.output, "exported 4 frames")) << ex.output;
     EXPECT_NE(0, run_tool("export " + b + id + " --skip 2 --out " + half).status);
 }
+
+namespace {
+
+// `size` bytes that differ from those of another `seed`.
+std::vector<uint8_t> pattern_bytes(size_t size, uint32_t seed)
+{
+    std::vector<uint8_t> bytes(size);
+    for (uint8_t& b : bytes) {
+        seed = seed * 1103515245u + 12345u;
+        b = uint8_t(seed >> 16);
+    }
+    return bytes;
+}
+
+} // namespace
+
+// Files go in and come out in separate runs of the tool, through named
+// files and through standard input and output; a 4 MiB block keeps 4 KiB
+// for its head, so 4190208 bytes fill one block exactly.
+TEST(Tool, FilePutAndGetRoundTripsAcrossMounts)
+{
+    ScratchDir dir;
+    const std::string image = dir.path("disk.img");
+    ASSERT_EQ(0, run_tool("format " + image + " --size 2G").status);
+    const std::string tool = std::string(QZFS_TOOL_PATH) + " ";
+    struct Case {
+        const char* name;
+        size_t size;
+        bool piped;  // put from standard input, get to standard output
+    };
+    const Case cases[] = {
+        {"empty", 0, false},
+        {"one.block", 4190208, true},
+        {"two.blocks", 4190209, false},
+        {"video.cfg", 5 * MiB + 123, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string in = dir.path(std::string(c.name) + ".in");
+        const std::string out = dir.path(std::string(c.name) + ".out");
+        const std::vector<uint8_t> bytes = pattern_bytes(c.size, uint32_t(c.size));
+        write_file(in, bytes);
+        CommandResult put = c.piped ? run_tool("file " + image + " put " + c.name + " < " + in)
+                                    : run_tool("file " + image + " put " + c.name + " --from " + in);
+        ASSERT_EQ(0, put.status) << put.output;
+        EXPECT_TRUE(contains(put.output, "stored " + std::string(c.name) + ": " +
+                                             std::to_string(c.size) + " bytes on disk 0"))
+            << put.output;
+        // The library's log lines (a mount prints some at level 1) stay out
+        // of the file's bytes on standard output.
+        CommandResult get =
+            c.piped ? run_command("(" + tool + "--debug-level 1 file " + image + " get " + c.name +
+                                  " > " + out + ")")
+                    : run_tool("file " + image + " get " + c.name + " --to " + out);
+        ASSERT_EQ(0, get.status) << get.output;
+        EXPECT_TRUE(read_file(out) == bytes) << "the bytes differ, " << file_size(out) << " of "
+                                             << c.size;
+    }
+    CommandResult ls = run_tool("file " + image + " ls");
+    ASSERT_EQ(0, ls.status) << ls.output;
+    EXPECT_TRUE(contains(ls.output, "       4190209  two.blocks\n")) << ls.output;
+    EXPECT_TRUE(contains(ls.output, "4 files, " + std::to_string(2 * 4190208 + 1 + 5 * MiB + 123) +
+                                        " bytes\n"))
+        << ls.output;
+
+    // put replaces a file of the name; the disk gets its blocks back.
+    const std::string small = dir.path("small");
+    write_file(small, pattern_bytes(10, 7));
+    ASSERT_EQ(0, run_tool("file " + image + " put video.cfg --from " + small).status);
+    ASSERT_EQ(0, run_tool("file " + image + " get video.cfg --to " + dir.path("back")).status);
+    EXPECT_TRUE(read_file(dir.path("back")) == pattern_bytes(10, 7));
+    EXPECT_TRUE(contains(run_tool("file " + image + " ls video").output, "1 file, 10 bytes\n"));
+    EXPECT_TRUE(contains(run_tool("check " + image).output, "0 problems")) << "after the files";
+}
+
+// ls by a part of the name, mv and rm over two images mounted as one group,
+// and the device info of each disk; refused requests say why in one line
+// and leave the images as they were.
+TEST(Tool, FileLsMvRmAndDeviceInfo)
+{
+    ScratchDir dir;
+    const std::string a = dir.path("a.img"), b = dir.path("b.img");
+    ASSERT_EQ(0, run_tool("format " + a + " --size 2G").status);
+    ASSERT_EQ(0, run_tool("format " + b + " --size 2G").status);
+    const std::string group = a + " " + b;
+    const std::string text = dir.path("text");
+    write_file(text, std::vector<uint8_t>{'i', 'd', '=', '7', '\n'});
+    for (const char* name : {"cam1.conf", "cam2.conf", "users"})
+        ASSERT_EQ(0, run_tool("file " + group + " put " + name + " --from " + text).status);
+
+    struct Listing {
+        const char* pattern;
+        const char* shows;
+        const char* hides;
+    };
+    const Listing listings[] = {
+        {"conf", "2 files, 10 bytes\n", "users"},
+        {"cam2", "             5  cam2.conf\n", "cam1"},
+        {"nothing", "0 files, 0 bytes\n", "conf"},
+    };
+    for (const Listing& l : listings) {
+        SCOPED_TRACE(l.pattern);
+        CommandResult ls = run_tool("file " + group + " ls " + l.pattern);
+        ASSERT_EQ(0, ls.status) << ls.output;
+        EXPECT_TRUE(contains(ls.output, l.shows)) << ls.output;
+        EXPECT_FALSE(contains(ls.output, l.hides)) << ls.output;
+    }
+    ASSERT_EQ(0, run_tool("file " + group + " mv cam2.conf cam3.conf").status);
+    ASSERT_EQ(0, run_tool("file " + group + " rm users").status);
+    CommandResult ls = run_tool("file " + group + " ls");
+    EXPECT_TRUE(contains(ls.output, "  cam1.conf\n             5  cam3.conf\n2 files, 10 bytes\n"))
+        << ls.output;
+
+    // The device info, as text and as a hex dump.
+    CommandResult info = run_tool("device-info " + a);
+    EXPECT_EQ(0, info.status) << info.output;
+    EXPECT_TRUE(contains(info.output, "no device info")) << info.output;
+    ASSERT_EQ(0, run_tool("device-info " + a + " --set " + text).status);
+    info = run_tool("device-info " + a);
+    EXPECT_TRUE(contains(info.output, "5 bytes of text\nid=7\n")) << info.output;
+    const std::string binary = dir.path("binary");
+    write_file(binary, std::vector<uint8_t>{0xde, 0xad, 0x00, 'Q', 0xff});
+    ASSERT_EQ(0, run_tool("device-info " + b + " --set " + binary).status);
+    info = run_tool("device-info " + b);
+    EXPECT_TRUE(contains(info.output, "  00000000  de ad 00 51 ff ")) << info.output;
+    EXPECT_TRUE(contains(info.output, "|...Q.|\n")) << info.output;
+    EXPECT_TRUE(contains(run_tool("device-info " + a).output, "id=7")) << "a's own is kept";
+
+    // 382 free blocks of 4 MiB, not enough for 1900 MiB.
+    const std::string huge = dir.path("huge");
+    make_sparse_image(huge, 1900 * MiB);
+    const struct {
+        std::string args;
+        std::string says;
+    } refused[] = {
+        {"put", "file put takes one NAME"},
+        {"put fourteen-chars --from " + text, "a file name takes 1 to 13 characters: 'fourteen-chars'"},
+        {"get absent --to " + dir.path("out"), "there is no file absent"},
+        {"rm absent", "there is no file absent"},
+        {"mv absent other", "there is no file absent"},
+        {"mv cam1.conf cam3.conf", "cam3.conf exists already"},
+        {"mv cam1.conf", "file mv takes OLD and NEW"},
+        {"put big --from " + huge, "big does not fit: 1992294400 bytes need 476 blocks"},
+        {"put big --from " + dir.path("none"), "cannot read"},
+        {"ls --to x", "unknown option --to"},
+    };
+    for (const auto& r : refused) {
+        SCOPED_TRACE(r.args);
+        const std::string before = image_fingerprint(b);
+        run_verb_case("file", a, b + " " + r.args, false, "qzfs: " + r.says);
+        EXPECT_EQ(before, image_fingerprint(b));
+    }
+    run_verb_case("device-info", a, "--set " + dir.path("none"), false, "qzfs: cannot read");
+    run_verb_case("device-info", a, "--set " + huge, false, "the device info does not fit");
+    EXPECT_FALSE(exists(dir.path("out")));
+}

@@ -89,6 +89,24 @@ Owners index_owners(const DiskWalk& walk, unsigned long block_size, Consistency&
     return owners;
 }
 
+// The blocks of each named file, as the mount listed them from the table:
+// their ordinals run from 0 without a gap or a repeat.
+void add_file_owners(CQzFileSystem* fs, Owners& owners, Consistency& result)
+{
+    for (const _qzfs_normal_file_cache_node_& file : fs->manage().normal_file_cache) {
+        const std::string name = "named file " + std::string(file.name);
+        unsigned long want = 0;
+        for (const _qzfs_block_cache_node_& b : file.blocks) {
+            if (b.block_index != want)
+                result.failures.push_back(name + ": block " + std::to_string(b.block) +
+                                          " has ordinal " + std::to_string(b.block_index) +
+                                          " where " + std::to_string(want) + " belongs");
+            want = b.block_index + 1ul;
+            add_owner(owners, b.block, name, QZFS_BLOCK_NORMAL_FILE);
+        }
+    }
+}
+
 // The record of `block` in both key tables and in its own head.
 bool block_records(CQzFileSystem* fs, const Image& image, uint32_t block,
                    _qzfs_block_info_ records[3])
@@ -258,7 +276,8 @@ Consistency check_consistency(CQzFileSystem* fs, const std::string& path, const 
     Consistency result;
     const Image image(path);
     const unsigned long block_size = fs->manage().block_size;
-    const Owners owners = index_owners(walk, block_size, result);
+    Owners owners = index_owners(walk, block_size, result);
+    add_file_owners(fs, owners, result);
     check_owned_allocated(fs, owners, result);
     for (uint32_t block = 0; block < fs->manage().total_block; block++) {
         if (!block_allocated(fs, block))

@@ -1,8 +1,8 @@
 // qzfs: the host tool. Formats, mounts and examines disks or disk images
 // through the library, from a shell. This file holds the usage text, the
 // verb dispatch and the verbs on disks, indexes, export, delete by id and
-// browsing; deleting by the clock, recording, retention and the key info
-// recovery have files of their own.
+// browsing; deleting by the clock, recording, retention, the key info
+// recovery, the check and the named files have files of their own.
 #include "disk_access.h"
 #include "h264_stream.h"
 #include "qzfs_cli.h"
@@ -145,6 +145,23 @@ const char* USAGE =
     "      a block whose records disagree or that nothing owns, an index entry\n"
     "      that does not match the frames...) and a summary line; exit status 0\n"
     "      only when every image is sound\n"
+    "  file IMAGE... ls [PATTERN]\n"
+    "  file IMAGE... put NAME [--from FILE]\n"
+    "  file IMAGE... get NAME [--to FILE]\n"
+    "  file IMAGE... rm NAME\n"
+    "  file IMAGE... mv OLD NEW\n"
+    "      the named files a disk keeps beside its recordings (names of 1 to 13\n"
+    "      characters, each unique in the group the images are mounted as): ls\n"
+    "      lists those whose name contains PATTERN, with their sizes; put stores\n"
+    "      FILE (standard input without --from) as NAME on the disk the group\n"
+    "      records on, replacing a file of that name, and refuses, writing\n"
+    "      nothing, one that does not fit; get writes NAME to FILE (standard\n"
+    "      output without --to); rm removes it from every disk; mv renames it,\n"
+    "      refused when NEW exists\n"
+    "  device-info IMAGE [--set FILE]\n"
+    "      print the disk's device info, the application's data kept in its\n"
+    "      file QzfsDevInfo: as text when it prints, else as a hex dump (\"no\n"
+    "      device info\" when there is none); --set replaces it with FILE's bytes\n"
     "  rebuild-shell IMAGE\n"
     "      lay the MBR and FAT32 shell anew; recordings are left alone\n"
     "\n"
@@ -1136,6 +1153,8 @@ int main(int argc, char** argv)
     if (!split_args(argc, argv, i + 1, args, error))
         return fail("%s", error);
 
+    if (!set_stdout_aside(verb, args))
+        return fail("cannot set standard output aside for the file's bytes");
     api_qzfs_init();
     api_qzfs_set_debug_level(debug_level);
     int rc;
@@ -1169,6 +1188,10 @@ int main(int argc, char** argv)
         rc = verb_rebuild(args);
     else if (verb == "check")
         rc = verb_check(args);
+    else if (verb == "file")
+        rc = verb_file(args);
+    else if (verb == "device-info")
+        rc = verb_device_info(args);
     else if (verb == "rebuild-shell")
         rc = verb_rebuild_shell(args);
     else if (verb == "help")

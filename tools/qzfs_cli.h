@@ -4,7 +4,8 @@
 // in qzfs.cpp (disks, indexes, export, delete by id, browsing),
 // qzfs_delete.cpp (delete by time and by date), qzfs_record.cpp (recording),
 // qzfs_retention.cpp (locks, record types by time and recording with
-// overwrite) and qzfs_recover.cpp (the key info repair).
+// overwrite), qzfs_recover.cpp (the key info repair), qzfs_check.cpp (the
+// read-only check) and qzfs_file.cpp (named files and the device info).
 #ifndef QZFS_TOOL_CLI_H
 #define QZFS_TOOL_CLI_H
 
@@ -140,6 +141,13 @@ int verb_delete_by_clock(const Args& args);  // qzfs_delete.cpp
 int verb_recover(const Args& args);          // qzfs_recover.cpp
 int verb_rebuild(const Args& args);          // qzfs_recover.cpp
 int verb_check(const Args& args);            // qzfs_check.cpp
+int verb_file(const Args& args);             // qzfs_file.cpp
+int verb_device_info(const Args& args);      // qzfs_file.cpp
+// For a request whose standard output carries a file's bytes (file ...
+// get without --to), sends everything else printed there, the library's
+// log included, to standard error; called before the library is started,
+// which prints from then on. False when that cannot be done.
+bool set_stdout_aside(const std::string& verb, const Args& args);  // qzfs_file.cpp
 // What a key info load mended, in words ("" when it mended nothing), for
 // recover and info.
 std::string key_repair_text(const DiskKeyRepair& repair);  // qzfs_recover.cpp

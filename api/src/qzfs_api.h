@@ -131,6 +131,9 @@ public:
     void* qzfs_get_search_normal_file_handle(unsigned char group, char* pattern);
     int qzfs_get_normal_file_name(void* handle, unsigned char step, char* name);
     int qzfs_release_search_normal_file_handle(void* handle);
+    /* 1 when a handle of `list` has `name` open: mask bit 0 matches reading
+     * handles (mode 3), bit 1 writing ones. */
+    int qzfs_find_open_normal_file(std::list<void*>& list, char* name, unsigned char mask);
 
     /* Device info */
     int qzfs_write_device_info(unsigned char hdd_id, char* data, int length);

@@ -1,5 +1,7 @@
 // CQzfsApi lifecycle: configuration defaults, caches, init and teardown.
+#include "qzfilesystem.h"
 #include "qzfs_api.h"
+#include "qzfs_device.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
 #include "system_resource_manager.h"
@@ -43,6 +45,17 @@ int CQzfsApi::Qzfs_uninit()
 {
     DiskRegistryWriteGuard registry;  // taken before the manager lock
     ManagerLockGuard manager(gQzfsManager);
+    // Named files left open: their sizes are on the disks already (each
+    // write stores its file's end), so only the handles go.
+    for (auto& group : gQzfsManager.m_disk_group_map) {
+        for (void* open : group.second.open_normal_file_list) {
+            _qzfs_normal_file_describe_* handle = static_cast<_qzfs_normal_file_describe_*>(open);
+            if (handle->io_handle != nullptr)
+                qzfs_destroy_io_interface(handle->io_handle);
+            delete handle;
+        }
+        group.second.open_normal_file_list.clear();
+    }
     gQzfsManager.free_all_file_systems();
     gQzfsManager.m_InitFlag = 0;
     delete pgSystemResourceManager;

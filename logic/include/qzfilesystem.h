@@ -54,6 +54,12 @@ struct _qzfs_normal_file_describe_ {
     unsigned char read_only;
 };
 
+// The names a search found, with a cursor over them.
+struct _qzfs_normal_file_search_describe_ {
+    std::list<std::string> names;
+    std::list<std::string>::iterator cursor;
+};
+
 // One named file and its blocks, ordered by block_index.
 struct _qzfs_normal_file_cache_node_ {
     char name[16];
@@ -237,10 +243,43 @@ public:
                            unsigned char unused);
     int Free_one_block(unsigned long block, unsigned char unused);
 
-    // ---- normal file cache (qzfs_normal_file.cpp)
+    // ---- named files: the cache, open, close, size, delete, rename, search
+    // (qzfs_normal_file.cpp). Open, close, seek and the calls by name run
+    // under the disk lock; write and read take it only around allocation,
+    // cache changes and a reader's look at the writer.
     void Add_block_to_normal_file(const char* name, unsigned short block_index,
                                   unsigned long block);
     void init_normal_file_cache();
+    int normal_file_is_exist(unsigned char* name);
+    int get_normal_file_use_block_list(const char* name, std::list<unsigned long>& blocks);
+    int open_normal_file(const char* name, _qzfs_normal_file_describe_* handle);
+    int close_normal_file(_qzfs_normal_file_describe_* handle);
+    int sync_normal_file(_qzfs_normal_file_describe_* handle);
+    long long get_normal_file_size_by_handle(_qzfs_normal_file_describe_* handle);
+    int get_normal_file_size(const char* name, unsigned long long& size);
+    int delete_normal_file(const char* name);
+    int rename_normal_file(const char* old_name, const char* new_name);
+    int search_normal_file(const char* pattern, _qzfs_normal_file_search_describe_* out);
+    // A power cut between a block request's table writes and its head
+    // write, or inside a rename, leaves a file block whose own record is not
+    // the table's; the table decides, so the head is written from it (mount).
+    void repair_normal_file_heads();
+    int write_normal_file_block_header(void* io, unsigned long block,
+                                       _qzfs_file_block_header_* header);
+    // Reads the first 4096 bytes of `block`; `info` and `header`, when given,
+    // receive the block's record and chain header, each of which must pass
+    // its check. 0 or -1.
+    int get_normal_file_block_info(void* io, unsigned long block, _qzfs_block_info_* info,
+                                   _qzfs_file_block_header_* header);
+
+    // ---- named files: data (qzfs_normal_file_io.cpp)
+    int write_normal_file(_qzfs_normal_file_describe_* handle, char* data, int length);
+    int read_normal_file(_qzfs_normal_file_describe_* handle, char* buffer, int length);
+    int seek_normal_file(_qzfs_normal_file_describe_* handle, long long offset, int whence);
+    long long get_normal_file_cur_offset(_qzfs_normal_file_describe_* handle);
+    // The block after (`forward` 1) or before cur_block in the handle's list.
+    int find_normal_file_block(_qzfs_normal_file_describe_* handle, unsigned long& out,
+                               unsigned char forward);
 
     // ---- key info recovery (qzfs_key_info_recovery.cpp)
     int fast_recovery_key_info();
@@ -734,6 +773,18 @@ public:
     unsigned char* io_buffer() { return m_file_system_io_buffer; }
 
 private:
+    _qzfs_normal_file_cache_node_* find_normal_file_node(const char* name);
+    void set_normal_file_write_user(const char* name, _qzfs_normal_file_describe_* handle);
+    int create_normal_file(const char* name, void* io);
+    int repair_last_normal_file_header(_qzfs_normal_file_describe_* handle,
+                                       _qzfs_file_block_header_& header);
+    int load_normal_file_end(_qzfs_normal_file_describe_* handle);
+    // Bytes of a file of `blocks` blocks whose last one holds `used_len`.
+    long long normal_file_size(unsigned long blocks, unsigned long used_len) const;
+    int extend_normal_file(_qzfs_normal_file_describe_* handle);
+    // A reading handle takes the end of the file from the handle writing
+    // it, when that one has gone further. Disk lock held. 1 when it did.
+    int refresh_normal_file_from_writer(_qzfs_normal_file_describe_* handle);
     bool orphan_still_unowned(const _invalid_block_list_node_& orphan);
     int write_record_to_places(unsigned long key_block, unsigned long bak_block,
                                unsigned long block, _qzfs_block_info_* record, char where,

@@ -112,4 +112,10 @@ struct _qzfs_file_block_header_ {
 };
 static_assert(sizeof(_qzfs_file_block_header_) == 16, "file block header is 16 bytes");
 
+// Where a normal file block keeps its chain header and its data.
+const unsigned long QZFS_FILE_HEADER_OFFSET = 32;
+const unsigned long QZFS_FILE_DATA_OFFSET = 4096;
+// Characters of a normal file name; the table's 14 bytes keep a NUL after.
+const unsigned long QZFS_FILE_NAME_MAX = 13;
+
 #endif

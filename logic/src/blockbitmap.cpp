@@ -113,9 +113,7 @@ int CQzFileSystem::Request_free_block(unsigned long count, unsigned long* out,
 }
 
 // Frees a block in both tables. A data block's own head keeps the old
-// record, which is what recovery reads; an index block's head says free as
-// well, since a stale index taken back by a scan of the heads would stand
-// for recordings that are gone.
+// record, which is what recovery reads.
 int CQzFileSystem::Free_one_block(unsigned long block, unsigned char)
 {
     if (block >= m_manage.total_block) {
@@ -125,12 +123,16 @@ int CQzFileSystem::Free_one_block(unsigned long block, unsigned char)
     if (!block_bit_is_set(block))
         return 0;
     _qzfs_block_info_ old;
-    const bool index = read_block_info_from_key_block(m_manage.key_block, block, &old) == 0 &&
-                       (old.block_type == QZFS_BLOCK_ROOT_INDEX ||
-                        old.block_type == QZFS_BLOCK_SEGMENT_INDEX ||
-                        old.block_type == QZFS_BLOCK_IFRAME_INDEX);
+    // Index and named file blocks get a free head too: a scan of the
+    // blocks' own heads must not take back a stale index, which would stand
+    // for recordings that are gone, or a deleted file.
+    const bool head_too = read_block_info_from_key_block(m_manage.key_block, block, &old) == 0 &&
+                          (old.block_type == QZFS_BLOCK_ROOT_INDEX ||
+                           old.block_type == QZFS_BLOCK_SEGMENT_INDEX ||
+                           old.block_type == QZFS_BLOCK_IFRAME_INDEX ||
+                           old.block_type == QZFS_BLOCK_NORMAL_FILE);
     if (modify_block_type(block, QZFS_BLOCK_FREE,
-                          index ? QZFS_WHERE_ALL : QZFS_WHERE_KEY_TABLES) != 0) {
+                          head_too ? QZFS_WHERE_ALL : QZFS_WHERE_KEY_TABLES) != 0) {
         QZLOG("modify block info failed(%lu)!", block);
         return -1;
     }

@@ -269,8 +269,10 @@ int qzfs_judge_hdd_open_normal_file(unsigned char hdd_id)
 {
     for (auto& group : gQzfsManager.m_disk_group_map)
         for (void* handle : group.second.open_normal_file_list)
-            if (static_cast<_qzfs_normal_file_describe_*>(handle)->hdd_id == hdd_id)
+            if (static_cast<_qzfs_normal_file_describe_*>(handle)->hdd_id == hdd_id) {
+                QZLOG_ABOVE(0, "%s is open!", static_cast<_qzfs_normal_file_describe_*>(handle)->name);
                 return 1;
+            }
     return 0;
 }
 

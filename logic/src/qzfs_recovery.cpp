@@ -203,6 +203,7 @@ void reset_hdd_record_date(CQzFileSystem& fs)
 
 int CQzFileSystem::Power_down_recovery()
 {
+    repair_normal_file_heads();
     _root_index_header_dev_ header;
     memset(&header, 0, sizeof(header));
     if (reload_root_index_chain(*this, &header) != 0)

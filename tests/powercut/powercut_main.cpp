@@ -1,11 +1,12 @@
 // qzfs_powercut: cuts the power at every device write of a recording, a
 // delete, a trim, an overwrite pass, a change by time, a mount that mends
-// the block table or the recovery that rebuilds lost indexes (or a stride
-// of them) and checks what the next mount makes of the disk.
+// the block table, the recovery that rebuilds lost indexes or the work on
+// named files (or a stride of them) and checks what the next mount makes
+// of the disk.
 //
 //   qzfs_powercut --workload start|one|four|delete-last|delete-one|delete-shared|trim|trim-live
 //                            |overwrite|split-two|split-three|lock-range|delete-middle
-//                            |shorten|alloc|key-merge|rebuild
+//                            |shorten|alloc|key-merge|rebuild|file-write|file-delete
 //                 [--mode drop|torn|reorder]
 //                 [--from N] [--to N] [--stride S] [--recut-stride R]
 //                 [--seed X] [--dir DIR] [--verbose]
@@ -27,7 +28,11 @@
 // The rebuild workload is cut in the recovery of an unmounted disk whose
 // indexes were wiped; after the cut a recovery must succeed, every
 // recording end as after the uncut one, and a recovery after the checks
-// change nothing. With
+// change nothing. The file-write and file-delete workloads are cut in
+// writes to named files, or in the delete of one and the rename of
+// another; after the cut the recording must be as before, every other
+// file whole, a written file hold at least what a returned sync covered,
+// and a deleted one be whole, gone or its first blocks. With
 // --recut-stride R, every R-th cut point tried also has its repairing mount
 // cut at each of its own writes, and the mount after that must end in the
 // same state as the uncut repair.

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <set>
 
 namespace powercut {
@@ -343,6 +344,158 @@ bool walk_mounted(DiskWalk& walk, const LineWriter& out)
     return true;
 }
 
+// The names of group 0's named files, through the search calls.
+std::set<std::string> listed_files()
+{
+    std::set<std::string> names;
+    char pattern[1] = {'\0'};
+    void* search = api_qzfs_get_search_normal_file_handle(0, pattern);
+    if (search == nullptr)
+        return names;
+    char name[16] = {};
+    for (int step = 0; names.size() < 100 &&
+                       api_qzfs_get_normal_file_name(search, (unsigned char)step, name) == 1;
+         step = 1)
+        names.insert(std::string(name, strnlen(name, sizeof(name))));
+    api_qzfs_release_search_normal_file_handle(search);
+    return names;
+}
+
+// A named file's whole content through the reading calls (mode 3); false
+// with a failure when it cannot be opened, is larger than `most` or reads
+// short of its size.
+bool read_file(const std::string& name, unsigned long long most, std::vector<char>& out,
+               const LineWriter& line)
+{
+    char n[16] = {};
+    name.copy(n, sizeof(n) - 1);
+    void* handle = api_qzfs_open_normal_file(0, n, QZFS_NORMAL_FILE_READ);
+    if (handle == nullptr) {
+        line.line("fail file " + name + " is listed but does not open");
+        return false;
+    }
+    const long long size = api_qzfs_get_normal_file_size_by_handle(handle);
+    out.assign(size_t(std::max(0LL, std::min(size, (long long)most))), 0);
+    size_t got = 0;
+    int n_read = 0;
+    while (got < out.size() &&
+           (n_read = api_qzfs_read_normal_file(
+                handle, out.data() + got, int(std::min<size_t>(out.size() - got, 1 << 20)))) > 0)
+        got += size_t(n_read);
+    api_qzfs_close_normal_file(handle);
+    if (size >= 0 && (unsigned long long)size <= most && got == out.size())
+        return true;
+    line.line("fail file " + name + " reads " + std::to_string(got) + " bytes, its size is " +
+              std::to_string(size));
+    return false;
+}
+
+// Whether `got` starts with the first `length` bytes of the content of
+// `name`; tells the first byte that differs otherwise.
+bool holds(const std::vector<char>& got, const std::string& file, const std::string& content,
+           unsigned long long length, const LineWriter& out)
+{
+    const std::vector<char> want = file_bytes(content, 0, size_t(length));
+    if (got.size() >= want.size() && std::equal(want.begin(), want.end(), got.begin()))
+        return true;
+    const size_t at =
+        size_t(std::mismatch(want.begin(), want.end(), got.begin(), got.end()).first -
+               want.begin());
+    out.line("fail file " + file + " (" + std::to_string(got.size()) +
+             " bytes) differs from what was written at byte " +
+             std::to_string(std::min(at, got.size())) + " of the " + std::to_string(length) +
+             " checked");
+    return false;
+}
+
+// The named files after a cut in a file workload, and "outcome" with what
+// became of the files the cut fell on. Only the names the workload made
+// are listed; B is whole. file-write: C and A hold at least the bytes a
+// returned sync or close (A: or the preparation) covered, exactly as
+// written; what lies beyond is not checked. file-delete: A is whole, gone
+// or its first blocks (blocks go last to first), gone once its delete
+// returned; D or E, not both, holds D's content, E once the rename returned
+// and D while A's delete had not.
+void check_files(const Workload& workload, const WorkloadProgress& progress,
+                 const LineWriter& out)
+{
+    const unsigned long long data = file_block_data();
+    if (data == 0) {
+        out.line("fail the disk tells no block size");
+        return;
+    }
+    // No file of the workloads reaches four blocks.
+    const unsigned long long most = 4 * data;
+    std::map<std::string, unsigned long long> prepared;
+    for (const NamedFile& f : prepared_files(workload, data))
+        prepared[f.name] = f.size;
+    const bool writing = workload.action == Action::FileWrite;
+    std::set<std::string> known = {"A", "B", writing ? "C" : "D"};
+    if (!writing)
+        known.insert("E");
+    const std::set<std::string> names = listed_files();
+    for (const std::string& n : names)
+        if (known.count(n) == 0)
+            out.line("fail a named file \"" + n + "\" is listed, which the workload never made");
+    auto progress_of = [&](const std::string& name) {
+        auto it = progress.files.find(name);
+        return it == progress.files.end() ? FileProgress() : it->second;
+    };
+    std::vector<char> got;
+    if (names.count("B") == 0)
+        out.line("fail file B is gone");
+    else if (read_file("B", most, got, out) && holds(got, "B", "B", prepared["B"], out) &&
+             got.size() != prepared["B"])
+        out.line("fail file B has " + std::to_string(got.size()) + " bytes, not " +
+                 std::to_string(prepared["B"]));
+    std::string outcome;
+    if (writing) {
+        for (const std::string name : {"C", "A"}) {
+            const unsigned long long floor = std::max(prepared[name], progress_of(name).synced);
+            if (names.count(name) == 0) {
+                if (floor > 0)
+                    out.line("fail file " + name + " is gone, " + std::to_string(floor) +
+                             " bytes of it were synced");
+                outcome += (outcome.empty() ? "" : ", ") + name + " absent";
+                continue;
+            }
+            if (!read_file(name, most, got, out) || !holds(got, name, name, floor, out))
+                continue;
+            outcome += (outcome.empty() ? "" : ", ") + name +
+                       (got.size() == floor ? " as synced" : " beyond sync");
+        }
+        out.line("outcome " + outcome);
+        return;
+    }
+    const bool deleted = progress_of("A").done, renamed = progress_of("D").done;
+    if (names.count("A") == 0) {
+        outcome = "A gone";
+    } else if (deleted) {
+        out.line("fail file A stands after its delete returned");
+    } else if (read_file("A", most, got, out)) {
+        const unsigned long long size = got.size(), blocks = data > 0 ? size / data : 0;
+        const bool whole = size == prepared["A"];
+        if (!whole && (size % data != 0 || blocks == 0 || blocks * data >= prepared["A"]))
+            out.line("fail file A has " + std::to_string(size) + " bytes, neither its " +
+                     std::to_string(prepared["A"]) + " nor a number of whole blocks of them");
+        else if (holds(got, "A", "A", size, out))
+            outcome = whole ? "A whole"
+                            : "A " + std::to_string(blocks) + (blocks == 1 ? " block" : " blocks");
+    }
+    const bool d = names.count("D") > 0, e = names.count("E") > 0;
+    if (d == e || (renamed && d) || (!deleted && e))
+        out.line(std::string("fail after ") +
+                 (renamed ? "the rename" : deleted ? "the delete" : "a cut in the delete") +
+                 " file D is " + (d ? "there" : "gone") + " and file E " +
+                 (e ? "there" : "gone"));
+    const std::string kept = d ? "D" : "E";
+    if (d != e && read_file(kept, most, got, out) &&
+        holds(got, kept, "D", prepared["D"], out) && got.size() != prepared["D"])
+        out.line("fail file " + kept + " has " + std::to_string(got.size()) + " bytes, not " +
+                 std::to_string(prepared["D"]));
+    out.line("outcome " + outcome + (e ? ", D renamed" : ", D as before"));
+}
+
 // The application's recovery of the unmounted `image`, under an observing
 // device: the writes that changed the image, or -1 (with a failure) when it
 // does not return 0.
@@ -409,6 +562,8 @@ void check_recovery(const Workload& workload, const WorkloadProgress& progress,
     for (const std::string& f : report.problems)
         out.line("fail " + f);
     out.line("orphans " + std::to_string(report.orphans + report.index_orphans));
+    if (works_on_files(workload.action))
+        check_files(workload, progress, out);
     check_listing(walk, out);
     write_summary(walk, gQzfsManager.get_file_system(kHdd)->manage().block_size, report.in_use,
                   out);
@@ -481,6 +636,8 @@ CheckResult read_check(const ChildResult& child)
             result.orphans = last;
         else if (w[0] == "key_repair")
             result.key_repair = int(last);
+        else if (w[0] == "outcome")
+            result.outcome = line.substr(std::min<size_t>(line.size(), 8));
     }
     if (!child.exited || child.exit_code != 0)
         result.failures.push_back("the checking process ended with " + child.describe());

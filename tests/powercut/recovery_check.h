@@ -2,10 +2,11 @@
 // process: the mount that repairs it, a second mount that changes nothing,
 // each channel's stream against what the workload wrote (after a delete or
 // trim: each live segment's stream against the frames recorded from its
-// start on), the consistency of the blocks and of the journal, and the
-// reading calls (query, read by id, fast play). After a cut in a Rebuild
-// workload's recovery the check runs the recovery again first, uncut, and
-// after the checks one more, which must change nothing.
+// start on), the consistency of the blocks and of the journal, the
+// reading calls (query, read by id, fast play), and a file workload's
+// named files against what it wrote. After a cut in a Rebuild workload's
+// recovery the check runs the recovery again first, uncut, and after the
+// checks one more, which must change nothing.
 // A summary of the repaired disk lets the rig compare two recoveries.
 #ifndef QZFS_POWERCUT_RECOVERY_CHECK_H
 #define QZFS_POWERCUT_RECOVERY_CHECK_H
@@ -25,8 +26,10 @@ namespace powercut {
 // "recovery_writes N" (writes of the repairing mount and its unmount),
 // "orphans N", "recovery_changes N" (writes by which the uncut recovery
 // of a Rebuild workload changed the image), "key_repair L" (the level of the repairing mount's mend of
-// the block table), "summary TEXT". The second mount must mend nothing of
-// the table, and its two copies must agree record by record.
+// the block table), "summary TEXT", "outcome TEXT" (a file workload:
+// what became of the named files the cut fell on). The second mount must
+// mend nothing of the table, and its two copies must agree record by
+// record.
 void check_recovery(const Workload& workload, const WorkloadProgress& progress,
                     const std::string& image, const LineWriter& out);
 
@@ -48,6 +51,7 @@ struct CheckResult {
     unsigned long orphans = 0;
     unsigned long recovery_changes = 0;
     int key_repair = -1;  // qzfs_key_repair_level; -1 when the mount never told it
+    std::string outcome;  // a file workload: what became of the files the cut fell on
 };
 CheckResult read_check(const ChildResult& child);
 

@@ -77,6 +77,8 @@ private:
     // An allocation_cuts workload's cut points: the writes of its block
     // requests in the uncut run.
     std::vector<unsigned long long> requests_;
+    // A file workload's cut points by what became of its files.
+    std::map<std::string, unsigned long> outcomes_;
 };
 
 // The first line where two summaries differ, as "A", "B".
@@ -231,6 +233,13 @@ std::vector<std::string> Sweep::state_of(const CheckResult& check) const
 {
     if (o_.workload.action == Action::Rebuild)
         return recordings(check.summary);
+    if (works_on_files(o_.workload.action)) {  // the recording, whatever the files hold
+        std::vector<std::string> recording;
+        for (const std::string& line : check.summary)
+            if (line.compare(0, 10, "allocated ") != 0)
+                recording.push_back(line);
+        return recording;
+    }
     if (o_.workload.action != Action::TrimLive)
         return check.summary;
     std::vector<std::string> starts;
@@ -279,6 +288,13 @@ void Sweep::prepare_states(const ChildResult& uncut_run, const CheckResult& uncu
         if (!before.failures.empty())
             throw std::runtime_error("the prepared disk fails the checks: " + before.failures[0]);
         before_ = state_of(before);
+    }
+    // The work on named files leaves the recording as it was.
+    if (works_on_files(o_.workload.action)) {
+        if (before_.empty() || before_ != after_)
+            throw std::runtime_error("the uncut work on the named files changes the recording: "
+                                     "before and after " + first_difference(before_, after_));
+        return;
     }
     if (before_.empty() || before_ == after_)
         throw std::runtime_error("the uncut delete or trim changes nothing");
@@ -339,6 +355,11 @@ std::vector<std::string> Sweep::split_state()
 std::string Sweep::check_state(const CheckResult& check)
 {
     const std::vector<std::string> now = state_of(check);
+    if (works_on_files(o_.workload.action)) {
+        outcomes_[check.outcome]++;
+        return now == before_ ? "" : "the recording is not as before the work on the named "
+                                     "files: before and now " + first_difference(before_, now);
+    }
     t_.as_before += now == before_;
     t_.as_after += now == after_;
     if (o_.workload.action == Action::Overwrite) {
@@ -534,6 +555,10 @@ void Sweep::print_totals(unsigned long long writes, double seconds) const
         printf("%s: %lu cut points ended as the uncut recovery; at %lu the recovery after the "
                "cut changed the image again, at %lu it found nothing to do\n",
                what.c_str(), t_.as_after, t_.recovered_again, t_.points - t_.recovered_again);
+    else if (works_on_files(o_.workload.action))
+        for (const auto& o : outcomes_)
+            printf("%s: %lu cut points ended with%s\n", what.c_str(), o.second,
+                   o.first.empty() ? " no outcome told" : (" " + o.first).c_str());
     else if (o_.workload.action != Action::Record)
         printf("%s: %lu cut points ended as before the change, %lu as after it\n", what.c_str(),
                t_.as_before, t_.as_after);

@@ -46,7 +46,19 @@ const Workload kWorkloads[] = {
     {"alloc", 6, 40, 5, Action::Record, 1, false, 0, 0, {}, true, true},
     {"key-merge", 2, 20, 5, Action::KeyMerge, 1, false, 0, 0},
     {"rebuild", 2, 20 + kRebuildSecondSegment, 5, Action::Rebuild, 1, false, 0, 0},
+    {"file-write", 1, 15, 5, Action::FileWrite, 1, false, 0, 0},
+    {"file-delete", 1, 15, 5, Action::FileDelete, 1, false, 0, 0},
 };
+
+// The group whose disk holds the named files.
+const unsigned char kFileGroup = 0;
+// Chunks the named files are written in: odd sizes, so that writes end
+// inside sectors and a write runs across a block's end.
+const int kPrepareChunk = 1 << 20;
+const int kCreateChunk = 333331;
+const int kAppendChunk = 199999;
+// A sync after every this many chunks of the cut writes.
+const unsigned kSyncEvery = 4;
 
 // Where the block table lives on the mounted disk: its two key places, the
 // block size and the number of blocks.
@@ -77,6 +89,92 @@ bool block_request_write(unsigned long long at, unsigned long length, const KeyP
         if (at < b * k.block_size + sizeof(_qzfs_block_info_))
             return true;
     return false;
+}
+
+// A file name as the API takes it: room for the 14 bytes a rename copies.
+struct FileName {
+    char text[16] = {};
+    explicit FileName(const std::string& name) { name.copy(text, sizeof(text) - 1); }
+};
+
+// Writes named file `name`, opened in `mode`, from its end at `from` bytes
+// up to `size` in chunks of `chunk` bytes, a sync after every kSyncEvery
+// (with `sync`), and closes it; tells the size each write and each
+// returned sync or close reached ("file NAME written N", "file NAME synced
+// N").
+bool grow_file(const std::string& name, int mode, unsigned long long from,
+               unsigned long long size, int chunk, bool sync, const LineWriter& out)
+{
+    FileName n(name);
+    const std::string file = "file " + name;
+    void* handle = api_qzfs_open_normal_file(kFileGroup, n.text, mode);
+    if (handle == nullptr) {
+        out.line("fail the open of " + file + " in mode " + std::to_string(mode));
+        return false;
+    }
+    unsigned long long at = (unsigned long long)api_qzfs_get_normal_file_size_by_handle(handle);
+    if (at != from) {
+        out.line("fail " + file + " opens with " + std::to_string((long long)at) + " bytes, " +
+                 std::to_string(from) + " were due");
+        return false;
+    }
+    for (unsigned k = 1; at < size; k++) {
+        const size_t length = size_t(std::min<unsigned long long>(chunk, size - at));
+        std::vector<char> bytes = file_bytes(name, at, length);
+        if (api_qzfs_write_normal_file(handle, bytes.data(), int(length)) != int(length)) {
+            out.line("fail the write of " + std::to_string(length) + " bytes to " + file +
+                     " at " + std::to_string(at));
+            return false;
+        }
+        at += length;
+        out.line(file + " written " + std::to_string(at));
+        if (sync && k % kSyncEvery == 0) {
+            if (api_qzfs_sync_normal_file(handle) != 0) {
+                out.line("fail the sync of " + file + " at " + std::to_string(at));
+                return false;
+            }
+            out.line(file + " synced " + std::to_string(at));
+        }
+    }
+    if (api_qzfs_close_normal_file(handle) != 0) {
+        out.line("fail the close of " + file);
+        return false;
+    }
+    out.line(file + " synced " + std::to_string(at));
+    return true;
+}
+
+// The named files of a file workload, each made whole (mode 0).
+bool make_files(const Workload& workload, const LineWriter& out)
+{
+    for (const NamedFile& f : prepared_files(workload, file_block_data()))
+        if (!grow_file(f.name, QZFS_NORMAL_FILE_CREATE, 0, f.size, kPrepareChunk, false, out))
+            return false;
+    return true;
+}
+
+// What the cut of a file workload falls on: the making of C and the append
+// to A, or the delete of A and the rename of D to E.
+bool file_work(const Workload& workload, const LineWriter& out)
+{
+    const unsigned long long data = file_block_data();
+    if (workload.action == Action::FileWrite)
+        return grow_file("C", QZFS_NORMAL_FILE_CREATE, 0, grown_size("C", data), kCreateChunk,
+                         true, out) &&
+               grow_file("A", QZFS_NORMAL_FILE_APPEND, prepared_files(workload, data)[0].size,
+                         grown_size("A", data), kAppendChunk, true, out);
+    FileName a("A"), d("D"), e("E");
+    if (api_qzfs_delete_normal_file(kFileGroup, a.text) != 0) {
+        out.line("fail the delete of file A");
+        return false;
+    }
+    out.line("file A done");
+    if (api_qzfs_rename_normal_file(kFileGroup, d.text, e.text) != 0) {
+        out.line("fail the rename of file D to E");
+        return false;
+    }
+    out.line("file D done");
+    return true;
 }
 
 // The writes an Observe run saw: number, offset, length.
@@ -962,6 +1060,41 @@ std::string workload_names()
     return names;
 }
 
+std::vector<NamedFile> prepared_files(const Workload& workload, unsigned long long data)
+{
+    if (workload.action == Action::FileWrite)
+        return {{"A", data + 54321}, {"B", 100000}};
+    if (workload.action == Action::FileDelete)
+        return {{"A", 2 * data + 12345}, {"B", 100000}, {"D", 5000}};
+    return {};
+}
+
+unsigned long long grown_size(const std::string& name, unsigned long long data)
+{
+    return name == "C" ? data + 77777 : 2 * data + 4321;
+}
+
+unsigned long long file_block_data()
+{
+    _qzfs_k4t_hdd_info_ info = {};
+    if (api_qzfs_get_hdd_info(kHdd, &info) != 0 || info.block_size <= 0x1000)
+        return 0;
+    return (unsigned long long)info.block_size - 0x1000;
+}
+
+std::vector<char> file_bytes(const std::string& name, unsigned long long from, size_t length)
+{
+    const uint32_t key = uint32_t(name == "E" ? 'D' : name[0]) * 0x9E3779B9u;
+    std::vector<char> bytes(length);
+    for (size_t i = 0; i < length; i++) {
+        uint32_t v = uint32_t(from + i) * 2654435761u ^ key;
+        v ^= v >> 15;
+        v *= 0x85EBCA6Bu;
+        bytes[i] = char(v >> 24);
+    }
+    return bytes;
+}
+
 _k4t_fs_date_time_ workload_start() { return {26, 11, 22, 9, 0, 0, 0}; }
 
 FrameSourceConfig workload_frames(uint8_t channel)
@@ -1018,7 +1151,8 @@ void prepare_disk(const Workload& workload, const std::string& image, const Line
                 return;
         }
         const KeyPlaces places = key_places();
-        if ((workload.split && !split_sharing_a_block(out)) ||
+        if ((works_on_files(workload.action) && !make_files(workload, out)) ||
+            (workload.split && !split_sharing_a_block(out)) ||
             (workload.action == Action::Overwrite && !lock_target(workload, out)) ||
             !unmount(out))
             return;
@@ -1066,6 +1200,10 @@ void run_workload(const Workload& workload, const std::string& image,
     } else if (workload.action == Action::Overwrite) {
         if (!overwrite_pass(device, out))
             return;
+    } else if (works_on_files(workload.action)) {
+        power_cut::install(device);  // the cut falls from here on
+        if (!file_work(workload, out))
+            return;
     } else {
         DiskWalk before;
         Target target;
@@ -1104,6 +1242,12 @@ WorkloadProgress read_progress(const Workload& workload, const std::vector<std::
             progress.finished = true;
         } else if (w[0] == "fail") {
             progress.failure = line.substr(5);
+        } else if (w[0] == "file" && w.size() >= 3) {
+            FileProgress& f = progress.files[w[1]];
+            if (w[2] == "done")
+                f.done = true;
+            else if (w.size() == 4)
+                (w[2] == "written" ? f.written : f.synced) = strtoull(w[3].c_str(), nullptr, 10);
         } else if ((w[0] == "w" || w[0] == "s") && w.size() == 3) {
             const unsigned long c = strtoul(w[1].c_str(), nullptr, 10);
             const unsigned long n = strtoul(w[2].c_str(), nullptr, 10);

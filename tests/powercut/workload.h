@@ -9,6 +9,7 @@
 #include "rig_process.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -30,8 +31,12 @@ namespace powercut {
 // Rebuild: the recorded disk has the I-frame index of one root and the
 // segment index of another wiped, and the cut falls on the application's
 // recovery of the unmounted disk, which makes them anew from the data.
+// FileWrite, FileDelete: the recorded disk also gets named files (see
+// prepared_files), and the cut falls on writes to them through the API
+// (FileWrite) or on the delete of one and the rename of another
+// (FileDelete); the unmount follows.
 enum class Action { Record, Delete, Trim, TrimLive, Overwrite, Split, DeleteStretch, Shorten,
-                    LockRange, KeyMerge, Rebuild };
+                    LockRange, KeyMerge, Rebuild, FileWrite, FileDelete };
 
 // The stretch a change by time works on, in seconds from its segment's
 // start: [from, to], each on an I-frame (the frames have one a second); `to`
@@ -71,6 +76,12 @@ struct Workload {
     bool allocation_cuts = false;
 };
 
+// Whether the cut falls on the named files.
+inline bool works_on_files(Action action)
+{
+    return action == Action::FileWrite || action == Action::FileDelete;
+}
+
 // Whether the cut falls on a change by time.
 inline bool changes_by_time(Action action)
 {
@@ -107,7 +118,15 @@ inline bool changes_by_time(Action action)
 // own records, and the cut falls on api_qzfs_disk_recovery;
 // overwrite: two channels of three 40 s segments each, channel 0's first
 // one locked; one overwrite pass that must run is asked for the oldest
-// unlocked segment and half the next one.
+// unlocked segment and half the next one;
+// file-write: 15 s on one channel, then named files A (a block and
+// 54321 bytes) and B (100000 bytes); the cut falls on the making of C
+// (mode 0, odd chunks, a sync every fourth, the close) up to a block and
+// 77777 bytes, and on the append to A (mode 1) that takes it into a third
+// block;
+// file-delete: 15 s on one channel, then named files A (two blocks and
+// 12345 bytes), B (100000 bytes) and D (5000 bytes); the cut falls on the
+// delete of A and the rename of D to E.
 bool find_workload(const std::string& name, Workload& out);
 std::string workload_names();
 
@@ -123,8 +142,17 @@ struct ChannelProgress {
     unsigned long written = 0;
     unsigned long synced = 0;
 };
+// Per named file, the size its last returned write and its last returned
+// sync (or close) reached, from its start, and whether its delete or
+// rename returned.
+struct FileProgress {
+    unsigned long long written = 0;
+    unsigned long long synced = 0;
+    bool done = false;
+};
 struct WorkloadProgress {
     std::vector<ChannelProgress> channels;
+    std::map<std::string, FileProgress> files;
     bool finished = false;  // closed and unmounted: the cut never came
     std::string failure;    // a call that failed, as the child told it
 };
@@ -162,6 +190,23 @@ struct ExpectedStream {
     std::vector<bool> iframe;
 };
 ExpectedStream expected_stream(uint8_t channel, unsigned long frames);
+
+// The named files a file workload's disk gets before the cut, with their
+// sizes; `data` is the file data a block holds (its size less 4096).
+struct NamedFile {
+    std::string name;
+    unsigned long long size;
+};
+std::vector<NamedFile> prepared_files(const Workload& workload, unsigned long long data);
+// The sizes file-write grows C and A to.
+unsigned long long grown_size(const std::string& name, unsigned long long data);
+// The file data of a block on disk 0 (mounted), from its block size; 0
+// when the disk tells none.
+unsigned long long file_block_data();
+// `length` bytes of a named file's content from byte `from`: the same
+// whatever call writes them, so that an append continues a file. A renamed
+// file keeps the content of its old name.
+std::vector<char> file_bytes(const std::string& name, unsigned long long from, size_t length);
 
 // Day of the workloads' recordings.
 _k4t_fs_date_time_ workload_start();
