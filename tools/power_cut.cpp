@@ -5,6 +5,7 @@
 
 #include "qzfs_device.h"
 
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -31,15 +32,21 @@ struct SectorHistory {
 // Sectors written since the last barrier, by device name and sector number.
 using PendingSectors = std::map<std::pair<std::string, unsigned long long>, SectorHistory>;
 
-// Overlay mode: the written sectors, by device name and sector number.
-using KeptSectors = std::map<std::pair<std::string, unsigned long long>, std::vector<uint8_t>>;
+// Overlay mode: the written parts of each device, kept in pages of 64 KiB
+// (a key info block copy writes megabytes at once), by device name, then
+// page number. A device's name is stored once, and a lookup by a C string
+// makes no copy.
+const unsigned long long kPage = 0x10000;
+using Page = std::array<uint8_t, kPage>;
+using DevicePages = std::map<unsigned long long, Page>;
+using KeptPages = std::map<std::string, DevicePages, std::less<>>;
 
 struct State {
     std::mutex lock;
     Settings settings;
     Counts counts;
     PendingSectors pending;
-    KeptSectors kept;
+    KeptPages kept;
 };
 
 State& state()
@@ -148,49 +155,53 @@ void revert_lost_writes(CutReport& report)
     report.dropped_writes = (unsigned long)lost.size();
 }
 
-// Lays the kept sectors of `device` over `length` bytes read at `where`.
-void patch_kept(const std::string& device, unsigned long long where, uint8_t* data,
+// Lays the kept pages of `device` over `length` bytes read at `where`.
+void patch_kept(const char* device, unsigned long long where, uint8_t* data,
                 unsigned long length)
 {
-    const KeptSectors& kept = state().kept;
-    if (kept.empty() || length == 0)
+    const KeptPages& kept = state().kept;
+    const auto on_device = kept.find(device);
+    if (on_device == kept.end() || length == 0)
         return;
     const unsigned long long end = where + length;
-    auto it = kept.lower_bound({device, where / kSector});
-    for (; it != kept.end() && it->first.first == device && it->first.second * kSector < end; ++it) {
-        const unsigned long long start = it->first.second * kSector;
+    const DevicePages& pages = on_device->second;
+    for (auto it = pages.lower_bound(where / kPage); it != pages.end() && it->first * kPage < end;
+         ++it) {
+        const unsigned long long start = it->first * kPage;
         const unsigned long long from = start > where ? start : where;
-        const unsigned long long to = start + kSector < end ? start + kSector : end;
+        const unsigned long long to = start + kPage < end ? start + kPage : end;
         memcpy(data + (from - where), it->second.data() + (from - start), to - from);
     }
 }
 
-// Overlay mode: the write goes into the kept sectors only, each taken from
-// the file (or the kept copy) before it is patched.
+// Overlay mode: the write goes into the kept pages only, each taken from the
+// file (or the kept copy) before it is patched.
 long long keep_write(qzfs_dev_info* dev, unsigned long long where, const void* data,
                      unsigned long length)
 {
-    State& s = state();
-    const std::string device = dev->dev_name;
+    DevicePages& pages = state().kept[dev->dev_name];
     const uint8_t* in = static_cast<const uint8_t*>(data);
+    const unsigned long long end = where + length;
     unsigned long changed = 0;
-    for (unsigned long long sector = where / kSector; sector * kSector < where + length; sector++) {
-        auto found = s.kept.find({device, sector});
-        if (found == s.kept.end()) {
-            std::vector<uint8_t> bytes(kSector);
-            read_fill(dev->fd, sector * kSector, bytes.data(), kSector);
-            found = s.kept.emplace(std::make_pair(device, sector), std::move(bytes)).first;
+    auto it = pages.lower_bound(where / kPage);
+    for (unsigned long long page = where / kPage; page * kPage < end; page++, ++it) {
+        const unsigned long long start = page * kPage;
+        if (it == pages.end() || it->first != page) {
+            it = pages.emplace_hint(it, page, Page());
+            read_fill(dev->fd, start, it->second.data(), kPage);
         }
-        const unsigned long long start = sector * kSector;
         const unsigned long long from = start > where ? start : where;
-        const unsigned long long to = start + kSector < where + length ? start + kSector
-                                                                        : where + length;
-        for (unsigned long long at = from; at < to; at++) {
-            uint8_t& b = found->second[at - start];
-            changed += b != in[at - where];
-            b = in[at - where];
-        }
+        const unsigned long long to = start + kPage < end ? start + kPage : end;
+        uint8_t* kept = it->second.data() + (from - start);
+        const uint8_t* fresh = in + (from - where);
+        const size_t count = size_t(to - from);
+        if (memcmp(kept, fresh, count) == 0)
+            continue;
+        for (size_t i = 0; i < count; i++)
+            changed += kept[i] != fresh[i];
+        memcpy(kept, fresh, count);
     }
+    State& s = state();
     s.counts.changed_writes += changed > 0;
     s.counts.changed_bytes += changed;
     return (long long)length;
@@ -319,8 +330,8 @@ void overlay_patch(const char* device, unsigned long long offset, void* data,
     State& s = state();
     std::lock_guard<std::mutex> hold(s.lock);
     // The device keeps its name cut to 127 characters.
-    patch_kept(std::string(device).substr(0, sizeof(qzfs_dev_info::dev_name) - 1), offset,
-               static_cast<uint8_t*>(data), length);
+    patch_kept(std::string(device).substr(0, sizeof(qzfs_dev_info::dev_name) - 1).c_str(),
+               offset, static_cast<uint8_t*>(data), length);
 }
 
 std::vector<unsigned long long> overlay_changed_sectors(const char* device)
@@ -332,14 +343,15 @@ std::vector<unsigned long long> overlay_changed_sectors(const char* device)
     const int fd = open(name.c_str(), O_RDONLY);
     if (fd < 0)
         return out;
-    std::vector<uint8_t> file(kSector);
-    for (const auto& k : s.kept) {
-        if (k.first.first != name)
-            continue;
-        read_fill(fd, k.first.second * kSector, file.data(), kSector);
-        if (file != k.second)
-            out.push_back(k.first.second * kSector);
-    }
+    Page file;
+    const auto on_device = s.kept.find(name);
+    if (on_device != s.kept.end())
+        for (const auto& kept : on_device->second) {
+            read_fill(fd, kept.first * kPage, file.data(), kPage);
+            for (unsigned long long at = 0; at < kPage; at += kSector)
+                if (memcmp(file.data() + at, kept.second.data() + at, kSector) != 0)
+                    out.push_back(kept.first * kPage + at);
+        }
     close(fd);
     return out;
 }
