@@ -852,6 +852,7 @@ private:
     int delete_split_out_range(unsigned long root_index, unsigned long segment,
                                _k4t_fs_time_ from, _k4t_fs_time_ to);
     int walk_root_index_block(unsigned long root_block, std::list<_block_info_node_>& unowned);
+    bool root_chain_reads(unsigned long root_block);
     void note_root_error(std::list<_qzfs_k4t_recovery_para_>& errors,
                          const _root_index_node_dev_& node);
     int write_rebuilt_root_block(unsigned long block, const std::list<_block_info_node_>& segments);

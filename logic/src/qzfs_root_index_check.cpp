@@ -35,6 +35,20 @@ int CQzFileSystem::check_stream_segment_index(unsigned long block)
 // Outcome of walking the root index block against the type 5 blocks.
 enum root_check_result { ROOT_INDEX_SOUND, ROOT_INDEX_REBUILD };
 
+// Whether the chain of root index blocks from `root_block` reads as the
+// recovery after the check will read it: headers with the magic, a first
+// block with no predecessor, links in range and no loop. A chain that does
+// not read is rebuilt here: left to the recovery, it would refuse the mount
+// after the repairs made before it.
+bool CQzFileSystem::root_chain_reads(unsigned long root_block)
+{
+    uint32_t num = 0;
+    uint32_t* list = nullptr;
+    const bool reads = Read_root_index_block_list(root_block, &num, &list, nullptr) == 0;
+    delete[] list;
+    return reads;
+}
+
 // Walks the nodes of the one root index block; takes each node's first
 // stream segment index block out of `unowned`.
 int CQzFileSystem::walk_root_index_block(unsigned long root_block,
@@ -57,6 +71,8 @@ int CQzFileSystem::walk_root_index_block(unsigned long root_block,
                 QZLOG("root magic is invalid(0x%lx)!", (unsigned long)magic);
                 return ROOT_INDEX_REBUILD;
             }
+            if (!root_chain_reads(root_block))
+                return ROOT_INDEX_REBUILD;
             first = QZFS_INDEX_HEADER_OFFSET + QZFS_SECTOR_SIZE;
         }
         for (unsigned long at = first; at < buffer.size(); at += QZFS_ROOT_NODE_SIZE) {
