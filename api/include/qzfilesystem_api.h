@@ -22,6 +22,12 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* The header serves C (C11 and later) as well as C++: every record and enum
+ * has a typedef of its own name, and the layout checks use static_assert. */
+#ifndef __cplusplus
+#include <assert.h>
+#endif
+
 /* The library is built with -fvisibility=hidden; this marks what is exported. */
 #define QZFS_API __attribute__((visibility("default")))
 
@@ -31,7 +37,11 @@
 
 #define K4T_FS_TRUE  1
 #define K4T_FS_FALSE 0
+#ifdef __cplusplus
 #define K4T_FS_NULL  nullptr
+#else
+#define K4T_FS_NULL  ((void*)0)
+#endif
 
 /* Bit 0 of the read flag of an open: at the end of a segment the reader goes
  * on into the next segment of the same channel and day, on the same ossfd. */
@@ -43,6 +53,7 @@ enum _fs_endian_ {
     FS_LITTLE_ENDIAN  = 1,
     FS_BIG_ENDIAN     = 2
 };
+typedef enum _fs_endian_ _fs_endian_;
 
 /* What a search by time accepts when the moment lies in no segment (or, one
  * level down, on no I-frame).
@@ -68,6 +79,7 @@ enum _fs_find_policy_ {
     FS_FIND_NEXT             = 5,
     FS_FIND_PREV             = 6
 };
+typedef enum _fs_find_policy_ _fs_find_policy_;
 
 /* Page commands of api_qzfs_query_stream_segment.  A free (unsorted) query
  * knows only "first" and "next"; other commands act as "next" there. */
@@ -77,6 +89,7 @@ enum _k4t_stream_query_cmd_ {
     K4T_QUERY_NEXT  = 2,
     K4T_QUERY_PREV  = 3
 };
+typedef enum _k4t_stream_query_cmd_ _k4t_stream_query_cmd_;
 
 /* Values of the `sequence` byte of _k4t_stream_query_.
  *  0       free query, rows in disk / index order, no pages
@@ -89,6 +102,7 @@ enum _k4t_stream_query_sequence_ {
     _K4T_SEQUECE_DESCEND_     = 3,
     _K4T_SEQUECE_DESCEND_ALT_ = 4
 };
+typedef enum _k4t_stream_query_sequence_ _k4t_stream_query_sequence_;
 
 /* Open modes of api_qzfs_open_normal_file. */
 enum _qzfs_normal_file_open_mode_ {
@@ -97,6 +111,7 @@ enum _qzfs_normal_file_open_mode_ {
     QZFS_NORMAL_FILE_UPDATE = 2,   /* open an existing file, position at start   */
     QZFS_NORMAL_FILE_READ   = 3    /* open an existing file for reading          */
 };
+typedef enum _qzfs_normal_file_open_mode_ _qzfs_normal_file_open_mode_;
 
 /* ------------------------------------------------------------------------ */
 /* Date and time                                                             */
@@ -113,6 +128,7 @@ struct _k4t_fs_time_ {
     uint8_t minute;
     uint8_t second;
 };
+typedef struct _k4t_fs_time_ _k4t_fs_time_;
 static_assert(sizeof(_k4t_fs_time_) == 3, "_k4t_fs_time_ is three bytes");
 
 /* A calendar day, four bytes.
@@ -128,6 +144,7 @@ struct _k4t_fs_date_ {
     uint8_t day;
     uint8_t reserve;
 };
+typedef struct _k4t_fs_date_ _k4t_fs_date_;
 static_assert(sizeof(_k4t_fs_date_) == 4, "_k4t_fs_date_ is four bytes");
 
 /* A moment.  Comparisons and arithmetic ignore dst.
@@ -149,6 +166,7 @@ struct _k4t_fs_date_time_ {
     uint8_t second;
     uint8_t dst;
 };
+typedef struct _k4t_fs_date_time_ _k4t_fs_date_time_;
 static_assert(sizeof(_k4t_fs_date_time_) == 7, "_k4t_fs_date_time_ is seven bytes");
 
 /* ------------------------------------------------------------------------ */
@@ -182,6 +200,7 @@ struct _qzfs_global_config_ {
     uint8_t  global_lock_enabled;
     uint8_t  reserved[3];
 };
+typedef struct _qzfs_global_config_ _qzfs_global_config_;
 static_assert(sizeof(_qzfs_global_config_) == 24, "gQzfsConfig is 24 bytes");
 static_assert(offsetof(_qzfs_global_config_, ssi_cache_size) == 8 &&
                   offsetof(_qzfs_global_config_, config_byte_16) == 16 &&
@@ -204,6 +223,7 @@ struct _qzfs_k4t_hdd_info_ {
     unsigned long total_num;
     unsigned long free_num;
 };
+typedef struct _qzfs_k4t_hdd_info_ _qzfs_k4t_hdd_info_;
 #if __SIZEOF_LONG__ == 4
 static_assert(sizeof(_qzfs_k4t_hdd_info_) == 12, "_qzfs_k4t_hdd_info_ is 12 bytes");
 #endif
@@ -223,6 +243,7 @@ struct _qzfs_hdd_info_private_ {
     _k4t_fs_date_time_ first_record_date;
     _k4t_fs_date_time_ last_record_date;
 };
+typedef struct _qzfs_hdd_info_private_ _qzfs_hdd_info_private_;
 
 /* Filter of a full index rebuild (api_qzfs_disk_recovery), 10 bytes.
  *  field       | meaning
@@ -237,6 +258,7 @@ struct _qzfs_k4t_recovery_para_ {
     _k4t_fs_date_ start_date;
     _k4t_fs_date_ end_date;
 };
+typedef struct _qzfs_k4t_recovery_para_ _qzfs_k4t_recovery_para_;
 static_assert(sizeof(_qzfs_k4t_recovery_para_) == 10, "_qzfs_k4t_recovery_para_ is 10 bytes");
 
 /* Space thresholds of a group, four byte counts, 32 bytes.
@@ -255,6 +277,7 @@ struct _qzfs_k4t_hdd_overwrite_config_ {
     uint64_t start_delete_free_size;
     uint64_t once_delete_size;
 };
+typedef struct _qzfs_k4t_hdd_overwrite_config_ _qzfs_k4t_hdd_overwrite_config_;
 static_assert(sizeof(_qzfs_k4t_hdd_overwrite_config_) == 32, "_qzfs_k4t_hdd_overwrite_config_ is 32 bytes");
 
 /* ------------------------------------------------------------------------ */
@@ -272,6 +295,7 @@ struct _k4t_stream_segment_id_ {
     uint32_t root_index;
     uint32_t stream_segment_index;
 };
+typedef struct _k4t_stream_segment_id_ _k4t_stream_segment_id_;
 
 /* Request of api_qzfs_create_stream_segment.
  *  field          | meaning
@@ -316,6 +340,7 @@ struct _qzfs_k4t_create_ss_para_ {
     uint32_t lock_type;
     uint64_t alarm_type;
 };
+typedef struct _qzfs_k4t_create_ss_para_ _qzfs_k4t_create_ss_para_;
 
 /* Open by time (api_qzfs_open_stream_segment_by_para).
  *  field              | meaning
@@ -332,6 +357,7 @@ struct _qzfs_k4t_stream_open_para_ {
     uint32_t           group_bitmap;
     _k4t_fs_date_time_ date_time;
 };
+typedef struct _qzfs_k4t_stream_open_para_ _qzfs_k4t_stream_open_para_;
 
 /* One I-frame of a write buffer, 16 bytes; one entry per I-frame, in
  * ascending offset.
@@ -350,6 +376,7 @@ struct _k4t_video_frame_info_ {
     uint32_t pts_high;
     uint32_t pts_low;
 };
+typedef struct _k4t_video_frame_info_ _k4t_video_frame_info_;
 static_assert(sizeof(_k4t_video_frame_info_) == 16, "_k4t_video_frame_info_ is 16 bytes");
 
 /* ------------------------------------------------------------------------ */
@@ -387,6 +414,7 @@ struct _k4t_stream_query_ {
     uint64_t stream_type_bitmap;
     uint32_t item_num_per_page;
 };
+typedef struct _k4t_stream_query_ _k4t_stream_query_;
 
 /* One row of a query result.  Times are cut to the query's time range.
  *  field                      | meaning
@@ -426,6 +454,7 @@ struct _k4t_stream_query_result_ {
     uint32_t root_index;
     uint32_t stream_segment_index;
 };
+typedef struct _k4t_stream_query_result_ _k4t_stream_query_result_;
 
 /* Description of one segment (api_qzfs_get_stream_segment_info).
  *  field            | meaning
@@ -458,6 +487,7 @@ struct _k4t_stream_segment_info_ {
     uint8_t       further_flag;
     uint64_t      len;
 };
+typedef struct _k4t_stream_segment_info_ _k4t_stream_segment_info_;
 
 /* One day of one channel in the calendar.
  *  field       | meaning
@@ -470,6 +500,7 @@ struct _k4t_calendar_day_info_ {
     uint8_t  lock;
     uint8_t  reserve;
 };
+typedef struct _k4t_calendar_day_info_ _k4t_calendar_day_info_;
 static_assert(sizeof(_k4t_calendar_day_info_) == 4, "calendar entry is four bytes");
 
 /* Calendar of one month (api_qzfs_query_calendar); in and out.
@@ -490,7 +521,8 @@ struct _k4t_calendar_stream_query_ {
     uint8_t                 month;
     _k4t_calendar_day_info_ day_info[32][31];
 };
-static_assert(sizeof(_k4t_calendar_stream_query_::day_info) == 3968, "calendar table is 3968 bytes");
+typedef struct _k4t_calendar_stream_query_ _k4t_calendar_stream_query_;
+static_assert(sizeof(((_k4t_calendar_stream_query_*)0)->day_info) == 3968, "calendar table is 3968 bytes");
 
 /* A day with recordings and what was recorded on it.
  *  field       | meaning
@@ -503,6 +535,7 @@ struct _k4t_fs_record_date_info_ {
     uint16_t      record_type;
     uint8_t       lock;
 };
+typedef struct _k4t_fs_record_date_info_ _k4t_fs_record_date_info_;
 
 /* ------------------------------------------------------------------------ */
 /* Retention                                                                 */
@@ -525,6 +558,7 @@ struct _qzfs_k4t_stream_lock_para_ {
     _k4t_fs_date_time_ start_date_time;
     _k4t_fs_date_time_ end_date_time;
 };
+typedef struct _qzfs_k4t_stream_lock_para_ _qzfs_k4t_stream_lock_para_;
 
 /* Delete every segment of a date range.
  *  field                       | meaning
@@ -545,6 +579,7 @@ struct _qzfs_k4t_delete_para_ {
     uint8_t  end_month;
     uint8_t  end_day;
 };
+typedef struct _qzfs_k4t_delete_para_ _qzfs_k4t_delete_para_;
 
 /* Change lock and alarm attributes of every segment in a time range.
  *  field           | meaning
@@ -572,15 +607,23 @@ struct _qzfs_k4t_modify_segment_para_ {
     uint32_t           lock_type;
     uint64_t           alarm_type;
 };
+typedef struct _qzfs_k4t_modify_segment_para_ _qzfs_k4t_modify_segment_para_;
 
 /* ------------------------------------------------------------------------ */
 /* Exported globals                                                          */
 /* ------------------------------------------------------------------------ */
 
+#ifdef __cplusplus
 class CQzfsManager;
 class CSystemResourceManager;
-
 extern "C" {
+#else
+/* The library's own objects, opaque to a C program. */
+struct CQzfsManager;
+struct CSystemResourceManager;
+typedef struct CQzfsManager CQzfsManager;
+typedef struct CSystemResourceManager CSystemResourceManager;
+#endif
 
 QZFS_API extern _qzfs_global_config_    gQzfsConfig;
 QZFS_API extern uint32_t                g_qzfs_debug_level;
@@ -686,7 +729,12 @@ QZFS_API int api_qzfs_write_normal_file(void* handle, char* buffer, int length);
 QZFS_API int api_qzfs_read_normal_file(void* handle, char* buffer, int length);
 QZFS_API int api_qzfs_sync_normal_file(void* handle);
 QZFS_API int api_qzfs_close_normal_file(void* handle);
+#ifdef __cplusplus
 QZFS_API int api_qzfs_get_normal_file_cur_offset(void* handle, long long& offset);
+#else
+/* C sees the reference of C++ as what is passed: the address of the offset. */
+QZFS_API int api_qzfs_get_normal_file_cur_offset(void* handle, long long* offset);
+#endif
 QZFS_API int api_qzfs_seek_normal_file(void* handle, int offset, int whence);
 QZFS_API long long api_qzfs_get_normal_file_size_by_handle(void* handle);
 QZFS_API long long api_qzfs_get_normal_file_size(unsigned char group, char* name);
@@ -706,6 +754,8 @@ QZFS_API int api_qzfs_get_device_info_len(unsigned char hdd_id);
 QZFS_API void memory_statistics(char* group, char* item, unsigned char op, unsigned long value);
 QZFS_API void print_memory_statistics(void);
 
+#ifdef __cplusplus
 } /* extern "C" */
+#endif
 
 #endif /* QZFILESYSTEM_API_H */
