@@ -81,6 +81,7 @@ const char* USAGE =
     "         [--stream T]) --out FILE [--raw] [--iframes [--skip N] [--reverse]]\n"
     "      write a segment, or a channel's time range, back out: the frames'\n"
     "      payloads (the H.264 stream again) or with --raw the frames as stored;\n"
+    "      --out - writes them to standard output (the summary to standard error);\n"
     "      --iframes the I-frames only, every N+1-th, backward with --reverse\n"
     "  delete IMAGE --id HDD:ROOT:SEG [--trim-seconds S | --trim-bytes N]\n"
     "      remove a closed segment whole, under the action journal (refused for\n"
@@ -167,7 +168,11 @@ const char* USAGE =
     "\n"
     "options:\n"
     "  --debug-level N   library log level (0 silent, 1 lifecycle, up to 4); default 0\n"
-    "  --help            this text\n";
+    "  --help            this text\n"
+    "  --version         the version of the tool and its library\n"
+    "\n"
+    "Standard output carries only the tool's own output: the library's log goes\n"
+    "to standard error at debug level 1 or more, and nowhere at level 0.\n";
 
 // Makes a sparse image of `size` bytes when `path` does not exist yet.
 int prepare_image(const std::string& path, const std::string* size_text)
@@ -213,7 +218,7 @@ int verb_format(const Args& args)
                  : api_qzfs_fast_format(TOOL_HDD_ID, &path[0]);
     if (rc != 0)
         return fail("format of %s failed (too small, unreadable or not a disk?)", path);
-    printf("formatted %s\n", path.c_str());
+    print("formatted %s\n", path.c_str());
     return 0;
 }
 
@@ -223,8 +228,8 @@ int print_root_index()
     unsigned long root_block = 0;
     if (!disk_root_index_block(TOOL_HDD_ID, root_block))
         return fail("the disk has no root index");
-    printf("root index (block %lu):\n", root_block);
-    printf("  %-6s %-10s %4s %6s  %-16s %-12s %s\n", "pos", "date", "chn", "stream", "name",
+    print("root index (block %lu):\n", root_block);
+    print("  %-6s %-10s %4s %6s  %-16s %-12s %s\n", "pos", "date", "chn", "stream", "name",
            "record types", "segment index block");
     unsigned long used = 0;
     for (uint32_t ri = 0;; ri++) {
@@ -236,12 +241,12 @@ int print_root_index()
             break;
         if (slot != IndexSlot::Used)
             continue;
-        printf("  %-6u 20%02u-%02u-%02u %4u %6u  %-16s 0x%04x       %u\n", ri, e.year, e.month,
+        print("  %-6u 20%02u-%02u-%02u %4u %6u  %-16s 0x%04x       %u\n", ri, e.year, e.month,
                e.day, e.channel, e.stream_type, e.name.c_str(), e.record_types,
                e.segment_index_block);
         used++;
     }
-    printf("  %lu used\n", used);
+    print("  %lu used\n", used);
     return 0;
 }
 
@@ -260,21 +265,21 @@ int print_iframes(uint32_t ri)
     std::vector<IframeEntry> entries;
     if (disk_iframe_index(TOOL_HDD_ID, ri, shown, head, entries) != 0)
         return fail("cannot read the I-frame index of root index entry %s", std::to_string(ri));
-    printf("i-frame index (first block %u, %u blocks): %u i-frames, %u data block entries\n",
+    print("i-frame index (first block %u, %u blocks): %u i-frames, %u data block entries\n",
            head.first_block, head.blocks, head.iframes, head.block_entries);
-    printf("  %-8s %-6s %-8s %-8s %-10s %s\n", "number", "kind", "time", "block", "offset",
+    print("  %-8s %-6s %-8s %-8s %-10s %s\n", "number", "kind", "time", "block", "offset",
            "stream offset / share count");
     for (unsigned long i = 0; i < entries.size(); i++) {
         const IframeEntry& n = entries[i];
         if (n.iframe)
-            printf("  %-8lu i-frame  %02u:%02u:%02u %-8u %-10u %llu\n", i, n.hour, n.minute,
+            print("  %-8lu i-frame  %02u:%02u:%02u %-8u %-10u %llu\n", i, n.hour, n.minute,
                    n.second, n.block, n.offset, (unsigned long long)n.stream_offset);
         else
-            printf("  %-8lu block    %-8s %-8u #%-9u shared by %u\n", i, "", n.block, n.offset,
+            print("  %-8lu block    %-8s %-8u #%-9u shared by %u\n", i, "", n.block, n.offset,
                    n.shared_by);
     }
     if (entries.size() == shown && head.iframes + head.block_entries > shown)
-        printf("  ...\n");
+        print("  ...\n");
     return 0;
 }
 
@@ -284,9 +289,9 @@ int print_segments(uint32_t ri, bool iframes)
     RootEntry root;
     if (!normal_root(ri, root))
         return fail("root index entry %s holds no recordings", std::to_string(ri));
-    printf("segments of root index entry %u (20%02u-%02u-%02u, channel %u, stream %u):\n", ri,
+    print("segments of root index entry %u (20%02u-%02u-%02u, channel %u, stream %u):\n", ri,
            root.year, root.month, root.day, root.channel, root.stream_type);
-    printf("  %-6s %-8s %-8s %14s %6s %-4s %s\n", "index", "start", "end", "length", "record",
+    print("  %-6s %-8s %-8s %14s %6s %-4s %s\n", "index", "start", "end", "length", "record",
            "lock", "first i-frame");
     unsigned long listed = 0;
     for (uint32_t index = 0;; index++) {
@@ -301,12 +306,12 @@ int print_segments(uint32_t ri, bool iframes)
         char end[16] = "recording";
         if (n.closed)
             snprintf(end, sizeof(end), "%02u:%02u:%02u", n.end_hour, n.end_minute, n.end_second);
-        printf("  %-6u %02u:%02u:%02u %-8s %14llu %6u %-4s %u%s\n", index, n.start_hour,
+        print("  %-6u %02u:%02u:%02u %-8s %14llu %6u %-4s %u%s\n", index, n.start_hour,
                n.start_minute, n.start_second, end, (unsigned long long)n.len, n.record_type,
                n.locked ? "yes" : "no", n.start_iframe, n.pre_record ? " (pre-record)" : "");
         listed++;
     }
-    printf("  %lu segments\n", listed);
+    print("  %lu segments\n", listed);
     return iframes ? print_iframes(ri) : 0;
 }
 
@@ -318,21 +323,21 @@ void print_disk_summary(const std::string& path)
     api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
     DiskKeyInfo key;
     disk_key_info(TOOL_HDD_ID, key);
-    printf("device:           %s\n", path.c_str());
-    printf("block size:       %lu (%lu MiB)\n", (unsigned long)info.block_size,
+    print("device:           %s\n", path.c_str());
+    print("block size:       %lu (%lu MiB)\n", (unsigned long)info.block_size,
            (unsigned long)(info.block_size >> 20));
-    printf("total blocks:     %lu\n", (unsigned long)info.total_num);
-    printf("free blocks:      %lu\n", (unsigned long)info.free_num);
-    printf("key block:        %lu\n", key.key_block);
-    printf("backup key block: %lu\n", key.backup_key_block);
-    printf("label:            %s\n", key.label.c_str());
-    printf("version:          %s\n", key.version.c_str());
-    printf("owner stamp:      %lu\n", key.owner_stamp);
+    print("total blocks:     %lu\n", (unsigned long)info.total_num);
+    print("free blocks:      %lu\n", (unsigned long)info.free_num);
+    print("key block:        %lu\n", key.key_block);
+    print("backup key block: %lu\n", key.backup_key_block);
+    print("label:            %s\n", key.label.c_str());
+    print("version:          %s\n", key.version.c_str());
+    print("owner stamp:      %lu\n", key.owner_stamp);
     DiskKeyRepair repair;
     if (disk_key_repair(TOOL_HDD_ID, repair)) {
         const std::string text = key_repair_text(repair);
-        printf("table loaded:     %s\n", key_loaded_text(repair).c_str());
-        printf("mount repaired:   %s\n", text.empty() ? "nothing" : text.c_str());
+        print("table loaded:     %s\n", key_loaded_text(repair).c_str());
+        print("mount repaired:   %s\n", text.empty() ? "nothing" : text.c_str());
     }
 }
 
@@ -344,40 +349,40 @@ void print_journal()
 {
     JournalState j;
     if (disk_journal(TOOL_HDD_ID, j) != 0) {
-        printf("action journal:   cannot be read\n");
+        print("action journal:   cannot be read\n");
         return;
     }
     const bool sum_ok = j.stored_sum == j.computed_sum;
     if (j.action == 0 && sum_ok) {
-        printf("action journal:   clear (root index block %lu)\n", j.block);
+        print("action journal:   clear (root index block %lu)\n", j.block);
         return;
     }
     const char* name = j.action == 1 ? "delete" : j.action == 3 ? "split" : j.action == 0 ? "none"
                                                                                           : "unknown";
-    printf("action journal:   %s (action %u) in root index block %lu\n", name, j.action, j.block);
+    print("action journal:   %s (action %u) in root index block %lu\n", name, j.action, j.block);
     if (sum_ok)
-        printf("  sum:            0x%08x, matches\n", j.stored_sum);
+        print("  sum:            0x%08x, matches\n", j.stored_sum);
     else
-        printf("  sum:            MISMATCH: stored 0x%08x, computed 0x%08x (a torn journal "
+        print("  sum:            MISMATCH: stored 0x%08x, computed 0x%08x (a torn journal "
                "write: the mount left it and rolled nothing back)\n",
                j.stored_sum, j.computed_sum);
     if (j.action == 1) {
         const JournalDeleteRecord& d = j.deletion;
-        printf("  record:         root %u, segment %u, first i-frame %u, length %llu, start "
+        print("  record:         root %u, segment %u, first i-frame %u, length %llu, start "
                "%02u:%02u:%02u\n",
                d.root, d.segment, d.start_iframe, (unsigned long long)d.len, d.start_hour,
                d.start_minute, d.start_second);
-        printf("                  root id 0x%02x, segment id 0x%02x, block entries #%u (shared by "
+        print("                  root id 0x%02x, segment id 0x%02x, block entries #%u (shared by "
                "%u) to #%u (shared by %u)\n",
                d.root_id, d.segment_id, d.first_block_entry, d.first_block_shares,
                d.last_block_entry, d.last_block_shares);
     } else if (j.action == 3) {
         const JournalSplitRecord& p = j.split;
-        printf("  record:         root %u, segment %u, first i-frame %u, pieces begin at i-frame "
+        print("  record:         root %u, segment %u, first i-frame %u, pieces begin at i-frame "
                "%u at the latest\n",
                p.root, p.segment, p.start_iframe, p.split_end_iframe);
     } else {
-        printf("  record:         %s\n", j.data_clear ? "all zero" : "not all zero");
+        print("  record:         %s\n", j.data_clear ? "all zero" : "not all zero");
     }
 }
 
@@ -403,9 +408,9 @@ int verb_info(const Args& args)
     unsigned long counts[kDiskBlockTypes] = {};
     const int counted = disk_count_blocks(TOOL_HDD_ID, counts);
     if (counted == 0) {
-        printf("blocks by type:\n");
+        print("blocks by type:\n");
         for (int type = 1; type < kDiskBlockTypes; type++)
-            printf("  %-14s %lu\n", kDiskBlockTypeNames[type], counts[type]);
+            print("  %-14s %lu\n", kDiskBlockTypeNames[type], counts[type]);
     }
     int listed = 0;
     if (counted == 0 && args.option("--index") != nullptr)
@@ -498,7 +503,7 @@ int verb_index_add(const Args& args)
         return fail("cannot add a root index entry to %s (disk full?)", path);
     if (!segment_added)
         return fail("cannot add the first segment of the new entry to %s (disk full?)", path);
-    printf("root index entry %u added, with segment %u: %u seconds from %s\n", position, index,
+    print("root index entry %u added, with segment %u: %u seconds from %s\n", position, index,
            seconds, start->c_str());
     return 0;
 }
@@ -548,7 +553,7 @@ int verb_segment_add(const Args& args)
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("cannot add a segment to %s (segment index or disk full?)", path);
-    printf("segment %u of root index entry %u added: %u seconds from %s\n", index, ri, seconds,
+    print("segment %u of root index entry %u added: %u seconds from %s\n", index, ri, seconds,
            start->c_str());
     return 0;
 }
@@ -742,7 +747,7 @@ int parse_export_request(const Args& args, ExportRequest& request)
         return fail("export takes one IMAGE");
     const std::string* out_path = args.option("--out");
     if (out_path == nullptr || out_path->empty())
-        return fail("export needs --out FILE (the library logs to standard output)");
+        return fail("export needs --out FILE (- for standard output)");
     request.out_path = *out_path;
     request.raw = args.option("--raw") != nullptr;
     request.by_id = args.option("--id") != nullptr;
@@ -796,12 +801,27 @@ bool export_stream(int fd, FILE* out, const ExportRequest& request, ExportCount&
     return export_iframes(fd, out, request.raw, request.skip, request.reverse, stop, count, error);
 }
 
-// Writes the stream of `fd` to the request's output file, closes the stream
-// and lets the image go; a failed export leaves no output file behind.
+// The summary of a finished export: on the tool's output, or on standard
+// error when the stream itself went to standard output.
+void print_export_summary(const ExportRequest& request, const ExportCount& count)
+{
+    FILE* to = request.out_path == "-" ? stderr : tool_out();
+    fprintf(to, "exported %lu frames (%lu I-frames) from %lu segment%s: %llu bytes %s to %s\n",
+            count.frames, count.iframes, count.segments, count.segments == 1 ? "" : "s",
+            count.bytes, request.raw ? "of stored frames" : "of payload",
+            request.out_path == "-" ? "standard output" : request.out_path.c_str());
+    if (count.audio_left_out > 0)
+        fprintf(to, "%lu audio frames left out\n", count.audio_left_out);
+}
+
+// Writes the stream of `fd` to the request's output file (the tool's
+// output for "-"), closes the stream and lets the image go; a failed export
+// leaves no output file behind.
 int write_export(int fd, const ExportRequest& request)
 {
+    const bool to_stdout = request.out_path == "-";
     const char* out_path = request.out_path.c_str();
-    FILE* out = fopen(out_path, "wb");
+    FILE* out = to_stdout ? tool_out() : fopen(out_path, "wb");
     if (out == nullptr) {
         end_session(fd, !request.by_id);
         return fail("cannot create %s", request.out_path + ": " + strerror(errno));
@@ -809,7 +829,7 @@ int write_export(int fd, const ExportRequest& request)
     ExportCount count;
     std::string error;
     bool ok = export_stream(fd, out, request, count, error);
-    if (fclose(out) != 0 && ok) {
+    if ((to_stdout ? fflush(out) : fclose(out)) != 0 && ok) {
         ok = false;
         error = std::string("writing the output failed: ") + strerror(errno);
     }
@@ -821,14 +841,11 @@ int write_export(int fd, const ExportRequest& request)
                 " (its next recording begins later)";
     }
     if (!ok) {
-        unlink(out_path);
+        if (!to_stdout)
+            unlink(out_path);
         return fail("%s", error);
     }
-    printf("exported %lu frames (%lu I-frames) from %lu segment%s: %llu bytes %s to %s\n",
-           count.frames, count.iframes, count.segments, count.segments == 1 ? "" : "s",
-           count.bytes, request.raw ? "of stored frames" : "of payload", out_path);
-    if (count.audio_left_out > 0)
-        printf("%lu audio frames left out\n", count.audio_left_out);
+    print_export_summary(request, count);
     return 0;
 }
 
@@ -854,7 +871,7 @@ int delete_segment(const std::string& path, _k4t_stream_segment_id_ id)
         return fail("there is no segment %s (see ls)", id_text(id) + " on " + path);
     if (api_qzfs_delete_stream_segment(&id) != 0)
         return fail("the library refused to delete segment %s", id_text(id));
-    printf("deleted segment %s: channel %u, 20%02u-%02u-%02u %s to %s, %llu bytes%s\n",
+    print("deleted segment %s: channel %u, 20%02u-%02u-%02u %s to %s, %llu bytes%s\n",
            id_text(id).c_str(), info.channel, info.year, info.month, info.day,
            clock_of(info.start_time.hour, info.start_time.minute, info.start_time.second).c_str(),
            clock_of(info.end_time.hour, info.end_time.minute, info.end_time.second).c_str(),
@@ -869,14 +886,14 @@ void print_trim(const _k4t_stream_segment_id_& id, const TrimOutcome& out)
     const SegmentEntry& b = out.before;
     const SegmentEntry& a = out.after;
     if (out.whole) {
-        printf("segment %s went whole: %llu bytes from %s (less than a block would have been "
+        print("segment %s went whole: %llu bytes from %s (less than a block would have been "
                "left)%s\n",
                id_text(id).c_str(), (unsigned long long)out.taken,
                clock_of(b.start_hour, b.start_minute, b.start_second).c_str(),
                out.root_deleted ? "; its root index entry, left empty, went with it" : "");
         return;
     }
-    printf("trimmed segment %s: %llu bytes taken from its front; it now starts at %s (was %s), "
+    print("trimmed segment %s: %llu bytes taken from its front; it now starts at %s (was %s), "
            "%llu bytes long (was %llu)\n",
            id_text(id).c_str(), (unsigned long long)out.taken,
            clock_of(a.start_hour, a.start_minute, a.start_second).c_str(),
@@ -974,7 +991,7 @@ long list_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types)
     for (const _k4t_stream_query_result_& r : rows) {
         const std::string id = std::to_string(r.hdd_id) + ":" + std::to_string(r.root_index) + ":" +
                                std::to_string(r.stream_segment_index);
-        printf("  %-10s 20%02u-%02u-%02u %4u %6u  %02u:%02u:%02u  %02u:%02u:%02u %12llu %6u %5s\n",
+        print("  %-10s 20%02u-%02u-%02u %4u %6u  %02u:%02u:%02u  %02u:%02u:%02u %12llu %6u %5s\n",
                id.c_str(), date.year, date.month, date.day, r.channel, r.stream_type, r.start_hour,
                r.start_minute, r.start_second, r.end_hour, r.end_minute, r.end_second,
                (unsigned long long)r.len, r.record_type, r.lock ? "yes" : "no");
@@ -1004,7 +1021,7 @@ int verb_ls(const Args& args)
         leave_group(mounted);
         return fail("cannot list the recorded days");
     }
-    printf("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
+    print("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
            "start", "end", "bytes", "rtype", "lock");
     long total = 0;
     for (const _k4t_fs_date_& day : days) {
@@ -1018,7 +1035,7 @@ int verb_ls(const Args& args)
         total += listed;
     }
     leave_group(mounted);
-    printf("%ld segment%s\n", total, total == 1 ? "" : "s");
+    print("%ld segment%s\n", total, total == 1 ? "" : "s");
     return 0;
 }
 
@@ -1036,11 +1053,11 @@ void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& 
     static const char* const kMonths[] = {"January", "February", "March",     "April",
                                           "May",     "June",     "July",      "August",
                                           "September", "October", "November", "December"};
-    printf("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
+    print("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
            month.year);
-    printf(" Mo  Tu  We  Th  Fr  Sa  Su\n");
+    print(" Mo  Tu  We  Th  Fr  Sa  Su\n");
     const int lead = (first.tm_wday + 6) % 7;
-    printf("%*s", lead * 4, "");
+    print("%*s", lead * 4, "");
     std::string recorded;
     for (unsigned day = 1; day <= days; day++) {
         bool any = false, locked = false;
@@ -1048,13 +1065,13 @@ void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& 
             any = any || query.day_info[c][day - 1].record_type != 0;
             locked = locked || query.day_info[c][day - 1].lock != 0;
         }
-        printf("%3u%c", day, locked ? 'L' : any ? '*' : ' ');
+        print("%3u%c", day, locked ? 'L' : any ? '*' : ' ');
         if ((lead + day) % 7 == 0 || day == days)
-            printf("\n");
+            print("\n");
         if (any)
             recorded += (recorded.empty() ? "" : ", ") + std::to_string(day);
     }
-    printf("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
+    print("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
 }
 
 int verb_calendar(const Args& args)
@@ -1101,7 +1118,7 @@ int verb_test(const Args& args)
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("block test of %s failed (disk full or failing)", path);
-    printf("block test of %s passed\n", path.c_str());
+    print("block test of %s passed\n", path.c_str());
     return 0;
 }
 
@@ -1113,12 +1130,11 @@ int verb_rebuild_shell(const Args& args)
     if (args.positional.size() != 1)
         return fail("rebuild-shell takes one IMAGE");
     std::string path = args.positional[0];
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0)
-        return fail("%s does not exist", path);
+    if (require_existing(path) != 0)
+        return 1;
     if (api_qzfs_rebuild_rely(TOOL_HDD_ID, &path[0]) != 0)
         return fail("rebuilding the shell of %s failed", path);
-    printf("shell of %s rebuilt\n", path.c_str());
+    print("shell of %s rebuilt\n", path.c_str());
     return 0;
 }
 
@@ -1132,6 +1148,10 @@ int main(int argc, char** argv)
         std::string word = argv[i];
         if (word == "--help" || word == "-h") {
             fputs(USAGE, stdout);
+            return 0;
+        }
+        if (word == "--version") {
+            printf("qzfs %s\n", QZFS_VERSION);
             return 0;
         }
         if (word == "--debug-level" && i + 1 < argc) {
@@ -1153,8 +1173,8 @@ int main(int argc, char** argv)
     if (!split_args(argc, argv, i + 1, args, error))
         return fail("%s", error);
 
-    if (!set_stdout_aside(verb, args))
-        return fail("cannot set standard output aside for the file's bytes");
+    if (!set_library_log_aside(debug_level))
+        return fail("cannot set the library's log aside from standard output");
     api_qzfs_init();
     api_qzfs_set_debug_level(debug_level);
     int rc;
@@ -1195,10 +1215,12 @@ int main(int argc, char** argv)
     else if (verb == "rebuild-shell")
         rc = verb_rebuild_shell(args);
     else if (verb == "help")
-        rc = (fputs(USAGE, stdout), 0);
+        rc = (fputs(USAGE, tool_out()), 0);
     else
         rc = fail("unknown verb '%s' (see --help)", verb);
     api_qzfs_uinit();
+    if (!flush_output() && rc == 0)
+        rc = fail("writing standard output failed");
     return rc;
 }
 

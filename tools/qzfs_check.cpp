@@ -52,19 +52,19 @@ long check_image(const std::string& path)
                                               std::to_string(mount.changed_bytes) + " bytes" +
                                               where);
     else if (mount.writes > 0)
-        printf("%s: the mount made %s that changed nothing\n", path.c_str(), writes.c_str());
+        print("%s: the mount made %s that changed nothing\n", path.c_str(), writes.c_str());
     problems.insert(problems.end(), report.problems.begin(), report.problems.end());
     for (const std::string& p : problems)
-        printf("%s: %s\n", path.c_str(), p.c_str());
+        print("%s: %s\n", path.c_str(), p.c_str());
     // A data block nothing owns is what a cut between a block request and
     // its index entry leaves, or a scan of the block heads takes back: the
     // overwrite pass frees it first. An index block nothing owns is what a
     // cut between its request and its link into a chain leaves: nothing
     // frees it, but nothing reads it either, so it is a leak and no fault.
     if (report.index_orphans > 0)
-        printf("%s: %lu index blocks that nothing owns (a leak a power cut can leave)\n",
+        print("%s: %lu index blocks that nothing owns (a leak a power cut can leave)\n",
                path.c_str(), report.index_orphans);
-    printf("%s: %zu problems; %lu blocks in use, %lu orphan data blocks (left to the overwrite "
+    print("%s: %zu problems; %lu blocks in use, %lu orphan data blocks (left to the overwrite "
            "pass), %lu roots, %lu segments\n",
            path.c_str(), problems.size(), report.in_use, report.orphans, report.roots,
            report.segments);
