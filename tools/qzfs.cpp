@@ -7,6 +7,7 @@
 #include "h264_stream.h"
 #include "qzfs_cli.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -341,6 +342,11 @@ void print_disk_summary(const std::string& path)
     }
 }
 
+const char* journal_action_name(uint32_t action)
+{
+    return action == 1 ? "delete" : action == 3 ? "split" : action == 0 ? "none" : "unknown";
+}
+
 // The action journal of the mounted tool disk. A mount rolls back a delete
 // or split the journal names and clears it, so what is left to show is a
 // journal whose sum does not match (a torn write of the journal itself,
@@ -357,8 +363,7 @@ void print_journal()
         print("action journal:   clear (root index block %lu)\n", j.block);
         return;
     }
-    const char* name = j.action == 1 ? "delete" : j.action == 3 ? "split" : j.action == 0 ? "none"
-                                                                                          : "unknown";
+    const char* name = journal_action_name(j.action);
     print("action journal:   %s (action %u) in root index block %lu\n", name, j.action, j.block);
     if (sum_ok)
         print("  sum:            0x%08x, matches\n", j.stored_sum);
@@ -386,13 +391,61 @@ void print_journal()
     }
 }
 
+// The summary, the journal and the block counts of info as one JSON object.
+bool write_info_json(const std::string& path)
+{
+    unsigned long counts[kDiskBlockTypes] = {};
+    if (disk_count_blocks(TOOL_HDD_ID, counts) != 0)
+        return false;
+    _qzfs_k4t_hdd_info_ info = {};
+    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
+    DiskKeyInfo key;
+    disk_key_info(TOOL_HDD_ID, key);
+    DiskKeyRepair repair;
+    const bool repair_known = disk_key_repair(TOOL_HDD_ID, repair);
+    const std::string repaired = repair_known ? key_repair_text(repair) : "";
+    JsonWriter json;
+    json.open_object()
+        .text("device", path)
+        .number("block_size", info.block_size)
+        .number("total_blocks", info.total_num)
+        .number("free_blocks", info.free_num)
+        .number("key_block", key.key_block)
+        .number("backup_key_block", key.backup_key_block)
+        .text("label", key.label)
+        .text("version", key.version)
+        .number("owner_stamp", key.owner_stamp)
+        .text("table_loaded", repair_known ? key_loaded_text(repair) : "")
+        .text("mount_repaired", repaired.empty() ? "nothing" : repaired);
+    JournalState j;
+    const bool journal_read = disk_journal(TOOL_HDD_ID, j) == 0;
+    const bool sum_ok = j.stored_sum == j.computed_sum;
+    json.open_object("action_journal").flag("readable", journal_read);
+    if (journal_read)
+        json.text("state", j.action == 0 && sum_ok ? "clear" : journal_action_name(j.action))
+            .number("action", j.action)
+            .number("block", j.block)
+            .flag("sum_matches", sum_ok);
+    json.close_object().open_object("blocks_by_type");
+    for (int type = 1; type < kDiskBlockTypes; type++) {
+        std::string name = kDiskBlockTypeNames[type];
+        std::replace_if(name.begin(), name.end(), [](char c) { return c == ' ' || c == '-'; }, '_');
+        json.number(name.c_str(), counts[type]);
+    }
+    json.close_object().close_object().finish();
+    return true;
+}
+
 int verb_info(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {"--index", "--segments", "--iframes"}, error))
+    if (!only_options(args, {"--index", "--segments", "--iframes", "--json"}, error))
         return fail("%s", error);
     if (args.positional.size() != 1)
         return fail("info takes one IMAGE");
+    const bool json = args.option("--json") != nullptr;
+    if (json && (args.option("--index") != nullptr || args.option("--segments") != nullptr))
+        return fail("info --json gives the summary alone, without --index or --segments");
     unsigned segments_of = 0;
     const bool segments = args.option("--segments") != nullptr;
     if (segments && !number_option(args, "--segments", 0xFFFFFFFEu, 0, segments_of))
@@ -402,6 +455,11 @@ int verb_info(const Args& args)
     const std::string& path = args.positional[0];
     if (mount_image(path) != 0)
         return 1;
+    if (json) {
+        const bool written = write_info_json(path);
+        api_qzfs_umount(TOOL_HDD_ID);
+        return written ? 0 : fail("cannot read the block table of %s", path);
+    }
 
     print_disk_summary(path);
     print_journal();
@@ -981,67 +1039,132 @@ bool channel_and_type_filter(const Args& args, uint32_t& channels, uint64_t& typ
     return true;
 }
 
-// Prints the segments of one day, in order of start time; their number, or
-// -1 when a query call fails.
-long list_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types)
+// A listed segment and its day.
+struct ListedSegment {
+    _k4t_fs_date_ day;
+    _k4t_stream_query_result_ row;
+};
+
+// The segments of `days`, each day in order of start time; false when a
+// query fails (named in `error`).
+bool list_days(const std::vector<_k4t_fs_date_>& days, uint32_t channels, uint64_t types,
+               std::vector<ListedSegment>& out, std::string& error)
 {
     std::vector<_k4t_stream_query_result_> rows;
-    if (!query_day(date, channels, types, rows))
-        return -1;
-    for (const _k4t_stream_query_result_& r : rows) {
-        const std::string id = std::to_string(r.hdd_id) + ":" + std::to_string(r.root_index) + ":" +
-                               std::to_string(r.stream_segment_index);
-        print("  %-10s 20%02u-%02u-%02u %4u %6u  %02u:%02u:%02u  %02u:%02u:%02u %12llu %6u %5s\n",
-               id.c_str(), date.year, date.month, date.day, r.channel, r.stream_type, r.start_hour,
-               r.start_minute, r.start_second, r.end_hour, r.end_minute, r.end_second,
-               (unsigned long long)r.len, r.record_type, r.lock ? "yes" : "no");
+    for (const _k4t_fs_date_& day : days) {
+        if (!query_day(day, channels, types, rows)) {
+            error = "the query of " + date_text(day) + " failed";
+            return false;
+        }
+        for (const _k4t_stream_query_result_& r : rows)
+            out.push_back({day, r});
     }
-    return long(rows.size());
+    return true;
+}
+
+void print_listing(const std::vector<ListedSegment>& listed)
+{
+    print("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
+          "start", "end", "bytes", "rtype", "lock");
+    for (const ListedSegment& s : listed) {
+        const _k4t_stream_query_result_& r = s.row;
+        print("  %-10s %s %4u %6u  %s  %s %12llu %6u %5s\n",
+              id_text(id_of(r, r.stream_segment_index)).c_str(), date_text(s.day).c_str(),
+              r.channel, r.stream_type, clock_of(r.start_hour, r.start_minute, r.start_second).c_str(),
+              clock_of(r.end_hour, r.end_minute, r.end_second).c_str(), (unsigned long long)r.len,
+              r.record_type, r.lock ? "yes" : "no");
+    }
+    print("%zu segment%s\n", listed.size(), listed.size() == 1 ? "" : "s");
+}
+
+void write_listing_json(const std::vector<ListedSegment>& listed)
+{
+    JsonWriter json;
+    json.open_object().open_array("segments");
+    for (const ListedSegment& s : listed) {
+        const _k4t_stream_query_result_& r = s.row;
+        json.open_object()
+            .text("id", id_text(id_of(r, r.stream_segment_index)))
+            .text("date", date_text(s.day))
+            .number("channel", r.channel)
+            .number("stream_type", r.stream_type)
+            .text("start", clock_of(r.start_hour, r.start_minute, r.start_second))
+            .text("end", clock_of(r.end_hour, r.end_minute, r.end_second))
+            .number("bytes", r.len)
+            .number("record_type", r.record_type)
+            .flag("lock", r.lock != 0)
+            .close_object();
+    }
+    json.close_array().number("count", listed.size()).close_object().finish();
 }
 
 int verb_ls(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {"--channel", "--date", "--type"}, error))
+    if (!only_options(args, {"--channel", "--date", "--type", "--json"}, error))
         return fail("%s", error);
     uint32_t channels = 0;
     uint64_t types = 0;
     if (!channel_and_type_filter(args, channels, types))
         return fail("--channel takes 0 to 31 and --type 0 to 63");
     std::vector<_k4t_fs_date_> days(1);
-    const std::string* date_text = args.option("--date");
-    if (date_text != nullptr && !parse_date(*date_text, days[0], false))
+    const std::string* date_option = args.option("--date");
+    if (date_option != nullptr && !parse_date(*date_option, days[0], false))
         return fail("--date takes YYYY-MM-DD (2000 to 2099)");
     unsigned mounted = 0;
-    if (mount_group(args.positional, mounted) != 0) {
-        leave_group(mounted);
-        return 1;
+    std::vector<ListedSegment> listed;
+    bool ok = mount_group(args.positional, mounted) == 0;
+    if (ok && date_option == nullptr && !recorded_days(types, days)) {
+        ok = false;
+        fail("cannot list the recorded days");
     }
-    if (date_text == nullptr && !recorded_days(types, days)) {
-        leave_group(mounted);
-        return fail("cannot list the recorded days");
-    }
-    print("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
-           "start", "end", "bytes", "rtype", "lock");
-    long total = 0;
-    for (const _k4t_fs_date_& day : days) {
-        const long listed = list_day(day, channels, types);
-        if (listed < 0) {
-            leave_group(mounted);
-            return fail("the query of 20%s failed", std::to_string(day.year) + "-" +
-                                                         std::to_string(day.month) + "-" +
-                                                         std::to_string(day.day));
-        }
-        total += listed;
+    if (ok && !list_days(days, channels, types, listed, error)) {
+        ok = false;
+        fail("%s", error);
     }
     leave_group(mounted);
-    print("%ld segment%s\n", total, total == 1 ? "" : "s");
+    if (!ok)
+        return 1;
+    if (args.option("--json") != nullptr)
+        write_listing_json(listed);
+    else
+        print_listing(listed);
     return 0;
 }
 
-// Prints the month of a calendar query, Monday first, with the days that
-// hold recordings marked, and then those days as a list.
-void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& query)
+// What a calendar query says of each day of the month: recorded, and with
+// a locked recording.
+struct MonthDays {
+    std::vector<unsigned> recorded;
+    std::vector<unsigned> locked;
+};
+
+MonthDays month_days(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& query)
+{
+    MonthDays days;
+    const unsigned count = library_days_in_month(month.year, month.month);
+    for (unsigned day = 1; day <= count; day++) {
+        bool any = false, locked = false;
+        for (unsigned c = 0; c < 32; c++) {
+            any = any || query.day_info[c][day - 1].record_type != 0;
+            locked = locked || query.day_info[c][day - 1].lock != 0;
+        }
+        if (any)
+            days.recorded.push_back(day);
+        if (locked)
+            days.locked.push_back(day);
+    }
+    return days;
+}
+
+bool holds(const std::vector<unsigned>& days, unsigned day)
+{
+    return std::find(days.begin(), days.end(), day) != days.end();
+}
+
+// Prints the month, Monday first, with the days that hold recordings
+// marked, and then those days as a list.
+void print_month(const _k4t_fs_date_& month, const MonthDays& marked)
 {
     const unsigned days = library_days_in_month(month.year, month.month);
     struct tm first = {};
@@ -1054,18 +1177,14 @@ void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& 
                                           "May",     "June",     "July",      "August",
                                           "September", "October", "November", "December"};
     print("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
-           month.year);
+          month.year);
     print(" Mo  Tu  We  Th  Fr  Sa  Su\n");
     const int lead = (first.tm_wday + 6) % 7;
     print("%*s", lead * 4, "");
     std::string recorded;
     for (unsigned day = 1; day <= days; day++) {
-        bool any = false, locked = false;
-        for (unsigned c = 0; c < 32; c++) {
-            any = any || query.day_info[c][day - 1].record_type != 0;
-            locked = locked || query.day_info[c][day - 1].lock != 0;
-        }
-        print("%3u%c", day, locked ? 'L' : any ? '*' : ' ');
+        const bool any = holds(marked.recorded, day);
+        print("%3u%c", day, holds(marked.locked, day) ? 'L' : any ? '*' : ' ');
         if ((lead + day) % 7 == 0 || day == days)
             print("\n");
         if (any)
@@ -1074,10 +1193,22 @@ void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& 
     print("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
 }
 
+void write_month_json(const _k4t_fs_date_& month, const MonthDays& marked)
+{
+    JsonWriter json;
+    json.open_object().text("month", date_text(month).substr(0, 7)).open_array("recorded_days");
+    for (unsigned day : marked.recorded)
+        json.number(nullptr, day);
+    json.close_array().open_array("locked_days");
+    for (unsigned day : marked.locked)
+        json.number(nullptr, day);
+    json.close_array().close_object().finish();
+}
+
 int verb_calendar(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {"--month", "--channel", "--type"}, error))
+    if (!only_options(args, {"--month", "--channel", "--type", "--json"}, error))
         return fail("%s", error);
     _k4t_fs_date_ month = {};
     const std::string* month_text = args.option("--month");
@@ -1100,7 +1231,11 @@ int verb_calendar(const Args& args)
     if (rc != 0)
         return fail("the calendar query failed");
 
-    print_month(month, *query);
+    const MonthDays marked = month_days(month, *query);
+    if (args.option("--json") != nullptr)
+        write_month_json(month, marked);
+    else
+        print_month(month, marked);
     return 0;
 }
 
