@@ -1,5 +1,6 @@
 // The host tool's shared plumbing: its command-line words, its one-line
-// failures, dates and segment ids as a user types them, mounting images as
+// failures, its standard output kept apart from the library's log, a small
+// JSON writer, dates and segment ids as a user types them, mounting images as
 // the disks of group 0, and the day queries over that group. The verbs live
 // in qzfs.cpp (disks, indexes, export, delete by id, browsing),
 // qzfs_delete.cpp (delete by time and by date), qzfs_record.cpp (recording),
