@@ -3,6 +3,7 @@
 #include "synthetic_h264.h"
 #include "test_support.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -1121,4 +1122,160 @@ TEST(Tool, FileLsMvRmAndDeviceInfo)
     run_verb_case("device-info", a, "--set " + dir.path("none"), false, "qzfs: cannot read");
     run_verb_case("device-info", a, "--set " + huge, false, "the device info does not fit");
     EXPECT_FALSE(exists(dir.path("out")));
+}
+
+namespace {
+
+// A run of the tool with its two outputs apart.
+struct SplitRun {
+    int status;
+    std::string out, err;
+};
+
+SplitRun run_tool_apart(const ScratchDir& dir, const std::string& args)
+{
+    const std::string err = dir.path("stderr.txt");
+    CommandResult run =
+        run_command("{ " + std::string(QZFS_TOOL_PATH) + " " + args + " 2>" + err + "; }");
+    const std::vector<uint8_t> bytes = read_file(err);
+    return {run.status, run.output, std::string(bytes.begin(), bytes.end())};
+}
+
+// Two channels of three seconds on 2026-11-20 from 08:00:00, the second
+// locked, on an image labelled with a quote and a backslash.
+std::string recorded_image(const ScratchDir& dir)
+{
+    const std::string image = dir.path("rec.img");
+    EXPECT_EQ(0, run_tool("format " + image + " --size 3G --label 'say \"hi\" \\ there'").status);
+    EXPECT_EQ(0, run_tool("record " + image + " --channels 2 --seconds 3 --bitrate 64000 "
+                          "--start 2026-11-20T08:00:00").status);
+    EXPECT_EQ(0, run_tool("lock " + image + " --id 0:1:0").status);
+    return image;
+}
+
+// Braces and brackets outside strings pair up, and nothing follows the
+// document's one line.
+bool one_json_document(const std::string& text)
+{
+    std::string open;
+    bool in_string = false;
+    for (size_t i = 0; i < text.size(); i++) {
+        const char c = text[i];
+        if (in_string) {
+            i += c == '\\' ? 1 : 0;
+            in_string = c != '"';
+        } else if (c == '"') {
+            in_string = true;
+        } else if (c == '{' || c == '[') {
+            open += c;
+        } else if (c == '}' || c == ']') {
+            if (open.empty() || open.back() != (c == '}' ? '{' : '['))
+                return false;
+            open.pop_back();
+        }
+    }
+    return !in_string && open.empty() && text.size() > 2 && text[0] == '{' &&
+           text.find('\n') == text.size() - 1;
+}
+
+} // namespace
+
+TEST(Tool, StandardOutputCarriesOnlyTheToolsOwnOutput)
+{
+    ScratchDir dir;
+    const std::string image = recorded_image(dir);
+    for (const std::string verb : {"ls ", "info "}) {
+        SCOPED_TRACE(verb);
+        const SplitRun quiet = run_tool_apart(dir, verb + image);
+        const SplitRun loud = run_tool_apart(dir, "--debug-level 1 " + verb + image);
+        ASSERT_EQ(0, quiet.status) << quiet.err;
+        ASSERT_EQ(0, loud.status) << loud.err;
+        EXPECT_EQ(quiet.out, loud.out);  // the log went elsewhere
+        EXPECT_EQ("", quiet.err);
+        EXPECT_TRUE(contains(loud.err, "START MOUNT(hdd_id:0)")) << loud.err;
+        EXPECT_FALSE(contains(loud.out, "[qzfs")) << loud.out;
+    }
+    const SplitRun version = run_tool_apart(dir, "--version");
+    unsigned major, minor, patch;
+    char end = 0;
+    EXPECT_EQ(4, sscanf(version.out.c_str(), "qzfs %u.%u.%u%c", &major, &minor, &patch, &end))
+        << version.out;
+    EXPECT_EQ('\n', end);
+    EXPECT_TRUE(contains(run_tool("--help").output, "--version"));
+}
+
+TEST(Tool, JsonOfInfoLsCalendarAndCheck)
+{
+    ScratchDir dir;
+    const std::string image = recorded_image(dir);
+    const struct {
+        std::string args;
+        std::vector<std::string> says;
+    } cases[] = {
+        {"info " + image,
+         {"\"block_size\":4194304,\"total_blocks\":752,", "\"label\":\"say \\\"hi\\\" \\\\ there\"",
+          "\"version\":\"qzfs4.0\"", "\"mount_repaired\":\"nothing\"", "\"state\":\"clear\"",
+          "\"blocks_by_type\":{\"free\":", "\"data\":2,"}},
+        {"ls " + image,
+         {"{\"id\":\"0:0:0\",\"date\":\"2026-11-20\",\"channel\":0,\"stream_type\":0,\"start\":"
+          "\"08:00:00\",\"end\":\"08:00:02\",\"bytes\":23952,\"record_type\":0,\"lock\":false}",
+          "\"id\":\"0:1:0\"", "\"lock\":true}", "],\"count\":2}"}},
+        {"calendar " + image + " --month 2026-11",
+         {"{\"month\":\"2026-11\",\"recorded_days\":[20],\"locked_days\":[20]}"}},
+        {"check " + image,
+         {"\"checked\":true,", "\"problems\":[],\"problem_count\":0,", "\"roots\":2,\"segments\":2}",
+          "\"sound\":true}"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        const SplitRun run = run_tool_apart(dir, c.args + " --json");
+        ASSERT_EQ(0, run.status) << run.err;
+        EXPECT_TRUE(one_json_document(run.out)) << run.out;
+        for (const std::string& part : c.says)
+            EXPECT_TRUE(contains(run.out, part)) << part << " in " << run.out;
+    }
+}
+
+TEST(Tool, MissingImageIsNamedAtOnce)
+{
+    ScratchDir dir;
+    const std::string none = dir.path("none.img");
+    const std::string calls[] = {
+        "info " + none,          "ls " + none,     "calendar " + none + " --month 2026-11",
+        "check " + none,         "test " + none,   "export " + none + " --id 0:0:0 --out -",
+        "record " + none + " --channels 1 --seconds 1",
+        "delete " + none + " --id 0:0:0",         "lock " + none + " --id 0:0:0",
+        "file " + none + " ls",  "device-info " + none, "recover " + none, "rebuild " + none,
+        "rebuild-shell " + none,
+    };
+    for (const std::string& args : calls) {
+        SCOPED_TRACE(args);
+        const auto start = std::chrono::steady_clock::now();
+        const SplitRun run = run_tool_apart(dir, "--debug-level 1 " + args);
+        // The library's open retries, had it been asked, take seconds.
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+        EXPECT_EQ(1, run.status);
+        EXPECT_EQ("", run.out);
+        EXPECT_TRUE(contains(run.err, "qzfs: no such file: " + none)) << run.err;
+        EXPECT_FALSE(contains(run.err, "START MOUNT")) << run.err;
+    }
+}
+
+TEST(Tool, ExportToStandardOutputMatchesExportToAFile)
+{
+    ScratchDir dir;
+    const std::string image = recorded_image(dir), file = dir.path("out.bin");
+    for (const std::string options : {" --id 0:0:0 --raw", " --id 0:1:0",
+                                      " --channel 0 --from 2026-11-20T08:00:00 --to "
+                                      "2026-11-20T08:00:02 --iframes"}) {
+        SCOPED_TRACE(options);
+        ASSERT_EQ(0, run_tool("export " + image + options + " --out " + file).status);
+        const std::vector<uint8_t> expected = read_file(file);
+        const SplitRun piped = run_tool_apart(dir, "--debug-level 1 export " + image + options +
+                                                       " --out -");
+        ASSERT_EQ(0, piped.status) << piped.err;
+        EXPECT_FALSE(expected.empty());
+        EXPECT_EQ(std::string(expected.begin(), expected.end()), piped.out);
+        EXPECT_TRUE(contains(piped.err, "to standard output")) << piped.err;
+    }
 }

@@ -7,6 +7,7 @@
 #include "h264_stream.h"
 #include "qzfs_cli.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -30,7 +31,7 @@ const char* USAGE =
     "  format IMAGE [--size SIZE] [--label TEXT]\n"
     "      format a disk or image; a missing IMAGE is created as a sparse file\n"
     "      of SIZE bytes (suffixes K, M, G, T: powers of 1024)\n"
-    "  info IMAGE [--index] [--segments ROOT_INDEX [--iframes]]\n"
+    "  info IMAGE [--index] [--segments ROOT_INDEX [--iframes]] [--json]\n"
     "      mount and print block size, block counts, key info places, label,\n"
     "      version, owner stamp, the key place the block table was loaded from\n"
     "      and what the mount repaired in it (a damaged table is mended from the\n"
@@ -41,7 +42,8 @@ const char* USAGE =
     "      stream type and name that has recordings;\n"
     "      --segments lists the stream segments of one root index entry\n"
     "      (index, start, end, length, record type, lock, first I-frame) and\n"
-    "      --iframes the first entries of its I-frame index\n"
+    "      --iframes the first entries of its I-frame index; --json prints the\n"
+    "      summary, journal and block counts as one JSON document\n"
     "  index-add IMAGE --date YYYY-MM-DD --channel N [--stream T] [--name S]\n"
     "            [--record-type R] --start HH:MM:SS --seconds S [--lock]\n"
     "      add a root index entry (with its segment and I-frame index blocks),\n"
@@ -81,6 +83,7 @@ const char* USAGE =
     "         [--stream T]) --out FILE [--raw] [--iframes [--skip N] [--reverse]]\n"
     "      write a segment, or a channel's time range, back out: the frames'\n"
     "      payloads (the H.264 stream again) or with --raw the frames as stored;\n"
+    "      --out - writes them to standard output (the summary to standard error);\n"
     "      --iframes the I-frames only, every N+1-th, backward with --reverse\n"
     "  delete IMAGE --id HDD:ROOT:SEG [--trim-seconds S | --trim-bytes N]\n"
     "      remove a closed segment whole, under the action journal (refused for\n"
@@ -117,11 +120,11 @@ const char* USAGE =
     "       [--alarm BITS]\n"
     "      set record type R (0 to 15) and add the alarm bits on that stretch,\n"
     "      split out as lock does; lists the pieces with their record types\n"
-    "  ls IMAGE... [--channel C] [--date YYYY-MM-DD] [--type T]\n"
+    "  ls IMAGE... [--channel C] [--date YYYY-MM-DD] [--type T] [--json]\n"
     "      list the segments of the images, mounted as one group, in order of\n"
     "      start time: id HDD:ROOT:SEG, channel, stream type, start, end, bytes,\n"
     "      record type and lock; all recorded days unless --date\n"
-    "  calendar IMAGE... --month YYYY-MM [--channel C] [--type T]\n"
+    "  calendar IMAGE... --month YYYY-MM [--channel C] [--type T] [--json]\n"
     "      print the month with the days that hold recordings marked\n"
     "  test IMAGE\n"
     "      write, read back and free one block of a mounted disk\n"
@@ -138,7 +141,7 @@ const char* USAGE =
     "      gets both anew from the frames of its data blocks (its segments then\n"
     "      end at their last I-frame, and lock reasons and alarm bits read 255),\n"
     "      and the root index is made anew; says what it found and made\n"
-    "  check IMAGE...\n"
+    "  check IMAGE... [--json]\n"
     "      a read-only check of each image: mounted with every write kept in\n"
     "      memory, so the image is left as it was; says how much the mount wrote\n"
     "      and where, then one line per problem (a repair the mount had to make,\n"
@@ -167,7 +170,13 @@ const char* USAGE =
     "\n"
     "options:\n"
     "  --debug-level N   library log level (0 silent, 1 lifecycle, up to 4); default 0\n"
-    "  --help            this text\n";
+    "  --help            this text\n"
+    "  --version         the version of the tool and its library\n"
+    "  --json            (info, ls, calendar, check) one JSON document instead of\n"
+    "                    the text: the same fields, keys in snake_case\n"
+    "\n"
+    "Standard output carries only the tool's own output: the library's log goes\n"
+    "to standard error at debug level 1 or more, and nowhere at level 0.\n";
 
 // Makes a sparse image of `size` bytes when `path` does not exist yet.
 int prepare_image(const std::string& path, const std::string* size_text)
@@ -213,7 +222,7 @@ int verb_format(const Args& args)
                  : api_qzfs_fast_format(TOOL_HDD_ID, &path[0]);
     if (rc != 0)
         return fail("format of %s failed (too small, unreadable or not a disk?)", path);
-    printf("formatted %s\n", path.c_str());
+    print("formatted %s\n", path.c_str());
     return 0;
 }
 
@@ -223,8 +232,8 @@ int print_root_index()
     unsigned long root_block = 0;
     if (!disk_root_index_block(TOOL_HDD_ID, root_block))
         return fail("the disk has no root index");
-    printf("root index (block %lu):\n", root_block);
-    printf("  %-6s %-10s %4s %6s  %-16s %-12s %s\n", "pos", "date", "chn", "stream", "name",
+    print("root index (block %lu):\n", root_block);
+    print("  %-6s %-10s %4s %6s  %-16s %-12s %s\n", "pos", "date", "chn", "stream", "name",
            "record types", "segment index block");
     unsigned long used = 0;
     for (uint32_t ri = 0;; ri++) {
@@ -236,12 +245,12 @@ int print_root_index()
             break;
         if (slot != IndexSlot::Used)
             continue;
-        printf("  %-6u 20%02u-%02u-%02u %4u %6u  %-16s 0x%04x       %u\n", ri, e.year, e.month,
+        print("  %-6u 20%02u-%02u-%02u %4u %6u  %-16s 0x%04x       %u\n", ri, e.year, e.month,
                e.day, e.channel, e.stream_type, e.name.c_str(), e.record_types,
                e.segment_index_block);
         used++;
     }
-    printf("  %lu used\n", used);
+    print("  %lu used\n", used);
     return 0;
 }
 
@@ -260,21 +269,21 @@ int print_iframes(uint32_t ri)
     std::vector<IframeEntry> entries;
     if (disk_iframe_index(TOOL_HDD_ID, ri, shown, head, entries) != 0)
         return fail("cannot read the I-frame index of root index entry %s", std::to_string(ri));
-    printf("i-frame index (first block %u, %u blocks): %u i-frames, %u data block entries\n",
+    print("i-frame index (first block %u, %u blocks): %u i-frames, %u data block entries\n",
            head.first_block, head.blocks, head.iframes, head.block_entries);
-    printf("  %-8s %-6s %-8s %-8s %-10s %s\n", "number", "kind", "time", "block", "offset",
+    print("  %-8s %-6s %-8s %-8s %-10s %s\n", "number", "kind", "time", "block", "offset",
            "stream offset / share count");
     for (unsigned long i = 0; i < entries.size(); i++) {
         const IframeEntry& n = entries[i];
         if (n.iframe)
-            printf("  %-8lu i-frame  %02u:%02u:%02u %-8u %-10u %llu\n", i, n.hour, n.minute,
+            print("  %-8lu i-frame  %02u:%02u:%02u %-8u %-10u %llu\n", i, n.hour, n.minute,
                    n.second, n.block, n.offset, (unsigned long long)n.stream_offset);
         else
-            printf("  %-8lu block    %-8s %-8u #%-9u shared by %u\n", i, "", n.block, n.offset,
+            print("  %-8lu block    %-8s %-8u #%-9u shared by %u\n", i, "", n.block, n.offset,
                    n.shared_by);
     }
     if (entries.size() == shown && head.iframes + head.block_entries > shown)
-        printf("  ...\n");
+        print("  ...\n");
     return 0;
 }
 
@@ -284,9 +293,9 @@ int print_segments(uint32_t ri, bool iframes)
     RootEntry root;
     if (!normal_root(ri, root))
         return fail("root index entry %s holds no recordings", std::to_string(ri));
-    printf("segments of root index entry %u (20%02u-%02u-%02u, channel %u, stream %u):\n", ri,
+    print("segments of root index entry %u (20%02u-%02u-%02u, channel %u, stream %u):\n", ri,
            root.year, root.month, root.day, root.channel, root.stream_type);
-    printf("  %-6s %-8s %-8s %14s %6s %-4s %s\n", "index", "start", "end", "length", "record",
+    print("  %-6s %-8s %-8s %14s %6s %-4s %s\n", "index", "start", "end", "length", "record",
            "lock", "first i-frame");
     unsigned long listed = 0;
     for (uint32_t index = 0;; index++) {
@@ -301,12 +310,12 @@ int print_segments(uint32_t ri, bool iframes)
         char end[16] = "recording";
         if (n.closed)
             snprintf(end, sizeof(end), "%02u:%02u:%02u", n.end_hour, n.end_minute, n.end_second);
-        printf("  %-6u %02u:%02u:%02u %-8s %14llu %6u %-4s %u%s\n", index, n.start_hour,
+        print("  %-6u %02u:%02u:%02u %-8s %14llu %6u %-4s %u%s\n", index, n.start_hour,
                n.start_minute, n.start_second, end, (unsigned long long)n.len, n.record_type,
                n.locked ? "yes" : "no", n.start_iframe, n.pre_record ? " (pre-record)" : "");
         listed++;
     }
-    printf("  %lu segments\n", listed);
+    print("  %lu segments\n", listed);
     return iframes ? print_iframes(ri) : 0;
 }
 
@@ -318,22 +327,27 @@ void print_disk_summary(const std::string& path)
     api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
     DiskKeyInfo key;
     disk_key_info(TOOL_HDD_ID, key);
-    printf("device:           %s\n", path.c_str());
-    printf("block size:       %lu (%lu MiB)\n", (unsigned long)info.block_size,
+    print("device:           %s\n", path.c_str());
+    print("block size:       %lu (%lu MiB)\n", (unsigned long)info.block_size,
            (unsigned long)(info.block_size >> 20));
-    printf("total blocks:     %lu\n", (unsigned long)info.total_num);
-    printf("free blocks:      %lu\n", (unsigned long)info.free_num);
-    printf("key block:        %lu\n", key.key_block);
-    printf("backup key block: %lu\n", key.backup_key_block);
-    printf("label:            %s\n", key.label.c_str());
-    printf("version:          %s\n", key.version.c_str());
-    printf("owner stamp:      %lu\n", key.owner_stamp);
+    print("total blocks:     %lu\n", (unsigned long)info.total_num);
+    print("free blocks:      %lu\n", (unsigned long)info.free_num);
+    print("key block:        %lu\n", key.key_block);
+    print("backup key block: %lu\n", key.backup_key_block);
+    print("label:            %s\n", key.label.c_str());
+    print("version:          %s\n", key.version.c_str());
+    print("owner stamp:      %lu\n", key.owner_stamp);
     DiskKeyRepair repair;
     if (disk_key_repair(TOOL_HDD_ID, repair)) {
         const std::string text = key_repair_text(repair);
-        printf("table loaded:     %s\n", key_loaded_text(repair).c_str());
-        printf("mount repaired:   %s\n", text.empty() ? "nothing" : text.c_str());
+        print("table loaded:     %s\n", key_loaded_text(repair).c_str());
+        print("mount repaired:   %s\n", text.empty() ? "nothing" : text.c_str());
     }
+}
+
+const char* journal_action_name(uint32_t action)
+{
+    return action == 1 ? "delete" : action == 3 ? "split" : action == 0 ? "none" : "unknown";
 }
 
 // The action journal of the mounted tool disk. A mount rolls back a delete
@@ -344,50 +358,97 @@ void print_journal()
 {
     JournalState j;
     if (disk_journal(TOOL_HDD_ID, j) != 0) {
-        printf("action journal:   cannot be read\n");
+        print("action journal:   cannot be read\n");
         return;
     }
     const bool sum_ok = j.stored_sum == j.computed_sum;
     if (j.action == 0 && sum_ok) {
-        printf("action journal:   clear (root index block %lu)\n", j.block);
+        print("action journal:   clear (root index block %lu)\n", j.block);
         return;
     }
-    const char* name = j.action == 1 ? "delete" : j.action == 3 ? "split" : j.action == 0 ? "none"
-                                                                                          : "unknown";
-    printf("action journal:   %s (action %u) in root index block %lu\n", name, j.action, j.block);
+    const char* name = journal_action_name(j.action);
+    print("action journal:   %s (action %u) in root index block %lu\n", name, j.action, j.block);
     if (sum_ok)
-        printf("  sum:            0x%08x, matches\n", j.stored_sum);
+        print("  sum:            0x%08x, matches\n", j.stored_sum);
     else
-        printf("  sum:            MISMATCH: stored 0x%08x, computed 0x%08x (a torn journal "
+        print("  sum:            MISMATCH: stored 0x%08x, computed 0x%08x (a torn journal "
                "write: the mount left it and rolled nothing back)\n",
                j.stored_sum, j.computed_sum);
     if (j.action == 1) {
         const JournalDeleteRecord& d = j.deletion;
-        printf("  record:         root %u, segment %u, first i-frame %u, length %llu, start "
+        print("  record:         root %u, segment %u, first i-frame %u, length %llu, start "
                "%02u:%02u:%02u\n",
                d.root, d.segment, d.start_iframe, (unsigned long long)d.len, d.start_hour,
                d.start_minute, d.start_second);
-        printf("                  root id 0x%02x, segment id 0x%02x, block entries #%u (shared by "
+        print("                  root id 0x%02x, segment id 0x%02x, block entries #%u (shared by "
                "%u) to #%u (shared by %u)\n",
                d.root_id, d.segment_id, d.first_block_entry, d.first_block_shares,
                d.last_block_entry, d.last_block_shares);
     } else if (j.action == 3) {
         const JournalSplitRecord& p = j.split;
-        printf("  record:         root %u, segment %u, first i-frame %u, pieces begin at i-frame "
+        print("  record:         root %u, segment %u, first i-frame %u, pieces begin at i-frame "
                "%u at the latest\n",
                p.root, p.segment, p.start_iframe, p.split_end_iframe);
     } else {
-        printf("  record:         %s\n", j.data_clear ? "all zero" : "not all zero");
+        print("  record:         %s\n", j.data_clear ? "all zero" : "not all zero");
     }
+}
+
+// The summary, the journal and the block counts of info as one JSON object.
+bool write_info_json(const std::string& path)
+{
+    unsigned long counts[kDiskBlockTypes] = {};
+    if (disk_count_blocks(TOOL_HDD_ID, counts) != 0)
+        return false;
+    _qzfs_k4t_hdd_info_ info = {};
+    api_qzfs_get_hdd_info(TOOL_HDD_ID, &info);
+    DiskKeyInfo key;
+    disk_key_info(TOOL_HDD_ID, key);
+    DiskKeyRepair repair;
+    const bool repair_known = disk_key_repair(TOOL_HDD_ID, repair);
+    const std::string repaired = repair_known ? key_repair_text(repair) : "";
+    JsonWriter json;
+    json.open_object()
+        .text("device", path)
+        .number("block_size", info.block_size)
+        .number("total_blocks", info.total_num)
+        .number("free_blocks", info.free_num)
+        .number("key_block", key.key_block)
+        .number("backup_key_block", key.backup_key_block)
+        .text("label", key.label)
+        .text("version", key.version)
+        .number("owner_stamp", key.owner_stamp)
+        .text("table_loaded", repair_known ? key_loaded_text(repair) : "")
+        .text("mount_repaired", repaired.empty() ? "nothing" : repaired);
+    JournalState j;
+    const bool journal_read = disk_journal(TOOL_HDD_ID, j) == 0;
+    const bool sum_ok = j.stored_sum == j.computed_sum;
+    json.open_object("action_journal").flag("readable", journal_read);
+    if (journal_read)
+        json.text("state", j.action == 0 && sum_ok ? "clear" : journal_action_name(j.action))
+            .number("action", j.action)
+            .number("block", j.block)
+            .flag("sum_matches", sum_ok);
+    json.close_object().open_object("blocks_by_type");
+    for (int type = 1; type < kDiskBlockTypes; type++) {
+        std::string name = kDiskBlockTypeNames[type];
+        std::replace_if(name.begin(), name.end(), [](char c) { return c == ' ' || c == '-'; }, '_');
+        json.number(name.c_str(), counts[type]);
+    }
+    json.close_object().close_object().finish();
+    return true;
 }
 
 int verb_info(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {"--index", "--segments", "--iframes"}, error))
+    if (!only_options(args, {"--index", "--segments", "--iframes", "--json"}, error))
         return fail("%s", error);
     if (args.positional.size() != 1)
         return fail("info takes one IMAGE");
+    const bool json = args.option("--json") != nullptr;
+    if (json && (args.option("--index") != nullptr || args.option("--segments") != nullptr))
+        return fail("info --json gives the summary alone, without --index or --segments");
     unsigned segments_of = 0;
     const bool segments = args.option("--segments") != nullptr;
     if (segments && !number_option(args, "--segments", 0xFFFFFFFEu, 0, segments_of))
@@ -397,15 +458,20 @@ int verb_info(const Args& args)
     const std::string& path = args.positional[0];
     if (mount_image(path) != 0)
         return 1;
+    if (json) {
+        const bool written = write_info_json(path);
+        api_qzfs_umount(TOOL_HDD_ID);
+        return written ? 0 : fail("cannot read the block table of %s", path);
+    }
 
     print_disk_summary(path);
     print_journal();
     unsigned long counts[kDiskBlockTypes] = {};
     const int counted = disk_count_blocks(TOOL_HDD_ID, counts);
     if (counted == 0) {
-        printf("blocks by type:\n");
+        print("blocks by type:\n");
         for (int type = 1; type < kDiskBlockTypes; type++)
-            printf("  %-14s %lu\n", kDiskBlockTypeNames[type], counts[type]);
+            print("  %-14s %lu\n", kDiskBlockTypeNames[type], counts[type]);
     }
     int listed = 0;
     if (counted == 0 && args.option("--index") != nullptr)
@@ -498,7 +564,7 @@ int verb_index_add(const Args& args)
         return fail("cannot add a root index entry to %s (disk full?)", path);
     if (!segment_added)
         return fail("cannot add the first segment of the new entry to %s (disk full?)", path);
-    printf("root index entry %u added, with segment %u: %u seconds from %s\n", position, index,
+    print("root index entry %u added, with segment %u: %u seconds from %s\n", position, index,
            seconds, start->c_str());
     return 0;
 }
@@ -548,7 +614,7 @@ int verb_segment_add(const Args& args)
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("cannot add a segment to %s (segment index or disk full?)", path);
-    printf("segment %u of root index entry %u added: %u seconds from %s\n", index, ri, seconds,
+    print("segment %u of root index entry %u added: %u seconds from %s\n", index, ri, seconds,
            start->c_str());
     return 0;
 }
@@ -742,7 +808,7 @@ int parse_export_request(const Args& args, ExportRequest& request)
         return fail("export takes one IMAGE");
     const std::string* out_path = args.option("--out");
     if (out_path == nullptr || out_path->empty())
-        return fail("export needs --out FILE (the library logs to standard output)");
+        return fail("export needs --out FILE (- for standard output)");
     request.out_path = *out_path;
     request.raw = args.option("--raw") != nullptr;
     request.by_id = args.option("--id") != nullptr;
@@ -796,12 +862,27 @@ bool export_stream(int fd, FILE* out, const ExportRequest& request, ExportCount&
     return export_iframes(fd, out, request.raw, request.skip, request.reverse, stop, count, error);
 }
 
-// Writes the stream of `fd` to the request's output file, closes the stream
-// and lets the image go; a failed export leaves no output file behind.
+// The summary of a finished export: on the tool's output, or on standard
+// error when the stream itself went to standard output.
+void print_export_summary(const ExportRequest& request, const ExportCount& count)
+{
+    FILE* to = request.out_path == "-" ? stderr : tool_out();
+    fprintf(to, "exported %lu frames (%lu I-frames) from %lu segment%s: %llu bytes %s to %s\n",
+            count.frames, count.iframes, count.segments, count.segments == 1 ? "" : "s",
+            count.bytes, request.raw ? "of stored frames" : "of payload",
+            request.out_path == "-" ? "standard output" : request.out_path.c_str());
+    if (count.audio_left_out > 0)
+        fprintf(to, "%lu audio frames left out\n", count.audio_left_out);
+}
+
+// Writes the stream of `fd` to the request's output file (the tool's
+// output for "-"), closes the stream and lets the image go; a failed export
+// leaves no output file behind.
 int write_export(int fd, const ExportRequest& request)
 {
+    const bool to_stdout = request.out_path == "-";
     const char* out_path = request.out_path.c_str();
-    FILE* out = fopen(out_path, "wb");
+    FILE* out = to_stdout ? tool_out() : fopen(out_path, "wb");
     if (out == nullptr) {
         end_session(fd, !request.by_id);
         return fail("cannot create %s", request.out_path + ": " + strerror(errno));
@@ -809,7 +890,7 @@ int write_export(int fd, const ExportRequest& request)
     ExportCount count;
     std::string error;
     bool ok = export_stream(fd, out, request, count, error);
-    if (fclose(out) != 0 && ok) {
+    if ((to_stdout ? fflush(out) : fclose(out)) != 0 && ok) {
         ok = false;
         error = std::string("writing the output failed: ") + strerror(errno);
     }
@@ -821,14 +902,11 @@ int write_export(int fd, const ExportRequest& request)
                 " (its next recording begins later)";
     }
     if (!ok) {
-        unlink(out_path);
+        if (!to_stdout)
+            unlink(out_path);
         return fail("%s", error);
     }
-    printf("exported %lu frames (%lu I-frames) from %lu segment%s: %llu bytes %s to %s\n",
-           count.frames, count.iframes, count.segments, count.segments == 1 ? "" : "s",
-           count.bytes, request.raw ? "of stored frames" : "of payload", out_path);
-    if (count.audio_left_out > 0)
-        printf("%lu audio frames left out\n", count.audio_left_out);
+    print_export_summary(request, count);
     return 0;
 }
 
@@ -854,7 +932,7 @@ int delete_segment(const std::string& path, _k4t_stream_segment_id_ id)
         return fail("there is no segment %s (see ls)", id_text(id) + " on " + path);
     if (api_qzfs_delete_stream_segment(&id) != 0)
         return fail("the library refused to delete segment %s", id_text(id));
-    printf("deleted segment %s: channel %u, 20%02u-%02u-%02u %s to %s, %llu bytes%s\n",
+    print("deleted segment %s: channel %u, 20%02u-%02u-%02u %s to %s, %llu bytes%s\n",
            id_text(id).c_str(), info.channel, info.year, info.month, info.day,
            clock_of(info.start_time.hour, info.start_time.minute, info.start_time.second).c_str(),
            clock_of(info.end_time.hour, info.end_time.minute, info.end_time.second).c_str(),
@@ -869,14 +947,14 @@ void print_trim(const _k4t_stream_segment_id_& id, const TrimOutcome& out)
     const SegmentEntry& b = out.before;
     const SegmentEntry& a = out.after;
     if (out.whole) {
-        printf("segment %s went whole: %llu bytes from %s (less than a block would have been "
+        print("segment %s went whole: %llu bytes from %s (less than a block would have been "
                "left)%s\n",
                id_text(id).c_str(), (unsigned long long)out.taken,
                clock_of(b.start_hour, b.start_minute, b.start_second).c_str(),
                out.root_deleted ? "; its root index entry, left empty, went with it" : "");
         return;
     }
-    printf("trimmed segment %s: %llu bytes taken from its front; it now starts at %s (was %s), "
+    print("trimmed segment %s: %llu bytes taken from its front; it now starts at %s (was %s), "
            "%llu bytes long (was %llu)\n",
            id_text(id).c_str(), (unsigned long long)out.taken,
            clock_of(a.start_hour, a.start_minute, a.start_second).c_str(),
@@ -964,67 +1042,132 @@ bool channel_and_type_filter(const Args& args, uint32_t& channels, uint64_t& typ
     return true;
 }
 
-// Prints the segments of one day, in order of start time; their number, or
-// -1 when a query call fails.
-long list_day(const _k4t_fs_date_& date, uint32_t channels, uint64_t types)
+// A listed segment and its day.
+struct ListedSegment {
+    _k4t_fs_date_ day;
+    _k4t_stream_query_result_ row;
+};
+
+// The segments of `days`, each day in order of start time; false when a
+// query fails (named in `error`).
+bool list_days(const std::vector<_k4t_fs_date_>& days, uint32_t channels, uint64_t types,
+               std::vector<ListedSegment>& out, std::string& error)
 {
     std::vector<_k4t_stream_query_result_> rows;
-    if (!query_day(date, channels, types, rows))
-        return -1;
-    for (const _k4t_stream_query_result_& r : rows) {
-        const std::string id = std::to_string(r.hdd_id) + ":" + std::to_string(r.root_index) + ":" +
-                               std::to_string(r.stream_segment_index);
-        printf("  %-10s 20%02u-%02u-%02u %4u %6u  %02u:%02u:%02u  %02u:%02u:%02u %12llu %6u %5s\n",
-               id.c_str(), date.year, date.month, date.day, r.channel, r.stream_type, r.start_hour,
-               r.start_minute, r.start_second, r.end_hour, r.end_minute, r.end_second,
-               (unsigned long long)r.len, r.record_type, r.lock ? "yes" : "no");
+    for (const _k4t_fs_date_& day : days) {
+        if (!query_day(day, channels, types, rows)) {
+            error = "the query of " + date_text(day) + " failed";
+            return false;
+        }
+        for (const _k4t_stream_query_result_& r : rows)
+            out.push_back({day, r});
     }
-    return long(rows.size());
+    return true;
+}
+
+void print_listing(const std::vector<ListedSegment>& listed)
+{
+    print("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
+          "start", "end", "bytes", "rtype", "lock");
+    for (const ListedSegment& s : listed) {
+        const _k4t_stream_query_result_& r = s.row;
+        print("  %-10s %s %4u %6u  %s  %s %12llu %6u %5s\n",
+              id_text(id_of(r, r.stream_segment_index)).c_str(), date_text(s.day).c_str(),
+              r.channel, r.stream_type, clock_of(r.start_hour, r.start_minute, r.start_second).c_str(),
+              clock_of(r.end_hour, r.end_minute, r.end_second).c_str(), (unsigned long long)r.len,
+              r.record_type, r.lock ? "yes" : "no");
+    }
+    print("%zu segment%s\n", listed.size(), listed.size() == 1 ? "" : "s");
+}
+
+void write_listing_json(const std::vector<ListedSegment>& listed)
+{
+    JsonWriter json;
+    json.open_object().open_array("segments");
+    for (const ListedSegment& s : listed) {
+        const _k4t_stream_query_result_& r = s.row;
+        json.open_object()
+            .text("id", id_text(id_of(r, r.stream_segment_index)))
+            .text("date", date_text(s.day))
+            .number("channel", r.channel)
+            .number("stream_type", r.stream_type)
+            .text("start", clock_of(r.start_hour, r.start_minute, r.start_second))
+            .text("end", clock_of(r.end_hour, r.end_minute, r.end_second))
+            .number("bytes", r.len)
+            .number("record_type", r.record_type)
+            .flag("lock", r.lock != 0)
+            .close_object();
+    }
+    json.close_array().number("count", listed.size()).close_object().finish();
 }
 
 int verb_ls(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {"--channel", "--date", "--type"}, error))
+    if (!only_options(args, {"--channel", "--date", "--type", "--json"}, error))
         return fail("%s", error);
     uint32_t channels = 0;
     uint64_t types = 0;
     if (!channel_and_type_filter(args, channels, types))
         return fail("--channel takes 0 to 31 and --type 0 to 63");
     std::vector<_k4t_fs_date_> days(1);
-    const std::string* date_text = args.option("--date");
-    if (date_text != nullptr && !parse_date(*date_text, days[0], false))
+    const std::string* date_option = args.option("--date");
+    if (date_option != nullptr && !parse_date(*date_option, days[0], false))
         return fail("--date takes YYYY-MM-DD (2000 to 2099)");
     unsigned mounted = 0;
-    if (mount_group(args.positional, mounted) != 0) {
-        leave_group(mounted);
-        return 1;
+    std::vector<ListedSegment> listed;
+    bool ok = mount_group(args.positional, mounted) == 0;
+    if (ok && date_option == nullptr && !recorded_days(types, days)) {
+        ok = false;
+        fail("cannot list the recorded days");
     }
-    if (date_text == nullptr && !recorded_days(types, days)) {
-        leave_group(mounted);
-        return fail("cannot list the recorded days");
-    }
-    printf("  %-10s %-10s %4s %6s  %-8s  %-8s %12s %6s %5s\n", "id", "date", "chn", "stream",
-           "start", "end", "bytes", "rtype", "lock");
-    long total = 0;
-    for (const _k4t_fs_date_& day : days) {
-        const long listed = list_day(day, channels, types);
-        if (listed < 0) {
-            leave_group(mounted);
-            return fail("the query of 20%s failed", std::to_string(day.year) + "-" +
-                                                         std::to_string(day.month) + "-" +
-                                                         std::to_string(day.day));
-        }
-        total += listed;
+    if (ok && !list_days(days, channels, types, listed, error)) {
+        ok = false;
+        fail("%s", error);
     }
     leave_group(mounted);
-    printf("%ld segment%s\n", total, total == 1 ? "" : "s");
+    if (!ok)
+        return 1;
+    if (args.option("--json") != nullptr)
+        write_listing_json(listed);
+    else
+        print_listing(listed);
     return 0;
 }
 
-// Prints the month of a calendar query, Monday first, with the days that
-// hold recordings marked, and then those days as a list.
-void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& query)
+// What a calendar query says of each day of the month: recorded, and with
+// a locked recording.
+struct MonthDays {
+    std::vector<unsigned> recorded;
+    std::vector<unsigned> locked;
+};
+
+MonthDays month_days(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& query)
+{
+    MonthDays days;
+    const unsigned count = library_days_in_month(month.year, month.month);
+    for (unsigned day = 1; day <= count; day++) {
+        bool any = false, locked = false;
+        for (unsigned c = 0; c < 32; c++) {
+            any = any || query.day_info[c][day - 1].record_type != 0;
+            locked = locked || query.day_info[c][day - 1].lock != 0;
+        }
+        if (any)
+            days.recorded.push_back(day);
+        if (locked)
+            days.locked.push_back(day);
+    }
+    return days;
+}
+
+bool holds(const std::vector<unsigned>& days, unsigned day)
+{
+    return std::find(days.begin(), days.end(), day) != days.end();
+}
+
+// Prints the month, Monday first, with the days that hold recordings
+// marked, and then those days as a list.
+void print_month(const _k4t_fs_date_& month, const MonthDays& marked)
 {
     const unsigned days = library_days_in_month(month.year, month.month);
     struct tm first = {};
@@ -1036,31 +1179,39 @@ void print_month(const _k4t_fs_date_& month, const _k4t_calendar_stream_query_& 
     static const char* const kMonths[] = {"January", "February", "March",     "April",
                                           "May",     "June",     "July",      "August",
                                           "September", "October", "November", "December"};
-    printf("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
-           month.year);
-    printf(" Mo  Tu  We  Th  Fr  Sa  Su\n");
+    print("%s 20%02u   (* recorded, L with a locked recording)\n", kMonths[month.month - 1],
+          month.year);
+    print(" Mo  Tu  We  Th  Fr  Sa  Su\n");
     const int lead = (first.tm_wday + 6) % 7;
-    printf("%*s", lead * 4, "");
+    print("%*s", lead * 4, "");
     std::string recorded;
     for (unsigned day = 1; day <= days; day++) {
-        bool any = false, locked = false;
-        for (unsigned c = 0; c < 32; c++) {
-            any = any || query.day_info[c][day - 1].record_type != 0;
-            locked = locked || query.day_info[c][day - 1].lock != 0;
-        }
-        printf("%3u%c", day, locked ? 'L' : any ? '*' : ' ');
+        const bool any = holds(marked.recorded, day);
+        print("%3u%c", day, holds(marked.locked, day) ? 'L' : any ? '*' : ' ');
         if ((lead + day) % 7 == 0 || day == days)
-            printf("\n");
+            print("\n");
         if (any)
             recorded += (recorded.empty() ? "" : ", ") + std::to_string(day);
     }
-    printf("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
+    print("recorded days: %s\n", recorded.empty() ? "none" : recorded.c_str());
+}
+
+void write_month_json(const _k4t_fs_date_& month, const MonthDays& marked)
+{
+    JsonWriter json;
+    json.open_object().text("month", date_text(month).substr(0, 7)).open_array("recorded_days");
+    for (unsigned day : marked.recorded)
+        json.number(nullptr, day);
+    json.close_array().open_array("locked_days");
+    for (unsigned day : marked.locked)
+        json.number(nullptr, day);
+    json.close_array().close_object().finish();
 }
 
 int verb_calendar(const Args& args)
 {
     std::string error;
-    if (!only_options(args, {"--month", "--channel", "--type"}, error))
+    if (!only_options(args, {"--month", "--channel", "--type", "--json"}, error))
         return fail("%s", error);
     _k4t_fs_date_ month = {};
     const std::string* month_text = args.option("--month");
@@ -1083,7 +1234,11 @@ int verb_calendar(const Args& args)
     if (rc != 0)
         return fail("the calendar query failed");
 
-    print_month(month, *query);
+    const MonthDays marked = month_days(month, *query);
+    if (args.option("--json") != nullptr)
+        write_month_json(month, marked);
+    else
+        print_month(month, marked);
     return 0;
 }
 
@@ -1101,7 +1256,7 @@ int verb_test(const Args& args)
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("block test of %s failed (disk full or failing)", path);
-    printf("block test of %s passed\n", path.c_str());
+    print("block test of %s passed\n", path.c_str());
     return 0;
 }
 
@@ -1113,12 +1268,11 @@ int verb_rebuild_shell(const Args& args)
     if (args.positional.size() != 1)
         return fail("rebuild-shell takes one IMAGE");
     std::string path = args.positional[0];
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0)
-        return fail("%s does not exist", path);
+    if (require_existing(path) != 0)
+        return 1;
     if (api_qzfs_rebuild_rely(TOOL_HDD_ID, &path[0]) != 0)
         return fail("rebuilding the shell of %s failed", path);
-    printf("shell of %s rebuilt\n", path.c_str());
+    print("shell of %s rebuilt\n", path.c_str());
     return 0;
 }
 
@@ -1132,6 +1286,10 @@ int main(int argc, char** argv)
         std::string word = argv[i];
         if (word == "--help" || word == "-h") {
             fputs(USAGE, stdout);
+            return 0;
+        }
+        if (word == "--version") {
+            printf("qzfs %s\n", QZFS_VERSION);
             return 0;
         }
         if (word == "--debug-level" && i + 1 < argc) {
@@ -1153,8 +1311,8 @@ int main(int argc, char** argv)
     if (!split_args(argc, argv, i + 1, args, error))
         return fail("%s", error);
 
-    if (!set_stdout_aside(verb, args))
-        return fail("cannot set standard output aside for the file's bytes");
+    if (!set_library_log_aside(debug_level))
+        return fail("cannot set the library's log aside from standard output");
     api_qzfs_init();
     api_qzfs_set_debug_level(debug_level);
     int rc;
@@ -1195,10 +1353,12 @@ int main(int argc, char** argv)
     else if (verb == "rebuild-shell")
         rc = verb_rebuild_shell(args);
     else if (verb == "help")
-        rc = (fputs(USAGE, stdout), 0);
+        rc = (fputs(USAGE, tool_out()), 0);
     else
         rc = fail("unknown verb '%s' (see --help)", verb);
     api_qzfs_uinit();
+    if (!flush_output() && rc == 0)
+        rc = fail("writing standard output failed");
     return rc;
 }
 

@@ -6,17 +6,136 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <tuple>
 #include <unistd.h>
 
 namespace qzfs_tool {
 
+namespace {
+
+// The standard output the tool started with, once the library's log is set
+// aside.
+FILE* g_tool_out = nullptr;
+
+} // namespace
+
+FILE* tool_out() { return g_tool_out != nullptr ? g_tool_out : stdout; }
+
+bool set_library_log_aside(unsigned long debug_level)
+{
+    fflush(stdout);
+    const int kept = dup(STDOUT_FILENO);
+    const int log = debug_level >= 1 ? STDERR_FILENO : open("/dev/null", O_WRONLY);
+    const bool moved = kept >= 0 && log >= 0 && dup2(log, STDOUT_FILENO) >= 0;
+    if (log > STDERR_FILENO)
+        close(log);
+    g_tool_out = moved ? fdopen(kept, "w") : nullptr;
+    if (g_tool_out == nullptr && kept >= 0)
+        close(kept);
+    return g_tool_out != nullptr;
+}
+
+int print(const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    const int n = vfprintf(tool_out(), fmt, args);
+    va_end(args);
+    return n;
+}
+
+bool flush_output() { return fflush(tool_out()) == 0 && ferror(tool_out()) == 0; }
+
+int require_existing(const std::string& path)
+{
+    return access(path.c_str(), F_OK) == 0
+               ? 0
+               : fail("no such file: %s (no such image, disk or device)", path);
+}
+
+std::string json_string(const std::string& text)
+{
+    std::string out = "\"";
+    for (const char c : text) {
+        const unsigned char u = (unsigned char)c;
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (u < 0x20 || u == 0x7f) {
+            char escaped[8];
+            snprintf(escaped, sizeof(escaped), "\\u%04x", u);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+void JsonWriter::lead(const char* key)
+{
+    if (!first_.empty() && !first_.back())
+        fputc(',', tool_out());
+    if (!first_.empty())
+        first_.back() = false;
+    if (key != nullptr)
+        fprintf(tool_out(), "%s:", json_string(key).c_str());
+}
+
+JsonWriter& JsonWriter::open(const char* key, char bracket)
+{
+    lead(key);
+    fputc(bracket, tool_out());
+    first_.push_back(true);
+    return *this;
+}
+
+JsonWriter& JsonWriter::close(char bracket)
+{
+    fputc(bracket, tool_out());
+    if (!first_.empty())
+        first_.pop_back();
+    return *this;
+}
+
+JsonWriter& JsonWriter::text(const char* key, const std::string& value)
+{
+    lead(key);
+    fputs(json_string(value).c_str(), tool_out());
+    return *this;
+}
+
+JsonWriter& JsonWriter::number(const char* key, unsigned long long value)
+{
+    lead(key);
+    fprintf(tool_out(), "%llu", value);
+    return *this;
+}
+
+JsonWriter& JsonWriter::flag(const char* key, bool value)
+{
+    lead(key);
+    fputs(value ? "true" : "false", tool_out());
+    return *this;
+}
+
+void JsonWriter::finish() { fputc('\n', tool_out()); }
+
 int fail(const char* fmt, const std::string& detail)
 {
+    fflush(tool_out());
     fprintf(stderr, "qzfs: ");
     fprintf(stderr, fmt, detail.c_str());
     fprintf(stderr, "\n");
@@ -54,7 +173,7 @@ namespace {
 
 // Options that stand alone, without a value.
 const char* const FLAG_OPTIONS[] = {"--index", "--iframes", "--lock",     "--raw",
-                                    "--reverse", "--unlock",  "--overwrite", "--scan"};
+                                    "--reverse", "--unlock",  "--overwrite", "--scan", "--json"};
 
 bool is_flag(const std::string& word)
 {
@@ -99,13 +218,11 @@ bool only_options(const Args& args, std::initializer_list<const char*> allowed, 
     return true;
 }
 
-// Mounts IMAGE as disk `hdd_id`. A path that is not there is named at once:
-// the library would try to open it a few times, half a second apart, as a
-// disk that has just appeared may need.
+// Mounts IMAGE as disk `hdd_id`; a path that is not there is named at once.
 int mount_disk(unsigned char hdd_id, const std::string& path)
 {
-    if (access(path.c_str(), F_OK) != 0)
-        return fail("no such image: %s", path);
+    if (require_existing(path) != 0)
+        return 1;
     std::string copy = path;
     if (api_qzfs_mount(hdd_id, &copy[0]) != 0)
         return fail("cannot mount %s (not formatted, or its key info is damaged beyond what a "

@@ -1,5 +1,6 @@
 // The host tool's shared plumbing: its command-line words, its one-line
-// failures, dates and segment ids as a user types them, mounting images as
+// failures, its standard output kept apart from the library's log, a small
+// JSON writer, dates and segment ids as a user types them, mounting images as
 // the disks of group 0, and the day queries over that group. The verbs live
 // in qzfs.cpp (disks, indexes, export, delete by id, browsing),
 // qzfs_delete.cpp (delete by time and by date), qzfs_record.cpp (recording),
@@ -12,6 +13,7 @@
 #include "qzfilesystem_api.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <initializer_list>
 #include <string>
 #include <tuple>
@@ -28,8 +30,55 @@ const unsigned char TOOL_HDD_ID = 0;
 const unsigned kMaxGroupImages = 8;
 
 // Prints "qzfs: " and the message (`fmt` with `detail` for its %s) on
-// standard error; returns the exit status of a failure, 1.
+// standard error, after what the tool printed before it; returns the exit
+// status of a failure, 1.
 int fail(const char* fmt, const std::string& detail = "");
+
+// The library prints its log on descriptor 1. So that standard output
+// carries only the tool's own lines (or an exported stream), the tool keeps
+// a duplicate of it for itself and points descriptor 1 at standard error
+// (debug level 1 or more) or at /dev/null (level 0). False when the
+// descriptors cannot be moved.
+bool set_library_log_aside(unsigned long debug_level);
+// Where the tool's own output goes: the kept standard output (standard
+// output itself until the log is set aside).
+FILE* tool_out();
+// printf on the tool's output.
+int print(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// Flushes the tool's output; false when writing it failed.
+bool flush_output();
+
+// Fails with "no such file" when nothing is at `path`: an image to open
+// must exist (the library would try it a few times, half a second apart,
+// as a disk that has just appeared may need).
+int require_existing(const std::string& path);
+
+// One JSON document written as it goes to the tool's output: values,
+// objects and arrays in order, the commas put in by the writer. A key is
+// given inside an object and left out (null) inside an array.
+class JsonWriter {
+public:
+    JsonWriter& open_object(const char* key = nullptr) { return open(key, '{'); }
+    JsonWriter& close_object() { return close('}'); }
+    JsonWriter& open_array(const char* key = nullptr) { return open(key, '['); }
+    JsonWriter& close_array() { return close(']'); }
+    JsonWriter& text(const char* key, const std::string& value);
+    JsonWriter& number(const char* key, unsigned long long value);
+    JsonWriter& flag(const char* key, bool value);
+    // Ends the document with a new line.
+    void finish();
+
+private:
+    JsonWriter& open(const char* key, char bracket);
+    JsonWriter& close(char bracket);
+    // The comma before a value that is not the first of its container, and
+    // its key.
+    void lead(const char* key);
+    std::vector<bool> first_;
+};
+// `text` as a JSON string, quoted, with quotes, backslashes and control
+// characters escaped.
+std::string json_string(const std::string& text);
 
 // Reads a byte count with an optional suffix K, M, G or T (powers of 1024).
 bool parse_size(const std::string& text, unsigned long long& out);
@@ -143,11 +192,6 @@ int verb_rebuild(const Args& args);          // qzfs_recover.cpp
 int verb_check(const Args& args);            // qzfs_check.cpp
 int verb_file(const Args& args);             // qzfs_file.cpp
 int verb_device_info(const Args& args);      // qzfs_file.cpp
-// For a request whose standard output carries a file's bytes (file ...
-// get without --to), sends everything else printed there, the library's
-// log included, to standard error; called before the library is started,
-// which prints from then on. False when that cannot be done.
-bool set_stdout_aside(const std::string& verb, const Args& args);  // qzfs_file.cpp
 // What a key info load mended, in words ("" when it mended nothing), for
 // recover and info.
 std::string key_repair_text(const DiskKeyRepair& repair);  // qzfs_recover.cpp

@@ -75,7 +75,7 @@ void print_range_cut(const Target& t, const RangeOutcome& out, RangeTally& tally
     switch (out.cut) {
     case RangeCut::Whole: {
         const bool covered = t.from <= start_of(t.row) && t.to >= end_of(t.row);
-        printf("%s gone: %s, %llu bytes%s%s\n", id.c_str(), was.c_str(),
+        print("%s gone: %s, %llu bytes%s%s\n", id.c_str(), was.c_str(),
                (unsigned long long)out.taken,
                covered ? "" : " (cut at the I-frames around the range, which left nothing)",
                out.root_deleted ? "; its root index entry, left empty, went with it" : "");
@@ -84,7 +84,7 @@ void print_range_cut(const Target& t, const RangeOutcome& out, RangeTally& tally
     }
     case RangeCut::Head:
     case RangeCut::Tail:
-        printf("%s %s cut: %s is now %s, %llu bytes taken\n", id.c_str(),
+        print("%s %s cut: %s is now %s, %llu bytes taken\n", id.c_str(),
                out.cut == RangeCut::Head ? "head" : "tail", was.c_str(),
                piece_text(t.row, out.pieces[0]).c_str(), (unsigned long long)out.taken);
         (out.cut == RangeCut::Head ? tally.head : tally.tail)++;
@@ -95,7 +95,7 @@ void print_range_cut(const Target& t, const RangeOutcome& out, RangeTally& tally
             pieces += (pieces.empty() ? "" : ", ") + piece_text(t.row, p);
         const SegmentEntry& a = out.pieces.front().entry;
         const SegmentEntry& b = out.pieces.back().entry;
-        printf("%s stretch taken: %s lost %s up to %s, %llu bytes; pieces left: %s\n", id.c_str(),
+        print("%s stretch taken: %s lost %s up to %s, %llu bytes; pieces left: %s\n", id.c_str(),
                was.c_str(), clock_of(a.end_hour, a.end_minute, a.end_second).c_str(),
                clock_of(b.start_hour, b.start_minute, b.start_second).c_str(),
                (unsigned long long)out.taken, pieces.c_str());
@@ -103,7 +103,7 @@ void print_range_cut(const Target& t, const RangeOutcome& out, RangeTally& tally
         break;
     }
     case RangeCut::None:
-        printf("%s left as it was: %s holds no I-frame of it to cut at\n", id.c_str(),
+        print("%s left as it was: %s holds no I-frame of it to cut at\n", id.c_str(),
                (clock_of_second(t.from) + "-" + clock_of_second(t.to)).c_str());
         tally.left++;
         return;
@@ -122,7 +122,7 @@ int delete_targets(const std::vector<Target>& targets, RangeTally& tally)
                                                          t.row.stream_segment_index, t.from, t.to,
                                                          out);
         if (status == TrimStatus::Refused) {
-            printf("%s left: %s, %s; %s\n", id.c_str(), date_text(t.day).c_str(),
+            print("%s left: %s, %s; %s\n", id.c_str(), date_text(t.day).c_str(),
                    span_text(t.row).c_str(), out.refusal.c_str());
             tally.left++;
         } else if (status == TrimStatus::Failed) {
@@ -168,7 +168,7 @@ int delete_time_range(const Args& args)
     leave_group(mounted);
     if (rc != 0)
         return rc;
-    printf("%s: %lu segment%s changed (%lu gone, %lu cut at the head, %lu at the tail, %lu in "
+    print("%s: %lu segment%s changed (%lu gone, %lu cut at the head, %lu at the tail, %lu in "
            "the middle), %llu bytes taken; %lu left\n",
            what.c_str(), tally.changed(), tally.changed() == 1 ? "" : "s", tally.gone, tally.head,
            tally.tail, tally.stretch, tally.taken, tally.left);
@@ -314,16 +314,16 @@ int delete_before(const Args& args)
     for (const Listed& s : had) {
         if (listed_in(s, now))
             continue;
-        printf("gone:   %s\n", listed_text(s).c_str());
+        print("gone:   %s\n", listed_text(s).c_str());
         gone++;
         bytes += s.row.len;
     }
     for (const Listed& s : now) {
-        printf("stayed: %s%s\n", listed_text(s).c_str(),
+        print("stayed: %s%s\n", listed_text(s).c_str(),
                s.row.lock != 0 ? " (locked)" : " (not taken by the sweep)");
         locked += s.row.lock != 0 ? 1 : 0;
     }
-    printf("swept the days before %s in %u call%s: %lu segment%s gone (%llu bytes), %lu stayed "
+    print("swept the days before %s in %u call%s: %lu segment%s gone (%llu bytes), %lu stayed "
            "(%lu locked)\n",
            date_text(date).c_str(), calls, calls == 1 ? "" : "s", gone, gone == 1 ? "" : "s",
            bytes, (unsigned long)now.size(), locked);

@@ -141,18 +141,18 @@ int file_ls(const std::vector<std::string>& rest)
     std::vector<std::string> names;
     if (!search_names(pattern, names))
         return fail("cannot list the files of the group");
-    printf("%14s  %s\n", "bytes", "name");
+    print("%14s  %s\n", "bytes", "name");
     unsigned long long total = 0;
     for (const std::string& name : names) {
         const long long size = file_size_of(name);
         if (size < 0) {
-            printf("%14s  %s\n", "?", name.c_str());
+            print("%14s  %s\n", "?", name.c_str());
             continue;
         }
-        printf("%14lld  %s\n", size, name.c_str());
+        print("%14lld  %s\n", size, name.c_str());
         total += (unsigned long long)size;
     }
-    printf("%zu file%s, %llu bytes\n", names.size(), names.size() == 1 ? "" : "s", total);
+    print("%zu file%s, %llu bytes\n", names.size(), names.size() == 1 ? "" : "s", total);
     return 0;
 }
 
@@ -227,7 +227,7 @@ int file_put(const std::string& name, const std::string* from, unsigned mounted)
         return fail("%s", "storing " + name + " failed after " + std::to_string(written) +
                               " bytes (" + why + "); it was removed");
     }
-    printf("stored %s: %llu bytes on disk %u\n", name.c_str(), written, hdd);
+    print("stored %s: %llu bytes on disk %u\n", name.c_str(), written, hdd);
     return 0;
 }
 
@@ -267,7 +267,7 @@ int file_get(const std::string& name, const std::string* to, FILE* out)
         return fail("%s", "reading " + name + " failed after " + std::to_string(copied) + " of " +
                               std::to_string(size) + " bytes");
     if (to != nullptr)
-        printf("wrote %s to %s: %llu bytes\n", name.c_str(), to->c_str(), copied);
+        print("wrote %s to %s: %llu bytes\n", name.c_str(), to->c_str(), copied);
     return 0;
 }
 
@@ -278,7 +278,7 @@ int file_rm(const std::string& name)
     FileName n(name);
     if (api_qzfs_delete_normal_file(0, n.text) != 0)
         return fail("removing %s failed", name);
-    printf("removed %s\n", name.c_str());
+    print("removed %s\n", name.c_str());
     return 0;
 }
 
@@ -291,7 +291,7 @@ int file_mv(const std::string& from, const std::string& to)
     FileName old_name(from), new_name(to);
     if (api_qzfs_rename_normal_file(0, old_name.text, new_name.text) != 0)
         return fail("%s", "renaming " + from + " to " + to + " failed");
-    printf("renamed %s to %s\n", from.c_str(), to.c_str());
+    print("renamed %s to %s\n", from.c_str(), to.c_str());
     return 0;
 }
 
@@ -323,20 +323,6 @@ int check_file_request(const std::string& action, const Args& args,
         if (!check_name(name, error))
             return fail("%s", error);
     return 0;
-}
-
-// The real standard output while it carries a file's bytes, else null.
-FILE* g_data_out = nullptr;
-
-// Whether the request writes a file's bytes to standard output.
-bool writes_data_to_stdout(const std::string& verb, const Args& args)
-{
-    if (verb != "file" || args.option("--to") != nullptr)
-        return false;
-    for (const std::string& word : args.positional)
-        if (is_file_action(word))
-            return word == "get";
-    return false;
 }
 
 // The bytes of a file of the host.
@@ -383,7 +369,7 @@ void hex_dump(const std::vector<char>& bytes)
                 hex += "   ";
             }
         }
-        printf("  %08zx  %s |%s|\n", at, hex.c_str(), text.c_str());
+        print("  %08zx  %s |%s|\n", at, hex.c_str(), text.c_str());
     }
 }
 
@@ -396,7 +382,7 @@ int show_device_info(const std::string& path)
     const int got = length > 0 ? api_qzfs_read_device_info(TOOL_HDD_ID, bytes.data(), length) : 0;
     api_qzfs_umount(TOOL_HDD_ID);
     if (length < 0) {
-        printf("%s: no device info\n", path.c_str());
+        print("%s: no device info\n", path.c_str());
         return 0;
     }
     if (got != length)
@@ -404,12 +390,12 @@ int show_device_info(const std::string& path)
                               std::to_string(got) + " of " + std::to_string(length) + " bytes)");
     bytes.resize(size_t(length));
     if (printable(bytes)) {
-        printf("device info of %s: %d bytes of text\n", path.c_str(), length);
-        fwrite(bytes.data(), 1, bytes.size(), stdout);
+        print("device info of %s: %d bytes of text\n", path.c_str(), length);
+        fwrite(bytes.data(), 1, bytes.size(), tool_out());
         if (!bytes.empty() && bytes.back() != '\n')
-            printf("\n");
+            print("\n");
     } else {
-        printf("device info of %s: %d bytes\n", path.c_str(), length);
+        print("device info of %s: %d bytes\n", path.c_str(), length);
         hex_dump(bytes);
     }
     return 0;
@@ -448,28 +434,15 @@ int set_device_info(const std::string& path, const std::string& source)
     api_qzfs_umount(TOOL_HDD_ID);
     if (rc != 0)
         return fail("writing the device info of %s failed (the disk is full or failing)", path);
-    printf("device info of %s set: %zu bytes from %s\n", path.c_str(), bytes.size(),
+    print("device info of %s set: %zu bytes from %s\n", path.c_str(), bytes.size(),
            source.c_str());
     return 0;
 }
 
 } // namespace
 
-bool set_stdout_aside(const std::string& verb, const Args& args)
-{
-    if (g_data_out != nullptr || !writes_data_to_stdout(verb, args))
-        return true;
-    fflush(stdout);
-    const int data = dup(STDOUT_FILENO);
-    if (data < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
-        return false;
-    g_data_out = fdopen(data, "wb");
-    return g_data_out != nullptr;
-}
-
 int verb_file(const Args& args)
 {
-    const std::string verb_name = "file";
     const std::vector<std::string>& words = args.positional;
     size_t at = 0;
     while (at < words.size() && !is_file_action(words[at]))
@@ -484,10 +457,6 @@ int verb_file(const Args& args)
     if (check_file_request(action, args, rest) != 0)
         return 1;
 
-    if (action == "get" && args.option("--to") == nullptr && g_data_out == nullptr &&
-        !set_stdout_aside(verb_name, args))
-        return fail("cannot set standard output aside for the file's bytes");
-    FILE* out = g_data_out != nullptr ? g_data_out : stdout;
     unsigned mounted = 0;
     int rc = 1;
     if (mount_group(images, mounted) == 0) {
@@ -496,7 +465,7 @@ int verb_file(const Args& args)
         else if (action == "put")
             rc = file_put(rest[0], args.option("--from"), mounted);
         else if (action == "get")
-            rc = file_get(rest[0], args.option("--to"), out);
+            rc = file_get(rest[0], args.option("--to"), tool_out());
         else if (action == "rm")
             rc = file_rm(rest[0]);
         else

@@ -31,7 +31,7 @@ FrameSourceConfig frames_for_bitrate(uint8_t channel, unsigned long bitrate,
     return config;
 }
 
-bool Progress::isatty_stdout() { return isatty(1) != 0; }
+bool Progress::isatty_stdout() { return isatty(fileno(tool_out())) != 0; }
 
 void Progress::update(unsigned done, unsigned long long bytes)
 {
@@ -40,15 +40,15 @@ void Progress::update(unsigned done, unsigned long long bytes)
         return;
     last_ = now;
     shown_ = true;
-    printf("recording: %u of %u seconds, %llu MiB%s", done, total_, bytes >> 20,
+    print("recording: %u of %u seconds, %llu MiB%s", done, total_, bytes >> 20,
            tty_ ? "\r" : "\n");
-    fflush(stdout);
+    fflush(tool_out());
 }
 
 void Progress::finish()
 {
     if (shown_ && tty_)
-        printf("%60s\r", "");
+        print("%60s\r", "");
 }
 
 namespace {
@@ -159,7 +159,7 @@ unsigned long frames_written = 0;
 
 void report_power_cut(const power_cut::CutReport& report)
 {
-    printf("power cut at device write %llu: %lu frames handed to the library (their write "
+    print("power cut at device write %llu: %lu frames handed to the library (their write "
            "calls returned); no segment was closed and the disk was not unmounted\n",
            report.write_number, frames_written);
 }
@@ -231,15 +231,15 @@ int finish_recording(std::vector<Recording>& channels, const RecordRequest& requ
     if (failed_close != 0)
         return fail("closing %s segments failed", std::to_string(failed_close));
     for (const Recording& r : channels)
-        printf("channel %u: root index entry %u, segment %u\n", r.source.config().channel,
+        print("channel %u: root index entry %u, segment %u\n", r.source.config().channel,
                r.id.root_index, r.id.stream_segment_index);
     const _k4t_fs_date_time_& start = request.start;
-    printf("recorded %u channels x %u s from 20%02u-%02u-%02u %02u:%02u:%02u: %llu bytes in %.2f s "
+    print("recorded %u channels x %u s from 20%02u-%02u-%02u %02u:%02u:%02u: %llu bytes in %.2f s "
            "(%.1f MB/s)\n",
            request.channels, request.seconds, start.year, start.month, start.day, start.hour,
            start.minute, start.second, bytes, wall, wall > 0 ? double(bytes) / wall / 1e6 : 0.0);
     if (request.cut_after_writes != 0)
-        printf("no power cut: the whole run made %llu device writes\n",
+        print("no power cut: the whole run made %llu device writes\n",
                power_cut::counts().writes);
     return 0;
 }
@@ -421,12 +421,12 @@ int verb_record_h264(const Args& args)
         return fail("closing the segment failed");
     const _k4t_fs_date_time_ last =
         at_second_of_day(request.start, unsigned(request.first + request.span));
-    printf("recorded %s on channel %u: %zu frames (%lu I-frames), %zu bytes of H.264 in %llu "
+    print("recorded %s on channel %u: %zu frames (%lu I-frames), %zu bytes of H.264 in %llu "
            "bytes of frames, from %s to %s at %u frames a second\n",
            request.clip_path.c_str(), request.channel, request.units.size(), iframes,
            request.clip.size(), frame_bytes, format_date_time(request.start).c_str(),
            format_date_time(last).c_str(), request.fps);
-    printf("segment %u:%u:%u\n", id.hdd_id, id.root_index, id.stream_segment_index);
+    print("segment %u:%u:%u\n", id.hdd_id, id.root_index, id.stream_segment_index);
     return 0;
 }
 

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <string>
-#include <sys/stat.h>
 
 namespace qzfs_tool {
 
@@ -71,9 +70,8 @@ std::string one_existing_image(const Args& args, const char* verb, int& rc)
         rc = fail("%s takes one IMAGE", std::string(verb));
         return "";
     }
-    struct stat st;
-    if (stat(args.positional[0].c_str(), &st) != 0) {
-        rc = fail("no such image: %s", args.positional[0]);
+    if (require_existing(args.positional[0]) != 0) {
+        rc = 1;
         return "";
     }
     return args.positional[0];
@@ -81,9 +79,9 @@ std::string one_existing_image(const Args& args, const char* verb, int& rc)
 
 void print_key_repair(const std::string& path, const DiskKeyRepair& repair)
 {
-    printf("key info of %s: table loaded from %s\n", path.c_str(), key_loaded_text(repair).c_str());
+    print("key info of %s: table loaded from %s\n", path.c_str(), key_loaded_text(repair).c_str());
     const std::string text = key_repair_text(repair);
-    printf("%s\n", text.empty() ? "nothing to repair" : text.c_str());
+    print("%s\n", text.empty() ? "nothing to repair" : text.c_str());
 }
 
 std::string count_of(unsigned long n, const char* one, const char* many)
@@ -137,20 +135,20 @@ int verb_rebuild(const Args& args)
                     "its data blocks could not be listed",
                     path);
     print_key_repair(path, key);
-    printf("data blocks: %s in %s", count_of(rebuild.data_blocks, "block", "blocks").c_str(),
+    print("data blocks: %s in %s", count_of(rebuild.data_blocks, "block", "blocks").c_str(),
            count_of(rebuild.streams, "stream", "streams").c_str());
     if (rebuild.small_streams != 0)
-        printf(" (%s left as they are)",
+        print(" (%s left as they are)",
                count_of(rebuild.small_streams, "small stream", "small streams").c_str());
-    printf("\nindexes that stood: %s; rebuilt: %s, with %s and %s\n",
+    print("\nindexes that stood: %s; rebuilt: %s, with %s and %s\n",
            count_of(rebuild.sound, "stream", "streams").c_str(),
            count_of(rebuild.rebuilt, "stream", "streams").c_str(),
            count_of(rebuild.segments, "segment", "segments").c_str(),
            count_of(rebuild.entries, "I-frame index entry", "I-frame index entries").c_str());
     if (rebuild.given_up != 0)
-        printf("%s with a broken index and no usable I-frame left as they were\n",
+        print("%s with a broken index and no usable I-frame left as they were\n",
                count_of(rebuild.given_up, "stream", "streams").c_str());
-    printf("%s\n", rebuild.root_rebuilt ? "root index made anew" : "root index left as it was");
+    print("%s\n", rebuild.root_rebuilt ? "root index made anew" : "root index left as it was");
     return 0;
 }
 

@@ -64,7 +64,7 @@ int lock_segment(_k4t_stream_segment_id_ id, unsigned char number)
     char type_text[32] = "";
     if (typed && number != 0)
         snprintf(type_text, sizeof(type_text), ", lock type 0x%08x", lock_type);
-    printf("%s segment %s: channel %u, 20%02u-%02u-%02u %s to %s, %llu bytes%s%s\n",
+    print("%s segment %s: channel %u, 20%02u-%02u-%02u %s to %s, %llu bytes%s%s\n",
            number != 0 ? "locked" : "unlocked", id_text(id).c_str(), after.channel, after.year,
            after.month, after.day,
            clock_of(after.start_time.hour, after.start_time.minute, after.start_time.second).c_str(),
@@ -152,7 +152,7 @@ bool print_pieces(const ChannelRange& range, PieceShows shows, unsigned& in_rang
             snprintf(state, sizeof(state), "locked, lock type 0x%08x", p.row.lock_type);
         else
             snprintf(state, sizeof(state), "unlocked");
-        printf("%s %s %s stream %u, %llu bytes: %s%s\n",
+        print("%s %s %s stream %u, %llu bytes: %s%s\n",
                id_text(id_of(p.row, p.row.stream_segment_index)).c_str(), date_text(p.day).c_str(),
                span_text(p.row).c_str(), p.row.stream_type, (unsigned long long)p.row.len, state,
                inside ? " (in the range)" : "");
@@ -184,13 +184,13 @@ int change_by_time(const Args& args, const ChannelRange& range, const std::strin
         leave_group(mounted);
         return fail("the library refused to %s", what + " " + range_text(range));
     }
-    printf("%s %s; the pieces of its days:\n", what.c_str(), range_text(range).c_str());
+    print("%s %s; the pieces of its days:\n", what.c_str(), range_text(range).c_str());
     unsigned in_range = 0;
     const bool listed = print_pieces(range, shows, in_range);
     leave_group(mounted);
     if (!listed)
         return fail("cannot list %s afterwards", range_text(range));
-    printf("%u piece%s in the range\n", in_range, in_range == 1 ? "" : "s");
+    print("%u piece%s in the range\n", in_range, in_range == 1 ? "" : "s");
     return 0;
 }
 
@@ -421,7 +421,7 @@ private:
         totals_.passes++;
         const unsigned long long was = sum(before_free), now = sum(free_bytes(disks_));
         if (rc != 0 && expected && !totals_.reported_stuck) {
-            printf("overwrite pass %lu: nothing can be removed (every segment left is locked or "
+            print("overwrite pass %lu: nothing can be removed (every segment left is locked or "
                    "being read); recording goes on until the disks are full\n",
                    totals_.passes);
             totals_.reported_stuck = true;
@@ -438,9 +438,9 @@ private:
             what = " (the group could not be listed after it)";
         else
             what = describe_changes(before, after);
-        printf("overwrite pass %lu: freed %s (free %s -> %s)%s\n", totals_.passes,
+        print("overwrite pass %lu: freed %s (free %s -> %s)%s\n", totals_.passes,
                mib(now - was).c_str(), mib(was).c_str(), mib(now).c_str(), what.c_str());
-        fflush(stdout);
+        fflush(tool_out());
         return true;
     }
 
@@ -634,7 +634,7 @@ unsigned long prepare_group(const RecordRequest& request, const std::vector<std:
              mib(config.reserve_free_size_for_record));
         return 0;
     }
-    printf("overwrite thresholds of group 0: reserve %s; a disk records while more than %s is "
+    print("overwrite thresholds of group 0: reserve %s; a disk records while more than %s is "
            "free; passes remove %s at a time when the free space above %s a disk falls below %s\n",
            mib(config.reserve_free_size_for_record).c_str(),
            mib(config.used_for_recording_free_size).c_str(), mib(config.once_delete_size).c_str(),
@@ -670,14 +670,14 @@ int record_with_overwrite(const RecordRequest& request, const std::vector<std::s
 
     const PassTotals& t = maintenance.totals();
     const _k4t_fs_date_time_& start = request.start;
-    printf("recorded %u channels x %u s from %s in segments of %u s (%lu segments): %llu bytes "
+    print("recorded %u channels x %u s from %s in segments of %u s (%lu segments): %llu bytes "
            "in %.2f s (%.1f MB/s), %.2f times the %s free at the start\n",
            request.channels, request.seconds, format_date_time(start).c_str(),
            request.segment_seconds, recorder.segments(), recorder.bytes(), wall,
            wall > 0 ? double(recorder.bytes()) / wall / 1e6 : 0.0,
            free_at_start > 0 ? double(recorder.bytes()) / double(free_at_start) : 0.0,
            mib(free_at_start).c_str());
-    printf("overwrite: %lu passes run, %lu removed recordings: %lu segments gone whole, %lu "
+    print("overwrite: %lu passes run, %lu removed recordings: %lu segments gone whole, %lu "
            "trimmed, %llu bytes of recordings removed, %s freed; %s free at the end\n",
            t.passes, t.removing_passes, t.gone, t.trimmed, t.removed_bytes,
            mib(t.freed_bytes).c_str(), mib(free_at_end).c_str());
