@@ -247,7 +247,7 @@ TEST_F(Rebuild, ToolSaysWhatItRebuilt)
     EXPECT_NE(std::string::npos, second.output.find("root index left as it was"));
     CommandResult missing = run_command(tool + scratch_.path("missing.img"));
     EXPECT_EQ(1, missing.status);
-    EXPECT_NE(std::string::npos, missing.output.find("no such image"));
+    EXPECT_NE(std::string::npos, missing.output.find("no such file"));
 }
 
 }  // namespace

@@ -56,7 +56,7 @@ int require_existing(const std::string& path)
 {
     return access(path.c_str(), F_OK) == 0
                ? 0
-               : fail("no such file: %s (no such image, disk or device)", path);
+               : fail("no such file: %s", path);
 }
 
 std::string json_string(const std::string& text)
