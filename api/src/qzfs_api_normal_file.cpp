@@ -53,13 +53,14 @@ CQzFileSystem* file_disk(const file_handle* handle, const char* func)
 }
 
 // The mounted disks of a group, lowest hdd_id first; false (after "Group %d
-// is invalid!" above level 1) for an unknown group.
+// is invalid!" above level 1, in the name of the calling function `func`)
+// for an unknown group.
 bool group_disks(unsigned char group, std::vector<CQzFileSystem*>& disks, const char* func)
 {
     unsigned long members = 0;
     if (!gQzfsManager.group_members(group, members)) {
-        QZLOG_ABOVE(1, "Group %d is invalid!", int(group));
-        (void)func;
+        if (g_qzfs_debug_level > 1)
+            QZLOG_AS(func, "Group %d is invalid!", int(group));
         return false;
     }
     disks = gQzfsManager.mounted_disks(members);
@@ -139,23 +140,25 @@ static file_handle* open_on_disk(CQzFileSystem* fs, unsigned char group, char* n
     file_handle* handle = new file_handle();
     handle->group_id = group;
     handle->read_only = mode == QZFS_NORMAL_FILE_READ ? 1 : 0;
-    DiskLockGuard disk(*fs);
-    if (fs->open_normal_file(name, handle) != 0) {
-        delete handle;
+    bool opened = false, at_start = false;
+    {
+        DiskLockGuard disk(*fs);
+        opened = fs->open_normal_file(name, handle) == 0;
+        at_start = opened && ((mode != QZFS_NORMAL_FILE_UPDATE && mode != QZFS_NORMAL_FILE_READ) ||
+                              fs->seek_normal_file(handle, 0, 0) == 0);
+        if (opened && !at_start)
+            fs->close_normal_file(handle);
+    }
+    if (at_start)
+        return handle;
+    delete handle;
+    // The pause after a failed open keeps a caller that retries at once from
+    // spinning; it is taken with the disk free for the others.
+    if (!opened)
         usleep(50000);
-        QZLOG("open %s filead", name);
-        g_error_no = -4;
-        return nullptr;
-    }
-    if ((mode == QZFS_NORMAL_FILE_UPDATE || mode == QZFS_NORMAL_FILE_READ) &&
-        fs->seek_normal_file(handle, 0, 0) != 0) {
-        fs->close_normal_file(handle);
-        delete handle;
-        QZLOG("seek %s filead", name);
-        g_error_no = -4;
-        return nullptr;
-    }
-    return handle;
+    QZLOG(opened ? "seek %s filead" : "open %s filead", name);
+    g_error_no = -4;
+    return nullptr;
 }
 
 void* CQzfsApi::qzfs_open_normal_file(unsigned char group, char* name, int mode)

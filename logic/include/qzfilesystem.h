@@ -280,6 +280,7 @@ public:
     // The block after (`forward` 1) or before cur_block in the handle's list.
     int find_normal_file_block(_qzfs_normal_file_describe_* handle, unsigned long& out,
                                unsigned char forward);
+    int step_to_next_normal_file_block(_qzfs_normal_file_describe_* handle, const char* func);
 
     // ---- key info recovery (qzfs_key_info_recovery.cpp)
     int fast_recovery_key_info();

@@ -101,6 +101,22 @@ int CQzFileSystem::extend_normal_file(_qzfs_normal_file_describe_* handle)
     return 0;
 }
 
+// Moves the handle's cursor to the start of the data of the file's next
+// block. 0, or -1 after "find_normal_file_block failed!" (in the name of the
+// caller `func`) when there is none.
+int CQzFileSystem::step_to_next_normal_file_block(_qzfs_normal_file_describe_* handle,
+                                                  const char* func)
+{
+    unsigned long next = 0;
+    if (find_normal_file_block(handle, next, 1) != 0) {
+        QZLOG_AS(func, "find_normal_file_block failed!");
+        return -1;
+    }
+    handle->cur_block = next;
+    handle->cur_offset = QZFS_FILE_DATA_OFFSET;
+    return 0;
+}
+
 int CQzFileSystem::write_normal_file(_qzfs_normal_file_describe_* handle, char* data, int length)
 {
     if (data == nullptr || length < 0)
@@ -112,14 +128,8 @@ int CQzFileSystem::write_normal_file(_qzfs_normal_file_describe_* handle, char* 
             if (handle->cur_block == handle->last_block) {
                 if (extend_normal_file(handle) != 0)
                     return -1;
-            } else {
-                unsigned long next = 0;
-                if (find_normal_file_block(handle, next, 1) != 0) {
-                    QZLOG("find_normal_file_block failed!");
-                    return -1;
-                }
-                handle->cur_block = next;
-                handle->cur_offset = QZFS_FILE_DATA_OFFSET;
+            } else if (step_to_next_normal_file_block(handle, __func__) != 0) {
+                return -1;
             }
         }
         const int n = int(std::min<unsigned long>((unsigned long)(length - done),
@@ -182,13 +192,8 @@ int CQzFileSystem::read_normal_file(_qzfs_normal_file_describe_* handle, char* b
         }
         const unsigned long limit = in_last ? handle->last_offset : block_end;
         if (handle->cur_offset >= block_end) {
-            unsigned long next = 0;
-            if (find_normal_file_block(handle, next, 1) != 0) {
-                QZLOG("find_normal_file_block failed!");
+            if (step_to_next_normal_file_block(handle, __func__) != 0)
                 break;
-            }
-            handle->cur_block = next;
-            handle->cur_offset = QZFS_FILE_DATA_OFFSET;
             continue;
         }
         const int n =
