@@ -11,7 +11,29 @@
 //   raw      the same bytes, in calls of the same sizes and from the same
 //            number of threads, go with pwrite into a sparse file of the same
 //            size, each thread sequentially within a region of its own, and
-//            one fsync of the file ends the run.
+//            one fsync of the file ends the run;
+//   synced   the raw writer again, flushing as the library did in the
+//            library run just before it. During that run the device layer's
+//            operations table is replaced by one that passes every call on
+//            to the device's own operations and writes down each flush of
+//            the timed part: which channel thread asked for it and how many
+//            bytes of that thread's frames had been handed to the library
+//            by then (up to the end of the frame whose call was under way).
+//            The synced run writes the same frames from the same threads and
+//            each thread flushes after the frame that takes its stream to a
+//            position written down, as many times as the library did there:
+//            a whole-device sync becomes fsync of the file, which is what
+//            the device layer does for it; a range sync becomes
+//            sync_file_range(SYNC_FILE_RANGE_WRITE) of the same range, which
+//            like the device layer's msync(MS_ASYNC) starts write-back
+//            without waiting for it, where fdatasync would wait for the whole
+//            file. Flushes asked for by any other thread come at the end of
+//            the synced run, from the main thread. The library's flushes
+//            come from its I-frame index (a whole-device sync every three
+//            seconds of stream time) and from api_qzfs_fsync and the close,
+//            so the synced writer pays for the same flushes at the same
+//            points of the same byte streams, and its end has no fsync of
+//            its own.
 // The frames are those of tools/frame_source.h: 25 frames a second, an
 // I-frame of 60 KiB every 25 frames and P-frames of 15 KiB, each with its
 // 12-byte header and 24 bytes of date-time and pts records (about 3.4 Mbit/s
@@ -24,13 +46,24 @@
 // outside it.
 //
 // Each configuration writes the same total (1 GiB by default) split evenly
-// over its channels. Raw and library runs alternate, each on a fresh image
-// (every library run formats its own), and the best of the repeats of each
-// side is reported:
-//   MB/s       bytes written / wall time, in 10^6 bytes a second
+// over its channels. Raw and library runs alternate, the synced run always
+// right after the library run whose flushes it replays, each on a fresh
+// image (every library run formats its own), and the best of the repeats of
+// each side is reported:
+//   MB/s       bytes written / wall time, in 10^6 bytes a second, for the
+//              raw, synced and library sides
 //   ratio      library MB/s / raw MB/s
+//   ratio/s    library MB/s / synced MB/s; the target is 0.95 or more at
+//              every channel count, shown met or not met, and a last line
+//              says whether it was met for all of them
+//   syncs      the flushes of the best library run (the synced run of the
+//              same repeat replays exactly as many)
 //   CPU s/GiB  user + system CPU time of the process (getrusage) per GiB
 //              written, from the same best run
+// With --verbose every run is shown, and for each library run its device
+// calls: the writes, those of exactly 4 KiB (the I-frame index's units),
+// and the flushes, all timed and summed over the threads, with the share of
+// the flushes that came after the frames (api_qzfs_fsync and the close).
 //
 // Recording into a full group. A second table compares 16 channels (by
 // default) recording into a group that overwrite keeps full with the same
@@ -59,7 +92,7 @@
 // --overwrite-mib 0 leaves the second table out, --overwrite-only the first.
 // Images go to --dir, else $TMPDIR, else /tmp, and are removed afterwards.
 // The library's own lines on standard output are dropped unless --verbose.
-// The run takes one to three minutes on a two-core machine with the default
+// The run takes two to four minutes on a two-core machine with the default
 // 1 GiB; the figures depend heavily on the page cache and the disk behind it.
 #include "bench_support.h"
 #include "frame_source.h"
@@ -243,6 +276,9 @@ struct DeviceTally {
     unsigned long long unit_writes = 0;  // writes of 4 KiB exactly: I-frame index units
     unsigned long long syncs = 0, range_syncs = 0;
     double write_seconds = 0, unit_write_seconds = 0, sync_seconds = 0;
+    // Flushes from the thread's api_qzfs_fsync and close, after its frames.
+    unsigned long long end_syncs = 0;
+    double end_sync_seconds = 0;
     void add(const DeviceTally& o)
     {
         writes += o.writes;
@@ -253,6 +289,8 @@ struct DeviceTally {
         write_seconds += o.write_seconds;
         unit_write_seconds += o.unit_write_seconds;
         sync_seconds += o.sync_seconds;
+        end_syncs += o.end_syncs;
+        end_sync_seconds += o.end_sync_seconds;
     }
 };
 
@@ -296,6 +334,7 @@ std::mutex others_lock;
 DeviceTally others_tally;
 thread_local int channel = -1;
 thread_local uint64_t position = 0;
+thread_local bool ending = false;  // the thread has written its frames
 
 double seconds_since(const std::chrono::steady_clock::time_point& start)
 {
@@ -324,6 +363,10 @@ void note_sync(const SyncPoint& p, double seconds)
     tally([&](DeviceTally& t) {
         (p.range ? t.range_syncs : t.syncs)++;
         t.sync_seconds += seconds;
+        if (ending) {
+            t.end_syncs++;
+            t.end_sync_seconds += seconds;
+        }
     });
 }
 
@@ -514,6 +557,7 @@ Measure run_library(const std::string& path, const std::vector<Channel>& channel
         size_t next_iframe = 0;
         observed::channel = int(t);
         observed::position = 0;
+        observed::ending = false;
         for (uint64_t n = 0; n < ch.frames; n++) {
             const uint32_t len = ch.length(n);
             observed::position += len;
@@ -530,6 +574,7 @@ Measure run_library(const std::string& path, const std::vector<Channel>& channel
             }
         }
         written[t] = watch.elapsed();
+        observed::ending = true;
         if (api_qzfs_fsync(fd) != 0)
             failed = true;
         flushed[t] = watch.elapsed();
@@ -978,10 +1023,12 @@ int main(int argc, char** argv)
                     fprintf(report,
                             "    device: %llu writes of %.1f MiB taking %.3f s, of them %llu of "
                             "4 KiB (index units) taking %.3f s; %llu syncs and %llu range syncs "
-                            "taking %.3f s (%lu from other threads)\n",
+                            "taking %.3f s (%llu of them, taking %.3f s, after the frames; %lu "
+                            "from other threads)\n",
                             device.writes, double(device.bytes) / double(MiB),
                             device.write_seconds, device.unit_writes, device.unit_write_seconds,
                             device.syncs, device.range_syncs, device.sync_seconds,
+                            device.end_syncs, device.end_sync_seconds,
                             (unsigned long)schedule.others.size());
                     fprintf(report,
                             "  %u channels, raw synced run %u: %.3f s wall (writes done at %.3f), "
