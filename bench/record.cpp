@@ -213,6 +213,9 @@ struct Measure {
     // Seconds from the start until the last thread had written its frames,
     // and until the last flush had returned (the rest is the closes).
     double written = 0, flushed = 0;
+    // Library runs: when the first thread had written its frames, and the
+    // seconds its threads spent in api_qzfs_close_stream_segment, summed.
+    double first_written = 0, close_seconds = 0;
     unsigned long fsyncs = 0;  // fsync calls, and the seconds they took
     double fsync_seconds = 0;
 };
@@ -276,9 +279,10 @@ struct DeviceTally {
     unsigned long long unit_writes = 0;  // writes of 4 KiB exactly: I-frame index units
     unsigned long long syncs = 0, range_syncs = 0;
     double write_seconds = 0, unit_write_seconds = 0, sync_seconds = 0;
-    // Flushes from the thread's api_qzfs_fsync and close, after its frames.
-    unsigned long long end_syncs = 0;
-    double end_sync_seconds = 0;
+    // Flushes from the thread's api_qzfs_fsync and close, after its frames,
+    // and those of the close alone (made with the disk lock held).
+    unsigned long long end_syncs = 0, close_syncs = 0;
+    double end_sync_seconds = 0, close_sync_seconds = 0;
     void add(const DeviceTally& o)
     {
         writes += o.writes;
@@ -291,6 +295,8 @@ struct DeviceTally {
         sync_seconds += o.sync_seconds;
         end_syncs += o.end_syncs;
         end_sync_seconds += o.end_sync_seconds;
+        close_syncs += o.close_syncs;
+        close_sync_seconds += o.close_sync_seconds;
     }
 };
 
@@ -334,7 +340,9 @@ std::mutex others_lock;
 DeviceTally others_tally;
 thread_local int channel = -1;
 thread_local uint64_t position = 0;
-thread_local bool ending = false;  // the thread has written its frames
+// Where the thread is: writing its frames, in api_qzfs_fsync, in the close.
+enum class Phase { frames, fsync, close };
+thread_local Phase phase = Phase::frames;
 
 double seconds_since(const std::chrono::steady_clock::time_point& start)
 {
@@ -363,9 +371,13 @@ void note_sync(const SyncPoint& p, double seconds)
     tally([&](DeviceTally& t) {
         (p.range ? t.range_syncs : t.syncs)++;
         t.sync_seconds += seconds;
-        if (ending) {
+        if (phase != Phase::frames) {
             t.end_syncs++;
             t.end_sync_seconds += seconds;
+        }
+        if (phase == Phase::close) {
+            t.close_syncs++;
+            t.close_sync_seconds += seconds;
         }
     });
 }
@@ -548,7 +560,8 @@ Measure run_library(const std::string& path, const std::vector<Channel>& channel
     }
     sync();
     std::atomic<bool> failed(false);
-    std::vector<double> written(channels.size()), flushed(channels.size());
+    std::vector<double> written(channels.size()), flushed(channels.size()),
+        closed(channels.size());
     observed::timing = true;
     Stopwatch watch;
     on_threads(channels.size(), [&](size_t t) {
@@ -557,7 +570,7 @@ Measure run_library(const std::string& path, const std::vector<Channel>& channel
         size_t next_iframe = 0;
         observed::channel = int(t);
         observed::position = 0;
-        observed::ending = false;
+        observed::phase = observed::Phase::frames;
         for (uint64_t n = 0; n < ch.frames; n++) {
             const uint32_t len = ch.length(n);
             observed::position += len;
@@ -574,18 +587,23 @@ Measure run_library(const std::string& path, const std::vector<Channel>& channel
             }
         }
         written[t] = watch.elapsed();
-        observed::ending = true;
+        observed::phase = observed::Phase::fsync;
         if (api_qzfs_fsync(fd) != 0)
             failed = true;
         flushed[t] = watch.elapsed();
+        observed::phase = observed::Phase::close;
         if (api_qzfs_close_stream_segment(fd) != 0)
             failed = true;
+        closed[t] = watch.elapsed();
         observed::channel = -1;
     });
     Measure m = watch.stop();
     observed::timing = false;
     m.written = *std::max_element(written.begin(), written.end());
     m.flushed = *std::max_element(flushed.begin(), flushed.end());
+    m.first_written = *std::min_element(written.begin(), written.end());
+    for (size_t t = 0; t < channels.size(); t++)
+        m.close_seconds += closed[t] - flushed[t];
     if (api_qzfs_delete_disk_from_group(0, 0) != 0 || api_qzfs_umount(0) != 0)
         failed = true;
     qzfs_block_device_ops_for_new_handles = nullptr;
@@ -1016,19 +1034,21 @@ int main(int argc, char** argv)
                 Measure synced = run_raw(image, channels, &schedule);
                 if (verbose) {
                     fprintf(report,
-                            "  %u channels, library run %u: %.3f s wall (writes done at %.3f, "
-                            "flushed at %.3f), %.3f s CPU, %lu fsyncs taking %.3f s\n",
-                            count, r + 1, lib.wall, lib.written, lib.flushed, lib.cpu, lib.fsyncs,
-                            lib.fsync_seconds);
+                            "  %u channels, library run %u: %.3f s wall (writes done at %.3f "
+                            "to %.3f, flushed at %.3f, %.3f s in closes), %.3f s CPU, %lu fsyncs "
+                            "taking %.3f s\n",
+                            count, r + 1, lib.wall, lib.first_written, lib.written, lib.flushed,
+                            lib.close_seconds, lib.cpu, lib.fsyncs, lib.fsync_seconds);
                     fprintf(report,
                             "    device: %llu writes of %.1f MiB taking %.3f s, of them %llu of "
                             "4 KiB (index units) taking %.3f s; %llu syncs and %llu range syncs "
-                            "taking %.3f s (%llu of them, taking %.3f s, after the frames; %lu "
-                            "from other threads)\n",
+                            "taking %.3f s (%llu of them, taking %.3f s, after the frames, "
+                            "%llu taking %.3f s in the closes; %lu from other threads)\n",
                             device.writes, double(device.bytes) / double(MiB),
                             device.write_seconds, device.unit_writes, device.unit_write_seconds,
                             device.syncs, device.range_syncs, device.sync_seconds,
-                            device.end_syncs, device.end_sync_seconds,
+                            device.end_syncs, device.end_sync_seconds, device.close_syncs,
+                            device.close_sync_seconds,
                             (unsigned long)schedule.others.size());
                     fprintf(report,
                             "  %u channels, raw synced run %u: %.3f s wall (writes done at %.3f), "
