@@ -277,6 +277,8 @@ struct SyncPoint {
 struct DeviceTally {
     unsigned long long writes = 0, bytes = 0;
     unsigned long long unit_writes = 0;  // writes of 4 KiB exactly: I-frame index units
+    unsigned long long reads = 0, read_bytes = 0;
+    double read_seconds = 0;
     unsigned long long syncs = 0, range_syncs = 0;
     double write_seconds = 0, unit_write_seconds = 0, sync_seconds = 0;
     // Flushes from the thread's api_qzfs_fsync and close, after its frames,
@@ -288,6 +290,9 @@ struct DeviceTally {
         writes += o.writes;
         bytes += o.bytes;
         unit_writes += o.unit_writes;
+        reads += o.reads;
+        read_bytes += o.read_bytes;
+        read_seconds += o.read_seconds;
         syncs += o.syncs;
         range_syncs += o.range_syncs;
         write_seconds += o.write_seconds;
@@ -413,7 +418,17 @@ long long write(qzfs_dev_info* dev, unsigned long long where, const void* data,
 
 long long read(qzfs_dev_info* dev, unsigned long long where, void* data, unsigned long length)
 {
-    return qzfs_file_device_ops.read(dev, where, data, length);
+    if (!timing)
+        return qzfs_file_device_ops.read(dev, where, data, length);
+    const auto start = std::chrono::steady_clock::now();
+    const long long done = qzfs_file_device_ops.read(dev, where, data, length);
+    const double seconds = time_writes ? seconds_since(start) : 0;
+    tally([&](DeviceTally& t) {
+        t.reads++;
+        t.read_bytes += length;
+        t.read_seconds += seconds;
+    });
+    return done;
 }
 
 int sync(qzfs_dev_info* dev)
@@ -1040,11 +1055,13 @@ int main(int argc, char** argv)
                             count, r + 1, lib.wall, lib.first_written, lib.written, lib.flushed,
                             lib.close_seconds, lib.cpu, lib.fsyncs, lib.fsync_seconds);
                     fprintf(report,
-                            "    device: %llu writes of %.1f MiB taking %.3f s, of them %llu of "
-                            "4 KiB (index units) taking %.3f s; %llu syncs and %llu range syncs "
+                            "    device: %llu reads of %.1f MiB taking %.3f s; %llu writes of "
+                            "%.1f MiB taking %.3f s, of them %llu of 4 KiB (index units) taking "
+                            "%.3f s; %llu syncs and %llu range syncs "
                             "taking %.3f s (%llu of them, taking %.3f s, after the frames, "
                             "%llu taking %.3f s in the closes; %lu from other threads)\n",
-                            device.writes, double(device.bytes) / double(MiB),
+                            device.reads, double(device.read_bytes) / double(MiB),
+                            device.read_seconds, device.writes, double(device.bytes) / double(MiB),
                             device.write_seconds, device.unit_writes, device.unit_write_seconds,
                             device.syncs, device.range_syncs, device.sync_seconds,
                             device.end_syncs, device.end_sync_seconds, device.close_syncs,
