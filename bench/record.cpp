@@ -60,10 +60,14 @@
 //              same repeat replays exactly as many)
 //   CPU s/GiB  user + system CPU time of the process (getrusage) per GiB
 //              written, from the same best run
-// With --verbose every run is shown, and for each library run its device
-// calls: the writes, those of exactly 4 KiB (the I-frame index's units),
-// and the flushes, all timed and summed over the threads, with the share of
-// the flushes that came after the frames (api_qzfs_fsync and the close).
+// With --verbose every run is shown: for a library run, when its first and
+// its last thread had written their frames and the seconds its threads
+// spent in the closes, and its device calls: the reads, the writes, those
+// of exactly 4 KiB (the I-frame index's units) and the flushes, all timed
+// and summed over the threads, with the flushes that came after the frames
+// (api_qzfs_fsync and the close) and those inside the closes apart. Timing
+// each device call costs two clock reads; without --verbose they are only
+// counted.
 //
 // Recording into a full group. A second table compares 16 channels (by
 // default) recording into a group that overwrite keeps full with the same
