@@ -3,6 +3,7 @@
 #include "recording_support.h"
 
 #include "qzfilesystem.h"
+#include "qzfs_av_frame.h"
 #include "qzfs_manager.h"
 
 #include <cstring>
@@ -73,6 +74,38 @@ TEST_F(StreamWriteTest, CallEndingAtBlockEndAndFramesSplitOverBlocks)
     ASSERT_EQ(0, api_qzfs_close_stream_segment(fd));
     remount();
     expect_on_disk(id, written);
+}
+
+// One call may carry more than a block's payload: every byte reaches the
+// disk, with its I-frame entries where shorter calls would put them. Whole
+// frames of 1 MiB, an I-frame each; 4 of them fill a 4 MiB block and a bit
+// (the block head), 9 need three blocks, 21 six.
+TEST_F(StreamWriteTest, OneCallOfSeveralBlocksWritesEveryByte)
+{
+    ASSERT_EQ(4u << 20, fs_->manage().block_size);
+    uint8_t channel = 0;
+    for (unsigned frames_per_call : {4u, 9u, 21u}) {
+        SCOPED_TRACE(frames_per_call);
+        FrameSourceConfig config;
+        config.channel = channel;
+        config.fps = 1;
+        config.gop = 1;
+        config.iframe_bytes = QZFS_MAX_FRAME_LEN - 12 - 24;  // whole frames of 1 MiB
+        FrameSource source(config);
+        _k4t_stream_segment_id_ id;
+        const int fd = create(request(channel++, 0, kMorning), &id);
+        WrittenStream written;
+        FrameBatch call;
+        source.append_frames(call, frames_per_call);
+        ASSERT_EQ(int(frames_per_call << 20), write(fd, call, written));
+        FrameBatch tail;
+        source.append_frames(tail, 2);
+        ASSERT_EQ(int(tail.bytes.size()), write(fd, tail, written));
+        ASSERT_EQ(0, api_qzfs_close_stream_segment(fd));
+        remount();
+        expect_on_disk(id, written);
+        EXPECT_EQ(written.bytes, read_through_reader(id));
+    }
 }
 
 TEST_F(StreamWriteTest, BytesBeforeTheFirstIframeBelongToNoSegment)

@@ -537,6 +537,8 @@ public:
                               uint8_t take_disk_lock);
     int Write_video_data_unit(_opened_stream_segment_* oss, uint8_t* buffer, int len,
                               int frame_num, _k4t_video_frame_info_* frame_info);
+    int Write_video_data_in_pieces(_opened_stream_segment_* oss, uint8_t* buffer, int len,
+                                   int frame_num, _k4t_video_frame_info_* frame_info);
     int Write_iframe_index(_write_stream_segment_* wss, bool take_lock);
     void write_end_mark(_opened_stream_segment_* oss);
     // Runs the device sync that a writer's index flush found due; called

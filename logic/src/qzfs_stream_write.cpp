@@ -267,7 +267,8 @@ int CQzFileSystem::Write_video_data_free(_opened_stream_segment_* oss, uint8_t* 
         infos.assign(frame_info, frame_info + frame_num);
 
     // Passes: one for each block the call touches. The head of a new block
-    // is not counted, so a call longer than a block's payload loses its tail.
+    // is not counted, so a call longer than a block's payload would lose its
+    // tail: Write_video_data hands longer buffers over in pieces.
     uint64_t base = block_size - 1;
     if (wss->block_index != 0 && wss->block_offset < block_size &&
         wss->block_index <= m_manage.total_block)
@@ -306,6 +307,34 @@ int CQzFileSystem::Write_video_data_free(_opened_stream_segment_* oss, uint8_t* 
     if (frame_num >= 1 && memcmp(infos.data(), frame_info, infos.size() * sizeof(infos[0])) != 0)
         QZLOG("-------------------frame info change[stream type:%d]------------------------",
               int(oss->root()->stream_type));
+    return 0;
+}
+
+// A buffer longer than a data block's payload goes to the free path in
+// pieces of at most one payload, each with the frame infos that lie in it,
+// rebased to it: the frames and their I-frame entries land where calls of
+// that length would put them, and every byte reaches the disk.
+int CQzFileSystem::Write_video_data_in_pieces(_opened_stream_segment_* oss, uint8_t* buffer,
+                                              int len, int frame_num,
+                                              _k4t_video_frame_info_* frame_info)
+{
+    const uint32_t payload = uint32_t(m_manage.block_size) - QZFS_DATA_BLOCK_HEAD;
+    if (len <= 0 || uint32_t(len) <= payload)
+        return Write_video_data_free(oss, buffer, len, frame_num, frame_info, 1);
+    std::vector<_k4t_video_frame_info_> piece_infos;
+    for (uint32_t from = 0; from < uint32_t(len); from += payload) {
+        const uint32_t n = std::min(payload, uint32_t(len) - from);
+        piece_infos.clear();
+        for (int i = 0; i < frame_num; i++) {
+            if (frame_info[i].offset < from || frame_info[i].offset - from >= n)
+                continue;
+            piece_infos.push_back(frame_info[i]);
+            piece_infos.back().offset -= from;
+        }
+        if (Write_video_data_free(oss, buffer + from, int(n), int(piece_infos.size()),
+                                  piece_infos.empty() ? nullptr : piece_infos.data(), 1) != 0)
+            return -1;
+    }
     return 0;
 }
 
@@ -388,7 +417,7 @@ int CQzFileSystem::Write_video_data(_opened_stream_segment_* oss, uint8_t* buffe
         frame_num = 0;
     int result = wss->unit_buffer != nullptr
                      ? Write_video_data_unit(oss, buffer, len, frame_num, frame_info)
-                     : Write_video_data_free(oss, buffer, len, frame_num, frame_info, 1);
+                     : Write_video_data_in_pieces(oss, buffer, len, frame_num, frame_info);
     if (result != 0) {
         QZLOG("ERROR");
         oss->exist_error = K4T_FS_TRUE;
