@@ -2,7 +2,7 @@
 #
 # Three components, one Debian package each:
 #   runtime      libqzfs1      libqzfs.so.1 (and the file it names)
-#   development  libqzfs-dev   the public header, the libqzfs.so link, the
+#   development  libqzfs-dev   the public headers, the libqzfs.so link, the
 #                              pkg-config file and the CMake package
 #   tool         qzfs          the host tool and its man page
 # `cmake --install BUILD --prefix DIR` installs all three; `cpack` in the
@@ -15,7 +15,7 @@ install(TARGETS qzfs EXPORT qzfsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES api/include/qzfilesystem_api.h
+install(FILES api/include/qzfilesystem_api.h api/include/qzfs_frame.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(TARGETS qzfs_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 install(FILES tools/qzfs.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)

@@ -10,17 +10,15 @@
  * second with an I-frame each second, queries the day, and reads the first
  * segment found back, comparing it with what was written.
  *
- * The frames follow the recorder frame format: a 12-byte header (channel,
- * type '2' I-frame or '3' P-frame, magic 'd' 'c', the payload length in 3
- * little-endian bytes, one spare byte, the length of the extended records
- * in 3 little-endian bytes, one spare byte), then the extended records
- * (here a date and time record and a pts record, 12 bytes each), then the
- * payload.
+ * The frames are built with the public helper qzfs_frame.h, which also
+ * describes their format: a 12-byte header, a date-time and a pts record,
+ * then the payload.
  */
 #define _POSIX_C_SOURCE 200809L /* ftruncate */
 #define _FILE_OFFSET_BITS 64     /* images over 2 GiB on 32-bit systems too */
 
 #include <qzfilesystem_api.h>
+#include <qzfs_frame.h>
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -32,8 +30,6 @@
 #define FPS 25
 #define IFRAME_BYTES 6000
 #define PFRAME_BYTES 1500
-#define EXT_BYTES 24
-#define HEADER_BYTES 12
 #define MAX_CHANNELS 16
 
 /* Where the recording starts: the local time when the program starts (so
@@ -66,50 +62,25 @@ static _k4t_fs_time_ after_start(unsigned seconds)
     return at;
 }
 
-static void put_u24(unsigned char* p, unsigned long value)
-{
-    p[0] = (unsigned char)value;
-    p[1] = (unsigned char)(value >> 8);
-    p[2] = (unsigned char)(value >> 16);
-}
-
 /* Appends frame `n` of `channel` at `out`; returns its length. */
 static size_t make_frame(unsigned char* out, int channel, unsigned n)
 {
     const int iframe = n % FPS == 0;
-    const unsigned long payload = iframe ? IFRAME_BYTES : PFRAME_BYTES;
+    const uint32_t payload = iframe ? IFRAME_BYTES : PFRAME_BYTES;
     const _k4t_fs_time_ at = after_start(n / FPS);
-    const unsigned long long pts = (unsigned long long)n * (90000 / FPS); /* 90 kHz */
-    unsigned char* ext = out + HEADER_BYTES;
-    unsigned long i;
-    int b;
+    const uint64_t pts = (uint64_t)n * (90000 / FPS); /* 90 kHz ticks */
+    _k4t_fs_date_time_ when = start;
+    uint32_t i;
 
-    out[0] = (unsigned char)channel;
-    out[1] = iframe ? '2' : '3';
-    out[2] = 'd';
-    out[3] = 'c';
-    put_u24(out + 4, payload);
-    out[7] = 0;
-    put_u24(out + 8, EXT_BYTES);
-    out[11] = 0;
-    /* Date and time record: type 2, length 12, then the moment. */
-    ext[0] = 2;
-    put_u24(ext + 1, 12);
-    ext[4] = start.year;
-    ext[5] = start.month;
-    ext[6] = start.day;
-    ext[7] = at.hour;
-    ext[8] = at.minute;
-    ext[9] = at.second;
-    ext[10] = ext[11] = 0;
-    /* Pts record: type 3, length 12, then 8 little-endian bytes. */
-    ext[12] = 3;
-    put_u24(ext + 13, 12);
-    for (b = 0; b < 8; b++)
-        ext[16 + b] = (unsigned char)(pts >> (8 * b));
+    when.hour = at.hour;
+    when.minute = at.minute;
+    when.second = at.second;
+    qzfs_frame_put_prefix(out, (uint8_t)channel,
+                          iframe ? QZFS_FRAME_TYPE_IFRAME : QZFS_FRAME_TYPE_PFRAME, payload, &when,
+                          pts);
     for (i = 0; i < payload; i++)
-        out[HEADER_BYTES + EXT_BYTES + i] = (unsigned char)(n * 7 + i * 13 + channel);
-    return HEADER_BYTES + EXT_BYTES + payload;
+        out[QZFS_FRAME_PREFIX_LEN + i] = (unsigned char)(n * 7 + i * 13 + channel);
+    return qzfs_frame_size(payload);
 }
 
 /* FNV-1a over `len` bytes, continuing from `hash`. */
@@ -152,7 +123,7 @@ static int format_if_new_and_mount(char* image)
 /* Records `seconds` seconds of each channel, one segment a channel. */
 static int record(int channels, unsigned seconds, unsigned long long* hashes)
 {
-    static unsigned char buffer[FPS * (HEADER_BYTES + EXT_BYTES + IFRAME_BYTES)];
+    static unsigned char buffer[FPS * (QZFS_FRAME_PREFIX_LEN + IFRAME_BYTES)];
     _k4t_video_frame_info_ info;
     int fds[MAX_CHANNELS];
     int c;
@@ -181,13 +152,11 @@ static int record(int channels, unsigned seconds, unsigned long long* hashes)
                 len += make_frame(buffer + len, c, s * FPS + f);
             /* One I-frame a call, at offset 0: its time and pts. */
             const _k4t_fs_time_ at = after_start(s);
-            memset(&info, 0, sizeof(info));
-            info.hour = at.hour;
-            info.minute = at.minute;
-            info.second = at.second;
-            info.iframe_flag = 1;
-            info.offset = 0;
-            info.pts_low = (uint32_t)(s * FPS * (90000 / FPS));
+            _k4t_fs_date_time_ when = start;
+            when.hour = at.hour;
+            when.minute = at.minute;
+            when.second = at.second;
+            info = qzfs_frame_iframe_info(&when, 0, (uint64_t)s * 90000);
             if (api_qzfs_write_video_data(fds[c], buffer, (int)len, 1, &info) != (int)len)
                 return -1;
             hashes[c] = fnv(hashes[c], buffer, len);

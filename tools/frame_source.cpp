@@ -1,6 +1,6 @@
 #include "frame_source.h"
 
-#include "qzfs_av_frame.h"
+#include "qzfs_frame.h"
 
 #include <cstring>
 
@@ -64,45 +64,19 @@ void FrameSource::append_frame(FrameBatch& batch)
     batch.bytes.resize(at + frame_bytes(iframe));
     uint8_t* p = &batch.bytes[at];
 
-    p[0] = config_.channel;
-    p[1] = iframe ? QZFS_FRAME_CHAR_IFRAME : QZFS_FRAME_CHAR_PFRAME;
-    p[2] = QZFS_FRAME_MAGIC_0;
-    p[3] = QZFS_FRAME_MAGIC_1;
-    qzfs_frame_put_u24(p + 4, payload);
-    p[7] = 0;
-    qzfs_frame_put_u24(p + 8, kRecordBytes);
-    p[11] = 0;
+    _k4t_fs_date_time_ when = config_.start;
+    when.hour = uint8_t(second / 3600);
+    when.minute = uint8_t(second / 60 % 60);
+    when.second = uint8_t(second % 60);
+    const char type = iframe ? QZFS_FRAME_TYPE_IFRAME : QZFS_FRAME_TYPE_PFRAME;
+    qzfs_frame_put_prefix(p, config_.channel, type, payload, &when, pts);
 
-    uint8_t* rec = p + 12;
-    rec[0] = QZFS_FRAME_EXT_DATE_TIME;
-    qzfs_frame_put_u24(rec + 1, QZFS_FRAME_EXT_RECORD_LEN);
-    rec[4] = config_.start.year;
-    rec[5] = config_.start.month;
-    rec[6] = config_.start.day;
-    rec[7] = uint8_t(second / 3600);
-    rec[8] = uint8_t(second / 60 % 60);
-    rec[9] = uint8_t(second % 60);
-    rec[10] = rec[11] = 0;
-    rec += QZFS_FRAME_EXT_RECORD_LEN;
-    rec[0] = QZFS_FRAME_EXT_PTS;
-    qzfs_frame_put_u24(rec + 1, QZFS_FRAME_EXT_RECORD_LEN);
-    memcpy(rec + 4, &pts, 8);
-
-    uint8_t* body = p + 12 + kRecordBytes;
+    uint8_t* body = p + QZFS_FRAME_PREFIX_LEN;
     for (uint32_t i = 0; i < payload; i++)
         body[i] = payload_byte(config_.channel, frame_, i);
 
-    if (iframe) {
-        _k4t_video_frame_info_ info = {};
-        info.hour = uint8_t(second / 3600);
-        info.minute = uint8_t(second / 60 % 60);
-        info.second = uint8_t(second % 60);
-        info.iframe_flag = 1;
-        info.offset = uint32_t(at);
-        info.pts_high = uint32_t(pts >> 32);
-        info.pts_low = uint32_t(pts);
-        batch.infos.push_back(info);
-    }
+    if (iframe)
+        batch.infos.push_back(qzfs_frame_iframe_info(&when, uint32_t(at), pts));
     frame_++;
 }
 

@@ -6,6 +6,7 @@
 #define QZFS_FRAME_SOURCE_H
 
 #include "qzfilesystem_api.h"
+#include "qzfs_frame.h"
 
 #include <cstdint>
 #include <vector>
@@ -60,10 +61,10 @@ public:
     // read back with it.
     static uint8_t payload_byte(uint8_t channel, uint64_t frame, uint32_t i);
     // Size of one frame of each kind, header and records included.
-    static const uint32_t kRecordBytes = 24;
+    static const uint32_t kRecordBytes = QZFS_FRAME_EXT_LEN;
     uint32_t frame_bytes(bool iframe) const
     {
-        return 12 + kRecordBytes + (iframe ? config_.iframe_bytes : config_.pframe_bytes);
+        return uint32_t(qzfs_frame_size(iframe ? config_.iframe_bytes : config_.pframe_bytes));
     }
 
 private:
