@@ -775,7 +775,7 @@ QZFS_API int api_qzfs_open_stream_segment_by_id(_k4t_stream_segment_id_* id, uns
 QZFS_API int api_qzfs_open_stream_segment_by_para(_qzfs_k4t_stream_open_para_* para, unsigned char read_flag);
 /* Moves a reader to the first I-frame at or after `date_time` inside its
  * segment; outside it, with QZFS_K4T_OSF_CONTINUE, to the segment of that
- * moment of the day on the same descriptor.  0 or -1.  A failure past the
+ * moment (or the next one) of the day on the same descriptor.  0 or -1.  A failure past the
  * argument checks blocks the descriptor: api_qzfs_read_video_data and the
  * fast play calls return -1 until a seek by time succeeds (a seek by offset
  * does not lift it).  -1 on a writer's descriptor. */
