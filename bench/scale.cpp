@@ -370,6 +370,7 @@ struct Image {
     unsigned long block_size = 0;
     double build_seconds = 0;
     unsigned long long written = 0;
+    unsigned long long formatted = 0;  // of it, what the format wrote
     std::vector<std::pair<std::string, Samples>> measures;
 };
 
@@ -422,6 +423,7 @@ void build(Image& image, const _k4t_fs_date_time_& measured)
     if (api_qzfs_fast_format(kHdd, &dev[0]) != 0)
         die("api_qzfs_fast_format failed", image.path);
     mount_image(image.path);
+    image.formatted = allocated_bytes(image.path);
     join_group();
     _qzfs_k4t_hdd_overwrite_config_ config = {0x3200000, 0x3200000, 0x3200000, 0x3200000};
     unsigned char chosen = 255;
@@ -465,8 +467,6 @@ void build(Image& image, const _k4t_fs_date_time_& measured)
         }
         FrameSource source(real_source_config(day));
         for (unsigned h = 0; h < kHours; h++) {
-            if (verbose && d == 0)
-                fprintf(report, "    hour %u of the first day, %.1f s\n", h, seconds_since(start));
             for (unsigned c = 0; c < channels; c++) {
                 if (real_day && c == 0) {
                     record_real_hour(source, day, h);
@@ -734,9 +734,10 @@ void run(Image& image)
     image_in_use.clear();
     fprintf(report,
             "  %-6s %5.0f GiB, %2lu MiB blocks, %3u days x %u channels x 24 segments: made in %.1f s, "
-            "%.0f MiB written; measured day 20%02u-%02u-%02u\n",
+            "%.0f MiB written (%.0f MiB by the format); measured day 20%02u-%02u-%02u\n",
             image.name, double(image.size) / double(GiB), image.block_size >> 20, image.days, channels,
-            image.build_seconds, double(image.written) / 1048576.0, day.year, day.month, day.day);
+            image.build_seconds, double(image.written) / 1048576.0,
+            double(image.formatted) / 1048576.0, day.year, day.month, day.day);
     measure(image, day, in_month);
 }
 
