@@ -734,7 +734,7 @@ void run(Image& image)
     image_in_use.clear();
     fprintf(report,
             "  %-6s %5.0f GiB, %2lu MiB blocks, %3u days x %u channels x 24 segments: made in %.1f s, "
-            "%.0f MiB written (%.0f MiB by the format); measured day 20%02u-%02u-%02u\n",
+            "%.0f MiB written (%.0f MiB of it after the format); measured day 20%02u-%02u-%02u\n",
             image.name, double(image.size) / double(GiB), image.block_size >> 20, image.days, channels,
             image.build_seconds, double(image.written) / 1048576.0,
             double(image.formatted) / 1048576.0, day.year, day.month, day.day);
@@ -793,7 +793,10 @@ int main(int argc, char** argv)
     big.days = days;
     big.path = stem + "-big.img";
     to_remove = {small.path, big.path};
-    fprintf(report, "scale benchmark: the same calls on a small and a big image (%s)\n", dir.c_str());
+    fprintf(report,
+            "scale benchmark: the same calls on a small and a big image (%s); images built with the "
+            "library's flushes left out and one sync at the end\n",
+            dir.c_str());
     run(small);
     run(big);
 
