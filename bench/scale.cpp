@@ -16,9 +16,9 @@
 // the bitmap with its owner record), then its end time and length. The data
 // blocks of those segments are not written: nothing reads them. Each root
 // entry (a channel's day) is given an equal share of the disk's free blocks,
-// spread evenly over its 24 segments; when a share is under a block a
-// segment (the small image) neighbouring segments share a block, and its
-// block entry says so. One channel-day, channel 0 on the measured day, is
+// spread evenly over its 24 segments in whole blocks; when a share is under
+// a block a segment (the small image) neighbouring segments share a block,
+// and its block entry's share count says so. One channel-day, channel 0 on the measured day, is
 // recorded for real through the write calls (frames from tools/frame_source.h:
 // one a second, an I-frame every 8 s), since the open, read, seek and fast
 // play measures read its frames.
@@ -449,7 +449,13 @@ void build(Image& image, const _k4t_fs_date_time_& measured)
     RootPlan plan;
     plan.payload = image.block_size - 4096ULL;
     plan.per_root = (unsigned long)((free_blocks - overhead) * 9ULL / 10ULL / (roots > 1 ? roots - 1 : 1));
-    plan.segment_bytes = plan.per_root * plan.payload / kHours;
+    // A share of a block or more a segment gives each segment whole blocks
+    // of its own, as recording does; under a block a segment (the small
+    // image) neighbouring segments share one.
+    if (plan.per_root >= kHours)
+        plan.segment_bytes = (plan.per_root / kHours) * plan.payload;
+    else
+        plan.segment_bytes = plan.per_root * plan.payload / kHours;
     if (verbose)
         fprintf(report, "  %s: %lu free blocks of %lu MiB, %lu data blocks a channel-day\n", image.name,
                 free_blocks, image.block_size >> 20, plan.per_root);
