@@ -13,8 +13,9 @@
 // index-only, with the library's own index calls (the ones the tool's
 // segment-add verb uses): the segment node, an I-frame entry every 8
 // seconds, a block entry for each data block the segment opens (taken from
-// the bitmap with its owner record), then its end time and length. The data
-// blocks of those segments are not written: nothing reads them. Each root
+// the bitmap with its owner record), then its end time and length. The
+// frames of those segments are left out, since nothing reads them (so the
+// tool's check finds no I-frame where their entries point). Each root
 // entry (a channel's day) is given an equal share of the disk's free blocks,
 // spread evenly over its 24 segments in whole blocks; when a share is under
 // a block a segment (the small image) neighbouring segments share a block,
@@ -277,7 +278,10 @@ void add_synthetic_segment(const _qzfs_k4t_create_ss_para_& day_para, unsigned h
             done += count;
         }
         root.entries += uint32_t(nodes.size());
-        const unsigned end = hour * 3600u + 3599u;
+        // A segment ends before the next one's first I-frame; the day's last
+        // one, with no I-frame after it, at its own last I-frame.
+        const unsigned end = hour + 1 < kHours ? hour * 3600u + 3599u
+                                                : hour * 3600u + (kIframesPerHour - 1) * kGop;
         node.end_hour = uint8_t(end / 3600);
         node.end_minute = uint8_t(end / 60 % 60);
         node.end_second = uint8_t(end % 60);
