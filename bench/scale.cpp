@@ -19,7 +19,10 @@
 // entry (a channel's day) is given an equal share of the disk's free blocks,
 // spread evenly over its 24 segments in whole blocks; when a share is under
 // a block a segment (the small image) neighbouring segments share a block,
-// and its block entry's share count says so. One channel-day, channel 0 on the measured day, is
+// and its block entry's share count says so. The tool's check does not take
+// that sharing as a recording would leave it (it counts the users of those
+// blocks and the segments' first entries otherwise); the measures do not
+// read those entries. One channel-day, channel 0 on the measured day, is
 // recorded for real through the write calls (frames from tools/frame_source.h:
 // one a second, an I-frame every 8 s), since the open, read, seek and fast
 // play measures read its frames.
