@@ -185,36 +185,6 @@ void create_root(const _qzfs_k4t_create_ss_para_& para, SyntheticRoot& root)
         die("cannot read the I-frame chain of a new root index entry");
 }
 
-// Takes the data block of ordinal `ordinal` of the root, as a writer opening
-// it would: its owner record names the channel, day, the root's I-frame
-// chain and the segment's first entry.
-int take_block(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para, SyntheticRoot& root,
-               uint32_t start_iframe, uint32_t& block)
-{
-    _qzfs_block_info_ info = {};
-    info.block_type = QZFS_BLOCK_DATA;
-    info.owner_stamp = uint32_t(fs.get_block_owner_stamp());
-    info.year = para.year;
-    info.month = para.month;
-    info.day = para.day;
-    info.hour = para.hour;
-    info.minute = para.minute;
-    info.second = para.second;
-    info.attr[0] = para.channel;
-    info.attr[1] = root.stream_type;
-    info.attr[2] = para.segment_type;
-    info.attr[3] = para.record_type;
-    info.attr[4] = para.lock;
-    memcpy(info.attr + 6, &root.iframe_head, 4);
-    memcpy(info.attr + 10, &start_iframe, 4);
-    info.block_index = uint16_t(root.blocks.size());
-    unsigned long taken = 0;
-    if (fs.Request_free_block(1, &taken, &info, 0) != 0)
-        return -1;
-    block = uint32_t(taken);
-    return 0;
-}
-
 // Adds segment `hour` of the root, closed, index only.
 void add_synthetic_segment(const _qzfs_k4t_create_ss_para_& day_para, unsigned hour,
                            const RootPlan& plan, SyntheticRoot& root)
@@ -235,7 +205,8 @@ void add_synthetic_segment(const _qzfs_k4t_create_ss_para_& day_para, unsigned h
         nodes.reserve(kIframesPerHour + 8);
         auto open_block = [&]() {
             uint32_t block = 0;
-            if (take_block(fs, para, root, start_iframe, block) != 0)
+            const SyntheticBlockOwner owner = {root.iframe_head, start_iframe, root.stream_type};
+            if (take_data_block(fs, para, owner, uint32_t(root.blocks.size()), block) != 0)
                 return -1;
             _iframe_index_node_dev_ n = {};
             n.id = IFRAME_INDEX_ID_BLOCK;

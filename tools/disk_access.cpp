@@ -94,50 +94,12 @@ int read_iframe_chain(CQzFileSystem& fs, uint32_t root, uint32_t& head, uint32_t
     return rc;
 }
 
-// What a writer puts in the record of each data block it opens: the
-// stream's channel, type and day, the segment's attribute bytes, the first
-// block of the root's I-frame index and the segment's first entry (which a
-// rebuild from the data groups blocks by), and the block's ordinal.
-struct synthetic_block_owner {
-    uint32_t iframe_head = 0;
-    uint32_t start_iframe = 0;
-    uint8_t stream_type = 0;
-};
-
-// Takes one data block for the day of `para`, as a writer opening a block
-// would.
-int take_data_block(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para,
-                    const synthetic_block_owner& owner, uint32_t ordinal, uint32_t& block)
-{
-    _qzfs_block_info_ info = {};
-    info.block_type = QZFS_BLOCK_DATA;
-    info.owner_stamp = uint32_t(fs.get_block_owner_stamp());
-    info.year = para.year;
-    info.month = para.month;
-    info.day = para.day;
-    info.hour = para.hour;
-    info.minute = para.minute;
-    info.second = para.second;
-    info.attr[0] = para.channel;
-    info.attr[1] = owner.stream_type;
-    info.attr[2] = para.segment_type;
-    info.attr[3] = para.record_type;
-    info.attr[4] = para.lock;
-    memcpy(info.attr + 6, &owner.iframe_head, 4);
-    memcpy(info.attr + 10, &owner.start_iframe, 4);
-    info.block_index = uint16_t(ordinal);
-    unsigned long taken = 0;
-    if (fs.Request_free_block(1, &taken, &info, 0) != 0)
-        return -1;
-    block = uint32_t(taken);
-    return 0;
-}
 
 // The I-frame entries of `seconds` seconds from the start time of `para`:
 // a block entry for every eighth second's data block, one I-frame a second
 // spread over it. `next_ordinal` counts the data blocks of the root.
 int synthetic_iframes(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para,
-                      const synthetic_block_owner& owner, unsigned seconds,
+                      const SyntheticBlockOwner& owner, unsigned seconds,
                       unsigned long block_size, uint32_t next_ordinal,
                       std::vector<_iframe_index_node_dev_>& nodes, uint64_t& len)
 {
@@ -225,7 +187,7 @@ int add_synthetic_segment(CQzFileSystem& fs, uint32_t root, const _qzfs_k4t_crea
     _root_index_node_dev_ root_node;
     if (rc == 0)
         rc = fs.Get_root_index_dev_node(root, &root_node);
-    synthetic_block_owner owner;
+    SyntheticBlockOwner owner;
     owner.iframe_head = head;
     owner.start_iframe = next + 1;
     owner.stream_type = root_node.stream_type;
@@ -486,6 +448,33 @@ bool no_key_block_found(CQzFileSystem& fs)
 }
 
 } // namespace
+
+int take_data_block(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para,
+                    const SyntheticBlockOwner& owner, uint32_t ordinal, uint32_t& block)
+{
+    _qzfs_block_info_ info = {};
+    info.block_type = QZFS_BLOCK_DATA;
+    info.owner_stamp = uint32_t(fs.get_block_owner_stamp());
+    info.year = para.year;
+    info.month = para.month;
+    info.day = para.day;
+    info.hour = para.hour;
+    info.minute = para.minute;
+    info.second = para.second;
+    info.attr[0] = para.channel;
+    info.attr[1] = owner.stream_type;
+    info.attr[2] = para.segment_type;
+    info.attr[3] = para.record_type;
+    info.attr[4] = para.lock;
+    memcpy(info.attr + 6, &owner.iframe_head, 4);
+    memcpy(info.attr + 10, &owner.start_iframe, 4);
+    info.block_index = uint16_t(ordinal);
+    unsigned long taken = 0;
+    if (fs.Request_free_block(1, &taken, &info, 0) != 0)
+        return -1;
+    block = uint32_t(taken);
+    return 0;
+}
 
 bool disk_key_info(unsigned char hdd, DiskKeyInfo& out)
 {

@@ -267,4 +267,22 @@ int disk_journal(unsigned char hdd, JournalState& out);
 // for a year or month out of range.
 unsigned library_days_in_month(unsigned year, unsigned month);
 
+// For the programs that build index-only recordings inside the library's
+// lock (segment-add here, the scale benchmark): what a writer puts in the
+// record of each data block it opens. The stream's channel, type and day,
+// the segment's attribute bytes, the first block of the root's I-frame
+// index and the segment's first entry (which a rebuild from the data groups
+// blocks by), and the block's ordinal.
+struct SyntheticBlockOwner {
+    uint32_t iframe_head = 0;
+    uint32_t start_iframe = 0;
+    uint8_t stream_type = 0;
+};
+
+// Takes one data block for the day of `para`, as a writer opening a block
+// would, on `fs` with its disk lock held; 0, or -1 when no block is free.
+class CQzFileSystem;
+int take_data_block(CQzFileSystem& fs, const _qzfs_k4t_create_ss_para_& para,
+                    const SyntheticBlockOwner& owner, uint32_t ordinal, uint32_t& block);
+
 #endif
