@@ -204,9 +204,13 @@ void check_channel(const DiskWalk& walk, unsigned c, const Workload& workload,
         out.line("fail channel " + std::to_string(c) + ": " + std::to_string(got.size()) +
                  " bytes read, the segment's length is " +
                  std::to_string((unsigned long long)segment->node.len_in_bytes));
-    // The frame in flight at the cut may have reached the disk whole.
-    const unsigned long all = (unsigned long)workload.seconds * workload_frames(0).fps;
-    const ExpectedStream expected = expected_stream(uint8_t(c), std::min(progress.written + 1, all));
+    // The frames of the call in flight at the cut may have reached the disk.
+    const unsigned fps = workload_frames(0).fps;
+    const unsigned long all = (unsigned long)workload.seconds * fps;
+    const unsigned long in_flight =
+        workload.seconds_per_call == 0 ? 1 : (unsigned long)workload.seconds_per_call * fps;
+    const ExpectedStream expected =
+        expected_stream(uint8_t(c), std::min(progress.written + in_flight, all));
     const size_t frames = compare_stream(c, got, expected, 0, &progress, out);
     if (segment != nullptr && frames > 0) {
         check_fast_play(root->position, segment->index, expected, 0, frames, out);

@@ -44,6 +44,7 @@ const Workload kWorkloads[] = {
     {"lock-range", 1, 160, 5, Action::LockRange, 2, false, 0, 0,
      {40, 110, 1, 1, 0, 1u << (kRangeLockNumber - 1)}},
     {"alloc", 6, 40, 5, Action::Record, 1, false, 0, 0, {}, true, true},
+    {"long-calls", 1, 60, 15, Action::Record, 1, false, 0, 0, {}, true, false, 15},
     {"key-merge", 2, 20, 5, Action::KeyMerge, 1, false, 0, 0},
     {"rebuild", 2, 20 + kRebuildSecondSegment, 5, Action::Rebuild, 1, false, 0, 0},
     {"file-write", 1, 15, 5, Action::FileWrite, 1, false, 0, 0},
@@ -388,10 +389,11 @@ bool open_segments(std::vector<Channel>& channels, const LineWriter& out)
     return true;
 }
 
-bool write_frame(Channel& ch, unsigned c, const LineWriter& out)
+// The next `frames` frames of a channel in one write call.
+bool write_frames(Channel& ch, unsigned c, unsigned frames, const LineWriter& out)
 {
     FrameBatch batch;
-    ch.source.append_frame(batch);
+    ch.source.append_frames(batch, frames);
     const int len = int(batch.bytes.size());
     if (api_qzfs_write_video_data(ch.fd, batch.bytes.data(), len, int(batch.infos.size()),
                                   batch.infos.empty() ? nullptr : batch.infos.data()) != len) {
@@ -399,9 +401,14 @@ bool write_frame(Channel& ch, unsigned c, const LineWriter& out)
                  std::to_string(c));
         return false;
     }
-    ch.written++;
+    ch.written += frames;
     out.line("w " + std::to_string(c) + " " + std::to_string(ch.written));
     return true;
+}
+
+bool write_frame(Channel& ch, unsigned c, const LineWriter& out)
+{
+    return write_frames(ch, c, 1, out);
 }
 
 bool sync_channels(std::vector<Channel>& channels, const LineWriter& out)
@@ -428,6 +435,23 @@ bool record(std::vector<Channel>& channels, unsigned seconds, unsigned sync_ever
             if (!write_frame(channels[c], c, out))
                 return false;
         if ((f + 1) % (sync_every * fps) == 0 && !sync_channels(channels, out))
+            return false;
+    }
+    return true;
+}
+
+// `seconds` of stream on each channel in calls of `seconds_per_call`
+// seconds' frames, all channels synced after each round of calls.
+bool record_in_long_calls(std::vector<Channel>& channels, unsigned seconds,
+                          unsigned seconds_per_call, const LineWriter& out)
+{
+    const unsigned fps = workload_frames(0).fps;
+    for (unsigned done = 0; done < seconds; done += seconds_per_call) {
+        const unsigned frames = std::min(seconds_per_call, seconds - done) * fps;
+        for (unsigned c = 0; c < channels.size(); c++)
+            if (!write_frames(channels[c], c, frames, out))
+                return false;
+        if (!sync_channels(channels, out))
             return false;
     }
     return true;
@@ -1194,7 +1218,10 @@ void run_workload(const Workload& workload, const std::string& image,
     std::vector<Channel> channels = make_channels(workload.channels);
     if (recording) {
         if (!open_segments(channels, out) ||
-            !record(channels, workload.seconds, workload.sync_every, out) ||
+            !(workload.seconds_per_call == 0
+                  ? record(channels, workload.seconds, workload.sync_every, out)
+                  : record_in_long_calls(channels, workload.seconds, workload.seconds_per_call,
+                                         out)) ||
             !close_channels(channels, out))
             return;
     } else if (workload.action == Action::Overwrite) {

@@ -74,6 +74,9 @@ struct Workload {
     // record). The mount after such a cut must need no more than a new
     // backup of the table.
     bool allocation_cuts = false;
+    // A Record workload whose write calls each carry this many seconds of
+    // frames (0: one frame a call, the channels taking turns).
+    unsigned seconds_per_call = 0;
 };
 
 // Whether the cut falls on the named files.
@@ -109,6 +112,8 @@ inline bool changes_by_time(Action action)
 // recorded, the segment closed;
 // alloc: six channels taking turns frame by frame, 40 s each, cut only at
 // the writes of its block requests;
+// long-calls: one channel, a minute written in calls of 15 s each (more
+// than a 4 MiB block takes), a sync after each call;
 // key-merge: two channels of 20 s; the disk is unmounted, one data block's
 // table record is damaged in both copies and another block's in the
 // primary alone, and the cut falls on the mount that merges them;
