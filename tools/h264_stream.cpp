@@ -1,11 +1,13 @@
 #include "h264_stream.h"
 
 #include "qzfs_av_frame.h"
+#include "qzfs_frame.h"
 
 #include <cstring>
 
 static_assert(STORED_FRAME_HEADER_BYTES == sizeof(_av_frame_header_), "frame header size");
 static_assert(STORED_FRAME_RECORD_BYTES == 2 * QZFS_FRAME_EXT_RECORD_LEN, "two records");
+static_assert(STORED_FRAME_RECORD_BYTES == QZFS_FRAME_EXT_LEN, "the records the frame helper writes");
 
 std::vector<H264Nal> h264_find_nals(const uint8_t* data, size_t size)
 {
@@ -110,34 +112,12 @@ bool wrap_stored_frame(std::vector<uint8_t>& out, uint8_t channel, bool iframe,
     if (length > STORED_FRAME_MAX_PAYLOAD)
         return false;
     const size_t at = out.size();
-    out.resize(at + STORED_FRAME_HEADER_BYTES + STORED_FRAME_RECORD_BYTES + length);
+    out.resize(at + qzfs_frame_size(uint32_t(length)));
     uint8_t* p = out.data() + at;
-    p[0] = channel;
-    p[1] = iframe ? QZFS_FRAME_CHAR_IFRAME : QZFS_FRAME_CHAR_PFRAME;
-    p[2] = QZFS_FRAME_MAGIC_0;
-    p[3] = QZFS_FRAME_MAGIC_1;
-    qzfs_frame_put_u24(p + 4, uint32_t(length));
-    p[7] = 0;
-    qzfs_frame_put_u24(p + 8, STORED_FRAME_RECORD_BYTES);
-    p[11] = 0;
-
-    uint8_t* rec = p + STORED_FRAME_HEADER_BYTES;
-    rec[0] = QZFS_FRAME_EXT_DATE_TIME;
-    qzfs_frame_put_u24(rec + 1, QZFS_FRAME_EXT_RECORD_LEN);
-    rec[4] = when.year;
-    rec[5] = when.month;
-    rec[6] = when.day;
-    rec[7] = when.hour;
-    rec[8] = when.minute;
-    rec[9] = when.second;
-    rec[10] = rec[11] = 0;
-    rec += QZFS_FRAME_EXT_RECORD_LEN;
-    rec[0] = QZFS_FRAME_EXT_PTS;
-    qzfs_frame_put_u24(rec + 1, QZFS_FRAME_EXT_RECORD_LEN);
-    // The pts stands in the processor's order, as the recorder writes it.
-    memcpy(rec + 4, &pts, 8);
+    qzfs_frame_put_prefix(p, channel, iframe ? QZFS_FRAME_TYPE_IFRAME : QZFS_FRAME_TYPE_PFRAME,
+                          uint32_t(length), &when, pts);
     if (length > 0)
-        memcpy(rec + QZFS_FRAME_EXT_RECORD_LEN, payload, length);
+        memcpy(p + QZFS_FRAME_PREFIX_LEN, payload, length);
     return true;
 }
 
@@ -220,7 +200,8 @@ bool StoredFrameParser::parse_one(StoredFrame& frame)
             time = {t[0], t[1], t[2], t[3], t[4], t[5], 0};
             has_time = true;
         } else if (type == QZFS_FRAME_EXT_PTS) {
-            memcpy(&pts, rec + pos + 4, 8);
+            for (int i = 7; i >= 0; i--)
+                pts = pts << 8 | rec[pos + 4 + i];
             has_pts = true;
         }
         pos += len;
