@@ -803,7 +803,13 @@ QZFS_API int api_qzfs_close_stream_segment(int fd);
  * Bytes before the segment's first I-frame are not counted in it.  Returns
  * `len`, or -1: also on a reader's descriptor, and after a failed disk write,
  * which leaves the descriptor refusing writes (close it).  Stream types 3
- * and 4 flush their index and sync the device at every call. */
+ * and 4 flush their index and sync the device at every call.  A call may be
+ * of any length, several data blocks included.
+ * The frames themselves are not parsed here: a frame with a bad header or
+ * another channel's number is stored as given.  Sequential reads return it
+ * as it stands; fast play passes over it to the next good I-frame and says
+ * so at debug level 2 ("invalid frame type(...)"); `qzfs check` reports a
+ * segment with an I-frame entry that points at no I-frame of its channel. */
 QZFS_API int api_qzfs_write_video_data(int fd, unsigned char* buffer, int len, int frame_num,
                                        _k4t_video_frame_info_* frame_info);
 /* Forces a writer's data and index out: puts the end mark behind the data,
