@@ -302,9 +302,12 @@ typedef struct _k4t_stream_segment_id_ _k4t_stream_segment_id_;
  *  field          | meaning
  *  ---------------+---------------------------------------------------------
  *  year           | 0..99 (2000..2099)
- *  month, day     | 1..12, 1..31
- *  hour, minute,  | provisional start of the segment
- *  second         |
+ *  month, day     | 1..12, 1..31: the segment's day, for good; every frame
+ *                 | written must be of this day (the repair after a power
+ *                 | cut ends the stream at the first frame of another day):
+ *                 | close the segment at midnight and create the next one
+ *  hour, minute,  | provisional start of the segment; the time of its first
+ *  second         | I-frame entry replaces it
  *  dst            | 0 or 1
  *  channel        | 0..254, or any value when a name is given
  *  name           | NUL-terminated stream name of 1..16 characters, or empty
@@ -394,7 +397,8 @@ static_assert(sizeof(_k4t_video_frame_info_) == 16, "_k4t_video_frame_info_ is 1
  *  start_hour/minute/second   | start of the time range
  *  end_hour/minute/second     | end of the time range
  *  sequence                   | _k4t_stream_query_sequence_, 0..4
- *  lock_bitmap                | bit n admits lock state n
+ *  lock_bitmap                | bit 0 admits unlocked segments, bit 1
+ *                             | locked ones (whatever their lock number)
  *  record_type_bitmap         | bit n admits record type n (types 0..7)
  *  stream_type_bitmap         | bit n admits stream type n
  *  item_num_per_page          | page size of a sorted query, at least 1 */
@@ -496,7 +500,8 @@ typedef struct _k4t_stream_segment_info_ _k4t_stream_segment_info_;
 /* One day of one channel in the calendar.
  *  field       | meaning
  *  ------------+-----------------------------------------------
- *  record_type | OR of the record types found, within the filter
+ *  record_type | bitmap: bit n set when record type n was found (within
+ *              | the filter); 0 means nothing recorded that day
  *  lock        | 1 if a locked recording exists
  *  reserve     | spare */
 struct _k4t_calendar_day_info_ {
@@ -632,7 +637,10 @@ typedef struct CSystemResourceManager CSystemResourceManager;
 /* gQzfsConfig: the configuration above; api_qzfs_init sets its defaults. */
 QZFS_API extern _qzfs_global_config_    gQzfsConfig;
 /* How much the library logs to standard output; 1 at load, higher logs more
- * (set through api_qzfs_set_debug_level). */
+ * (set through api_qzfs_set_debug_level).  Even at 0 the lines that have no
+ * level of their own print: failures, a few lifecycle lines such as "end
+ * format ...", and the end-of-data lines of fast play ("Read_iframe_index
+ * failed(N)", "NO DATA, FIND NEW STREAM SEGMENT(...)"), which are normal. */
 QZFS_API extern uint32_t                g_qzfs_debug_level;
 /* Result of the last api_qzfs_open_normal_file (0, or -1..-4 as told there);
  * no other call sets it. */
@@ -659,7 +667,8 @@ QZFS_API int api_qzfs_init(void);
  * not, with no check for open descriptors) and the caches.  Always 0, also
  * before api_qzfs_init.  Unmount and close first. */
 QZFS_API int api_qzfs_uinit(void);
-/* Sets g_qzfs_debug_level to `level`.  0, or -1 before init. */
+/* Sets g_qzfs_debug_level to `level` (0 quietest: see g_qzfs_debug_level).
+ * 0, or -1 before init. */
 QZFS_API int api_qzfs_set_debug_level(unsigned long level);
 /* g_error_no: the result of the last api_qzfs_open_normal_file and of
  * nothing else (0, or -1..-4 as told there).  Before init it returns -1,
@@ -799,7 +808,11 @@ QZFS_API int api_qzfs_close_stream_segment(int fd);
  * `frame_info` holds `frame_num` entries, one per I-frame that begins in the
  * buffer, in ascending offset (entries with iframe_flag 0 are passed over);
  * any entry with an offset not below `len` or an invalid time refuses the
- * call.
+ * call.  A call of P-frames or audio alone passes frame_num 0 and a null
+ * frame_info.  The entries are the index: an I-frame written without its
+ * entry is stored but neither fast play nor a seek by time finds it, and
+ * the entry's time, not the frame's own, is what segment times and seeks
+ * go by (keep the two equal).
  * Bytes before the segment's first I-frame are not counted in it.  Returns
  * `len`, or -1: also on a reader's descriptor, and after a failed disk write,
  * which leaves the descriptor refusing writes (close it).  Stream types 3
