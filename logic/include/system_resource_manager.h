@@ -149,6 +149,8 @@ typedef CQzfsVector<uint32_t, _ri_ssi_manager_*, RISSIMFunc, 0> RISSIMVector;
 // The root index state of one disk. Element i of pRoot_index_array stands
 // for root index start_root_index + i: a manager for a normal node, null for
 // a free one.
+class RootDayIndex;
+
 struct _hdd_root_index_manager_ {
     uint32_t start_root_index;       // cached range [start, end)
     uint32_t end_root_index;
@@ -163,6 +165,7 @@ struct _hdd_root_index_manager_ {
     uint8_t start_day;
     uint8_t end_day;
     RISSIMVector* pRoot_index_array; // one entry per position of the range
+    RootDayIndex* pRoot_day_index;   // owned; null until a call needs it (qzfs_root_days.h)
 };
 
 typedef unsigned char (*HddResourceFunc)(_hdd_root_index_manager_*&, _hdd_root_index_manager_*&,

@@ -7,6 +7,7 @@
 // is written behind a fresh end mark, so a cut in power between the two
 // writes leaves an array that still reads.
 #include "qzfilesystem.h"
+#include "qzfs_root_days.h"
 #include "qzfs_cached_range.h"
 #include "qzfs_datetime.h"
 #include "qzfs_device.h"
@@ -284,8 +285,16 @@ int CQzFileSystem::Write_root_index(uint32_t block_num, const uint32_t* list,
     _root_index_node_dev_ disk = *node;
     disk.check_sum = Calculate_root_index_dev_node_check_sum(&disk);
     Endian_trans_root_index_node_dev(&disk, gLocal_endian, &disk, m_manage.disk_endian);
-    return write_index_node(kRootNodeWrite, block_num, list, root_index,
-                            reinterpret_cast<const unsigned char*>(&disk), new_node, is_end);
+    const int result = write_index_node(kRootNodeWrite, block_num, list, root_index,
+                                        reinterpret_cast<const unsigned char*>(&disk), new_node,
+                                        is_end);
+    // The day index learns of the node even when the write failed: it may
+    // have reached the disk in part, and an extra position costs nothing.
+    CacheLockGuard cache;
+    _hdd_root_index_manager_* manager = root_manager();
+    if (manager != nullptr && manager->pRoot_day_index != nullptr)
+        manager->pRoot_day_index->note(uint32_t(root_index), *node, is_end != 0);
+    return result;
 }
 
 int CQzFileSystem::Write_root_index(unsigned long root_index, const _root_index_node_dev_* node,

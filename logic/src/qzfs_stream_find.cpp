@@ -11,6 +11,7 @@
 #include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
+#include "qzfs_root_days.h"
 #include "system_resource_manager.h"
 
 #include <cstring>
@@ -101,7 +102,8 @@ int CQzFileSystem::Find_stream_segment(uint8_t channel, char* name, uint8_t stre
     }
     const unsigned t = qzfs_second_of_day(when->hour, when->minute, when->second);
     int result = -1;
-    for (uint32_t ri = 0;; ri++) {
+    DayRootWalk walk(*this, when->year, when->month, when->day, 0);
+    for (uint32_t ri; walk.next(ri);) {
         _root_index_node_mem_ root;
         if (Get_root_index_mem_node(ri, &root) != 0) {
             QZLOG("Get_root_index_mem_node(root_index:%ld) failed", long(ri));
@@ -136,6 +138,7 @@ int CQzFileSystem::Find_stream_segment(uint8_t channel, char* name, uint8_t stre
                 return 0;
         }
     }
+    return result;
 }
 
 int CQzfsManager::Find_stream_segment(_qzfs_k4t_stream_open_para_* para, _fs_find_policy_ policy,

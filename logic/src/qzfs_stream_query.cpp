@@ -7,6 +7,7 @@
 // A sequence query gathers every hit of all disks into one list once, sorts
 // it by start time, and hands it out page by page.
 #include "qzfilesystem.h"
+#include "qzfs_root_days.h"
 #include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
@@ -303,28 +304,31 @@ int CQzFileSystem::Query_stream_segment(_stream_segment_query_state_* state, int
         return 0;
 
     int rows = 0;
-    uint32_t ri = free_query ? state->cur_root_index : 0;
-    uint32_t first_si = free_query ? state->cur_stream_segment_index : 0;
-    for (;; ri++, first_si = 0) {
+    const uint32_t from = free_query ? state->cur_root_index : 0;
+    const uint32_t from_si = free_query ? state->cur_stream_segment_index : 0;
+    DayRootWalk walk(*this, q.year, q.month, q.day, from);
+    for (uint32_t ri; walk.next(ri);) {
         _root_index_node_mem_ root;
         if (Get_root_index_mem_node(ri, &root) != 0) {
             QZLOG("Get_root_index_mem_node FAILED(root_index:%ld)", long(ri));
             return -1;
         }
         if (root.id == END_ROOT_INDEX) {
-            QZLOG_ABOVE(2, "Query_stream_segment end root index:%ld", long(ri));
+            walk.reached_end(ri);
             break;
         }
         if (!root_matches(root, q))
             continue;
-        const root_scan scan = scan_root(*this, state, root, ri, first_si, get_num, result, &rows);
+        const root_scan scan =
+            scan_root(*this, state, root, ri, ri == from ? from_si : 0, get_num, result, &rows);
         if (scan == SCAN_FAILED)
             return -1;
         if (scan == ROWS_FULL)
             return rows;
     }
+    QZLOG_ABOVE(2, "Query_stream_segment end root index:%ld", long(walk.end()));
     if (free_query) {
-        state->cur_root_index = ri;
+        state->cur_root_index = walk.end();
         state->cur_stream_segment_index = 0;
     }
     return rows;

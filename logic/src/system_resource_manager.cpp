@@ -1,6 +1,7 @@
 // The node caches shared by all disks, the name table and the per-disk root
 // index managers, with the element callbacks that keep them consistent.
 #include "system_resource_manager.h"
+#include "qzfs_root_days.h"
 #include "qzfilesystem_api.h"
 #include "qzfs_device.h"
 #include "qzfs_log.h"
@@ -185,6 +186,7 @@ static void drop_disk_manager(_hdd_root_index_manager_* a, unsigned char op)
     // and their segment ranges.
     delete a->pRoot_index_array;
     delete[] a->pRoot_index_block;
+    delete a->pRoot_day_index;
     delete a;
 }
 
@@ -380,6 +382,7 @@ _hdd_root_index_manager_** CSystemResourceManager::Get_hdd(unsigned char hdd_id,
         manager->start_year = manager->end_year = 255;
         manager->start_month = manager->end_month = 255;
         manager->start_day = manager->end_day = 255;
+        manager->pRoot_day_index = nullptr;
         manager->pRoot_index_array = new (std::nothrow) RISSIMVector(
             RISSIMVectorFunc, 0xFFFFFFFF, 1024, 0xFFFFFFFF, "hdd_root_index_manager_t::pRoot_index_array");
         if (manager->pRoot_index_array == nullptr)
