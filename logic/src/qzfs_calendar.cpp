@@ -9,10 +9,14 @@
 #include "qzfs_datetime.h"
 #include "qzfs_log.h"
 #include "qzfs_manager.h"
+#include "qzfs_root_days.h"
 #include "qzfs_stream_support.h"
 #include "system_resource_manager.h"
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -43,6 +47,59 @@ void add_date(std::list<_k4t_fs_date_>& dates, const _root_index_node_mem_& node
     dates.push_back(date);
 }
 
+// The roots of the disk that `counts` admits, one for each date: the first
+// of each date in position order, sorted by position, which is the order in
+// which a walk of the whole root index first meets the dates. Taken through
+// the day index, so that only the front of each day is read. False when
+// there is no day index (the caller then walks the whole root index), and
+// at debug level 3 and above, where the walk traces every node.
+template <typename Counts>
+bool first_root_of_each_date(CQzFileSystem& fs, Counts counts,
+                             std::vector<std::pair<uint32_t, _root_index_node_mem_>>& out)
+{
+    out.clear();
+    if (g_qzfs_debug_level > 2)
+        return false;
+    CacheLockGuard cache;
+    const RootDayIndex* index = root_day_index(fs);
+    if (index == nullptr)
+        return false;
+    for (const auto& day : index->days()) {
+        for (uint32_t position : day.second) {
+            _root_index_node_mem_ node;
+            if (fs.Get_root_index_mem_node(position, &node) != 0)
+                return false;
+            if (node.id == END_ROOT_INDEX)
+                break;
+            if (RootDayIndex::key(node.year, node.month, node.day) == day.first && counts(node)) {
+                out.emplace_back(position, node);
+                break;
+            }
+        }
+    }
+    std::sort(out.begin(), out.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    return true;
+}
+
+// Adds the dates of the roots that `counts` admits to `dates`, in the order
+// of a walk of the whole root index.
+template <typename Counts>
+int add_dates(CQzFileSystem& fs, const char* func, Counts counts, std::list<_k4t_fs_date_>& dates)
+{
+    std::vector<std::pair<uint32_t, _root_index_node_mem_>> firsts;
+    if (first_root_of_each_date(fs, counts, firsts)) {
+        for (const auto& first : firsts)
+            add_date(dates, first.second);
+        return 0;
+    }
+    return for_each_root(fs, func, [&](unsigned long ri, const _root_index_node_mem_& node) {
+        trace_root(func, ri, node);
+        if (counts(node))
+            add_date(dates, node);
+    });
+}
+
 }  // namespace
 
 int CQzFileSystem::Query_calendar(_k4t_calendar_stream_query_* query)
@@ -62,14 +119,30 @@ int CQzFileSystem::Query_calendar(_k4t_calendar_stream_query_* query)
                     int(range->end_month), int(range->end_day));
         return 0;
     }
-    for (unsigned long ri = 0;; ri++) {
+    // Through the day index only the roots of the month are read; without
+    // it, every root up to the end mark.
+    std::vector<uint32_t> month;
+    bool indexed = false;
+    {
+        CacheLockGuard cache;
+        if (const RootDayIndex* index = root_day_index(*this)) {
+            index->range_positions(RootDayIndex::key(query->year, query->month, 1),
+                                   RootDayIndex::key(query->year, query->month, 31), month);
+            indexed = true;
+        }
+    }
+    for (unsigned long i = 0; !indexed || i < month.size(); i++) {
+        const unsigned long ri = indexed ? month[i] : i;
         _root_index_node_mem_ node;
         if (Get_root_index_mem_node(ri, &node) != 0) {
             QZLOG("Get_root_index_mem_node failed(root_index:%ld)", long(ri));
             return -1;
         }
-        if (node.id == END_ROOT_INDEX)
-            return 0;
+        if (node.id == END_ROOT_INDEX) {
+            if (!indexed)
+                return 0;
+            continue;
+        }
         if (!counts_as_recording(node) || node.channel >= 32 ||
             ((query->channel_bitmap >> node.channel) & 1u) == 0 ||
             !qzfs_bit_set(query->stream_type_bitmap, node.stream_type, 64) ||
@@ -81,25 +154,22 @@ int CQzFileSystem::Query_calendar(_k4t_calendar_stream_query_* query)
         if (node.lock == 1)
             day.lock = 1;
     }
+    return 0;
 }
 
 
 int CQzFileSystem::Get_record_date_list(uint64_t stream_type_bitmap, std::list<_k4t_fs_date_>& dates)
 {
-    return for_each_root(*this, __func__, [&](unsigned long ri, const _root_index_node_mem_& node) {
-        trace_root("Get_record_date_list", ri, node);
-        if (counts_as_recording(node) && qzfs_bit_set(stream_type_bitmap, node.stream_type, 64))
-            add_date(dates, node);
-    });
+    return add_dates(*this, __func__, [&](const _root_index_node_mem_& node) {
+        return counts_as_recording(node) && qzfs_bit_set(stream_type_bitmap, node.stream_type, 64);
+    }, dates);
 }
 
 int CQzFileSystem::Get_record_date_list(std::string& name, std::list<_k4t_fs_date_>& dates)
 {
-    return for_each_root(*this, __func__, [&](unsigned long ri, const _root_index_node_mem_& node) {
-        trace_root("Get_record_date_list", ri, node);
-        if (counts_as_recording(node) && name == root_name(node))
-            add_date(dates, node);
-    });
+    return add_dates(*this, __func__, [&](const _root_index_node_mem_& node) {
+        return counts_as_recording(node) && name == root_name(node);
+    }, dates);
 }
 
 int CQzFileSystem::Get_record_date_info(uint64_t stream_type_bitmap, uint64_t channel_bitmap,
