@@ -109,14 +109,14 @@ protected:
     // and closes it. A pre-record segment stays open, as while a recorder
     // waits for its event: closed, its root node would go with it, since
     // a root without a normal segment is deleted at close.
-    void record(const Recording& r)
+    void record(const Recording& r, _k4t_stream_segment_id_* id = nullptr)
     {
         _qzfs_k4t_create_ss_para_ para = request(r.channel, r.stream_type, {26, r.month, r.day, 10, 0, 0, 0});
         para.record_type = r.record_type;
         para.lock = r.lock;
         para.for_pre_record = r.pre_record;
         strcpy(para.name, r.name);
-        const int fd = create(para);
+        const int fd = create(para, id);
         ASSERT_GT(fd, 0);
         FrameSourceConfig config;
         config.channel = r.channel;
@@ -469,3 +469,51 @@ TEST_F(CalendarTest, WalksPrintEachRootAtDebugLevelThree)
 }
 
 }  // namespace
+
+// The day index behind these calls is made by the first call that needs it
+// and then follows every root written: a day recorded later, a day whose
+// root is deleted, and that root's position taken by another day.
+TEST_F(CalendarTest, AnswersFollowRootsMadeAndDeletedAfterTheFirstCall)
+{
+    _k4t_stream_segment_id_ gone;
+    ASSERT_NO_FATAL_FAILURE(record({0, 0, 0, 3, 5, 0, 0, ""}, &gone));
+    ASSERT_NO_FATAL_FAILURE(record(kDisk0[2]));  // 03-12, channel 1, locked
+    EXPECT_EQ(2, api_qzfs_get_stream_date_num(1, kAllStreamTypes));
+    ASSERT_NO_FATAL_FAILURE(record({4, 0, 1, 3, 20, 0, 0, ""}));
+    ASSERT_EQ(0, api_qzfs_delete_stream_segment(&gone));
+    // The search for a free root position starts at the freed one, as after
+    // a remount.
+    fs_->root_manager()->free_root_index = gone.root_index;
+    _k4t_stream_segment_id_ reused;
+    ASSERT_NO_FATAL_FAILURE(record({6, 0, 2, 3, 25, 0, 0, ""}, &reused));
+    EXPECT_EQ(gone.root_index, reused.root_index);
+
+    // The date list equals that of a walk of the whole root index, which is
+    // what the lists do at debug level 3.
+    std::list<_k4t_fs_date_> indexed, walked;
+    fs_->disk_lock(1);
+    ASSERT_EQ(0, fs_->Get_record_date_list(kAllStreamTypes, indexed));
+    g_qzfs_debug_level = 3;
+    captured_stdout([&] { return fs_->Get_record_date_list(kAllStreamTypes, walked); });
+    g_qzfs_debug_level = 0;
+    fs_->disk_lock(0);
+    EXPECT_EQ(as_text(walked), as_text(indexed));
+    EXPECT_EQ(as_text({date(3, 25), date(3, 12), date(3, 20)}), as_text(indexed));
+
+    _k4t_calendar_stream_query_ q = query(3);
+    ASSERT_EQ(0, api_qzfs_query_calendar(&q));
+    expect_marks(q, {{1, 12, 1u << 1, 1}, {4, 20, 1u << 1, 0}, {6, 25, 1u << 2, 0}});
+
+    // Day queries: the deleted day is empty, the day on the reused position
+    // has its segment.
+    for (const auto& day : {std::make_pair(5, 0), std::make_pair(25, 1), std::make_pair(20, 1)}) {
+        _k4t_stream_query_ dq = whole_day_query(26, 3, uint8_t(day.first));
+        const int handle = api_qzfs_get_query_stream_segment_handle(&dq);
+        ASSERT_GT(handle, 0);
+        std::vector<_k4t_stream_query_result_> rows(4);
+        int num = int(rows.size());
+        EXPECT_EQ(0, api_qzfs_query_stream_segment(handle, K4T_QUERY_FIRST, &num, rows.data()));
+        EXPECT_EQ(day.second, num) << "day 3-" << day.first;
+        EXPECT_EQ(0, api_qzfs_close_query_stream_segment_handle(handle));
+    }
+}
