@@ -339,6 +339,10 @@ unsigned long long allocated_bytes(const std::string& path)
 struct Samples {
     double median = 0, p99 = 0;
     size_t count = 0;
+    // Elements of an answer that grows with the days held (channel-days of
+    // the calendar, dates of a list); 0 for the others.
+    unsigned answer = 0;
+    const char* unit = "";
 };
 struct Image {
     const char* name = "";
@@ -359,10 +363,13 @@ double percentile(const std::vector<double>& sorted, double q)
     return sorted[rank - 1];
 }
 
-void record_measure(Image& image, const char* what, std::vector<double> us)
+void record_measure(Image& image, const char* what, std::vector<double> us, unsigned answer = 0,
+                    const char* unit = "")
 {
     std::sort(us.begin(), us.end());
     Samples s;
+    s.answer = answer;
+    s.unit = unit;
     s.median = percentile(us, 0.5);
     s.p99 = percentile(us, 0.99);
     s.count = us.size();
@@ -590,7 +597,7 @@ void measure(Image& image, const _k4t_fs_date_time_& day, unsigned days_in_month
                 std::to_string(entries) + " channel-days, " +
                     std::to_string(channels * days_in_month) + " recorded");
     }
-    record_measure(image, "calendar", us);
+    record_measure(image, "calendar", us, entries, "channel-days");
 
     std::vector<_k4t_fs_date_> dates(400);
     us.clear();
@@ -602,7 +609,7 @@ void measure(Image& image, const _k4t_fs_date_time_& day, unsigned days_in_month
         if (n != int(image.days))
             die("api_qzfs_get_stream_date_list did not give the recorded days", std::to_string(n));
     }
-    record_measure(image, "date list", us);
+    record_measure(image, "date list", us, image.days, "dates");
 
     std::vector<_k4t_fs_record_date_info_> infos(400 * 32);
     us.clear();
@@ -616,7 +623,7 @@ void measure(Image& image, const _k4t_fs_date_time_& day, unsigned days_in_month
         if (n < int(image.days))
             die("api_qzfs_get_stream_date_info gave fewer dates than recorded", std::to_string(n));
     }
-    record_measure(image, "date info", us);
+    record_measure(image, "date info", us, image.days, "dates");
 
     // Open by time and the first 64 KiB.
     std::vector<unsigned char> chunk(65536);
@@ -801,6 +808,20 @@ int main(int argc, char** argv)
             ratios_met = false;
         fprintf(report, "  %-13s %14.1f %14.1f %8.2f   %.1f / %.1f (%zu samples)\n",
                 small.measures[i].first.c_str(), a.median, b.median, ratio, a.p99, b.p99, a.count);
+    }
+    // The calendar and the date lists answer with every day held: the big
+    // image's answer is --days times the small one's. Their cost for each
+    // element of the answer shows whether it stays flat.
+    fprintf(report, "\n  answers that grow with the days held: median cost per element of the answer\n");
+    for (size_t i = 0; i < small.measures.size(); i++) {
+        const Samples& a = small.measures[i].second;
+        const Samples& b = big.measures[i].second;
+        if (a.answer == 0 || b.answer == 0)
+            continue;
+        const double per_a = a.median / a.answer, per_b = b.median / b.answer;
+        fprintf(report, "  %-13s small %5u %-12s %8.3f us each; big %5u, %8.3f us each; ratio %.2f\n",
+                small.measures[i].first.c_str(), a.answer, a.unit, per_a, b.answer, per_b,
+                per_b / per_a);
     }
     const double big_mount = big.measures[0].second.median / 1e6;
     fprintf(report, "\n  target: every ratio at most 2: %s (worst %.2f, %s)\n",
