@@ -45,6 +45,20 @@ TEST(DeviceCrc, BothRoutinesGiveTheStandardCheckValue)
     for (size_t i = 0; i < data.size(); i++)
         data[i] = (unsigned char)(i * 131 + 7);
     EXPECT_EQ(qzfs_chksum_crc32(data.data(), data.size()), chksum_crc32(data.data(), data.size()));
+
+    // Eight bytes are folded in at a time: every length and start around
+    // that step gives what the bit-by-bit definition gives.
+    auto bitwise = [](const unsigned char* p, size_t n) {
+        uint32_t crc = 0xFFFFFFFFu;
+        for (size_t i = 0; i < n; i++)
+            for (int bit = 0, byte = p[i]; bit < 8; bit++, byte >>= 1)
+                crc = ((crc ^ uint32_t(byte)) & 1) ? (crc >> 1) ^ 0xEDB88320u : crc >> 1;
+        return ~crc;
+    };
+    for (size_t start = 0; start < 8; start++)
+        for (size_t n = 0; n <= 40; n++)
+            ASSERT_EQ(bitwise(&data[start], n), qzfs_chksum_crc32(&data[start], n))
+                << "start " << start << " length " << n;
 }
 
 // ------------------------------------------------------------------- geometry
