@@ -29,6 +29,12 @@ double cpu_seconds()
            double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
 }
 
+std::string default_image_dir()
+{
+    const char* tmp = getenv("TMPDIR");
+    return tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+}
+
 void make_sparse(const std::string& path, unsigned long long size)
 {
     image_in_use = path;

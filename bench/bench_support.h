@@ -1,6 +1,6 @@
 // What the benchmarks share: their report stream (standard output carries
-// the library's log), failing with a message, CPU time, a sparse image, a
-// --channels list, and starting the library quietly.
+// the library's log), failing with a message, CPU time, where images go, a
+// sparse image, a --channels list, and starting the library quietly.
 #ifndef QZFS_BENCH_SUPPORT_H
 #define QZFS_BENCH_SUPPORT_H
 
@@ -18,6 +18,8 @@ extern std::string image_in_use;
 [[noreturn]] void die(const char* what, const std::string& detail = "");
 // User and system CPU seconds of the process so far.
 double cpu_seconds();
+// Where images go without --dir: $TMPDIR, else /tmp.
+std::string default_image_dir();
 // Makes `path` a fresh sparse file of `size` bytes (and the image in use).
 void make_sparse(const std::string& path, unsigned long long size);
 // "1,4,16": each from 1 to `most`.

@@ -593,8 +593,7 @@ int main(int argc, char** argv)
     unsigned repeats = 5;
     std::vector<unsigned> counts = {1, 16};
     unsigned warm_seeks = 1000, cold_seeks = 50, seed = 1;
-    const char* tmp = getenv("TMPDIR");
-    std::string dir = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+    std::string dir = default_image_dir();
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         const bool has_value = i + 1 < argc;

@@ -966,8 +966,7 @@ int main(int argc, char** argv)
     unsigned long long total_mib = 1024;
     unsigned repeats = 2;
     std::vector<unsigned> counts = {1, 4, 16, 64};
-    const char* tmp = getenv("TMPDIR");
-    std::string dir = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+    std::string dir = default_image_dir();
     bool verbose = false;
     unsigned long long overwrite_mib = 4096;
     unsigned overwrite_channels = 16;

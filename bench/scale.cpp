@@ -738,8 +738,7 @@ int main(int argc, char** argv)
 {
     bench_name = "bench/scale";
     unsigned days = 30;
-    const char* tmp = getenv("TMPDIR");
-    std::string dir = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+    std::string dir = default_image_dir();
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         const bool has_value = i + 1 < argc;

@@ -1,13 +1,11 @@
 #include "h264_stream.h"
 
 #include "qzfs_av_frame.h"
-#include "qzfs_frame.h"
 
 #include <cstring>
 
 static_assert(STORED_FRAME_HEADER_BYTES == sizeof(_av_frame_header_), "frame header size");
 static_assert(STORED_FRAME_RECORD_BYTES == 2 * QZFS_FRAME_EXT_RECORD_LEN, "two records");
-static_assert(STORED_FRAME_RECORD_BYTES == QZFS_FRAME_EXT_LEN, "the records the frame helper writes");
 
 std::vector<H264Nal> h264_find_nals(const uint8_t* data, size_t size)
 {

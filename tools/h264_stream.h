@@ -10,6 +10,7 @@
 #define QZFS_H264_STREAM_H
 
 #include "qzfilesystem_api.h"
+#include "qzfs_frame.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -61,12 +62,12 @@ std::vector<H264Nal> h264_find_nals(const uint8_t* data, size_t size);
 // the stream without gaps. A stream without any start code gives no units.
 std::vector<H264AccessUnit> h264_split_access_units(const uint8_t* data, size_t size);
 
-// The extended records every wrapped frame carries: date and time, and pts.
-const uint32_t STORED_FRAME_RECORD_BYTES = 24;
-const uint32_t STORED_FRAME_HEADER_BYTES = 12;
+// The extended records every wrapped frame carries: date and time, and pts
+// (the frame the public helper qzfs_frame.h builds).
+const uint32_t STORED_FRAME_RECORD_BYTES = QZFS_FRAME_EXT_LEN;
+const uint32_t STORED_FRAME_HEADER_BYTES = QZFS_FRAME_HEADER_LEN;
 // The largest payload a wrapped frame can carry.
-const uint32_t STORED_FRAME_MAX_PAYLOAD = 0x100000 - STORED_FRAME_HEADER_BYTES -
-                                          STORED_FRAME_RECORD_BYTES;
+const uint32_t STORED_FRAME_MAX_PAYLOAD = QZFS_FRAME_MAX_LEN - QZFS_FRAME_PREFIX_LEN;
 
 // Appends one recorder frame to `out`: the 12-byte header (channel, '2' for
 // an I-frame or '3', "dc", 24-bit payload and record lengths), a date-time

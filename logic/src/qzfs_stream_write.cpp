@@ -310,6 +310,21 @@ int CQzFileSystem::Write_video_data_free(_opened_stream_segment_* oss, uint8_t* 
     return 0;
 }
 
+// Copies to `out` the infos of `frame_info` whose offset lies in [from, to),
+// each moved to offset - from + shift; returns how many.
+static int copy_infos_in(const _k4t_video_frame_info_* frame_info, int frame_num, uint32_t from,
+                         uint32_t to, uint32_t shift, _k4t_video_frame_info_* out)
+{
+    int copied = 0;
+    for (int i = 0; i < frame_num; i++) {
+        if (frame_info[i].offset < from || frame_info[i].offset >= to)
+            continue;
+        out[copied] = frame_info[i];
+        out[copied++].offset = frame_info[i].offset - from + shift;
+    }
+    return copied;
+}
+
 // A buffer longer than a data block's payload goes to the free path in
 // pieces of at most one payload, each with the frame infos that lie in it,
 // rebased to it: the frames and their I-frame entries land where calls of
@@ -321,38 +336,18 @@ int CQzFileSystem::Write_video_data_in_pieces(_opened_stream_segment_* oss, uint
     const uint32_t payload = uint32_t(m_manage.block_size) - QZFS_DATA_BLOCK_HEAD;
     if (len <= 0 || uint32_t(len) <= payload)
         return Write_video_data_free(oss, buffer, len, frame_num, frame_info, 1);
-    std::vector<_k4t_video_frame_info_> piece_infos;
+    std::vector<_k4t_video_frame_info_> piece_infos(size_t(std::max(frame_num, 0)));
     for (uint32_t from = 0; from < uint32_t(len); from += payload) {
         const uint32_t n = std::min(payload, uint32_t(len) - from);
-        piece_infos.clear();
-        for (int i = 0; i < frame_num; i++) {
-            if (frame_info[i].offset < from || frame_info[i].offset - from >= n)
-                continue;
-            piece_infos.push_back(frame_info[i]);
-            piece_infos.back().offset -= from;
-        }
-        if (Write_video_data_free(oss, buffer + from, int(n), int(piece_infos.size()),
-                                  piece_infos.empty() ? nullptr : piece_infos.data(), 1) != 0)
+        const int count = copy_infos_in(frame_info, frame_num, from, from + n, 0, piece_infos.data());
+        if (Write_video_data_free(oss, buffer + from, int(n), count,
+                                  count > 0 ? piece_infos.data() : nullptr, 1) != 0)
             return -1;
     }
     return 0;
 }
 
 // ------------------------------------------------------------ unit path
-
-// Appends the infos of `frame_info` whose offset lies in [from, to) to the
-// unit's list, rebased by `shift`.
-static void gather_unit_infos(_write_stream_segment_* wss, const _k4t_video_frame_info_* frame_info,
-                              int frame_num, uint32_t from, uint32_t to, uint32_t shift)
-{
-    for (int i = 0; i < frame_num; i++) {
-        if (frame_info[i].offset < from || frame_info[i].offset >= to)
-            continue;
-        _k4t_video_frame_info_ info = frame_info[i];
-        info.offset = info.offset - from + shift;
-        wss->frame_info_list[wss->frame_info_num++] = info;
-    }
-}
 
 int CQzFileSystem::Write_video_data_unit(_opened_stream_segment_* oss, uint8_t* buffer, int len,
                                          int frame_num, _k4t_video_frame_info_* frame_info)
@@ -370,7 +365,8 @@ int CQzFileSystem::Write_video_data_unit(_opened_stream_segment_* oss, uint8_t* 
     if (wss->unit_len > 0) {
         used = std::min(uint32_t(len), QZFS_STREAM_UNIT - wss->unit_len);
         memcpy(wss->unit_buffer + wss->unit_len, buffer, used);
-        gather_unit_infos(wss, frame_info, frame_num, 0, used, wss->unit_len);
+        wss->frame_info_num += uint32_t(copy_infos_in(frame_info, frame_num, 0, used, wss->unit_len,
+                                                      wss->frame_info_list + wss->frame_info_num));
         wss->unit_len += used;
         if (wss->unit_len < QZFS_STREAM_UNIT)
             return 0;
@@ -400,7 +396,8 @@ int CQzFileSystem::Write_video_data_unit(_opened_stream_segment_* oss, uint8_t* 
         used += QZFS_STREAM_UNIT;
     }
     memcpy(wss->unit_buffer, buffer + used, uint32_t(len) - used);
-    gather_unit_infos(wss, frame_info, frame_num, used, uint32_t(len), 0);
+    wss->frame_info_num += uint32_t(copy_infos_in(frame_info, frame_num, used, uint32_t(len), 0,
+                                                  wss->frame_info_list + wss->frame_info_num));
     wss->unit_len = uint32_t(len) - used;
     return 0;
 }
